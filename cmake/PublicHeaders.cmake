@@ -1,0 +1,60 @@
+# The installed headers: what users of the library may include. A header that is missing here is
+# noticed by scripts/check-files.
+set(QUENDO_PUBLIC_HEADERS
+    quendo/adapter/ApplicationInteractor.h
+    quendo/adapter/CMAdapter.h
+    quendo/adapter/CMAdapterDecorator.h
+    quendo/adapter/CMAdapterFactory.h
+    quendo/adapter/CMAdapterType.h
+    quendo/adapter/CMApplicationInteractor.h
+    quendo/adapter/CMInteractor.h
+    quendo/adapter/CredentialProvider.h
+    quendo/adapter/EventBroadcastingCMAdapter.h
+    quendo/adapter/FileProperty.h
+    quendo/adapter/FileState.h
+    quendo/adapter/LocalStatus.h
+    quendo/adapter/MetadataFolder.h
+    quendo/adapter/Revision.h
+    quendo/adapter/SingleThreadedCMAdapter.h
+    quendo/adapter/SupportedFeature.h
+    quendo/adapter/UserInfo.h
+    quendo/exception/AdapterErrors.h
+    quendo/exception/MessageIDException.h
+    quendo/exception/Rethrowable.h
+    quendo/exception/SourceControlException.h
+    quendo/exception/VFSChangeEventsError.h
+    quendo/factory/AllCMAdapterFactoryProvider.h
+    quendo/factory/CMAdapterFactories.h
+    quendo/factory/CMAdapterFactoryProvider.h
+    quendo/factory/InjectedCMAdapterFactories.h
+    quendo/git/GitAdapterFactory.h
+    quendo/platform/Executor.h
+    quendo/platform/ExecutorService.h
+    quendo/platform/Export.h
+    quendo/platform/FactorySources.h
+    quendo/platform/FeatureFlagService.h
+    quendo/platform/FileUtilities.h
+    quendo/platform/IMsgIDException.h
+    quendo/platform/InstallationService.h
+    quendo/platform/IsChildFolderQuery.h
+    quendo/platform/Logging.h
+    quendo/platform/MessageCatalogue.h
+    quendo/platform/Path.h
+    quendo/platform/ReentrantReadWriteLock.h
+    quendo/platform/ScopeGuard.h
+    quendo/platform/Services.h
+    quendo/platform/SettingsService.h
+    quendo/platform/StackTraceRecordingException.h
+    quendo/platform/UString.h
+    quendo/platform/UniqueFunction.h
+    quendo/platform/UuidGenerator.h
+)
+
+# Headers of the library's own use in folders of public ones. Those of quendo/git, quendo/svn (but
+# for the factories) and quendo/platform/standard are private without being named.
+set(QUENDO_PRIVATE_HEADERS
+    quendo/adapter/DispatchingProgressIndicator.h
+    quendo/adapter/TriggerableStatusDispatcher.h
+    quendo/adapter/TriggerableTerminator.h
+    quendo/platform/Utf8.h
+)
