@@ -1,0 +1,28 @@
+#pragma once
+
+#include "quendo/platform/Export.h"
+
+#include <memory>
+#include <string>
+
+namespace quendo {
+class Executor;
+}
+
+namespace quendo::platform {
+
+/// Where executors come from. Executors outlive everything on purpose: they are never destroyed at
+/// the end of the process, so a late task meets no destroyed lock.
+class QUENDO_API ExecutorService {
+public:
+    virtual ~ExecutorService();
+
+    /// One executor for the whole process, on one thread of its own. Never null.
+    virtual std::shared_ptr<Executor> getSourceControlExecutor() = 0;
+
+    /// A new serial executor with this name (UTF-8). Never null. Its tasks block, so it must not
+    /// share a pool of fixed size with others.
+    virtual std::shared_ptr<Executor> createStrandExecutor(const std::string& name) = 0;
+};
+
+} // namespace quendo::platform

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "quendo/platform/Export.h"
+#include "quendo/platform/StackTraceRecordingException.h"
+
+#include <memory>
+#include <source_location>
+
+namespace quendo::platform {
+
+class ExecutorService;
+class FactorySources;
+class FeatureFlagService;
+class FileUtilities;
+class InstallationService;
+class MessageCatalogue;
+class SettingsService;
+class UuidGenerator;
+
+/// What the library asks of its host, as one immutable bundle. A member left null stands for the
+/// library's own implementation (see quendo/platform/standard), so a host sets only what it has.
+/// Implementations are called from any thread.
+struct QUENDO_API Services {
+    std::shared_ptr<SettingsService> settings;
+    std::shared_ptr<FeatureFlagService> featureFlags;
+    std::shared_ptr<ExecutorService> executors;
+    std::shared_ptr<FactorySources> factorySources;
+    std::shared_ptr<MessageCatalogue> messages;
+    std::shared_ptr<InstallationService> installation;
+    std::shared_ptr<UuidGenerator> uuids;
+    std::shared_ptr<FileUtilities> files;
+};
+
+/// Thrown by install() when services are in place already; names the place in the code that
+/// installed them or that used them first.
+class QUENDO_API ServicesInUseError : public StackTraceRecordingException {
+public:
+    using StackTraceRecordingException::StackTraceRecordingException;
+};
+
+/// Puts the host's services in place, for the rest of the process. Call it once, before anything
+/// else of the library: the first use of services() fixes them.
+/// @throws ServicesInUseError on a second call, or after the first use. Nothing changes then.
+QUENDO_API void install(Services services,
+                        std::source_location where = std::source_location::current());
+
+/// The services in force, every member set except `factorySources`, whose null stands for the
+/// factories built into the library. Any thread; the bundle stays valid while it is held.
+QUENDO_API std::shared_ptr<const Services>
+services(std::source_location where = std::source_location::current());
+
+/// Replaces the services while it lives, for tests; also after the first use. Members left null
+/// stand for the library's own again. Guards nest: destroy them in reverse order, and only while
+/// nothing else of the library runs.
+class QUENDO_API ScopedServices {
+public:
+    explicit ScopedServices(Services services);
+    ~ScopedServices();
+    ScopedServices(const ScopedServices&) = delete;
+    ScopedServices& operator=(const ScopedServices&) = delete;
+
+private:
+    std::shared_ptr<const Services> m_previous;
+};
+
+} // namespace quendo::platform

@@ -1,0 +1,1 @@
+// Exists so that the tests' precompiled header is built once.
