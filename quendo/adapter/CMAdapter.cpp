@@ -1,0 +1,19 @@
+#include "quendo/adapter/CMAdapter.h"
+
+#include "quendo/adapter/CredentialProvider.h"
+#include "quendo/exception/AdapterErrors.h"
+
+namespace quendo {
+
+CMAdapter::~CMAdapter() = default;
+CredentialProvider::~CredentialProvider() = default;
+Revision::~Revision() = default;
+
+void CMAdapter::ignoreFile(const Path& file) {
+    throw exception::NotAvailableError(
+        "\"" + file.toUtf8() +
+        "\" cannot be ignored here: this adapter does not offer it; edit the source-control "
+        "system's own ignore rules instead");
+}
+
+} // namespace quendo

@@ -1,0 +1,7 @@
+#include "quendo/adapter/CMAdapterFactory.h"
+
+namespace quendo {
+
+CMAdapterFactory::~CMAdapterFactory() = default;
+
+} // namespace quendo

@@ -1,0 +1,38 @@
+#include "quendo/adapter/CMApplicationInteractor.h"
+
+#include "quendo/adapter/DispatchingProgressIndicator.h"
+#include "quendo/adapter/TriggerableStatusDispatcher.h"
+#include "quendo/adapter/TriggerableTerminator.h"
+
+namespace quendo {
+
+struct CMApplicationInteractor::Impl {
+    TriggerableTerminator terminator;
+    DispatchingProgressIndicator progress;
+    TriggerableStatusDispatcher status;
+};
+
+CMApplicationInteractor::CMApplicationInteractor() : m_impl(std::make_unique<Impl>()) {}
+CMApplicationInteractor::~CMApplicationInteractor() = default;
+
+Terminator& CMApplicationInteractor::getTerminator() {
+    return m_impl->terminator;
+}
+ProgressIndicator& CMApplicationInteractor::getProgressIndicator() {
+    return m_impl->progress;
+}
+StatusTrigger& CMApplicationInteractor::getStatusTrigger() {
+    return m_impl->status;
+}
+
+TerminationTrigger& CMApplicationInteractor::getTerminationTrigger() {
+    return m_impl->terminator;
+}
+ProgressDispatcher& CMApplicationInteractor::getProgressDispatcher() {
+    return m_impl->progress;
+}
+StatusDispatcher& CMApplicationInteractor::getStatusDispatcher() {
+    return m_impl->status;
+}
+
+} // namespace quendo

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "quendo/adapter/CMAdapterDecorator.h"
+#include "quendo/platform/Export.h"
+
+#include <memory>
+
+namespace quendo {
+
+class Executor;
+
+/// Runs what touches the working copy on one executor, one call at a time and in the order in
+/// which the calls came: both forms of checkin and getStatus, addFiles, removeFiles, moveFile,
+/// uncheckout, resolveConflict and listRevisions. The caller waits and gets the result, or the
+/// exception, the same object.
+///
+/// Everything else runs on the caller's thread beside them, checkout and discardChanges included;
+/// that is deliberate.
+///
+/// Threads: any, but never a task of that executor: the calls above throw ExecutorDeadlockError
+/// there. Destroying the adapter waits for nothing; it must not be in a call then.
+class QUENDO_API SingleThreadedCMAdapter : public CMAdapterDecorator {
+public:
+    /// @param executor shared with as many adapters as are to take turns
+    /// @throws std::invalid_argument when either is null
+    SingleThreadedCMAdapter(std::shared_ptr<Executor> executor, std::unique_ptr<CMAdapter> adapter);
+    ~SingleThreadedCMAdapter() override;
+
+    void checkin(const Path& file, const UString& message) const override;
+    void checkin(const std::vector<Path>& files, const UString& message) const override;
+    void addFiles(const std::vector<Path>& files) const override;
+    void removeFiles(const std::vector<Path>& files) const override;
+    void moveFile(const Path& source, const Path& destination) const override;
+    void uncheckout(const std::vector<Path>& files) const override;
+    void resolveConflict(const Path& file) const override;
+    std::map<Path, FileState> getStatus(const std::vector<Path>& files) const override;
+    std::map<Path, FileState> getStatus(const Path& path, bool includeUntracked) const override;
+    std::vector<std::unique_ptr<Revision>>
+    listRevisions(const Path& file,
+                  std::optional<std::reference_wrapper<const Revision>> from) const override;
+
+private:
+    std::shared_ptr<Executor> m_executor;
+};
+
+} // namespace quendo
