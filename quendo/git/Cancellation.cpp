@@ -1,0 +1,43 @@
+#include "quendo/git/Cancellation.h"
+
+#include "quendo/exception/AdapterErrors.h"
+#include "quendo/git/FileDescriptor.h"
+
+#include <cerrno>
+#include <sys/eventfd.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace quendo::git {
+
+struct Cancellation::State {
+    FileDescriptor event{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    std::atomic<bool> requested = false;
+};
+
+Cancellation::Cancellation(ApplicationInteractor* interactor) : m_state(std::make_shared<State>()) {
+    if (!m_state->event)
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    if (interactor == nullptr)
+        return;
+    m_connection = interactor->getTerminator().connect([state = m_state] {
+        state->requested.store(true);
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(state->event.get(), &one, sizeof one);
+    });
+}
+
+bool Cancellation::isRequested() const noexcept {
+    return m_state->requested.load();
+}
+
+int Cancellation::fileDescriptor() const noexcept {
+    return m_state->event.get();
+}
+
+void Cancellation::throwIfRequested() const {
+    if (isRequested())
+        throw exception::OperationCancelledError("the operation was cancelled");
+}
+
+} // namespace quendo::git

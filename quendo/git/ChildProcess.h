@@ -1,0 +1,89 @@
+#pragma once
+
+#include "quendo/git/FileDescriptor.h"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <vector>
+
+namespace quendo::git {
+
+class Cancellation;
+
+/// What to start, and how.
+struct ChildPlan {
+    std::string executable;
+    std::vector<std::string> arguments = {};   ///< without the program's own name
+    std::vector<std::string> environment = {}; ///< whole, as NAME=VALUE
+    int workingFolder = -1;                    ///< descriptor of an open folder
+    std::string input = {};                    ///< for its standard input
+    int outputFile = -1;                       ///< standard output goes there, if set
+    std::uint64_t memoryLimit = 0;             ///< bytes of private memory (RLIMIT_DATA); 0: none
+    bool keepFileTimes = false;                ///< setting a file's times pretends to succeed
+};
+
+/// How a child ended.
+struct ChildResult {
+    int exitCode = 0;   ///< 128 + the number of the signal that ended it
+    std::string errors; ///< what it wrote to standard error, the first 64 KiB
+};
+
+/// Thrown when a child neither prints nor computes for longer than it is allowed to, or waits for
+/// a FIFO to be opened at the other end. It and its children have been ended.
+struct ChildStalled {
+    bool onFifo;
+};
+
+/// A program that only reads, run beside this thread: in a process group of its own, ended with
+/// its children when this object goes, when the call is cancelled, and when this process dies.
+///
+/// It gets default signal handling, no descriptors but the three standard ones, and /dev/null as
+/// input unless there is some. Threads: used by one.
+class ChildProcess {
+public:
+    /// Starts it.
+    /// @param consume takes what it prints, in pieces; what it throws ends the child.
+    /// @throws std::system_error when it cannot be started.
+    ChildProcess(const ChildPlan& plan, std::function<void(std::string_view)> consume);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    /// Waits until all of `children` have ended and everything they printed was consumed.
+    /// `eachRound` runs about every 100 ms meanwhile.
+    /// @throws ChildStalled, exception::OperationCancelledError, or what a consumer threw: all of
+    ///         `children` have been ended then.
+    static void waitForAll(std::span<ChildProcess* const> children,
+                           const Cancellation& cancellation, std::chrono::milliseconds stallLimit,
+                           const std::function<void()>& eachRound = {});
+
+    /// After waitForAll.
+    const ChildResult& result() const noexcept { return m_result; }
+
+private:
+    bool isFinished() const noexcept { return !m_output && !m_errors && m_ended; }
+    void handleOutput();
+    void handleErrors();
+    void handleInput();
+    void sweepAndReap();
+    void end() noexcept;
+
+    std::function<void(std::string_view)> m_consume;
+    std::string m_pendingInput;
+    std::size_t m_written = 0;
+    pid_t m_pid = -1;
+    FileDescriptor m_handle; ///< a pidfd
+    FileDescriptor m_input;
+    FileDescriptor m_output;
+    FileDescriptor m_errors;
+    bool m_ended = false;
+    bool m_heard = false; ///< it printed something since the last look
+    ChildResult m_result;
+};
+
+} // namespace quendo::git

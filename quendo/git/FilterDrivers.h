@@ -1,0 +1,43 @@
+#pragma once
+
+#include "quendo/git/GitTool.h"
+
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quendo::git {
+
+class GitRunner;
+
+/// The content filters that a repository names itself. Reading must not run them: whoever hands
+/// somebody a repository would run programs in their IDE. Filters that the user's or the system's
+/// configuration names are theirs and run, also where the repository redefines them.
+struct FilterDrivers {
+    /// Settings that put each of them back to what the user's configuration says, or to nothing.
+    std::vector<ConfigOverride> overrides;
+    /// The names of those that can now not turn a file's content into what the repository holds…
+    std::set<std::string> withoutClean;
+    /// …and of those that cannot turn it back.
+    std::set<std::string> withoutSmudge;
+
+    /// The user's configuration has filters, which may take their time.
+    bool hasUsersOwn = false;
+
+    void add(const FilterDrivers& other);
+
+    /// From `git config -z --show-scope --get-regexp '^filter\.'`.
+    static FilterDrivers parse(std::string_view output);
+
+    /// Asks git about the runner's own repository.
+    static FilterDrivers read(GitRunner& git);
+
+    /// @throws exception::DamagedRepositoryError when there are more than can be put aside
+    void checkSize() const;
+
+    /// The question whose answer parse() takes.
+    static std::vector<std::string> question();
+};
+
+} // namespace quendo::git

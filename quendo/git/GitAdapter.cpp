@@ -1,0 +1,282 @@
+#include "quendo/git/GitAdapter.h"
+
+#include "quendo/exception/AdapterErrors.h"
+#include "quendo/git/Cancellation.h"
+#include "quendo/git/GitFailure.h"
+#include "quendo/git/GitHistory.h"
+#include "quendo/git/GitRunner.h"
+#include "quendo/git/GitStatus.h"
+#include "quendo/git/MetadataFilter.h"
+#include "quendo/git/SmallFile.h"
+#include "quendo/platform/Logging.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace quendo::git {
+namespace {
+
+[[noreturn]] void notAvailable(const char* operation) {
+    throw exception::NotAvailableError(std::string(operation) +
+                                       " is not available yet for Git; use git itself");
+}
+
+std::string withoutLineEnds(std::string text) {
+    text.erase(text.find_last_not_of("\r\n") + 1);
+    return text;
+}
+
+// What `git commit` would drop as well: lines that start with the comment character.
+std::string withoutComments(const std::string& text, const std::string& commentStart) {
+    std::string kept;
+    for (std::size_t start = 0; start < text.size();) {
+        const auto end = std::min(text.find('\n', start), text.size());
+        const std::string_view line(text.data() + start, end - start);
+        if (line.starts_with(commentStart + " ------------------------ >8"))
+            break;
+        if (!line.starts_with(commentStart))
+            kept.append(line).push_back('\n');
+        start = end + 1;
+    }
+    return withoutLineEnds(kept);
+}
+
+} // namespace
+
+GitAdapter::GitAdapter(std::shared_ptr<GitTool> tool, Repository repository,
+                       std::shared_ptr<CMApplicationInteractor> interactor)
+    : m_tool(std::move(tool)), m_repository(std::move(repository)),
+      m_interactor(std::move(interactor)) {}
+
+template <class Work>
+auto GitAdapter::withGit(Work&& work) const {
+    const Cancellation cancellation(m_interactor.get());
+    GitRunner git(*m_tool, m_repository, cancellation);
+    return work(git);
+}
+
+template <class Work>
+auto GitAdapter::withProgress(const UString& message, Work&& work) const {
+    // A listener's failure is its own: the answer does not depend on it.
+    const auto report = [&](double fraction) {
+        if (!m_interactor)
+            return;
+        try {
+            m_interactor->getProgressIndicator().report(message, fraction);
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+        }
+    };
+    const Cancellation cancellation(m_interactor.get());
+    double fraction = 0;
+    GitRunner git(*m_tool, m_repository, cancellation, [&] {
+        // git says nothing of how far it is: each round goes a little of what is left.
+        fraction += (1 - fraction) / 50;
+        report(fraction);
+    });
+    report(fraction);
+    auto result = work(git);
+    report(1);
+    return result;
+}
+
+UserInfo GitAdapter::getUserInfo() const {
+    return withGit([](GitRunner& git) {
+        UserInfo info;
+        constexpr int noneFound = 1;
+        NulSplitter("config").feed(
+            git.read(
+                {.arguments = {"config", "-z", "--get-regexp", "^(user|author)\\.(name|email)$"}},
+                noneFound),
+            [&, hasAuthorName = false, hasAuthorEmail = false](std::string_view record) mutable {
+                const auto keyEnd = std::min(record.find('\n'), record.size());
+                const auto key = record.substr(0, keyEnd);
+                const auto value = toUString(record.substr(std::min(keyEnd + 1, record.size())));
+                if (key == "author.name" || (key == "user.name" && !hasAuthorName))
+                    info.name = value;
+                if (key == "author.email" || (key == "user.email" && !hasAuthorEmail))
+                    info.email = value;
+                hasAuthorName |= key == "author.name";
+                hasAuthorEmail |= key == "author.email";
+            });
+        return info;
+    });
+}
+
+MetadataFolder GitAdapter::getMetadataFolder() const {
+    return {Path::fromNative(m_repository.commonDir()),
+            makeMetadataFilter(m_repository.commonDir(), m_repository.gitDir())};
+}
+
+std::vector<UString> GitAdapter::getMetadataFiles() const {
+    return {u".gitignore", u".gitattributes", u".gitmodules"};
+}
+
+bool GitAdapter::isFeatureSupported(SupportedFeature feature) const {
+    return feature == SupportedFeature::ListRevisions ||
+           feature == SupportedFeature::ExportRevision ||
+           feature == SupportedFeature::ConflictRevisions;
+}
+
+void GitAdapter::checkin(const Path&, const UString&) const {
+    notAvailable("checkin");
+}
+void GitAdapter::checkin(const std::vector<Path>&, const UString&) const {
+    notAvailable("checkin");
+}
+void GitAdapter::addFiles(const std::vector<Path>&) const {
+    notAvailable("addFiles");
+}
+void GitAdapter::removeFiles(const std::vector<Path>&) const {
+    notAvailable("removeFiles");
+}
+void GitAdapter::moveFile(const Path&, const Path&) const {
+    notAvailable("moveFile");
+}
+void GitAdapter::uncheckout(const std::vector<Path>&) const {
+    notAvailable("uncheckout");
+}
+void GitAdapter::discardChanges() const {
+    notAvailable("discardChanges");
+}
+void GitAdapter::checkout(const std::vector<Path>&) const {
+    notAvailable("checkout");
+}
+void GitAdapter::resolveConflict(const Path&) const {
+    notAvailable("resolveConflict");
+}
+void GitAdapter::ignoreFile(const Path&) {
+    notAvailable("ignoreFile");
+}
+
+std::map<Path, FileState> GitAdapter::getStatus(const std::vector<Path>& files) const {
+    if (files.empty())
+        return {};
+    return withProgress(u"Reading file states",
+                        [&](GitRunner& git) { return GitStatus(git).ofPaths(files); });
+}
+
+std::map<Path, FileState> GitAdapter::getStatus(const Path& path, bool includeUntracked) const {
+    return withProgress(u"Reading file states", [&](GitRunner& git) {
+        return GitStatus(git).ofFolder(path, includeUntracked);
+    });
+}
+
+std::vector<std::unique_ptr<Revision>>
+GitAdapter::listRevisions(const Path& file,
+                          std::optional<std::reference_wrapper<const Revision>> from) const {
+    return withProgress(u"Reading revisions", [&](GitRunner& git) {
+        return GitHistory(git).list(file, from ? &from->get() : nullptr);
+    });
+}
+
+std::unique_ptr<Revision> GitAdapter::findRevision(const Path& file, const UString& id) const {
+    return withGit([&](GitRunner& git) { return GitHistory(git).find(file, id); });
+}
+
+std::unique_ptr<Revision> GitAdapter::getCurrentRevision(const Path& file) const {
+    return withGit([&](GitRunner& git) { return GitHistory(git).current(file); });
+}
+
+std::vector<std::unique_ptr<Revision>>
+GitAdapter::getParentRevisions(const Revision& revision) const {
+    return withGit([&](GitRunner& git) { return GitHistory(git).parentsOf(revision); });
+}
+
+void GitAdapter::exportRevision(const Path& file, const Revision& revision,
+                                const Path& target) const {
+    withGit([&](GitRunner& git) { GitHistory(git).exportTo(target, file, revision); });
+}
+
+ConflictRevisions GitAdapter::getConflictRevisions(const Path& file) const {
+    return withGit([&](GitRunner& git) { return GitHistory(git).conflictOf(file); });
+}
+
+Path GitAdapter::getRootFolder() const {
+    return m_repository.rootPath();
+}
+
+std::vector<UString> GitAdapter::getForbiddenFileNames() const {
+    return {u".git"};
+}
+
+UString GitAdapter::getRepositorySpecifier(const Path&) const {
+    return withGit([&](GitRunner& git) {
+        // The remote of the current branch, else "origin", else the only one there is.
+        constexpr int noneFound = 1;
+        std::map<std::string, std::string> remotes, ofBranch;
+        NulSplitter("config").feed(
+            git.read({.arguments = {"config", "-z", "--get-regexp",
+                                    "^(remote\\..*\\.url|branch\\..*\\.remote)$"}},
+                     noneFound),
+            [&](std::string_view record) {
+                const auto keyEnd = std::min(record.find('\n'), record.size());
+                const auto key = record.substr(0, keyEnd);
+                const std::string value(record.substr(std::min(keyEnd + 1, record.size())));
+                if (key.starts_with("remote."))
+                    remotes.emplace(key.substr(7, key.size() - 11), value);
+                else
+                    ofBranch.insert_or_assign(std::string(key.substr(7, key.size() - 14)), value);
+            });
+        std::string name = "origin";
+        constexpr std::string_view branches = "refs/heads/";
+        if (const auto head = m_repository.headReference(); head && head->starts_with(branches))
+            if (const auto found = ofBranch.find(head->substr(branches.size()));
+                found != ofBranch.end() && remotes.contains(found->second))
+                name = found->second;
+        auto remote = remotes.find(name);
+        if (remote == remotes.end() && remotes.size() == 1)
+            remote = remotes.begin();
+        if (remote == remotes.end())
+            return UString(m_repository.rootPath().string());
+        return toUString(withoutSecrets(remote->second));
+    });
+}
+
+UString GitAdapter::getInitialCheckinMessage() const {
+    constexpr std::size_t limit = 1024 * 1024;
+    constexpr int noneFound = 1;
+    return withGit([&](GitRunner& git) {
+        const auto comment = withoutLineEnds(
+            git.read({.arguments = {"config", "--get", "core.commentChar"}}, noneFound));
+        const std::string start = comment.empty() || comment == "auto" ? "#" : comment;
+        for (const char* name : {"MERGE_MSG", "SQUASH_MSG"})
+            if (const auto text = readSmallFile(m_repository.gitDir() + "/" + name, limit))
+                return toUString(withoutComments(*text, start));
+        auto file = withoutLineEnds(git.read(
+            {.arguments = {"config", "--type=path", "--get", "commit.template"}}, noneFound));
+        if (file.empty())
+            return UString();
+        if (file.front() != '/')
+            file = m_repository.root() + "/" + file;
+        return toUString(withoutComments(readSmallFile(file, limit).value_or(""), start));
+    });
+}
+
+std::any GitAdapter::getSubsystem(const std::type_info&) {
+    return {};
+}
+
+void GitAdapter::setCredentialProvider(std::weak_ptr<CredentialProvider>) {
+    // Reading asks no server for anything, so there is nobody to show credentials to.
+}
+
+std::string withoutSecrets(const std::string& url) {
+    const auto schemeEnd = url.find("://");
+    if (schemeEnd == std::string::npos)
+        return url; // a path, or user@host:path, which has no place for a password
+    const auto hostStart = schemeEnd + 3;
+    const auto pathStart = std::min(url.find_first_of("/?#", hostStart), url.size());
+    const auto at = url.rfind('@', pathStart);
+    std::string result = url.substr(0, hostStart);
+    auto host = hostStart;
+    if (at != std::string::npos && at > schemeEnd) {
+        host = at + 1;
+        const auto user = url.substr(hostStart, at - hostStart);
+        if (result.starts_with("ssh") || result.starts_with("git") || result.starts_with("svn"))
+            result += user.substr(0, user.find(':')) + "@";
+    }
+    return result + url.substr(host, std::min(url.find_first_of("?#", host), url.size()) - host);
+}
+
+} // namespace quendo::git

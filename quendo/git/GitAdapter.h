@@ -1,0 +1,69 @@
+#pragma once
+
+#include "quendo/adapter/CMAdapter.h"
+#include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/git/Repository.h"
+
+#include <memory>
+
+namespace quendo::git {
+
+class GitRunner;
+class GitTool;
+
+/// One Git working copy. Every call runs the user's git and holds nothing between calls but where
+/// the repository's parts lie, so any operation may be called from any thread beside any other.
+class GitAdapter final : public CMAdapter {
+public:
+    GitAdapter(std::shared_ptr<GitTool> tool, Repository repository,
+               std::shared_ptr<CMApplicationInteractor> interactor);
+
+    UserInfo getUserInfo() const override;
+    MetadataFolder getMetadataFolder() const override;
+    std::vector<UString> getMetadataFiles() const override;
+    bool isFeatureSupported(SupportedFeature feature) const override;
+    void checkin(const Path& file, const UString& message) const override;
+    void checkin(const std::vector<Path>& files, const UString& message) const override;
+    void addFiles(const std::vector<Path>& files) const override;
+    void removeFiles(const std::vector<Path>& files) const override;
+    void moveFile(const Path& source, const Path& destination) const override;
+    void uncheckout(const std::vector<Path>& files) const override;
+    void discardChanges() const override;
+    void checkout(const std::vector<Path>& files) const override;
+    void resolveConflict(const Path& file) const override;
+    std::map<Path, FileState> getStatus(const std::vector<Path>& files) const override;
+    std::map<Path, FileState> getStatus(const Path& path, bool includeUntracked) const override;
+    std::vector<std::unique_ptr<Revision>>
+    listRevisions(const Path& file,
+                  std::optional<std::reference_wrapper<const Revision>> from) const override;
+    std::unique_ptr<Revision> findRevision(const Path& file, const UString& id) const override;
+    std::unique_ptr<Revision> getCurrentRevision(const Path& file) const override;
+    std::vector<std::unique_ptr<Revision>>
+    getParentRevisions(const Revision& revision) const override;
+    void exportRevision(const Path& file, const Revision& revision,
+                        const Path& target) const override;
+    ConflictRevisions getConflictRevisions(const Path& file) const override;
+    Path getRootFolder() const override;
+    std::vector<UString> getForbiddenFileNames() const override;
+    UString getRepositorySpecifier(const Path& path) const override;
+    UString getInitialCheckinMessage() const override;
+    std::any getSubsystem(const std::type_info& type) override;
+    void setCredentialProvider(std::weak_ptr<CredentialProvider> provider) override;
+    void ignoreFile(const Path& file) override;
+
+private:
+    template <class Work>
+    auto withGit(Work&& work) const;
+    template <class Work>
+    auto withProgress(const UString& message, Work&& work) const;
+
+    const std::shared_ptr<GitTool> m_tool;
+    const Repository m_repository;
+    const std::shared_ptr<CMApplicationInteractor> m_interactor;
+};
+
+/// `url` without what may be a secret: the password of any, the user too where a token often stands
+/// in its place (http, https, ftp), and a query. For people, not to connect with.
+std::string withoutSecrets(const std::string& url);
+
+} // namespace quendo::git

@@ -1,0 +1,455 @@
+#include "quendo/git/GitHistory.h"
+
+#include "quendo/exception/AdapterErrors.h"
+#include "quendo/git/FileDescriptor.h"
+#include "quendo/git/FilterDrivers.h"
+#include "quendo/git/GitFailure.h"
+#include "quendo/git/GitRunner.h"
+#include "quendo/git/Repository.h"
+#include "quendo/git/SmallFile.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace quendo::git {
+namespace {
+
+// A repository may ask for any number of comparisons.
+constexpr const char* renameLimit = "-l1000";
+
+// Six fields, each ended by a NUL: names and messages hold every other byte.
+constexpr const char* format = "--format=%H%x00%P%x00%an%x00%ae%x00%at%x00%B%x00";
+
+std::string_view takePart(std::string_view& text) {
+    const auto end = text.find('\0');
+    if (end == std::string_view::npos)
+        throwGarbage("log");
+    const auto part = text.substr(0, end);
+    text.remove_prefix(end + 1);
+    return part;
+}
+
+bool isObjectName(std::string_view text) {
+    return (text.size() == 40 || text.size() == 64) &&
+           text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+std::string withoutLineEnds(std::string text) {
+    text.erase(text.find_last_not_of('\n') + 1);
+    return text;
+}
+
+/// A file that is there whole under its name, or not at all.
+class NewFile {
+public:
+    NewFile(const Path& target, bool executable) : m_target(target.toNative()) {
+        static std::atomic<unsigned> counter{0};
+        const auto start = m_target.substr(0, m_target.rfind('/') + 1) + ".quendo-" +
+                           std::to_string(::getpid()) + "-";
+        // The mode is given here, for the kernel to mask: to ask for the umask is to set it, for
+        // every thread of the process.
+        do {
+            m_name = start + std::to_string(++counter);
+            m_file = FileDescriptor(::open(m_name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC,
+                                           executable ? 0777 : 0666));
+        } while (!m_file && errno == EEXIST);
+        if (!m_file) {
+            const int error = errno;
+            m_name.clear();
+            fail(error);
+        }
+    }
+    ~NewFile() {
+        if (!m_name.empty())
+            ::unlink(m_name.c_str());
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    int descriptor() const { return m_file.get(); }
+
+    std::string content() const {
+        return readSmallFile(m_name, 1024 * 1024).value_or(std::string());
+    }
+
+    void becomeLink(const std::string& to) {
+        ::unlink(m_name.c_str());
+        if (::symlink(to.c_str(), m_name.c_str()) != 0)
+            fail(errno);
+    }
+
+    /// Takes its name. Never over something that is there.
+    void commit() {
+        if (::renameat2(AT_FDCWD, m_name.c_str(), AT_FDCWD, m_target.c_str(), RENAME_NOREPLACE) !=
+            0) {
+            // A file system without that flag has hard links.
+            if (errno != EINVAL || ::link(m_name.c_str(), m_target.c_str()) != 0)
+                fail(errno);
+            ::unlink(m_name.c_str());
+        }
+        m_name.clear();
+    }
+
+private:
+    [[noreturn]] void fail(int error) const {
+        throw exception::OperationFailedError(Path::fromNative(m_target).toUtf8() +
+                                              " cannot be written: " + std::strerror(error));
+    }
+
+    std::string m_target;
+    std::string m_name; ///< of the unfinished file; empty when there is none
+    FileDescriptor m_file;
+};
+
+} // namespace
+
+std::vector<std::unique_ptr<Revision>> parseLog(std::string_view output, const Path& root,
+                                                const Path& file) {
+    std::vector<std::unique_ptr<Revision>> revisions;
+    Path path = file;
+    while (!output.empty()) {
+        auto revision = std::make_unique<Revision>();
+        const auto id = takePart(output);
+        if (!isObjectName(id))
+            throwGarbage("log");
+        revision->id = toUString(id);
+        takePart(output); // parents
+        revision->author = toUString(takePart(output));
+        revision->authorEmail = toUString(takePart(output));
+        const auto time = takePart(output);
+        long long seconds = 0;
+        if (std::from_chars(time.data(), time.data() + time.size(), seconds).ec != std::errc())
+            throwGarbage("log");
+        // A clock of nanoseconds ends in 2262.
+        constexpr auto latest = std::chrono::duration_cast<std::chrono::seconds>(
+            std::chrono::system_clock::duration::max());
+        seconds = std::clamp<long long>(seconds, -latest.count(), latest.count());
+        revision->date = std::chrono::system_clock::time_point(std::chrono::seconds(seconds));
+        revision->message = toUString(withoutLineEnds(std::string(takePart(output))));
+        if (!output.empty() && output.front() == '\0')
+            output.remove_prefix(1); // the record's own end
+        // Then what the revision did to the file: a newline, and words each ended by a NUL.
+        Path before = path;
+        if (output.starts_with('\n')) {
+            output.remove_prefix(1);
+            while (!output.empty() && !isObjectName(output.substr(0, output.find('\0')))) {
+                const auto change = takePart(output);
+                const bool hasTwo = change.starts_with('R') || change.starts_with('C');
+                const auto first = takePart(output);
+                const auto last = hasTwo ? takePart(output) : first;
+                path = root.child(last);
+                before = hasTwo ? root.child(first) : path;
+            }
+        }
+        revision->path = path;
+        path = before;
+        revisions.push_back(std::move(revision));
+    }
+    return revisions;
+}
+
+std::string GitHistory::relative(const Path& file) const {
+    auto relative = m_git.repository().relative(file);
+    if (!relative || relative->empty())
+        throw exception::OperationFailedError(file.toUtf8() +
+                                              " is not a file of the working copy " +
+                                              m_git.repository().rootPath().toUtf8());
+    return *relative;
+}
+
+std::string GitHistory::resolve(std::string_view name, std::string_view shown) {
+    // First what the name means, then the commit that it leads to: "^{commit}" behind ":/text"
+    // would be a part of the text.
+    std::string object(name);
+    if (name.starts_with('^') ||
+        name.find_first_of(std::string_view("\0\n", 2)) != std::string_view::npos)
+        object.clear();
+    for (const char* peeled : {"", "^{commit}"}) {
+        if (object.empty())
+            break;
+        std::string output;
+        GitRun run{
+            .arguments = {"rev-parse", "--verify", "--quiet", "--end-of-options", object + peeled}};
+        run.consume = [&](std::string_view text) { output += text; };
+        const auto result = m_git.run({run}).front();
+        if (result.exitCode == 128 && !result.errors.empty())
+            throwGitFailure(m_git.repository().root(), "rev-parse", result);
+        object = result.exitCode == 0 ? withoutLineEnds(output) : std::string();
+        if (!object.empty() && !isObjectName(object))
+            throwGarbage("rev-parse");
+    }
+    if (object.empty())
+        throw exception::OperationFailedError("there is no revision '" + std::string(shown) +
+                                              "' in " + m_git.repository().rootPath().toUtf8());
+    return object;
+}
+
+bool GitHistory::hasCommits() {
+    const auto result =
+        m_git.run({GitRun{.arguments = {"rev-parse", "--verify", "--quiet", "HEAD^{commit}"}}})
+            .front();
+    if (result.exitCode == 128 && !result.errors.empty())
+        throwGitFailure(m_git.repository().root(), "rev-parse", result);
+    return result.exitCode == 0;
+}
+
+std::vector<std::unique_ptr<Revision>> GitHistory::log(const std::vector<std::string>& arguments,
+                                                       const Path& file) {
+    const auto& repository = m_git.repository();
+    std::vector<std::string> all = {"log",
+                                    "-z",
+                                    "--no-show-signature",
+                                    "--no-color",
+                                    "--no-notes",
+                                    "--no-ext-diff",
+                                    "--no-textconv",
+                                    "--no-decorate",
+                                    format};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return parseLog(m_git.read({.arguments = std::move(all)}), repository.rootPath(), file);
+}
+
+std::vector<std::unique_ptr<Revision>> GitHistory::list(const Path& file, const Revision* from) {
+    checkedMetadata();
+    auto spec = relative(file);
+    Path newest = file;
+    std::string start = "HEAD";
+    if (from != nullptr) {
+        start = resolve(toUtf8(from->id), toUtf8(from->id));
+        if (!from->path.empty()) {
+            newest = from->path;
+            spec = relative(newest);
+        }
+    } else if (!hasCommits()) {
+        return {};
+    }
+    std::vector<std::string> arguments = {"--name-status"};
+    // Only one file's renames can be followed; git refuses a folder's.
+    struct stat status;
+    const std::string onDisk = file.toNative();
+    if (::lstat(onDisk.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+        arguments.insert(arguments.end(), {"--follow", renameLimit});
+    arguments.insert(arguments.end(), {"--end-of-options", start, "--", pathspec(spec)});
+    return log(arguments, newest);
+}
+
+std::unique_ptr<Revision> GitHistory::describe(const std::string& commit, const Path& file) {
+    auto revisions = log({"--no-walk", "--no-patch", "--end-of-options", commit}, file);
+    if (revisions.size() != 1)
+        throwGarbage("log");
+    revisions.front()->path = file;
+    return std::move(revisions.front());
+}
+
+std::unique_ptr<Revision> GitHistory::find(const Path& file, const UString& id) {
+    checkedMetadata();
+    relative(file);
+    const auto name = toUtf8(id);
+    return describe(resolve(name, name), file);
+}
+
+std::unique_ptr<Revision> GitHistory::current(const Path& file) {
+    checkedMetadata();
+    const auto spec = relative(file);
+    if (!hasCommits())
+        return nullptr;
+    // Followed as in list(), so that a rename is a revision here as it is there.
+    struct stat status;
+    std::vector<std::string> arguments = {"--name-status", "-1"};
+    if (::lstat(file.toNative().c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+        arguments.insert(arguments.end(), {"--follow", renameLimit});
+    arguments.insert(arguments.end(), {"--end-of-options", "HEAD", "--", pathspec(spec)});
+    auto revisions = log(arguments, file);
+    return revisions.empty() ? nullptr : std::move(revisions.front());
+}
+
+std::vector<std::unique_ptr<Revision>> GitHistory::parentsOf(const Revision& revision) {
+    checkedMetadata();
+    const auto name = toUtf8(revision.id);
+    const auto commit = resolve(name, name);
+    // "<commit> <parent> <parent>\n"
+    auto line = withoutLineEnds(m_git.read(
+        {.arguments = {"rev-list", "--parents", "-n", "1", "--end-of-options", commit}}));
+    std::vector<std::unique_ptr<Revision>> parents;
+    for (auto space = line.find(' '); space != std::string::npos;) {
+        const auto next = line.find(' ', space + 1);
+        const auto parent = line.substr(space + 1, next - space - 1);
+        space = next;
+        if (!isObjectName(parent))
+            throwGarbage("rev-list");
+        Path path = revision.path;
+        if (!path.empty()) {
+            const auto spec = relative(path);
+            std::vector<std::string> parts;
+            NulSplitter("diff-tree")
+                .feed(m_git.read({.arguments = {"diff-tree", "-r", "-z", "-M", renameLimit,
+                                                "--diff-filter=R", "--name-status",
+                                                "--end-of-options", parent, commit}}),
+                      [&](std::string_view part) { parts.emplace_back(part); });
+            for (std::size_t i = 0; i + 2 < parts.size(); i += 3)
+                if (parts[i + 2] == spec)
+                    path = m_git.repository().rootPath().child(parts[i + 1]);
+        }
+        parents.push_back(describe(parent, path));
+    }
+    return parents;
+}
+
+void GitHistory::exportTo(const Path& target, const Path& file, const Revision& revision) {
+    checkedMetadata();
+    struct stat status;
+    if (!target.isAbsolute())
+        throw exception::OperationFailedError("the target '" + target.toUtf8() +
+                                              "' must be an absolute path");
+    if (::lstat(target.toNative().c_str(), &status) == 0)
+        throw exception::OperationFailedError(target.toUtf8() +
+                                              " exists already; remove it or choose another name");
+
+    auto path = relative(revision.path.empty() ? file : revision.path);
+    const auto shown = toUtf8(revision.id);
+    std::string object = toUtf8(revision.contentID), mode;
+    if (object.empty()) {
+        const auto commit = resolve(shown, shown);
+        // "<mode> <type> <object>\t<path>\0"; --full-tree, as git may run in another folder.
+        const auto entryOf = [&](const std::string& name) {
+            return m_git.read({.arguments = {"ls-tree", "-z", "--full-tree", "--end-of-options",
+                                             commit, "--", name}});
+        };
+        auto entry = entryOf(path);
+        if (entry.empty()) {
+            // It may have had another name then.
+            for (const auto& one : list(file, nullptr))
+                if (toUtf8(one->id) == commit)
+                    path = relative(one->path);
+            entry = entryOf(path);
+        }
+        const auto kind = entry.find(' ');
+        const auto name = kind == std::string::npos ? kind : entry.find(' ', kind + 1);
+        if (entry.empty() || name == std::string::npos)
+            throw exception::OperationFailedError(file.toUtf8() + " does not exist in revision " +
+                                                  shown);
+        mode = entry.substr(0, kind);
+        if (entry.substr(kind + 1, name - kind - 1) != "blob")
+            throw exception::OperationFailedError(file.toUtf8() + " is not a file in revision " +
+                                                  shown + "; export files one by one");
+        object = entry.substr(name + 1, entry.find('\t') - name - 1);
+    } else {
+        mode = "100644";
+        const auto staged = m_git.read(
+            {.arguments = {"ls-files", "-z", "-s", "--full-name", "--", pathspec(path)}});
+        NulSplitter("ls-files").feed(staged, [&](std::string_view entry) {
+            if (entry.find(object) != std::string_view::npos)
+                mode = entry.substr(0, 6);
+        });
+    }
+    if (!isObjectName(object))
+        throwGarbage("ls-tree");
+
+    NewFile output(target, mode == "100755");
+    if (mode == "120000") {
+        runInto(output.descriptor(), {"cat-file", "blob", object});
+        output.becomeLink(output.content());
+        output.commit();
+        return;
+    }
+    const auto drivers = FilterDrivers::read(m_git);
+    m_git.setOverrides(drivers.overrides);
+    if (!drivers.withoutSmudge.empty()) {
+        std::vector<std::string> parts;
+        NulSplitter("check-attr")
+            .feed(m_git.read({.arguments = {"check-attr", "-z", "--stdin", "filter"},
+                              .input = pathspec(path) + '\0'}),
+                  [&](std::string_view part) { parts.emplace_back(part); });
+        if (parts.size() == 3 && drivers.withoutSmudge.contains(parts[2]))
+            throw exception::OperationFailedError(
+                file.toUtf8() + " needs the filter '" + toUtf8(toUString(parts[2])) +
+                "', which only the repository itself names; if you trust it, put it into your own "
+                "configuration with git config --global");
+    }
+    runInto(output.descriptor(), {"cat-file", "--filters", "--path=" + path, object});
+    output.commit();
+}
+
+void GitHistory::runInto(int file, std::vector<std::string> arguments) {
+    // Filtering holds the whole content in memory, however large the file is that was asked for.
+    const auto result =
+        m_git
+            .run({GitRun{
+                .arguments = std::move(arguments), .outputFile = file, .limitMemory = false}})
+            .front();
+    if (result.exitCode != 0)
+        throwGitFailure(m_git.repository().root(), "cat-file", result);
+}
+
+ConflictRevisions GitHistory::conflictOf(const Path& file) {
+    checkedMetadata();
+    const auto& repository = m_git.repository();
+    const auto path = relative(file);
+    ConflictRevisions revisions;
+    // The sides' contents stand in the index: "<mode> <object> <stage>\t<path>\0".
+    std::array<std::string, 4> objects;
+    NulSplitter("ls-files")
+        .feed(m_git.read(
+                  {.arguments = {"ls-files", "-z", "-u", "--full-name", "--", pathspec(path)}}),
+              [&](std::string_view entry) {
+                  const auto tab = entry.find('\t');
+                  if (tab == std::string_view::npos || tab < 10 || entry.substr(tab + 1) != path)
+                      return;
+                  const auto stage = static_cast<std::size_t>(entry[tab - 1] - '0');
+                  if (stage >= 1 && stage <= 3)
+                      objects[stage] = entry.substr(7, tab - 9);
+              });
+    if (objects[1].empty() && objects[2].empty() && objects[3].empty())
+        return revisions;
+
+    // Which commits they come from is known for ours and theirs; the base may be none at all.
+    std::string theirs;
+    for (const char* name : {"MERGE_HEAD", "CHERRY_PICK_HEAD", "REVERT_HEAD", "REBASE_HEAD"})
+        if (const auto head = readSmallFile(repository.gitDir() + "/" + name, 64 * 1024);
+            theirs.empty() && head && isObjectName(head->substr(0, head->find('\n'))))
+            theirs = head->substr(0, head->find('\n'));
+    const auto side = [&](const std::string& object, const std::string& commit) {
+        std::unique_ptr<Revision> revision;
+        if (object.empty())
+            return revision;
+        if (commit.empty()) {
+            revision = std::make_unique<Revision>();
+            revision->path = file;
+        } else {
+            revision = describe(commit, file);
+        }
+        revision->contentID = toUString(object);
+        return revision;
+    };
+    std::string base;
+    if (!theirs.empty() && !objects[1].empty()) {
+        GitRun run{.arguments = {"merge-base", "HEAD", theirs}};
+        run.consume = [&](std::string_view text) { base += text; };
+        const auto result = m_git.run({run}).front();
+        base = result.exitCode == 0 ? base.substr(0, base.find('\n')) : std::string();
+    }
+    revisions.base = side(objects[1], base);
+    revisions.ours = side(objects[2], hasCommits() ? resolve("HEAD", "HEAD") : "");
+    revisions.theirs = side(objects[3], theirs);
+    return revisions;
+}
+
+void GitHistory::checkedMetadata() const {
+    m_git.repository().checkMetadataFiles();
+}
+
+std::string GitHistory::pathspec(const std::string& relative) const {
+    const auto& repository = m_git.repository();
+    return repository.folder() == repository.root() ? relative : repository.root() + "/" + relative;
+}
+
+} // namespace quendo::git

@@ -1,0 +1,100 @@
+#pragma once
+
+#include "quendo/git/ChildProcess.h"
+#include "quendo/git/GitTool.h"
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quendo::git {
+
+class Cancellation;
+class Repository;
+
+/// One run of git.
+struct GitRun {
+    std::vector<std::string> arguments;
+    std::string input = {};       ///< for standard input
+    std::string folder = {};      ///< where; the repository's own folder when empty
+    bool asSubmodule = false;     ///< as git itself looks into one: whoever owns it
+    bool keepFileTimes = false;   ///< also where the repository's own index is not split
+    int outputFile = -1;          ///< standard output goes there, if set
+    bool literalPathspecs = true; ///< check-ignore does not stand it
+    bool limitMemory = true;      ///< no absurd file is to eat the machine's memory
+    std::function<void(std::string_view)> consume = {}; ///< takes what it prints, in pieces
+};
+
+/// Runs git for one call of the adapter, reading only. Threads: used by one.
+class GitRunner {
+public:
+    /// @param eachRound runs about every 100 ms while git runs; must not throw
+    GitRunner(GitTool& tool, const Repository& repository, const Cancellation& cancellation,
+              std::function<void()> eachRound = {});
+
+    const Repository& repository() const noexcept { return m_repository; }
+    const Cancellation& cancellation() const noexcept { return m_cancellation; }
+
+    /// Settings for every run from now on.
+    void setOverrides(std::vector<ConfigOverride> overrides) { m_overrides = std::move(overrides); }
+
+    /// From now on git may be silent for longer: it runs programs of the user's.
+    void bePatient() noexcept { m_patient = true; }
+
+    /// Runs all of `runs` at the same time and waits for them.
+    /// @return how each ended, whatever its exit code
+    /// @throws exception::ToolError, DamagedRepositoryError when one hangs, OperationCancelledError
+    std::vector<ChildResult> run(const std::vector<GitRun>& runs);
+
+    /// Runs git and returns what it printed.
+    /// @param accepted an exit code besides 0 that is an answer and no failure
+    /// @throws as run(), and what throwGitFailure() makes of another exit code
+    std::string read(GitRun run, int accepted = 0);
+
+private:
+    GitTool& m_tool;
+    const Repository& m_repository;
+    const Cancellation& m_cancellation;
+    std::function<void()> m_eachRound;
+    std::vector<ConfigOverride> m_overrides;
+    bool m_patient = false;
+};
+
+/// Calls `consume` with each piece of `text` that ends with a NUL, without it; keeps the rest.
+/// For output that comes in pieces.
+class NulSplitter {
+public:
+    /// @param command for the error when one piece outgrows every sane size
+    explicit NulSplitter(std::string_view command) : m_command(command) {}
+
+    template <class Consumer>
+    void feed(std::string_view text, Consumer&& consume) {
+        while (true) {
+            const auto end = text.find('\0');
+            if (end == std::string_view::npos) {
+                keep(text);
+                return;
+            }
+            if (m_rest.empty()) {
+                consume(text.substr(0, end));
+            } else {
+                keep(text.substr(0, end));
+                consume(std::string_view(m_rest));
+                m_rest.clear();
+            }
+            text.remove_prefix(end + 1);
+        }
+    }
+
+    /// What came after the last NUL; empty at the end of whole output.
+    const std::string& rest() const noexcept { return m_rest; }
+
+private:
+    void keep(std::string_view text);
+
+    std::string m_command;
+    std::string m_rest;
+};
+
+} // namespace quendo::git

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstdint>
+#include <sys/types.h>
+
+namespace quendo::git {
+
+/// What a process and its children are doing, as the system tells it.
+struct ProcessActivity {
+    std::uint64_t processorTime = 0; ///< in clock ticks, of ended children too
+    /// The process, or a git that it started, waits for a FIFO's other end to be opened.
+    bool opensFifo = false;
+};
+
+/// Looks at `pid` and everything it started. A process that is gone adds nothing.
+ProcessActivity lookAtProcess(pid_t pid);
+
+} // namespace quendo::git
