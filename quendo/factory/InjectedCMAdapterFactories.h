@@ -1,0 +1,40 @@
+#pragma once
+
+#include "quendo/platform/Export.h"
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace quendo {
+
+class CMAdapterFactory;
+
+/// Factories added while the process runs; they go before all others. One instance a process
+/// (getInjectedCMAdapterFactoriesInstance). Any thread; no lock is held while a factory is called
+/// or destroyed, so a factory may inject or remove from inside its own operations.
+class QUENDO_API InjectedCMAdapterFactories {
+public:
+    InjectedCMAdapterFactories();
+    ~InjectedCMAdapterFactories();
+    InjectedCMAdapterFactories(const InjectedCMAdapterFactories&) = delete;
+    InjectedCMAdapterFactories& operator=(const InjectedCMAdapterFactories&) = delete;
+
+    /// Appends `factory`.
+    /// @return removes every entry of that factory; may be called more than once, and after the
+    ///         list has gone. Dropping it without a call leaves the factory in.
+    /// @throws std::invalid_argument for a null pointer.
+    std::function<void()> inject(std::shared_ptr<CMAdapterFactory> factory);
+
+    /// A copy of the list, in the order of injection.
+    std::vector<std::shared_ptr<CMAdapterFactory>> getFactories() const;
+
+private:
+    struct Impl;
+    std::shared_ptr<Impl> m_impl;
+};
+
+/// The list of the process, made on first use and destroyed at its end.
+QUENDO_API InjectedCMAdapterFactories& getInjectedCMAdapterFactoriesInstance();
+
+} // namespace quendo
