@@ -1,0 +1,19 @@
+#pragma once
+
+#include <stdexcept>
+
+namespace quendo::host {
+
+/// Why the program refuses or fails: one line for people, without "quendo: ".
+class HostError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// A signal asked the program to stop. It ends without a word.
+class Interrupted : public std::runtime_error {
+public:
+    Interrupted() : std::runtime_error("interrupted") {}
+};
+
+} // namespace quendo::host

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "quendo/adapter/CMApplicationInteractor.h"
+
+#include <memory>
+#include <thread>
+
+namespace quendo::host {
+
+/// While it lives, Ctrl-C (and a request to terminate or a hang-up) stops the source-control work
+/// of an interactor instead of the process; a second one ends the process at once. One at a time.
+class Interrupts {
+public:
+    explicit Interrupts(std::shared_ptr<CMApplicationInteractor> interactor);
+    ~Interrupts();
+    Interrupts(const Interrupts&) = delete;
+    Interrupts& operator=(const Interrupts&) = delete;
+
+    /// From now on already the first one ends the process at once: the work is done.
+    /// @throws Interrupted when one came before.
+    void endAtOnce();
+
+    /// The signal that came, or 0. Stays after the object has gone.
+    static int received() noexcept;
+
+private:
+    void watch() noexcept;
+
+    const std::shared_ptr<CMApplicationInteractor> m_interactor;
+    std::thread m_thread;
+};
+
+} // namespace quendo::host

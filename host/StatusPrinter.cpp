@@ -1,0 +1,202 @@
+#include "host/StatusPrinter.h"
+
+#include "host/HostError.h"
+#include "host/JsonText.h"
+#include "host/VisibleText.h"
+#include "quendo/platform/UString.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace quendo::host {
+namespace {
+
+constexpr std::u16string_view untrackedColumns = u"??";
+constexpr std::u16string_view ignoredColumns = u"!!";
+
+struct Word {
+    LocalStatus status;
+    std::string_view text;
+    std::string_view colour;
+};
+
+/// In the order of the summary.
+constexpr std::array<Word, 10> words = {{
+    {LocalStatus::Conflicted, "conflicted", "\x1b[1;31m"},
+    {LocalStatus::Modified, "modified", "\x1b[33m"},
+    {LocalStatus::Added, "added", "\x1b[32m"},
+    {LocalStatus::Deleted, "deleted", "\x1b[31m"},
+    {LocalStatus::Missing, "missing", "\x1b[31m"},
+    {LocalStatus::Unknown, "unknown", "\x1b[1;35m"},
+    {LocalStatus::External, "external", "\x1b[36m"},
+    {LocalStatus::NotUnderSourceControl, "untracked", "\x1b[34m"},
+    {LocalStatus::Ignored, "ignored", "\x1b[2m"},
+    {LocalStatus::Unmodified, "unmodified", ""},
+}};
+constexpr std::size_t wordWidth = 10;
+
+std::size_t wordOf(LocalStatus status) {
+    const auto word = std::ranges::find(words, status, &Word::status);
+    return static_cast<std::size_t>(word - words.begin());
+}
+
+std::string shownPath(const UString& text) {
+    try {
+        return visiblePath(Path(text));
+    } catch (const InvalidPathError&) {
+        return visiblePath(toUtf8(text));
+    }
+}
+
+/// What a person wants to know beside the state, in parentheses; mostly nothing.
+std::string detailsOf(const FileState& state) {
+    std::string details;
+    for (const auto& each : state.getProperties()) {
+        std::string detail;
+        if (each.getName() == property::renamedFrom)
+            detail = "from " + shownPath(each.getValue());
+        else if (each.getName() == property::unverified)
+            detail = "not verified: its filter " + visibleText(toUtf8(each.getValue())) +
+                     " is named by the repository alone";
+        else if (each.getName() != property::columns && each.getName() != property::refused)
+            detail = visibleText(toUtf8(each.getValue()));
+        if (!detail.empty())
+            details += (details.empty() ? "  (" : "; ") + detail;
+    }
+    return details.empty() ? details : details + ")";
+}
+
+/// Names paths as they look from the current folder.
+class Viewpoint {
+public:
+    Viewpoint(const Path& current, const Path& root)
+        : m_current(current),
+          m_relative(current == root || current.isBelow(root) || root.isBelow(current)) {}
+
+    std::string nameOf(const Path& path) const {
+        return visiblePath(m_relative ? path.lexicallyRelative(m_current) : path);
+    }
+
+private:
+    Path m_current;
+    bool m_relative;
+};
+
+} // namespace
+
+bool StatusReport::shows(const Path& path, const FileState& state) const noexcept {
+    const auto status = state.getState();
+    const bool untrackedKind =
+        status == LocalStatus::NotUnderSourceControl || status == LocalStatus::Ignored;
+    if (status == LocalStatus::Unmodified)
+        return selection.all;
+    if ((status == LocalStatus::Ignored && !selection.ignored) ||
+        (selection.untrackedOnly && !untrackedKind))
+        return false;
+    // A folder that its back end has no columns for tells nothing that what lies in it does not:
+    // it holds untracked files, or is a working copy of its own with nothing to say. The folder
+    // that was asked for may be in one that is ignored as a whole.
+    const bool impliedKind = untrackedKind || status == LocalStatus::External;
+    return selection.all || !impliedKind || !state.isFolder() ||
+           state.findProperty(property::columns) != nullptr ||
+           (path == folder && status == LocalStatus::Ignored && states.size() == 1);
+}
+
+Path pathFromRoot(const Path& path, const Path& root) {
+    return path.lexicallyRelative(root);
+}
+
+std::string porcelainStatus(const StatusReport& report, char end) {
+    struct Record {
+        std::string path;
+        const UString* columns;
+    };
+    std::vector<Record> records;
+    std::size_t size = 0;
+    for (const auto& [path, state] : report.states) {
+        // A script that reads columns would take a path without them for unmodified.
+        if (const auto* refused = state.findProperty(property::refused))
+            throw HostError(visibleText(toUtf8(*refused)));
+        for (const auto& each : state.getProperties()) {
+            if (each.getName() != property::columns)
+                continue;
+            const bool untracked = each.getValue() == untrackedColumns;
+            const bool ignored = each.getValue() == ignoredColumns;
+            if ((ignored && !report.selection.ignored) ||
+                (report.selection.untrackedOnly && !untracked && !ignored))
+                continue;
+            std::string bytes = pathFromRoot(path, report.root).toNative();
+            if (state.isFolder() && (untracked || ignored))
+                bytes += '/';
+            size += bytes.size() + 4;
+            records.push_back({std::move(bytes), &each.getValue()});
+        }
+    }
+    std::ranges::stable_sort(records, {}, &Record::path);
+    std::string result;
+    result.reserve(size);
+    for (const auto& record : records)
+        result.append(toUtf8(*record.columns)).append(1, '\t').append(record.path).append(1, end);
+    return result;
+}
+
+std::string jsonStatus(const StatusReport& report) {
+    std::string result;
+    for (const auto& [path, state] : report.states) {
+        if (!report.shows(path, state))
+            continue;
+        nlohmann::ordered_json line;
+        line["system"] = report.system;
+        putPath(line, pathFromRoot(path, report.root));
+        line["state"] = toString(state.getState());
+        line["folder"] = state.isFolder();
+        auto& properties = line["properties"] = nlohmann::ordered_json::object();
+        for (const auto& each : state.getProperties()) {
+            auto& value = properties[toUtf8(each.getName())];
+            if (value.is_null())
+                value = toUtf8(each.getValue());
+            else if (value.is_array())
+                value.push_back(toUtf8(each.getValue()));
+            else
+                value = nlohmann::ordered_json::array({value, toUtf8(each.getValue())});
+        }
+        result += jsonLine(line);
+    }
+    return result;
+}
+
+std::string humanStatus(const StatusReport& report, const Path& current, bool colours) {
+    const Viewpoint viewpoint(current, report.root);
+    std::array<std::size_t, words.size() + 1> counts{};
+    std::string result;
+    for (const auto& [path, state] : report.states) {
+        if (!report.shows(path, state))
+            continue;
+        const auto kind = wordOf(state.getState());
+        ++counts[kind];
+        const auto& word = words[std::min(kind, words.size() - 1)];
+        if (colours && !word.colour.empty())
+            result.append(word.colour).append(word.text).append("\x1b[0m");
+        else
+            result += word.text;
+        result.append(wordWidth - word.text.size() + 2, ' ');
+        result += viewpoint.nameOf(path) + (state.isFolder() ? "/" : "") + detailsOf(state) + "\n";
+    }
+    std::string summary;
+    for (std::size_t kind = 0; kind < words.size(); ++kind) {
+        if (counts[kind] != 0)
+            summary += (summary.empty() ? "" : ", ") + std::to_string(counts[kind]) + " " +
+                       std::string(words[kind].text);
+    }
+    if (summary.empty())
+        summary = report.selection.untrackedOnly ? "nothing untracked" : "nothing differs";
+    return result + summary + " in " + visiblePath(report.folder) + " (" +
+           visibleText(report.system) + ")\n";
+}
+
+} // namespace quendo::host

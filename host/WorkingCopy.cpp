@@ -1,0 +1,128 @@
+#include "host/WorkingCopy.h"
+
+#include "host/HostError.h"
+#include "host/VisibleText.h"
+#include "quendo/factory/AllCMAdapterFactoryProvider.h"
+#include "quendo/platform/FileUtilities.h"
+#include "quendo/platform/Services.h"
+#include "quendo/platform/UString.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace quendo::host {
+namespace {
+
+std::string systemsWords(int error) {
+    return std::generic_category().message(error);
+}
+
+Path canonical(const Path& path) {
+    return platform::services()->files->canonical(path);
+}
+
+void refuseEmpty(const std::string& argument) {
+    if (argument.empty())
+        throw HostError("an empty path names nothing");
+}
+
+Path absolute(const std::string& argument) {
+    const Path path = Path::fromNative(argument);
+    return path.isAbsolute() ? path : currentFolder() / path;
+}
+
+void checkFolder(const std::string& argument) {
+    refuseEmpty(argument);
+    const std::string name = visiblePath(argument);
+    struct stat about {};
+    if (::stat(argument.c_str(), &about) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR)
+            throw HostError(name + " does not exist");
+        throw HostError("cannot read " + name + ": " + systemsWords(errno));
+    }
+    if (S_ISREG(about.st_mode))
+        throw HostError(name + " is a file; give the folder that holds it");
+    if (!S_ISDIR(about.st_mode))
+        throw HostError(name + " is not a folder");
+    if (::faccessat(AT_FDCWD, argument.c_str(), R_OK | X_OK, AT_EACCESS) != 0)
+        throw HostError("cannot read " + name + ": " + systemsWords(errno));
+}
+
+/// Asks for a factory at `from` and at each of its parents.
+WorkingCopy open(const Path& from, Path path, const std::string& argument,
+                 const std::shared_ptr<CMApplicationInteractor>& interactor) {
+    const AllCMAdapterFactoryProvider provider;
+    for (Path folder = from; !folder.empty(); folder = folder.parentPath()) {
+        auto factory = provider.provide(folder);
+        if (!factory)
+            continue;
+        for (Path inside = path; inside.isBelow(folder); inside = inside.parentPath()) {
+            if (inside.parentPath() == folder &&
+                inside.fileName().string() == factory->getMetadataName())
+                throw HostError(visiblePath(argument) + " belongs to the metadata of " +
+                                visiblePath(folder) + ", not to its files");
+        }
+        WorkingCopy result;
+        result.adapter = factory->createAdapter(folder, interactor);
+        result.factory = std::move(factory);
+        result.root = result.adapter->getRootFolder();
+        result.path = std::move(path);
+        if (result.path != result.root && !result.path.isBelow(result.root))
+            throw HostError(visiblePath(argument) + " lies outside the files of its repository, " +
+                            "which are in " + visiblePath(result.root));
+        return result;
+    }
+    throw HostError(visiblePath(argument) + " is not in a working copy");
+}
+
+} // namespace
+
+std::string WorkingCopy::systemName() const {
+    return toUtf8(factory->getSystemName());
+}
+
+Path currentFolder() {
+    const std::unique_ptr<char, decltype(&std::free)> name(::getcwd(nullptr, 0), &std::free);
+    if (!name)
+        throw HostError("cannot tell the current folder: " + systemsWords(errno));
+    return Path::fromNative(name.get());
+}
+
+Path locate(const std::string& argument) {
+    refuseEmpty(argument);
+    std::string_view name = argument;
+    while (name.size() > 1 && name.ends_with('/'))
+        name.remove_suffix(1);
+    const Path path = absolute(std::string(name));
+    const auto last = path.fileName();
+    if (last.empty() || last.string() == u"." || last.string() == u"..")
+        return canonical(path);
+    return canonical(path.parentPath()) / last;
+}
+
+WorkingCopy WorkingCopy::ofFolder(const std::string& folder,
+                                  const std::shared_ptr<CMApplicationInteractor>& interactor) {
+    checkFolder(folder);
+    const Path path = canonical(absolute(folder));
+    return open(path, path, folder, interactor);
+}
+
+WorkingCopy WorkingCopy::ofFile(const std::string& file,
+                                const std::shared_ptr<CMApplicationInteractor>& interactor) {
+    const Path path = locate(file);
+    struct stat about {};
+    if (::lstat(path.toNative().c_str(), &about) == 0) {
+        if (S_ISDIR(about.st_mode))
+            throw HostError(visiblePath(file) + " is a folder; give a file");
+    } else if (errno != ENOENT && errno != ENOTDIR) {
+        throw HostError("cannot read " + visiblePath(file) + ": " + systemsWords(errno));
+    }
+    return open(path.parentPath(), path, file, interactor);
+}
+
+} // namespace quendo::host

@@ -1,0 +1,73 @@
+#include "host/CommandLine.h"
+#include "tests/support/Process.h"
+
+#include <gtest/gtest.h>
+
+namespace quendo::host {
+namespace {
+
+Invocation parse(std::vector<const char*> words) {
+    words.insert(words.begin(), "quendo");
+    return parseCommandLine(static_cast<int>(words.size()), words.data());
+}
+
+StatusCommand parseStatus(std::vector<const char*> words) {
+    words.insert(words.begin(), "status");
+    return std::get<StatusCommand>(parse(words).command);
+}
+
+TEST(CommandLine, TakesPathsAsTheyAre) {
+    for (const char* path :
+         {"", "a b", "\xff\xfe", "log", "status", "[a,b]", "{x}", "a=b", "%%", "~"})
+        EXPECT_EQ(parseStatus({path}).folder, path);
+    EXPECT_EQ(parseStatus({"--", "--json"}).folder, "--json");
+    EXPECT_EQ(parseStatus({}).folder, ".");
+    const auto exported = std::get<ExportCommand>(parse({"export", "a", "log", "c"}).command);
+    EXPECT_EQ(exported.file + exported.revision + exported.target, "alogc");
+}
+
+TEST(CommandLine, TakesOptionsAnywhere) {
+    EXPECT_EQ(parseStatus({"-z", "x", "--porcelain"}).format, StatusFormat::PorcelainNul);
+    EXPECT_EQ(parseStatus({"--json"}).format, StatusFormat::Json);
+    EXPECT_EQ(std::get<LogCommand>(parse({"log", "f", "-n", "3"}).command).limit, 3);
+    EXPECT_EQ(parse({"--log", "notice", "status"}).logLevel, platform::Severity::Notice);
+    EXPECT_EQ(parse({"log", "--log=detail", "f"}).logLevel, platform::Severity::Detail);
+    EXPECT_EQ(parse({"status"}).logLevel, std::nullopt);
+}
+
+TEST(CommandLine, RefusesWrongUsageInOneLineThatNamesTheHelp) {
+    const std::pair<std::string, std::vector<std::vector<const char*>>> rows[] = {
+        {"", {{}, {"stauts"}, {"--nope"}}},
+        {" status", {{"--nope"}, {"a", "b"}, {"--json", "--porcelain"}, {"-z"}, {"--log", "loud"}}},
+        {" log", {{}, {"f", "-n", "0"}, {"f", "-n", "-1"}, {"f", "-n", "x"}}},
+        {" log", {{"-n", "99999999999999999999", "f"}}},
+        {" export", {{"f", "r"}}},
+        {" completion", {{"tcsh"}}},
+    };
+    for (const auto& [command, cases] : rows)
+        for (auto words : cases) {
+            if (!command.empty())
+                words.insert(words.begin(), &command[1]);
+            try {
+                parse(words);
+                ADD_FAILURE() << testing::PrintToString(words) << " was taken";
+            } catch (const UsageError& error) {
+                const std::string message = error.what();
+                EXPECT_TRUE(message.ends_with("see quendo" + command + " --help")) << message;
+                EXPECT_EQ(message.find('\n'), std::string::npos) << message;
+            }
+        }
+}
+
+TEST(Completion, BashCompletesCommandsAndOptions) {
+    const auto script = std::get<Notice>(parse({"completion", "bash"}).command).text + R"(
+        for words in 'st' 'status --po' '--log notice log --js' 'status --log d' 'completion f'; do
+            COMP_WORDS=(quendo $words); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
+            _quendo; echo -n "${COMPREPLY[*]} "
+        done)";
+    const auto result = test::runProcess({"bash", "-euc", script}, {});
+    EXPECT_EQ(result.output, "status --porcelain --json detail fish ") << result.errors;
+}
+
+} // namespace
+} // namespace quendo::host

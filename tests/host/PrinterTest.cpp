@@ -1,0 +1,162 @@
+#include "host/RevisionPrinter.h"
+#include "host/StatusPrinter.h"
+#include "host/VisibleText.h"
+#include "quendo/platform/UString.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+#include <array>
+#include <cstdlib>
+#include <ctime>
+#include <sstream>
+
+namespace quendo::host {
+namespace {
+
+using std::string;
+
+/// Names whose order by bytes is not their order as UTF-16, and every kind of record.
+StatusReport awkwardReport(StatusSelection selection = {}) {
+    using enum LocalStatus;
+    const Path root = Path::fromNative("/repo");
+    StatusReport report{"Git", root, root, {}, selection};
+    const std::tuple<const char*, LocalStatus, std::vector<std::u16string_view>, bool> rows[] = {
+        {"\xef\xbf\xbd", Modified, {u".M"}, false},
+        {"\xf0\x9f\x98\x80", Modified, {u"M."}, false},
+        {"bad\xff\n", Added, {u"A."}, false},
+        {"a.txt", Unmodified, {}, false},
+        {"removed", Deleted, {u"D.", u"??"}, false},
+        {"kept", Deleted, {u"D.", u"!!"}, false},
+        {"sub", External, {u".M"}, true},
+        {"clean", External, {}, true},
+        {"nested", NotUnderSourceControl, {u"??"}, true},
+        {"holder", NotUnderSourceControl, {}, true},
+        {"nested.txt", NotUnderSourceControl, {u"??"}, false},
+        {"out", Ignored, {u"!!"}, true},
+    };
+    for (const auto& [name, status, columns, isFolder] : rows) {
+        std::vector<FileProperty> properties;
+        for (const auto each : columns)
+            properties.emplace_back(property::columns, each);
+        report.states.emplace(root.child(name), FileState(status, isFolder, properties));
+    }
+    report.states.emplace(root, FileState(Unmodified, true));
+    report.states.emplace(
+        root.child("why"),
+        FileState(Unknown, false, {FileProperty(u"why", u"a\tb"), FileProperty(u"why", u"c")}));
+    return report;
+}
+
+TEST(StatusPrinter, PorcelainHasOneRecordForEachPairOfColumnsSortedByBytes) {
+    EXPECT_EQ(porcelainStatus(awkwardReport(), '\n'),
+              "A.\tbad\xff\n\nD.\tkept\n??\tnested.txt\n??\tnested/\nD.\tremoved\n??\tremoved\n"
+              ".M\tsub\n.M\t\xef\xbf\xbd\nM.\t\xf0\x9f\x98\x80\n");
+    const auto ignored = porcelainStatus(awkwardReport({.ignored = true}), '\0');
+    EXPECT_NE(ignored.find(string("D.\tkept\0!!\tkept\0", 16)), string::npos);
+    EXPECT_NE(ignored.find(string("!!\tout/\0", 8)), string::npos);
+    EXPECT_EQ(porcelainStatus(awkwardReport({.untrackedOnly = true}), '\n'),
+              "??\tnested.txt\n??\tnested/\n??\tremoved\n");
+
+    auto atTop = awkwardReport();
+    atTop.states = {{Path::fromNative("/etc"), atTop.states.at(atTop.root.child("sub"))}};
+    atTop.root = Path::fromNative("/");
+    EXPECT_EQ(porcelainStatus(atTop, '\n'), ".M\tetc\n");
+}
+
+TEST(StatusPrinter, JsonIsValidWhateverTheNames) {
+    std::map<string, nlohmann::json> byPath;
+    std::istringstream lines(jsonStatus(awkwardReport({.all = true, .ignored = true})));
+    for (string line; std::getline(lines, line);) {
+        const auto object = nlohmann::json::parse(line);
+        byPath[object.value("path_hex", object.at("path").get<string>())] = object;
+    }
+    EXPECT_EQ(byPath.size(), awkwardReport().states.size());
+    EXPECT_EQ(byPath.at(".").dump(),
+              R"({"folder":true,"path":".","properties":{},"state":"Unmodified","system":"Git"})");
+    EXPECT_EQ(byPath.at("626164ff0a").at("path"), "bad\xef\xbf\xbd\n");
+    EXPECT_EQ(byPath.at("removed").at("properties").dump(), R"({"columns":["D.","??"]})");
+    EXPECT_EQ(byPath.at("sub").at("properties").dump(), R"({"columns":".M"})");
+}
+
+TEST(StatusPrinter, SelectionDecidesWhatIsShown) {
+    const string some = "2 modified, 1 added, 2 deleted, 1 unknown, ";
+    const std::pair<StatusSelection, string> rows[] = {
+        {{}, some + "1 external, 2 untracked"},
+        {{.ignored = true}, some + "1 external, 2 untracked, 1 ignored"},
+        {{.all = true}, some + "2 external, 3 untracked, 2 unmodified"},
+        {{.untrackedOnly = true}, "2 untracked"},
+        {{.untrackedOnly = true, .ignored = true}, "2 untracked, 1 ignored"},
+    };
+    for (const auto& [selection, summary] : rows)
+        EXPECT_THAT(humanStatus(awkwardReport(selection), Path::fromNative("/x"), false),
+                    testing::EndsWith("\n" + summary + " in /repo (Git)\n"));
+}
+
+TEST(StatusPrinter, PeopleSeeEscapedPathsFromWhereTheyAre) {
+    auto report = awkwardReport();
+    const auto at = [&](const char* folder, bool colours = false) {
+        return humanStatus(report, Path::fromNative(folder), colours);
+    };
+    EXPECT_THAT(at("/repo/sub"), testing::HasSubstr("added       $'../bad\\xff\\n'\n"));
+    EXPECT_NE(at("/repo").find("untracked   nested/\n"), string::npos);
+    EXPECT_NE(at("/").find("external    repo/sub/\n"), string::npos);
+    EXPECT_NE(at("/else/where").find("unknown     /repo/why  (a\\tb; c)\n"), string::npos);
+    EXPECT_EQ(at("/repo").find('\x1b'), string::npos);
+    EXPECT_NE(at("/repo", true).find("\x1b[32madded\x1b[0m       $'bad"), string::npos);
+    report.states.clear();
+    EXPECT_EQ(at("/repo"), "nothing differs in /repo (Git)\n");
+}
+
+TEST(VisibleText, LeavesNothingForTheTerminalToActOn) {
+    const std::array<string, 3> rows[] = {
+        {"plain name", "plain name", "plain name"},
+        {"\u00e9\u20ac\U0001f600", "\u00e9\u20ac\U0001f600", "\u00e9\u20ac\U0001f600"},
+        {"it's\\", "it's\\", "it's\\"},
+        {"it's\\\n", R"(it's\\n)", R"($'it\'s\\\n')"},
+        {"\x1b[2J\x7f", R"(\x1b[2J\x7f)", R"($'\x1b[2J\x7f')"},
+        {"\u009b[1m", R"(\u009b[1m)", R"($'\u009b[1m')"},
+        {"\u202ecod.exe", R"(\u202ecod.exe)", R"($'\u202ecod.exe')"},
+        {"\U000e0001", R"(\U000e0001)", R"($'\U000e0001')"},
+        {"\xff\xc3", R"(\xff\xc3)", R"($'\xff\xc3')"},
+        {" x", " x", "$' x'"},
+    };
+    for (const auto& [bytes, text, path] : rows) {
+        EXPECT_EQ(visibleText(bytes), text);
+        EXPECT_EQ(visiblePath(bytes), path);
+    }
+}
+
+TEST(RevisionPrinter, ShowsWhatIsKnown) {
+    ::setenv("TZ", "CET-1", 1);
+    ::tzset();
+    const Path root = Path::fromNative("/repo");
+    std::vector<std::unique_ptr<Revision>> revisions;
+    for (const char* name : {"new", "old\xff"}) {
+        auto revision = std::make_unique<Revision>();
+        revision->id = UString(40, u'a');
+        revision->author = u"Ada\u001b";
+        revision->authorEmail = u"ada@example.org";
+        revision->message = u"first\nsecond";
+        revision->date = std::chrono::sys_days(std::chrono::year(1969) / 12 / 31) +
+                         std::chrono::minutes(23 * 60 + 59);
+        revision->path = root.child(name);
+        revisions.push_back(std::move(revision));
+    }
+    EXPECT_EQ(humanRevisions(revisions, root.child("new"), root),
+              "aaaaaaaaaa  1970-01-01 00:59  Ada\\x1b  first\n"
+              "aaaaaaaaaa  1970-01-01 00:59  Ada\\x1b  first  (as $'old\\xff')\n");
+    const auto lines = jsonRevisions(revisions, root, "Git");
+    const auto last = nlohmann::json::parse(lines.substr(lines.find('\n') + 1));
+    EXPECT_EQ(last.at("id"), string(40, 'a'));
+    EXPECT_EQ(last.at("date"), "1969-12-31T23:59:00Z");
+    EXPECT_EQ(last.at("message"), "first\nsecond");
+    EXPECT_EQ(last.at("email"), "ada@example.org");
+    EXPECT_EQ(last.at("path_hex"), "6f6c64ff");
+
+    revisions[0]->id = u"r1234";
+    EXPECT_EQ(shortID(*revisions[0]), "r1234");
+}
+
+} // namespace
+} // namespace quendo::host
