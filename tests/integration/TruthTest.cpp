@@ -1,0 +1,177 @@
+#include "tests/integration/Scenarios.h"
+
+#include <boost/algorithm/hex.hpp>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <set>
+#include <sstream>
+#include <thread>
+
+namespace quendo::test {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using Words = std::vector<std::string>;
+
+struct Answer {
+    bool refused = false;
+    Records records;
+    std::string errors;
+    bool operator==(const Answer& other) const {
+        return refused == other.refused && records == other.records;
+    }
+};
+
+std::string printable(const std::string& who, const Answer& answer) {
+    auto text = "  " + who + ":\n" + (answer.refused ? "    refused: " + answer.errors : "");
+    for (const auto& [columns, path] : answer.records)
+        text += "    " + columns + " " +
+                json(path.substr(0, 120)).dump(-1, ' ', true, json::error_handler_t::replace) +
+                "\n";
+    return text;
+}
+
+Words split(std::string_view text) {
+    std::istringstream stream{std::string(text)};
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
+/// What git says, in the program's words.
+Answer askGit(const GitSandbox& sandbox, const Scenario& scenario, bool ignored) {
+    const auto result =
+        sandbox.tryGit({"--no-optional-locks", "status", "--porcelain=v1", "-uall", "--no-renames",
+                        "-z", ignored ? "--ignored=matching" : "--ignored=no"},
+                       sandbox.work() / scenario.at);
+    Answer answer{result.exitCode != 0, recordsIn(result.output), result.errors};
+    for (const auto& path : split(scenario.unverified))
+        if (std::ranges::find(answer.records, path, &Record::path) == answer.records.end())
+            answer.records.push_back({".M", path});
+    std::ranges::stable_sort(answer.records, {}, &Record::path);
+    return answer;
+}
+
+Answer askQuendo(const GitSandbox& sandbox, const fs::path& root, bool ignored) {
+    Words arguments{"status", "--porcelain", "-z", root.native()};
+    if (ignored)
+        arguments.emplace_back("--ignored");
+    const auto result = runQuendo(sandbox, arguments);
+    if (const auto problem = notRefused(result);
+        result.exitCode != 0 ? !problem.empty() : !result.errors.empty())
+        throw std::runtime_error(problem);
+    return {result.exitCode != 0, recordsIn(result.output), result.errors};
+}
+
+/// The states that a path may have whose first record has these columns.
+Words statesFor(const std::string& columns) {
+    static const std::set<std::string> conflicts{"DD", "AU", "UD", "UA", "DU", "AA", "UU"};
+    return conflicts.contains(columns) ? Words{"Conflicted"}
+           : columns == "??"           ? Words{"NotUnderSourceControl", "External", "Unknown"}
+           : columns == "!!"           ? Words{"Ignored", "External"}
+           : columns[0] == 'D'         ? Words{"Deleted"}
+           : columns[1] == 'D'         ? Words{"Missing", "Unknown"}
+           : columns[0] == 'A' || columns[1] == 'A' ? Words{"Added", "Unknown"}
+                                                    : Words{"Modified", "Unknown"};
+}
+
+/// What does not fit between the states, the records and git's list of tracked files.
+std::string compareStates(const GitSandbox& sandbox, const fs::path& root, const Records& records) {
+    std::map<std::string, Words> columns;
+    for (const auto& record : records)
+        columns[record.path.substr(0, record.path.find_last_not_of('/') + 1)].push_back(
+            record.columns);
+    std::string problems;
+    std::set<std::string> seen;
+    std::istringstream output(
+        runQuendo(sandbox, {"status", "--json", "--all", "--ignored", root.native()}).output);
+    for (std::string line; std::getline(output, line);) {
+        const auto object = json::parse(line);
+        auto path = object["path"].get<std::string>();
+        if (object.contains("path_hex"))
+            path = boost::algorithm::unhex(object["path_hex"].get<std::string>());
+        const auto state = object["state"].get<std::string>();
+        auto shown = object["properties"].value("columns", json::array());
+        if (shown.is_string())
+            shown = json::array({shown});
+        const auto wanted = columns.extract(path);
+        const auto allowed = wanted             ? statesFor(wanted.mapped().front())
+                             : object["folder"] ? Words{state}
+                                                : Words{"Unmodified", "External", "Unknown"};
+        if (!seen.insert(path).second || shown != json(wanted ? wanted.mapped() : Words{}) ||
+            std::ranges::find(allowed, state) == allowed.end())
+            problems += "wrong, or there twice: " + line + "\n";
+    }
+    for (const auto& [path, missing] : columns)
+        problems += path + " is not in --json\n";
+    for (const auto& [none, path] : recordsIn(sandbox.git({"ls-files", "-tz"}, root), '\0', 1))
+        if (!seen.contains(path))
+            problems += "tracked " + path + " is not in --json\n";
+    return problems;
+}
+
+/// @return what is wrong with the row, empty when it agrees; the number of records in `count`
+std::string compare(const Scenario& scenario, std::string& count) {
+    const GitSandbox sandbox;
+    runScript(sandbox, scenario.script);
+    const auto root = sandbox.work() / scenario.at;
+    const auto git = askGit(sandbox, scenario, true);
+    count = git.refused ? "refused" : std::to_string(git.records.size()) + " records";
+    std::string problems;
+    const auto expectEqual = [&](const Answer& wanted, const Answer& got, const char* question) {
+        if (wanted != got)
+            problems += question + printable("git", wanted) + printable("instead", got);
+    };
+    expectEqual(git, askQuendo(sandbox, root, true), "with --ignored\n");
+    expectEqual(askGit(sandbox, scenario, false), askQuendo(sandbox, root, false), "without\n");
+    for (const auto& columns : split(scenario.shows))
+        if (columns == "refused" ? !git.refused
+            : columns == "-"
+                ? !git.records.empty()
+                : std::ranges::find(git.records, columns, &Record::columns) == git.records.end())
+            problems += "the row shows no " + columns + "\n" + printable("git", git);
+    if (git.refused)
+        return problems;
+    return problems + compareStates(sandbox, root, git.records);
+}
+
+// One test, so that the rows run in one process and the last check sees them all.
+TEST(Truth, AgreesWithGitInEveryCase) {
+    const auto& rows = scenarios();
+    struct Outcome {
+        std::string count;
+        std::string problems = "it was not run";
+    };
+    std::vector<Outcome> outcomes(rows.size());
+    std::atomic<std::size_t> next = 0;
+    const auto work = [&] {
+        for (std::size_t row = next++; row < rows.size(); row = next++) {
+            try {
+                outcomes[row].problems = compare(rows[row], outcomes[row].count);
+            } catch (const std::exception& error) {
+                outcomes[row].problems = error.what();
+            }
+        }
+    };
+    {
+        std::jthread beside(work);
+        work();
+    }
+    std::set<std::string_view> agreed;
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+        const auto& [count, problems] = outcomes[row];
+        const auto name = rows[row].name;
+        std::printf("%-6s%-70s%s\n", problems.empty() ? "ok" : "WRONG", name.data(), count.c_str());
+        EXPECT_EQ(problems, "") << name;
+        if (problems.empty())
+            agreed.insert(name.substr(0, name.find(": "))), agreed.insert(name);
+    }
+    for (const auto name : requiredCases())
+        EXPECT_TRUE(agreed.contains(name)) << "no row of the case " << name << " ran and agreed";
+}
+
+} // namespace
+} // namespace quendo::test
