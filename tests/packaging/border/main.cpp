@@ -1,0 +1,41 @@
+#include "all.h"
+
+#include <algorithm>
+#include <functional>
+#include <iostream>
+
+/// Whether `action` throws something that a handler for `Error` takes.
+template <class Error>
+bool throws(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const Error&) {
+        return true;
+    } catch (...) {
+    }
+    return false;
+}
+
+/// Made here, thrown again inside the library.
+void again() {
+    try {
+        throw shared_quendo::core::VFSChangeEventsError(u"/folder");
+    } catch (const quendo::exception::SourceControlException& error) {
+        error.clone()->rethrow();
+    }
+}
+
+int main() {
+    const auto badPath = [] { quendo::Path(std::u16string_view(u"a\0b", 3)); };
+    const auto executor = quendo::createStrandExecutor("border");
+    const auto deadlock = [&] { executor->runSyncTask([&] { executor->runSyncTask([] {}); }); };
+    const auto type = quendo::getCMAdapterType(*quendo::getCMAdapterFactory(quendo::Git{}));
+    const bool results[] = {throws<quendo::InvalidPathError>(badPath),
+                            throws<shared_quendo::core::VFSChangeEventsError>(again),
+                            throws<quendo::platform::IMsgIDException>(again),
+                            throws<quendo::ExecutorDeadlockError>(deadlock),
+                            std::holds_alternative<quendo::Git>(type)};
+    for (const bool& result : results)
+        std::cerr << "check " << &result - results << (result ? " holds\n" : " FAILED\n");
+    return std::ranges::count(results, false) != 0;
+}
