@@ -42,10 +42,12 @@ std::optional<fs::path> findFifo(const fs::path& folder, bool anyName) {
          end;
          !error && it != end && std::chrono::steady_clock::now() < deadline; it.increment(error)) {
         const auto name = it->path().filename();
-        if (name == ".git" || name == "objects")
+        // The repository's own metadata are looked through apart; those of others in it here.
+        if (name == "objects" || (name == ".git" && it.depth() == 0))
             it.disable_recursion_pending();
         const bool isRead = anyName || name == ".gitignore" || name == ".gitattributes" ||
-                            name == ".gitmodules" || name == ".git";
+                            name == ".gitmodules" || name == ".git" ||
+                            it->path().native().find("/.git/") != std::string::npos;
         std::error_code ignored;
         if (isRead && fs::is_fifo(it->status(ignored)))
             return it->path();
