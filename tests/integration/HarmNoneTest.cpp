@@ -101,7 +101,7 @@ TEST(HarmNone, LooksIntoSubmodulesAndNowhereElse) {
     runScript(sandbox, R"sh(i; git init -q s; git init -q ../evil/n; cd ../evil/n
         w .gitattributes '* filter=x'; w f; git add -A; git commit -qm n
         git config filter.x.clean 'touch ../../canary/n; cat'; mkdir ../../canary; stale f
-        cd ../../work/s; w f; git add f
+        cd - >&2; cd s; w f; git add f
         git update-index --add --cacheinfo 160000,$(git -C ../../evil/n rev-parse HEAD),n
         git commit -qm s; git config core.worktree ../../../evil; cd ..
         git update-index --add --cacheinfo 160000,$(git -C s rev-parse HEAD),s; git commit -qm c)sh");
