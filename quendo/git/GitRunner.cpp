@@ -24,7 +24,7 @@ constexpr std::uint64_t memoryBase = std::uint64_t{1} << 30;
 constexpr std::uint64_t memoryPerIndexByte = 20;
 
 // A filter may ask a server; git waits for it without a sign of life.
-constexpr int patience = 15;
+constexpr int patience = 3;
 
 std::string parentOf(const std::string& folder) {
     const auto slash = folder.rfind('/');
