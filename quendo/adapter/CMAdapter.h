@@ -102,7 +102,8 @@ public:
     getParentRevisions(const Revision& revision) const = 0;
 
     /// Writes `file` as it was in `revision` to `target`, as a checkout would: filters, line ends
-    /// and file mode included. `target` must not exist; it is there whole or not at all.
+    /// and file mode included; under the name that the revision gives the file, if it gives one.
+    /// `target` must not exist; it is there whole or not at all.
     virtual void exportRevision(const Path& file, const Revision& revision,
                                 const Path& target) const = 0;
 

@@ -6,6 +6,7 @@
 #include "quendo/git/GitHistory.h"
 #include "quendo/git/GitRunner.h"
 #include "quendo/git/GitStatus.h"
+#include "quendo/git/GitText.h"
 #include "quendo/git/MetadataFilter.h"
 #include "quendo/git/SmallFile.h"
 #include "quendo/platform/Logging.h"
@@ -19,11 +20,6 @@ namespace {
 [[noreturn]] void notAvailable(const char* operation) {
     throw exception::NotAvailableError(std::string(operation) +
                                        " is not available yet for Git; use git itself");
-}
-
-std::string withoutLineEnds(std::string text) {
-    text.erase(text.find_last_not_of("\r\n") + 1);
-    return text;
 }
 
 // What `git commit` would drop as well: lines that start with the comment character.

@@ -5,7 +5,7 @@
 #include "quendo/git/Repository.h"
 #include "quendo/platform/UString.h"
 
-#include <array>
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <optional>

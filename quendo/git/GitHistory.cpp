@@ -5,6 +5,7 @@
 #include "quendo/git/FilterDrivers.h"
 #include "quendo/git/GitFailure.h"
 #include "quendo/git/GitRunner.h"
+#include "quendo/git/GitText.h"
 #include "quendo/git/Repository.h"
 #include "quendo/git/SmallFile.h"
 
@@ -36,16 +37,6 @@ std::string_view takePart(std::string_view& text) {
     const auto part = text.substr(0, end);
     text.remove_prefix(end + 1);
     return part;
-}
-
-bool isObjectName(std::string_view text) {
-    return (text.size() == 40 || text.size() == 64) &&
-           text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
-}
-
-std::string withoutLineEnds(std::string text) {
-    text.erase(text.find_last_not_of('\n') + 1);
-    return text;
 }
 
 /// A file that is there whole under its name, or not at all.

@@ -17,7 +17,7 @@ class GitStatus {
 public:
     explicit GitStatus(GitRunner& git) : m_git(git) {}
 
-    /// `relative` and everything below it; "" is the whole working copy.
+    /// The folder or file and everything below it; without untracked and ignored ones unless asked.
     std::map<Path, FileState> ofFolder(const Path& folder, bool includeUntracked);
 
     /// Each path and everything below it.

@@ -2,6 +2,7 @@
 
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/FormatConfig.h"
+#include "quendo/git/GitText.h"
 #include "quendo/git/SmallFile.h"
 
 #include <algorithm>
@@ -26,12 +27,6 @@ constexpr off_t tableLimit = off_t{16} * 1024 * 1024 * 1024;
 
 std::string shown(std::string_view native) {
     return Path::fromNative(native).toUtf8();
-}
-
-std::string withoutLineEnd(std::string text) {
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-        text.pop_back();
-    return text;
 }
 
 std::string join(const std::string& folder, const std::string& path) {
@@ -83,11 +78,6 @@ bool isOwnedByUser(const std::string& path) {
     return caller != nullptr && *caller != '\0' && std::to_string(status.st_uid) == caller;
 }
 
-bool isObjectName(std::string_view text) {
-    return (text.size() == 40 || text.size() == 64) &&
-           text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
-}
-
 // As git reads a boolean: anything but these and 0 is on.
 bool isTrue(const std::string* value) {
     if (value == nullptr)
@@ -136,7 +126,7 @@ Repository Repository::open(const Path& folder) {
         if (!content || !content->starts_with("gitdir: "))
             throw DamagedRepositoryError(name + " is neither a folder nor a file that says where "
                                                 "the repository is (\"gitdir: …\")");
-        const auto target = join(*place, withoutLineEnd(content->substr(8)));
+        const auto target = join(*place, withoutLineEnds(content->substr(8)));
         const auto resolved = canonical(target);
         if (!resolved || !isFolder(*resolved))
             throw DamagedRepositoryError(name + " points to " + shown(target) +
@@ -147,7 +137,7 @@ Repository Repository::open(const Path& folder) {
     repository.m_gitDir = canonical(repository.m_gitDir).value_or(repository.m_gitDir);
     repository.m_commonDir = repository.m_gitDir;
     if (const auto common = readSmallFile(repository.m_gitDir + "/commondir", pointerLimit)) {
-        const auto target = join(repository.m_gitDir, withoutLineEnd(*common));
+        const auto target = join(repository.m_gitDir, withoutLineEnds(*common));
         const auto resolved = canonical(target);
         if (!resolved)
             throw DamagedRepositoryError(shown(repository.m_gitDir) + "/commondir points to " +
@@ -273,7 +263,7 @@ std::optional<std::string> Repository::headReference() const {
     const auto content = readSmallFile(m_gitDir + "/HEAD", pointerLimit);
     if (!content || !content->starts_with("ref:"))
         return std::nullopt;
-    auto name = withoutLineEnd(content->substr(4));
+    auto name = withoutLineEnds(content->substr(4));
     name.erase(0, std::min(name.find_first_not_of(" \t"), name.size()));
     // The name becomes part of a path: one that climbs out of the metadata names no branch.
     if (!name.starts_with("refs/") || name.find("..") != std::string::npos)
