@@ -19,7 +19,6 @@ namespace quendo {
 struct Path::Rep {
     std::atomic<std::uint32_t> references{1};
     std::uint32_t size = 0;
-    std::size_t hash = 0;
 
     char16_t* text() noexcept { return reinterpret_cast<char16_t*>(this + 1); }
     std::u16string_view view() noexcept { return {text(), size}; }
@@ -32,8 +31,6 @@ struct Path::Rep {
         rep->size = static_cast<std::uint32_t>(size);
         return rep;
     }
-
-    void computeHash() noexcept { hash = std::hash<std::u16string_view>()(view()); }
 
     static void release(Rep* rep) noexcept {
         if (rep != nullptr && rep->references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
@@ -157,6 +154,17 @@ std::u16string joined(bool absolute, const std::vector<std::u16string_view>& par
 
 } // namespace
 
+Path Path::detached() const {
+    if (m_rep == nullptr)
+        return {};
+    Rep* rep = Rep::allocate(m_rep->size);
+    std::ranges::copy(m_rep->view(), rep->text());
+    Path result;
+    result.m_rep = rep;
+    result.m_hash = m_hash;
+    return result;
+}
+
 Path::Path(std::u16string_view text) {
     if (!isPlainAscii(text)) {
         if (text.find(u'\0') != std::u16string_view::npos)
@@ -171,7 +179,9 @@ Path Path::fromNative(std::string_view bytes) {
     return Path().child(bytes);
 }
 
-Path::Path(const Path& other) noexcept : m_rep(other.m_rep) {
+Path::Path(Rep* rep) noexcept : m_rep(rep), m_hash(std::hash<std::u16string_view>()(rep->view())) {}
+
+Path::Path(const Path& other) noexcept : m_rep(other.m_rep), m_hash(other.m_hash) {
     if (m_rep != nullptr)
         m_rep->references.fetch_add(1, std::memory_order_relaxed);
 }
@@ -179,6 +189,7 @@ Path::Path(const Path& other) noexcept : m_rep(other.m_rep) {
 Path& Path::operator=(const Path& other) noexcept {
     Path copy(other);
     std::swap(m_rep, copy.m_rep);
+    std::swap(m_hash, copy.m_hash);
     return *this;
 }
 
@@ -186,6 +197,7 @@ Path& Path::operator=(Path&& other) noexcept {
     if (this != &other) {
         Rep::release(m_rep);
         m_rep = std::exchange(other.m_rep, nullptr);
+        m_hash = std::exchange(other.m_hash, 0);
     }
     return *this;
 }
@@ -261,7 +273,6 @@ Path Path::child(std::string_view relativeBytes) const {
         std::ranges::copy(relativeBytes, out);
     else
         decodeNative(relativeBytes, [&](char16_t unit) { *out++ = unit; });
-    rep->computeHash();
     return Path(rep);
 }
 
@@ -298,10 +309,6 @@ bool Path::isBelow(const Path& ancestor) const noexcept {
            rest.find_first_not_of(separator) != std::u16string_view::npos;
 }
 
-std::size_t Path::hash() const noexcept {
-    return m_rep != nullptr ? m_rep->hash : std::hash<std::u16string_view>()({});
-}
-
 std::strong_ordering operator<=>(const Path& a, const Path& b) noexcept {
     return a.string() <=> b.string();
 }
@@ -315,12 +322,7 @@ Path Path::fromValidText(std::u16string_view first, std::u16string_view second,
     char16_t* out = rep->text();
     for (const auto part : {first, second, third})
         out = std::ranges::copy(part, out).out;
-    rep->computeHash();
     return Path(rep);
-}
-
-bool Path::equalText(const Path& other) const noexcept {
-    return hash() == other.hash() && string() == other.string();
 }
 
 std::ostream& operator<<(std::ostream& stream, const Path& path) {

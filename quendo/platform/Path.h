@@ -10,6 +10,7 @@
 #include <iosfwd>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace quendo {
 
@@ -29,8 +30,8 @@ public:
 /// here looks at the disk. Order is that of UTF-16 code units, which differs from byte order for
 /// characters beyond U+FFFF.
 ///
-/// Cost: a Path is one pointer; copying, moving and destroying it allocate nothing, and the hash is
-/// computed once. Threads: values, free to be copied and read from any thread.
+/// Cost: a Path is a pointer and the hash; copying, moving and destroying it allocate nothing, and
+/// the hash is computed once. Threads: values, free to be copied and read from any thread.
 class QUENDO_API Path {
 public:
     /// The empty path.
@@ -44,7 +45,8 @@ public:
     static Path fromNative(std::string_view bytes);
 
     Path(const Path& other) noexcept;
-    Path(Path&& other) noexcept : m_rep(other.m_rep) { other.m_rep = nullptr; }
+    Path(Path&& other) noexcept
+        : m_rep(std::exchange(other.m_rep, nullptr)), m_hash(std::exchange(other.m_hash, 0)) {}
     Path& operator=(const Path& other) noexcept;
     Path& operator=(Path&& other) noexcept;
     ~Path();
@@ -57,6 +59,9 @@ public:
 
     /// The bytes that the operating system uses, exactly as they came.
     std::string toNative() const;
+
+    /// An equal path that shares no memory with this one.
+    Path detached() const;
 
     bool empty() const noexcept { return m_rep == nullptr; }
     bool isAbsolute() const noexcept;
@@ -89,21 +94,22 @@ public:
     /// the empty path. Text only.
     bool isBelow(const Path& ancestor) const noexcept;
 
-    std::size_t hash() const noexcept;
+    /// Of the text.
+    std::size_t hash() const noexcept { return m_hash; }
 
     friend bool operator==(const Path& a, const Path& b) noexcept {
-        return a.m_rep == b.m_rep || a.equalText(b);
+        return a.m_rep == b.m_rep || (a.m_hash == b.m_hash && a.string() == b.string());
     }
     friend QUENDO_API std::strong_ordering operator<=>(const Path& a, const Path& b) noexcept;
 
 private:
     struct Rep;
-    explicit Path(Rep* rep) noexcept : m_rep(rep) {}
+    explicit Path(Rep* rep) noexcept;
     static Path fromValidText(std::u16string_view first, std::u16string_view second = {},
                               std::u16string_view third = {});
-    bool equalText(const Path& other) const noexcept;
 
     Rep* m_rep = nullptr;
+    std::size_t m_hash = 0; // beside the pointer: a look-up need not read the text's memory for it
 };
 
 QUENDO_API std::ostream& operator<<(std::ostream& stream, const Path& path);

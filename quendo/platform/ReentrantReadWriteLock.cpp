@@ -68,6 +68,12 @@ private:
 
 constinit thread_local Holds holds;
 
+void pause() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
 void check(int error, const char* what) {
     if (error != 0)
         throw std::system_error(error, std::generic_category(), what);
@@ -90,10 +96,25 @@ struct ReentrantReadWriteLock::Impl {
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
+    // Most holds are shorter than going to sleep and being woken. A writer that sleeps also keeps
+    // readers out until it has been woken, so it tries for a while to find a moment without
+    // readers.
+    bool takenWithoutSleep(int (*tryIt)(pthread_rwlock_t*)) {
+        for (int i = 0; i < 200; ++i) {
+            if (tryIt(&lock) == 0)
+                return true;
+            pause();
+        }
+        return false;
+    }
+
     // The hold is noted first: noting can fail for lack of memory, and then nothing is locked.
-    void take(int (*lockIt)(pthread_rwlock_t*), std::uint32_t Hold::*count, const char* what) {
+    void take(int (*tryIt)(pthread_rwlock_t*), int (*lockIt)(pthread_rwlock_t*),
+              std::uint32_t Hold::*count, const char* what) {
         auto& hold = holds.add(this);
-        if (const int error = lockIt(&lock); error != 0) {
+        if (takenWithoutSleep(tryIt))
+            ;
+        else if (const int error = lockIt(&lock); error != 0) {
             holds.remove(hold);
             check(error, what);
         }
@@ -108,7 +129,8 @@ ReentrantReadWriteLock::Scope ReentrantReadWriteLock::read() const {
     if (auto* hold = holds.find(m_impl.get()))
         ++hold->reads;
     else
-        m_impl->take(pthread_rwlock_rdlock, &Hold::reads, "pthread_rwlock_rdlock");
+        m_impl->take(pthread_rwlock_tryrdlock, pthread_rwlock_rdlock, &Hold::reads,
+                     "pthread_rwlock_rdlock");
     return {m_impl.get(), false};
 }
 
@@ -119,7 +141,8 @@ ReentrantReadWriteLock::Scope ReentrantReadWriteLock::write() const {
                                    "side: release the read side first, then test again");
         ++hold->writes;
     } else {
-        m_impl->take(pthread_rwlock_wrlock, &Hold::writes, "pthread_rwlock_wrlock");
+        m_impl->take(pthread_rwlock_trywrlock, pthread_rwlock_wrlock, &Hold::writes,
+                     "pthread_rwlock_wrlock");
     }
     return {m_impl.get(), true};
 }
