@@ -14,6 +14,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/adapter/FileState.h
     quendo/adapter/LocalStatus.h
     quendo/adapter/MetadataFolder.h
+    quendo/adapter/QueryOrigin.h
     quendo/adapter/Revision.h
     quendo/adapter/SingleThreadedCMAdapter.h
     quendo/adapter/SupportedFeature.h

@@ -11,7 +11,8 @@
 namespace quendo {
 
 /// Tells source-control work that it is to stop. A trigger runs every listener on the triggering
-/// thread; it carries no state, so who connects later hears nothing of it.
+/// thread; it carries no state, so who connects later hears nothing of it. Who it is meant for, a
+/// listener asks QueryOrigin.
 class QUENDO_API Terminator {
 public:
     using Slot = boost::signals2::slot<void()>;

@@ -1,5 +1,6 @@
 #include "quendo/adapter/SingleThreadedCMAdapter.h"
 
+#include "quendo/adapter/QueryOrigin.h"
 #include "quendo/platform/Executor.h"
 
 #include <stdexcept>
@@ -8,7 +9,20 @@
 namespace quendo {
 
 // The arguments go into the tasks by value: a caller may be torn down while its task still waits,
-// if the executor is one that gives up.
+// if the executor is one that gives up. What the caller works for goes along, so that cancelling
+// that reaches the call, and nothing else that runs on the executor.
+namespace {
+
+template <class Operation>
+auto runFor(Executor& executor, Operation operation) {
+    return executor.runSyncTask(
+        [origin = QueryOrigin::current(), operation = std::move(operation)] {
+            const QueryOrigin::WorkScope scope(origin);
+            return operation();
+        });
+}
+
+} // namespace
 
 SingleThreadedCMAdapter::SingleThreadedCMAdapter(std::shared_ptr<Executor> executor,
                                                  std::unique_ptr<CMAdapter> adapter)
@@ -20,48 +34,47 @@ SingleThreadedCMAdapter::SingleThreadedCMAdapter(std::shared_ptr<Executor> execu
 SingleThreadedCMAdapter::~SingleThreadedCMAdapter() = default;
 
 void SingleThreadedCMAdapter::checkin(const Path& file, const UString& message) const {
-    m_executor->runSyncTask([=, this] { CMAdapterDecorator::checkin(file, message); });
+    runFor(*m_executor, [=, this] { CMAdapterDecorator::checkin(file, message); });
 }
 
 void SingleThreadedCMAdapter::checkin(const std::vector<Path>& files,
                                       const UString& message) const {
-    m_executor->runSyncTask([=, this] { CMAdapterDecorator::checkin(files, message); });
+    runFor(*m_executor, [=, this] { CMAdapterDecorator::checkin(files, message); });
 }
 
 void SingleThreadedCMAdapter::addFiles(const std::vector<Path>& files) const {
-    m_executor->runSyncTask([=, this] { CMAdapterDecorator::addFiles(files); });
+    runFor(*m_executor, [=, this] { CMAdapterDecorator::addFiles(files); });
 }
 
 void SingleThreadedCMAdapter::removeFiles(const std::vector<Path>& files) const {
-    m_executor->runSyncTask([=, this] { CMAdapterDecorator::removeFiles(files); });
+    runFor(*m_executor, [=, this] { CMAdapterDecorator::removeFiles(files); });
 }
 
 void SingleThreadedCMAdapter::moveFile(const Path& source, const Path& destination) const {
-    m_executor->runSyncTask([=, this] { CMAdapterDecorator::moveFile(source, destination); });
+    runFor(*m_executor, [=, this] { CMAdapterDecorator::moveFile(source, destination); });
 }
 
 void SingleThreadedCMAdapter::uncheckout(const std::vector<Path>& files) const {
-    m_executor->runSyncTask([=, this] { CMAdapterDecorator::uncheckout(files); });
+    runFor(*m_executor, [=, this] { CMAdapterDecorator::uncheckout(files); });
 }
 
 void SingleThreadedCMAdapter::resolveConflict(const Path& file) const {
-    m_executor->runSyncTask([=, this] { CMAdapterDecorator::resolveConflict(file); });
+    runFor(*m_executor, [=, this] { CMAdapterDecorator::resolveConflict(file); });
 }
 
 std::map<Path, FileState> SingleThreadedCMAdapter::getStatus(const std::vector<Path>& files) const {
-    return m_executor->runSyncTask([=, this] { return CMAdapterDecorator::getStatus(files); });
+    return runFor(*m_executor, [=, this] { return CMAdapterDecorator::getStatus(files); });
 }
 
 std::map<Path, FileState> SingleThreadedCMAdapter::getStatus(const Path& path,
                                                              bool includeUntracked) const {
-    return m_executor->runSyncTask(
-        [=, this] { return CMAdapterDecorator::getStatus(path, includeUntracked); });
+    return runFor(*m_executor,
+                  [=, this] { return CMAdapterDecorator::getStatus(path, includeUntracked); });
 }
 
 std::vector<std::unique_ptr<Revision>> SingleThreadedCMAdapter::listRevisions(
     const Path& file, std::optional<std::reference_wrapper<const Revision>> from) const {
-    return m_executor->runSyncTask(
-        [=, this] { return CMAdapterDecorator::listRevisions(file, from); });
+    return runFor(*m_executor, [=, this] { return CMAdapterDecorator::listRevisions(file, from); });
 }
 
 } // namespace quendo

@@ -1,5 +1,6 @@
 #include "quendo/git/Cancellation.h"
 
+#include "quendo/adapter/QueryOrigin.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/FileDescriptor.h"
 
@@ -13,6 +14,12 @@ namespace quendo::git {
 struct Cancellation::State {
     FileDescriptor event{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     std::atomic<bool> requested = false;
+
+    void request() noexcept {
+        requested.store(true);
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(event.get(), &one, sizeof one);
+    }
 };
 
 Cancellation::Cancellation(ApplicationInteractor* interactor) : m_state(std::make_shared<State>()) {
@@ -20,11 +27,14 @@ Cancellation::Cancellation(ApplicationInteractor* interactor) : m_state(std::mak
         throw std::system_error(errno, std::generic_category(), "eventfd");
     if (interactor == nullptr)
         return;
-    m_connection = interactor->getTerminator().connect([state = m_state] {
-        state->requested.store(true);
-        const std::uint64_t one = 1;
-        [[maybe_unused]] const auto written = ::write(state->event.get(), &one, sizeof one);
+    const auto origin = QueryOrigin::current();
+    m_connection = interactor->getTerminator().connect([state = m_state, origin] {
+        if (QueryOrigin::concerns(origin))
+            state->request();
     });
+    // The refresh that this call works for may have been cancelled while the call waited its turn.
+    if (origin != nullptr && origin->isCancelled())
+        m_state->request();
 }
 
 bool Cancellation::isRequested() const noexcept {

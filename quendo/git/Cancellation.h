@@ -10,7 +10,8 @@
 namespace quendo::git {
 
 /// Listens to the termination signal for the length of one adapter call. What was triggered
-/// before does not count, and nothing of it is left for the next call.
+/// before does not count, and nothing of it is left for the next call. A signal that cancels
+/// another refresh than the one this call works for does not count either (QueryOrigin).
 ///
 /// Threads: made and destroyed by the call; the signal may come from any thread.
 class Cancellation {

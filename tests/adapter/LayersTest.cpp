@@ -1,6 +1,8 @@
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/adapter/EventBroadcastingCMAdapter.h"
+#include "quendo/adapter/QueryOrigin.h"
 #include "quendo/adapter/SingleThreadedCMAdapter.h"
+#include "quendo/exception/AdapterErrors.h"
 #include "quendo/platform/Executor.h"
 #include "tests/support/Deadline.h"
 #include "tests/support/ScriptedAdapter.h"
@@ -101,6 +103,13 @@ TEST_F(LayersTest, OneThreadRunsWhatTouchesTheWorkingCopyAndNothingElse) {
     EXPECT_EQ(queued, "checkin checkins add remove move uncheckout resolve statuses status list ");
     EXPECT_EQ(direct, "discard checkout current ");
     EXPECT_THROW(executor->runSyncTask([&] { adapter.addFiles(files); }), ExecutorDeadlockError);
+
+    // What the caller works for goes along: the query of a cancelled refresh does not begin.
+    const auto origin = std::make_shared<QueryOrigin>();
+    origin->cancel();
+    const QueryOrigin::WorkScope scope(origin);
+    EXPECT_THROW(adapter.getStatus({other}), exception::OperationCancelledError);
+    EXPECT_EQ(executor->runSyncTask([] { return QueryOrigin::current(); }), nullptr);
     EXPECT_THROW(SingleThreadedCMAdapter(nullptr, probe({})), std::invalid_argument);
     EXPECT_THROW(SingleThreadedCMAdapter(executor, nullptr), std::invalid_argument);
 }

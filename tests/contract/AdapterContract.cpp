@@ -2,6 +2,7 @@
 
 #include "quendo/adapter/CMAdapter.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/adapter/QueryOrigin.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "tests/support/Process.h"
 #include "tests/support/TemporaryFolder.h"
@@ -435,6 +436,17 @@ private:
             expectEqual(answer, question(), "after a cancelled one");
             cancel();
             expectEqual(answer, question(), "after a trigger");
+            m_interactor->atNextConnection([this] {
+                const auto other = std::make_shared<QueryOrigin>();
+                const QueryOrigin::TriggerScope scope(*other);
+                m_interactor->getTerminationTrigger().trigger();
+            });
+            expectEqual(answer, question(), "while another refresh is cancelled");
+            m_interactor->atNextConnection(nullptr);
+            const auto origin = std::make_shared<QueryOrigin>();
+            origin->cancel();
+            const QueryOrigin::WorkScope scope(origin);
+            expectThrow<exception::OperationCancelledError>("a query cancelled before", question);
         }
         expect(!m_interactor->isConnected(), "a connection is left after the call");
         const boost::signals2::scoped_connection connection =

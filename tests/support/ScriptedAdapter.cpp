@@ -2,6 +2,7 @@
 
 #include "quendo/adapter/CMAdapter.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/adapter/QueryOrigin.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -150,9 +151,13 @@ private:
     }
 
     States scan(const Paths& paths, bool untracked) const {
-        std::atomic<bool> cancelled{false};
+        const auto origin = QueryOrigin::current();
+        std::atomic<bool> cancelled{origin != nullptr && origin->isCancelled()};
         const boost::signals2::scoped_connection connection =
-            m_interactor->getTerminator().connect([&cancelled] { cancelled = true; });
+            m_interactor->getTerminator().connect([&cancelled, origin] {
+                if (QueryOrigin::concerns(origin))
+                    cancelled = true;
+            });
         try {
             m_interactor->getProgressIndicator().report(u"Scanning", 0);
         } catch (...) {

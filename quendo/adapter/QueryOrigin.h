@@ -1,0 +1,67 @@
+#pragma once
+
+#include "quendo/platform/Export.h"
+
+#include <atomic>
+#include <memory>
+
+namespace quendo {
+
+/// One background refresh, as far as stopping it goes.
+///
+/// The termination signal of a folder (Terminator) serves everything that works for the folder and
+/// says nothing about who gave it. A refresh that is cancelled must stop its own query and nothing
+/// else: not the check-in that happens to run, nor the query of somebody else. So
+///
+/// - who works for a refresh marks its thread with a WorkScope; layers that move a call to another
+///   thread carry the mark over (SingleThreadedCMAdapter does);
+/// - who cancels a refresh calls cancel() and then gives the termination signal inside a
+///   TriggerScope of the same origin;
+/// - a working-copy operation takes current() when it starts, stops at once when that origin is
+///   cancelled already, and asks concerns() in its termination listener before it stops.
+///
+/// A signal without a mark is the host's own and concerns everybody.
+///
+/// Threads: any; the scopes belong to the thread that made them and nest.
+class QUENDO_API QueryOrigin : public std::enable_shared_from_this<QueryOrigin> {
+public:
+    void cancel() noexcept { m_cancelled.store(true); }
+    bool isCancelled() const noexcept { return m_cancelled.load(); }
+
+    /// What this thread works for; null when it works for no refresh.
+    static std::shared_ptr<const QueryOrigin> current() noexcept;
+
+    /// In a termination listener: whether the signal that is being given is meant for work that
+    /// started with `work` as its current().
+    static bool concerns(const std::shared_ptr<const QueryOrigin>& work) noexcept;
+
+    /// While it lives, this thread works for `origin`, or for none when that is null.
+    class QUENDO_API WorkScope {
+    public:
+        explicit WorkScope(std::shared_ptr<const QueryOrigin> origin) noexcept;
+        ~WorkScope();
+        WorkScope(const WorkScope&) = delete;
+        WorkScope& operator=(const WorkScope&) = delete;
+
+    private:
+        const std::shared_ptr<const QueryOrigin> m_origin;
+        const QueryOrigin* const m_outer;
+    };
+
+    /// While it lives, termination signals from this thread are meant for `origin` alone.
+    class QUENDO_API TriggerScope {
+    public:
+        explicit TriggerScope(const QueryOrigin& origin) noexcept;
+        ~TriggerScope();
+        TriggerScope(const TriggerScope&) = delete;
+        TriggerScope& operator=(const TriggerScope&) = delete;
+
+    private:
+        const QueryOrigin* const m_outer;
+    };
+
+private:
+    std::atomic<bool> m_cancelled{false};
+};
+
+} // namespace quendo
