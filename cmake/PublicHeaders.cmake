@@ -19,6 +19,13 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/adapter/SingleThreadedCMAdapter.h
     quendo/adapter/SupportedFeature.h
     quendo/adapter/UserInfo.h
+    quendo/cache/CMStatusCache.h
+    quendo/cache/CMStatusCacheChanges.h
+    quendo/cache/CMStatusCacheFolders.h
+    quendo/cache/CMStatusCacheFreshness.h
+    quendo/cache/CacheTask.h
+    quendo/cache/JobCombiningCMStatusCache.h
+    quendo/cache/Stoppable.h
     quendo/exception/AdapterErrors.h
     quendo/exception/MessageIDException.h
     quendo/exception/Rethrowable.h
@@ -57,5 +64,14 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/adapter/DispatchingProgressIndicator.h
     quendo/adapter/TriggerableStatusDispatcher.h
     quendo/adapter/TriggerableTerminator.h
+    quendo/cache/CacheBarrier.h
+    quendo/cache/CacheUpdateJob.h
+    quendo/cache/FileCacheUpdateJob.h
+    quendo/cache/FolderCacheUpdateJob.h
+    quendo/cache/JobQueingCacheUpdater.h
+    quendo/cache/NoOpTask.h
+    quendo/cache/PathTrie.h
+    quendo/cache/RefreshLedger.h
+    quendo/cache/TransactionalFileCache.h
     quendo/platform/Utf8.h
 )

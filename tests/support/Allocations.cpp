@@ -6,11 +6,15 @@
 namespace quendo::test {
 
 constinit thread_local std::size_t allocationCount = 0;
+constinit thread_local std::size_t allocationsUntilFailure = never;
 
 } // namespace quendo::test
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     ++quendo::test::allocationCount;
+    if (auto& left = quendo::test::allocationsUntilFailure;
+        left != quendo::test::never && left-- == 0)
+        return nullptr;
     return std::malloc(size != 0 ? size : 1);
 }
 void* operator new(std::size_t size) {

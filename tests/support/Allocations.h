@@ -8,4 +8,9 @@ namespace quendo::test {
 
 extern constinit thread_local std::size_t allocationCount;
 
+constexpr std::size_t never = static_cast<std::size_t>(-1);
+
+/// This many allocations succeed and then one fails, which makes it `never` again.
+extern constinit thread_local std::size_t allocationsUntilFailure;
+
 } // namespace quendo::test

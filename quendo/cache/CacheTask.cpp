@@ -1,0 +1,7 @@
+#include "quendo/cache/CacheTask.h"
+
+namespace quendo {
+
+CacheTask::~CacheTask() = default;
+
+} // namespace quendo

@@ -1,0 +1,276 @@
+#include "quendo/cache/JobCombiningCMStatusCache.h"
+
+#include "quendo/adapter/CMAdapter.h"
+#include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/cache/CacheBarrier.h"
+#include "quendo/cache/FileCacheUpdateJob.h"
+#include "quendo/cache/FolderCacheUpdateJob.h"
+#include "quendo/cache/JobQueingCacheUpdater.h"
+#include "quendo/cache/NoOpTask.h"
+#include "quendo/platform/Logging.h"
+#include "quendo/platform/ReentrantReadWriteLock.h"
+
+#include <algorithm>
+#include <atomic>
+#include <stdexcept>
+#include <string_view>
+#include <unordered_set>
+#include <utility>
+
+namespace quendo {
+namespace {
+
+template <class Pointer>
+Pointer notNull(Pointer pointer, const char* what) {
+    if (pointer == nullptr)
+        throw std::invalid_argument(what);
+    return pointer;
+}
+
+/// Calls `visit` with each part of `text`, until it answers true.
+template <class Visit>
+bool anyPart(std::u16string_view text, Visit&& visit) {
+    for (std::size_t start = 0; start <= text.size();) {
+        const auto end = std::min(text.find(u'/', start), text.size());
+        if (visit(text.substr(start, end - start)))
+            return true;
+        start = end + 1;
+    }
+    return false;
+}
+
+bool isModified(LocalStatus status) noexcept {
+    return status >= LocalStatus::Modified && status <= LocalStatus::Conflicted;
+}
+
+} // namespace
+
+struct JobCombiningCMStatusCache::Impl {
+    // Constant after construction.
+    const std::shared_ptr<CMAdapter> adapter;
+    const Path root = adapter->getRootFolder();
+    const std::vector<UString> forbiddenNames = adapter->getForbiddenFileNames();
+
+    // Own synchronisation.
+    const std::shared_ptr<CacheState> state = std::make_shared<CacheState>();
+    JobQueingCacheUpdater updater;
+    std::atomic<bool> folderStatusFlag{false};
+
+    ReentrantReadWriteLock loadedLock;      ///< never held together with another
+    std::unordered_set<Path> loadedFolders; ///< guarded by loadedLock
+
+    Impl(std::shared_ptr<CMAdapter> wrapped, std::shared_ptr<CMApplicationInteractor> interactor)
+        : adapter(notNull(std::move(wrapped), "a status cache needs an adapter")),
+          updater(state, adapter,
+                  notNull(std::move(interactor), "a status cache needs an interactor")) {}
+
+    bool isForbidden(std::u16string_view name) const {
+        return std::ranges::find(forbiddenNames, name) != forbiddenNames.end();
+    }
+
+    bool isLoaded(const Path& folder) const {
+        for (Path each = folder; !each.empty(); each = each.parentPath()) {
+            if (loadedFolders.contains(each))
+                return true;
+        }
+        return false;
+    }
+
+    std::shared_ptr<CacheBarrier> makeBarrier() const {
+        return std::make_shared<CacheBarrier>(updater.executor());
+    }
+
+    std::unique_ptr<CacheUpdateJob> makeFolderJob(const Path& folder, bool flag,
+                                                  std::shared_ptr<CacheBarrier> barrier) const {
+        RefreshRequest request;
+        request.folder = folder;
+        request.folderStatusFlag = flag;
+        request.barrier = std::move(barrier);
+        return std::make_unique<FolderCacheUpdateJob>(std::move(request), state->signals,
+                                                      state->ledger);
+    }
+
+    template <class Wanted>
+    std::vector<Path> pathsWhere(Wanted&& wanted) const {
+        std::vector<Path> result;
+        state->files.version().forEach([&](const Path& path, const FileState& fileState) {
+            if (wanted(fileState))
+                result.push_back(path);
+        });
+        return result;
+    }
+};
+
+JobCombiningCMStatusCache::JobCombiningCMStatusCache(
+    std::shared_ptr<CMAdapter> adapter, std::shared_ptr<CMApplicationInteractor> interactor)
+    : m_impl(std::make_unique<Impl>(std::move(adapter), std::move(interactor))) {}
+
+JobCombiningCMStatusCache::~JobCombiningCMStatusCache() {
+    auto& signals = *m_impl->state->signals;
+    signals.cacheChanged.disconnect_all_slots();
+    signals.tasksStarted.disconnect_all_slots();
+    signals.tasksFinished.disconnect_all_slots();
+    signals.changes.disconnect_all_slots();
+    signals.foldersChanged.disconnect_all_slots();
+}
+
+bool JobCombiningCMStatusCache::isFileIgnored(const Path& file) const {
+    QUENDO_LOG(Severity::Detail) << " file.string()=" << file;
+    const auto& root = m_impl->root;
+    const auto isForbidden = [&](std::u16string_view name) { return m_impl->isForbidden(name); };
+    // Nearly all files are plainly below the root: then nothing need be made to look at the names.
+    if (file.isBelow(root)) {
+        const auto below = file.string().substr(root.string().size());
+        if (!anyPart(below, [](auto name) { return name == u"." || name == u".."; }))
+            return anyPart(below, isForbidden);
+    }
+    return anyPart(file.lexicallyRelative(root).string(), isForbidden);
+}
+
+boost::signals2::connection
+JobCombiningCMStatusCache::connectCacheChanged(const ChangedSlot& slot) {
+    return m_impl->state->signals->cacheChanged.connect(slot);
+}
+
+boost::signals2::connection JobCombiningCMStatusCache::connectTasksStarted(const TasksSlot& slot) {
+    return m_impl->state->signals->tasksStarted.connect(slot);
+}
+
+boost::signals2::connection JobCombiningCMStatusCache::connectTasksFinished(const TasksSlot& slot) {
+    return m_impl->state->signals->tasksFinished.connect(slot);
+}
+
+std::shared_ptr<CacheTask> JobCombiningCMStatusCache::refreshFolder(const Path& folder) {
+    if (isFileIgnored(folder))
+        return std::make_shared<NoOpTask>();
+    auto barrier = m_impl->makeBarrier();
+    m_impl->updater.submit(m_impl->makeFolderJob(folder, getFolderStatusFlag(), barrier));
+    return barrier;
+}
+
+std::shared_ptr<CacheTask> JobCombiningCMStatusCache::loadFolder(const Path& folder) {
+    {
+        const auto hold = m_impl->loadedLock.read();
+        if (m_impl->isLoaded(folder))
+            return std::make_shared<NoOpTask>();
+    }
+    {
+        const auto hold = m_impl->loadedLock.write();
+        if (m_impl->isLoaded(folder))
+            return std::make_shared<NoOpTask>();
+        m_impl->loadedFolders.insert(folder);
+    }
+    return refreshFolder(folder);
+}
+
+std::shared_ptr<CacheTask>
+JobCombiningCMStatusCache::refreshCMStatuses(const std::vector<Path>& files) {
+    QUENDO_LOG(Severity::Detail) << " files.size()=" << files.size();
+    RefreshRequest request;
+    for (const auto& file : files) {
+        if (!isFileIgnored(file))
+            request.files.push_back(file);
+    }
+    if (request.files.empty())
+        return std::make_shared<NoOpTask>();
+    auto barrier = m_impl->makeBarrier();
+    request.barrier = barrier;
+    m_impl->updater.submit(std::make_unique<FileCacheUpdateJob>(
+        std::move(request), m_impl->state->signals, m_impl->state->ledger));
+    return barrier;
+}
+
+void JobCombiningCMStatusCache::refreshAll() {
+    refreshFolder(m_impl->root)->wait();
+}
+
+void JobCombiningCMStatusCache::setFolderStatusFlag(bool flag) {
+    m_impl->folderStatusFlag.store(flag);
+}
+
+bool JobCombiningCMStatusCache::getFolderStatusFlag() const {
+    return m_impl->folderStatusFlag.load();
+}
+
+std::optional<FileState> JobCombiningCMStatusCache::getCachedStatus(const Path& path) const {
+    return m_impl->state->files.find(path);
+}
+
+std::vector<Path> JobCombiningCMStatusCache::getModifiedFiles() const {
+    return m_impl->pathsWhere([](const FileState& state) { return isModified(state.getState()); });
+}
+
+std::vector<Path> JobCombiningCMStatusCache::getFilesWithStatus(LocalStatus status) const {
+    return m_impl->pathsWhere([&](const FileState& state) { return state.getState() == status; });
+}
+
+std::vector<Path> JobCombiningCMStatusCache::getCachedFiles() const {
+    auto result = m_impl->pathsWhere([](const FileState&) { return true; });
+    // Who watches the folders of what is listed takes the first one's without a further look.
+    if (!result.empty() && result.front() == m_impl->root)
+        std::swap(result.front(), result.back());
+    return result;
+}
+
+void JobCombiningCMStatusCache::stop() {
+    m_impl->updater.stop();
+}
+
+boost::signals2::connection
+JobCombiningCMStatusCache::connectChanges(const CMStatusCacheChanges::Slot& slot) {
+    return m_impl->state->signals->changes.connect(slot);
+}
+
+StatusListing JobCombiningCMStatusCache::listStatuses(const Path& folder) const {
+    const auto version = m_impl->state->files.version();
+    StatusListing result;
+    result.version = version.number();
+    version.forEachIn(folder, [&](const Path& path, const FileState& state) {
+        result.states.emplace_back(path, state);
+    });
+    return result;
+}
+
+FolderSummary JobCombiningCMStatusCache::getFolderSummary(const Path& folder) const {
+    return m_impl->state->files.version().summaryOf(folder);
+}
+
+std::vector<Path> JobCombiningCMStatusCache::getFolders() const {
+    return m_impl->state->files.version().folders();
+}
+
+std::uint64_t JobCombiningCMStatusCache::getFolderSetVersion() const {
+    return m_impl->state->files.version().folderSetNumber();
+}
+
+boost::signals2::connection
+JobCombiningCMStatusCache::connectFoldersChanged(const CMStatusCacheFolders::Slot& slot) {
+    return m_impl->state->signals->foldersChanged.connect(slot);
+}
+
+Freshness JobCombiningCMStatusCache::getFreshness(const Path& path) const {
+    return m_impl->updater.getFreshness(path);
+}
+
+std::shared_ptr<CacheTask> JobCombiningCMStatusCache::requireFreshFile(const Path& file) {
+    return refreshCMStatuses({file});
+}
+
+std::shared_ptr<CacheTask> JobCombiningCMStatusCache::requireFreshFolder(const Path& folder) {
+    if (isFileIgnored(folder))
+        return std::make_shared<NoOpTask>();
+    auto barrier = m_impl->makeBarrier();
+    const bool flag = getFolderStatusFlag();
+    auto job = m_impl->makeFolderJob(folder, flag, barrier);
+    if (!m_impl->updater.join(job, folder, flag))
+        m_impl->updater.submit(std::move(job));
+    return barrier;
+}
+
+std::shared_ptr<CMStatusCache>
+createJobCombiningCache(std::shared_ptr<CMAdapter> adapter,
+                        std::shared_ptr<CMApplicationInteractor> interactor) {
+    return std::make_shared<JobCombiningCMStatusCache>(std::move(adapter), std::move(interactor));
+}
+
+} // namespace quendo

@@ -1,0 +1,7 @@
+#include "quendo/cache/Stoppable.h"
+
+namespace quendo {
+
+Stoppable::~Stoppable() = default;
+
+} // namespace quendo

@@ -1,0 +1,79 @@
+#pragma once
+
+#include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/cache/JobCombiningCMStatusCache.h"
+#include "tests/support/Deadline.h"
+#include "tests/support/HookedAdapter.h"
+#include "tests/support/MemoryAdapter.h"
+#include "tests/support/SteppedExecutors.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+namespace quendo {
+
+/// A cache over a working copy in memory whose strand runs when the test says so, on its thread.
+class CacheFixture : public testing::Test {
+protected:
+    Path at(const std::string& name) const {
+        return name == "." ? copy->root : copy->root.child(name);
+    }
+    std::string nameOf(const Path& path) const {
+        return path.lexicallyRelative(copy->root).toUtf8();
+    }
+    std::vector<std::string> namesOf(std::vector<Path> paths) const {
+        std::vector<std::string> names;
+        for (const auto& path : paths)
+            names.push_back(nameOf(path));
+        std::ranges::sort(names);
+        return names;
+    }
+
+    void set(const std::string& name, LocalStatus status = LocalStatus::Unmodified) {
+        copy->set(at(name), status);
+    }
+    std::optional<LocalStatus> cached(const std::string& name) const {
+        const auto state = cache->getCachedStatus(at(name));
+        return state ? std::optional(state->getState()) : std::nullopt;
+    }
+
+    /// Runs what is queued on the strand, until nothing is.
+    void drain() {
+        while (executors.strand().runOne()) {
+        }
+    }
+    void refresh(const std::string& folder) {
+        const auto task = cache->refreshFolder(at(folder));
+        drain();
+        task->wait();
+    }
+
+    test::SteppedExecutors executors;
+    const std::shared_ptr<test::MemoryWorkingCopy> copy =
+        std::make_shared<test::MemoryWorkingCopy>(Path(u"/r/work"));
+    struct Interactor : CMApplicationInteractor {
+        TerminationTrigger& getTerminationTrigger() override {
+            asked();
+            return CMApplicationInteractor::getTerminationTrigger();
+        }
+        std::function<void()> asked = [] {};
+    };
+    const std::shared_ptr<Interactor> interactor = std::make_shared<Interactor>();
+    std::vector<std::string> queries; ///< "files a b", "folder a", and "folder+ a" with the flag
+    std::function<void()> inQuery = [] {};
+    std::shared_ptr<JobCombiningCMStatusCache> cache = std::make_shared<JobCombiningCMStatusCache>(
+        std::make_shared<test::HookedAdapter>(
+            test::makeMemoryAdapter(copy),
+            [this](const test::Query& query) {
+                queries.push_back(!query.ofFolder ? "files" : query.flag ? "folder+" : "folder");
+                for (const auto& path : query.paths)
+                    queries.back() += " " + nameOf(path);
+                inQuery();
+            }),
+        interactor);
+};
+
+} // namespace quendo

@@ -1,0 +1,363 @@
+#include "quendo/cache/CacheBarrier.h"
+#include "quendo/cache/Stoppable.h"
+#include "quendo/platform/Executor.h"
+#include "tests/cache/CacheFixture.h"
+#include "tests/contract/GitSubject.h"
+#include "tests/contract/ScriptedSubject.h"
+#include "tests/support/GitSandbox.h"
+#include "tests/support/LogCapture.h"
+
+namespace quendo {
+namespace {
+
+using enum LocalStatus;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+class CacheTest : public CacheFixture {};
+
+TEST_F(CacheTest, HoldsWhatTheAdapterAnsweredAndNothingElse) {
+    for (unsigned status = 0; status <= 9; ++status)
+        set("s" + std::to_string(status), static_cast<LocalStatus>(status));
+    set(".");
+    set("a", Added);
+    set("a/b");
+    set("a/new", NotUnderSourceControl);
+    set("a-b", Modified);
+    EXPECT_EQ(cached("a"), std::nullopt);
+    EXPECT_THAT(cache->getModifiedFiles(), IsEmpty());
+    refresh(".");
+    EXPECT_EQ(cached("a"), Added);
+    EXPECT_EQ(cached("a/new"), std::nullopt) << "the flag is false at the start";
+    cache->setFolderStatusFlag(true);
+    refresh(".");
+    EXPECT_EQ(cached("a/new"), NotUnderSourceControl);
+    EXPECT_THAT(namesOf(cache->getModifiedFiles()),
+                ElementsAre("a", "a-b", "s3", "s4", "s5", "s6", "s7"));
+    EXPECT_THAT(namesOf(cache->getFilesWithStatus(Modified)), ElementsAre("a-b", "s3"));
+    EXPECT_THAT(namesOf(cache->getFilesWithStatus(Unknown)), ElementsAre("s9"));
+    EXPECT_THAT(namesOf(cache->getCachedFiles()),
+                ElementsAre(".", "a", "a-b", "a/b", "a/new", "s0", "s1", "s2", "s3", "s4", "s5",
+                            "s6", "s7", "s8", "s9"));
+
+    // A file that is answered no more leaves, and so does a folder with all that was below it.
+    copy->erase(at("s1"));
+    copy->erase(at("a"));
+    copy->erase(at("a/b"));
+    copy->erase(at("a/new"));
+    const auto task = cache->refreshCMStatuses({at("s1"), at("s2")});
+    refresh("a");
+    task->wait();
+    EXPECT_EQ(cached("s1"), std::nullopt);
+    EXPECT_EQ(cached("s2"), Ignored);
+    EXPECT_EQ(cached("a"), std::nullopt) << "the folder's own entry";
+    EXPECT_EQ(cached("a/b"), std::nullopt);
+    EXPECT_EQ(cached("a-b"), Modified) << "is not below a";
+    EXPECT_EQ(executors.strand().name(), "CMStatusCache_work");
+}
+
+TEST_F(CacheTest, ListsTheRootFirstOnlyWhenItIsAlone) {
+    set(".");
+    refresh(".");
+    EXPECT_THAT(cache->getCachedFiles(), ElementsAre(copy->root));
+    for (int i = 0; i < 100; ++i) {
+        set(std::to_string(i));
+        refresh(".");
+        ASSERT_NE(cache->getCachedFiles().front(), copy->root) << i;
+    }
+}
+
+TEST_F(CacheTest, LeavesForbiddenNamesAlone) {
+    const std::pair<Path, bool> rows[] = {
+        {at(".fake"), true},
+        {at("a/.fake/b"), true},
+        {at(".lock"), true},
+        {at("a/.fakes"), false},
+        {at("a"), false},
+        {at("."), false},
+        {Path(u"/r/.fake"), true},
+        {Path(u"/r/other/.fake"), true},
+        {at("a/../.fake"), true},
+        {at("x/.fake/../a"), false},
+        {Path(u"/r/work//a"), false},
+        {Path(u""), false},
+    };
+    const test::LogCapture log;
+    for (const auto& [path, ignored] : rows)
+        EXPECT_EQ(cache->isFileIgnored(path), ignored) << path;
+    EXPECT_EQ(log.count(" file.string()=/r/work/.fake"), 1U);
+    EXPECT_EQ(log.records()[0].severity, 2);
+    EXPECT_EQ(log.records()[0].source, "cache/JobCombiningCMStatusCache");
+
+    cache->refreshFolder(at(".fake"))->wait();
+    cache->loadFolder(at(".fake"))->cancel();
+    cache->refreshCMStatuses({at(".lock"), at("b/.lock")})->wait();
+    cache->refreshCMStatuses({})->wait();
+    EXPECT_EQ(executors.strand().size(), 0U);
+}
+
+TEST_F(CacheTest, LoadsAFolderOnce) {
+    cache->loadFolder(at("a/b"));
+    cache->loadFolder(at("a/b/c"))->wait();
+    cache->loadFolder(at("a/b"))->wait();
+    cache->loadFolder(at("a/bc"));
+    drain();
+    cache->loadFolder(at("a"));
+    drain();
+    cache->loadFolder(at("a/z"))->wait();
+    EXPECT_THAT(queries, ElementsAre("folder a/b", "folder a/bc", "folder a"));
+}
+
+TEST_F(CacheTest, TellsEachStepInOrderOnTheStrand) {
+    std::vector<std::string> told;
+    const auto note = [&](const std::string& what) {
+        EXPECT_TRUE(executors.strand().isRunningInThisThread());
+        told.push_back(what);
+    };
+    CMStatusCache::Tasks started;
+    cache->connectTasksStarted([&](const CMStatusCache::Tasks& tasks) {
+        note("started " + std::to_string(tasks.size()));
+        started = tasks;
+    });
+    cache->connectTasksFinished([&](CMStatusCache::Tasks tasks) {
+        note("finished");
+        EXPECT_EQ(tasks, started);
+        EXPECT_THROW(tasks[0]->wait(), ExecutorDeadlockError);
+    });
+    cache->connectCacheChanged([&] { note("changed"); });
+    cache->connectFoldersChanged([&](const FolderSetChange& change) {
+        note("folders +" + std::to_string(change.appeared.size()) + " -" +
+             std::to_string(change.vanished.size()));
+        EXPECT_EQ(change.version, cache->getFolderSetVersion());
+    });
+    cache->connectChanges([&](const StatusChanges& changes) {
+        std::vector<std::string> rows;
+        const auto show = [](const auto& state) {
+            return state ? std::string(toString(state->getState())) : "-";
+        };
+        for (const auto& change : changes.changes)
+            rows.push_back(" " + nameOf(change.path) + ":" + show(change.before) + ">" +
+                           show(change.after));
+        std::ranges::sort(rows);
+        for (const auto& row : rows)
+            note("change" + row);
+        EXPECT_EQ(changes.version, cache->listStatuses(copy->root).version);
+    });
+    inQuery = [&] { note("query"); };
+
+    set("a/b");
+    set("a/c");
+    const auto tasks = {cache->refreshCMStatuses({at("a/b")}), cache->refreshCMStatuses({at("a")})};
+    drain();
+    EXPECT_TRUE(std::ranges::equal(tasks, started));
+    EXPECT_THAT(std::exchange(told, {}),
+                ElementsAre("started 2", "query", "change a/b:->Unmodified",
+                            "change a/c:->Unmodified", "folders +1 -0", "changed", "finished"));
+    set("a/b", Modified);
+    copy->erase(at("a/c"));
+    refresh("a");
+    EXPECT_THAT(std::exchange(told, {}),
+                ElementsAre("started 1", "query", "change a/b:Unmodified>Modified",
+                            "change a/c:Unmodified>-", "changed", "finished"));
+    refresh("a"); // the notice comes whether something changed or not
+    EXPECT_THAT(std::exchange(told, {}), ElementsAre("started 1", "query", "changed", "finished"));
+    copy->erase(at("a/b"));
+    refresh("a");
+    EXPECT_THAT(told, ElementsAre("started 1", "query", "change a/b:Modified>-", "folders +0 -1",
+                                  "changed", "finished"));
+}
+
+TEST_F(CacheTest, CountsWhatLiesInFolders) {
+    set("a/b/1", Modified);
+    set("a/b/2", Modified);
+    set("a/c");
+    refresh(".");
+    EXPECT_EQ(cache->getFolderSummary(at("a")).direct[Unmodified], 1U);
+    EXPECT_EQ(cache->getFolderSummary(at("a")).below[Modified], 2U);
+    EXPECT_EQ(cache->getFolderSummary(at("a/b")).direct[Modified], 2U);
+    EXPECT_EQ(cache->getFolderSummary(at("z")), FolderSummary());
+    EXPECT_THAT(cache->getFolders(), UnorderedElementsAre(at("a"), at("a/b")));
+    const auto listing = cache->listStatuses(at("a/b"));
+    EXPECT_EQ(listing.states.size(), 2U);
+    const auto version = cache->getFolderSetVersion();
+    set("a/b/3", Conflicted);
+    refresh("a/b");
+    EXPECT_EQ(cache->getFolderSetVersion(), version);
+    EXPECT_GT(cache->listStatuses(at("a/b")).version, listing.version);
+    EXPECT_EQ(cache->getFolderSummary(copy->root).below.total(), 4U);
+}
+
+TEST_F(CacheTest, TellsHowFreshAStateIs) {
+    using enum Freshness::Refresh;
+    const auto state = [&](const std::string& name) { return cache->getFreshness(at(name)); };
+    EXPECT_EQ(state("a").answeredAt, std::nullopt);
+    const auto before = std::chrono::steady_clock::now();
+    auto task = cache->refreshFolder(at("a"));
+    EXPECT_EQ(state("a/b/c").refresh, Waiting);
+    EXPECT_EQ(state("ab").refresh, None);
+    inQuery = [&] { EXPECT_EQ(state("a/b/c").refresh, Running); };
+    drain();
+    EXPECT_EQ(state("a/b/c").refresh, None);
+    const auto first = state("a/b/c").answeredAt;
+    EXPECT_GE(first, before);
+    EXPECT_EQ(state("ab").answeredAt, std::nullopt);
+
+    inQuery = [] {};
+    cache->refreshCMStatuses({at("a/b")});
+    drain();
+    EXPECT_GT(state("a/b").answeredAt, first);
+    EXPECT_EQ(state("a/b/c").answeredAt, first);
+
+    inQuery = [] { throw std::out_of_range("mine"); };
+    task = cache->refreshFolder(at("."));
+    drain();
+    EXPECT_THROW(task->wait(), std::out_of_range);
+    EXPECT_EQ(state("a/b/c").answeredAt, first);
+    EXPECT_THROW(std::rethrow_exception(state("a/b/c").failure), std::out_of_range);
+    inQuery = [] {};
+    refresh(".");
+    EXPECT_GT(state("a/b").answeredAt, first);
+    EXPECT_EQ(state("a/b").failure, nullptr);
+
+    // From now on: a query that runs already does not do, one that waits does.
+    std::shared_ptr<CacheTask> fresh, shared;
+    queries.clear();
+    inQuery = [&] {
+        if (fresh == nullptr) {
+            fresh = cache->requireFreshFolder(at("a"));
+            cache->refreshCMStatuses({at("x")});
+            shared = cache->requireFreshFolder(at("a/b"));
+            cache->setFolderStatusFlag(true);
+            cache->requireFreshFolder(at("a"));
+            cache->requireFreshFile(at("a/b"));
+        }
+    };
+    refresh(".");
+    EXPECT_THAT(queries, ElementsAre("folder .", "folder a", "files x", "folder+ a", "files a/b"));
+    fresh->wait();
+    shared->wait();
+}
+
+TEST_F(CacheTest, RefusesToWaitWhereItWouldWaitForItself) {
+    const auto task = cache->refreshFolder(at("a"));
+    executors.sourceControl().post([&] { EXPECT_THROW(task->wait(), ExecutorDeadlockError); });
+    executors.sourceControl().runOne();
+    boost::signals2::scoped_connection connection = cache->connectCacheChanged([&] {
+        connection.disconnect();
+        EXPECT_THROW(cache->refreshAll(), ExecutorDeadlockError);
+        EXPECT_THROW(task->wait(), ExecutorDeadlockError);
+    });
+    drain();
+    executors.sourceControl().post([&] { task->wait(); }); // it has ended
+    executors.sourceControl().runOne();
+}
+
+// With the cache's last reference gone, in the middle or before: waiters wake, listeners are left
+// in peace, and the interfaces are found by a cast.
+TEST_F(CacheTest, GoesInTheMiddleOfAJob) {
+    std::shared_ptr<CMStatusCache> base = createJobCombiningCache(
+        std::make_shared<test::HookedAdapter>(test::makeMemoryAdapter(copy),
+                                              [&](const test::Query&) { inQuery(); }),
+        interactor);
+    EXPECT_NE(dynamic_cast<Stoppable*>(base.get()), nullptr);
+    EXPECT_NE(dynamic_cast<CMStatusCacheChanges*>(base.get()), nullptr);
+    EXPECT_NE(dynamic_cast<CMStatusCacheFolders*>(base.get()), nullptr);
+    EXPECT_NE(dynamic_cast<CMStatusCacheFreshness*>(base.get()), nullptr);
+    int told = 0;
+    base->connectTasksStarted([&](const auto&) { ++told; });
+    base->connectCacheChanged([&] { ++told; });
+    base->connectTasksFinished([&](const auto&) { ++told; });
+    const auto running = base->refreshFolder(at("a"));
+    const auto queued = base->refreshFolder(at("b"));
+    inQuery = [&] {
+        base.reset();
+        queued->wait();
+    };
+    drain();
+    running->wait();
+    EXPECT_EQ(told, 1);
+    EXPECT_THROW(createJobCombiningCache(nullptr, interactor), std::invalid_argument);
+    EXPECT_THROW(createJobCombiningCache(test::makeMemoryAdapter(copy), nullptr),
+                 std::invalid_argument);
+}
+
+TEST(CacheBarrier, SettlesOnce) {
+    CacheBarrier succeeded, failed;
+    int cancelled = 0;
+    const auto connection = succeeded.connectCancel([&] { ++cancelled; });
+    EXPECT_TRUE(succeeded.isActive());
+    succeeded.complete();
+    succeeded.wait();
+    succeeded.wait();
+    EXPECT_THROW(succeeded.complete(), std::future_error);
+    succeeded.cancel();
+    EXPECT_FALSE(succeeded.isActive());
+    EXPECT_EQ(cancelled, 1);
+    connection.disconnect();
+    succeeded.cancel();
+    EXPECT_EQ(cancelled, 1);
+    EXPECT_THROW(succeeded.fail(nullptr), std::future_error);
+
+    failed.fail(std::make_exception_ptr(std::out_of_range("first")));
+    failed.fail(std::make_exception_ptr(std::domain_error("second")));
+    failed.complete();
+    EXPECT_THROW(failed.wait(), std::out_of_range);
+    EXPECT_THROW(failed.wait(), std::out_of_range);
+}
+
+/// The cache over real adapters, on the real executors.
+class CacheOverAdapter : public testing::TestWithParam<test::ContractSubject (*)()> {};
+
+TEST_P(CacheOverAdapter, AgreesWithTheAdapterAfterEveryRefresh) {
+    test::GitSandbox sandbox;
+    sandbox.enterEnvironment();
+    const auto subject = GetParam()();
+    const auto run = [&](const std::string& script) {
+        const auto result = sandbox.run({"sh", "-euc", subject.script + script}, sandbox.work());
+        ASSERT_EQ(result.exitCode, 0) << result.errors;
+    };
+    std::filesystem::create_directories(sandbox.work());
+    run("create; mkdir -p a/b; echo 1 > a/1; echo 2 > a/b/2; echo 3 > a-3; commit first");
+
+    const auto root = Path::fromNative(sandbox.work().native());
+    const auto interactor = std::make_shared<CMApplicationInteractor>();
+    const std::shared_ptr<CMAdapter> adapter = subject.factory()->createAdapter(root, interactor);
+    const auto cache = createJobCombiningCache(adapter, interactor);
+    cache->setFolderStatusFlag(true);
+    const auto agree = [&] {
+        std::map<Path, FileState> states;
+        for (const auto& path : cache->getCachedFiles())
+            states.emplace(path, cache->getCachedStatus(path).value());
+        EXPECT_EQ(states, adapter->getStatus(root, true));
+    };
+    cache->refreshAll();
+    agree();
+    EXPECT_THAT(cache->getModifiedFiles(), IsEmpty());
+
+    run("echo changed > a/b/2; echo 4 > a/4; add a/4; echo 5 > 5; rm a-3");
+    cache
+        ->refreshCMStatuses(
+            {root.child("a/b/2"), root.child("a/4"), root.child("5"), root.child("a-3")})
+        ->wait();
+    agree();
+    EXPECT_EQ(cache->getModifiedFiles().size(), 3U);
+
+    run("rm -r a; mkdir new; echo 6 > new/6; rm 5");
+    cache->refreshFolder(root.child("a"))->wait();
+    cache->refreshFolder(root.child("new"))->wait();
+    cache->refreshCMStatuses({root.child("5")})->wait();
+    agree();
+
+    run("echo 1 > a-3; commit second");
+    cache->refreshAll();
+    agree();
+}
+
+INSTANTIATE_TEST_SUITE_P(Cache, CacheOverAdapter,
+                         testing::Values([] { return test::scriptedSubject(); },
+                                         [] { return test::gitSubject(); }),
+                         [](const auto& value) { return value.index == 0 ? "Scripted" : "Git"; });
+
+} // namespace
+} // namespace quendo

@@ -1,0 +1,236 @@
+#include "quendo/adapter/FileState.h"
+#include "quendo/cache/TransactionalFileCache.h"
+#include "tests/support/Allocations.h"
+#include "tests/support/Deadline.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <set>
+
+namespace quendo {
+namespace {
+
+using Store = TransactionalFileCache<FileState>;
+using States = std::map<Path, FileState>;
+
+// Undoes what the standard library's hash (MurmurHash64A) does to a block of eight bytes, so that
+// names with one and the same hash can be made as an attacker would.
+constexpr std::uint64_t multiplier = 0xc6a4a7935bd1e995;
+constexpr std::uint64_t inverse() {
+    std::uint64_t result = 1;
+    for (int i = 0; i < 6; ++i)
+        result *= 2 - multiplier * result;
+    return result;
+}
+std::uint64_t mixed(std::uint64_t block) {
+    block *= multiplier;
+    return (block ^ (block >> 47)) * multiplier;
+}
+std::uint64_t unmixed(std::uint64_t block) {
+    block *= inverse();
+    return (block ^ (block >> 47)) * inverse();
+}
+
+/// Paths with equal hashes: two blocks each, the second of which undoes the first.
+std::vector<Path> collidingPaths(std::size_t count) {
+    std::vector<Path> paths;
+    const std::u16string first = u"/abc";
+    std::uint64_t firstBlock;
+    std::memcpy(&firstBlock, first.data(), 8);
+    const std::uint64_t seed = 0xc70f6907ULL ^ (16 * multiplier);
+    const auto after = [&](std::uint64_t block) { return (seed ^ mixed(block)) * multiplier; };
+    const std::uint64_t goal = after(firstBlock) ^ mixed(firstBlock);
+    for (char16_t i = 1; paths.size() < count; ++i) {
+        std::u16string text{u'/', i, u'x', u'y'};
+        std::uint64_t block;
+        std::memcpy(&block, text.data(), 8);
+        block = unmixed(goal ^ after(block));
+        text.resize(8);
+        std::memcpy(&text[4], &block, 8);
+        try {
+            if (text.find(u'/', 1) == text.npos)
+                paths.emplace_back(text);
+        } catch (const InvalidPathError&) {
+        }
+    }
+    return paths;
+}
+
+/// What the store says of folders, counted anew.
+void expectFoldersToAgree(const Store::Version& version, const States& states) {
+    std::map<Path, FolderSummary> expected;
+    for (const auto& [path, state] : states) {
+        ++expected[path.parentPath()].direct[state.getState()];
+        for (Path folder = path; !folder.empty();)
+            ++expected[folder = folder.parentPath()].below[state.getState()];
+    }
+    std::vector<Path> holding;
+    for (const auto& [folder, summary] : expected) {
+        EXPECT_EQ(version.summaryOf(folder), summary) << folder;
+        if (summary.direct.total() != 0)
+            holding.push_back(folder);
+    }
+    EXPECT_THAT(version.folders(), testing::UnorderedElementsAreArray(holding));
+}
+
+States contentsOf(const Store::Version& version, const Path& folder = {}) {
+    States states;
+    const auto add = [&](const Path& path, const FileState& state) {
+        EXPECT_TRUE(states.emplace(path, state).second) << path << " is listed twice";
+    };
+    if (folder.empty())
+        version.forEach(add);
+    else
+        version.forEachIn(folder, add);
+    return states;
+}
+
+// Random transactions against a plain map. Versions taken in between must stay as they were, and
+// names of one hash must live with all others.
+TEST(Store, DoesWhatAPlainMapDoes) {
+    const auto hostile = collidingPaths(40);
+    ASSERT_EQ(hostile.front().hash(), hostile.back().hash());
+    for (unsigned seed = 1; seed <= 5; ++seed) {
+        SCOPED_TRACE(seed);
+        std::mt19937 random(seed);
+        const auto below = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };
+        const auto anyPath = [&]() -> Path {
+            if (below(8) == 0)
+                return hostile[below(static_cast<unsigned>(hostile.size()))];
+            Path path(u"/r");
+            for (unsigned depth = below(4); depth > 0; --depth)
+                path =
+                    path.child(below(3) == 0 ? "a-" + std::to_string(below(9))
+                                             : std::string(1, static_cast<char>('a' + below(3))));
+            return path;
+        };
+        const auto anyState = [&] { return FileState(static_cast<LocalStatus>(below(10))); };
+        Store store;
+        States model;
+        std::vector<std::pair<Store::Version, States>> kept;
+        for (int step = 0; step < 60; ++step) {
+            const States before = model;
+            Store::Transaction transaction(store, true);
+            if (below(3) == 0) {
+                const auto folder = anyPath();
+                States answer;
+                for (unsigned i = below(60); i > 0; --i)
+                    answer.insert_or_assign(anyPath(), anyState());
+                std::erase_if(model, [&](const auto& entry) {
+                    return entry.first == folder || entry.first.isBelow(folder);
+                });
+                for (const auto& [path, state] : answer)
+                    model.insert_or_assign(path, state);
+                transaction.replace(folder, answer);
+            }
+            for (unsigned i = below(40); i > 0; --i) {
+                const auto path = anyPath();
+                if (below(3) == 0) {
+                    transaction.erase(path);
+                    model.erase(path);
+                } else {
+                    const auto state = anyState();
+                    transaction.put(path, state);
+                    model.insert_or_assign(path, state);
+                }
+            }
+            if (below(10) == 0) {
+                model = before; // given up
+                continue;
+            }
+            EXPECT_EQ(contentsOf(store.version()), before) << "visible before commit()";
+            const auto foldersOf = [](const Store::Version& of) {
+                const auto folders = of.folders();
+                return std::set(folders.begin(), folders.end());
+            };
+            const auto previous = store.version();
+            transaction.commit();
+            const auto version = store.version();
+            ASSERT_EQ(contentsOf(version), model);
+            ASSERT_EQ(version.size(), model.size());
+            expectFoldersToAgree(version, model);
+            EXPECT_EQ(version.folderSetNumber() != previous.folderSetNumber(),
+                      foldersOf(version) != foldersOf(previous));
+            const auto folder = anyPath();
+            auto inside = model;
+            std::erase_if(inside, [&](const auto& entry) {
+                return entry.first != folder && !entry.first.isBelow(folder);
+            });
+            EXPECT_EQ(contentsOf(version, folder), inside);
+            kept.emplace_back(version, model);
+        }
+        for (const auto& [version, states] : kept)
+            EXPECT_EQ(contentsOf(version), states) << "a version has changed";
+    }
+}
+
+// The work of a transaction is that of its changes, whatever the size of the store.
+TEST(Store, TouchesWhatChangesAndReadsWithoutAllocating) {
+    std::vector<std::size_t> touched;
+    for (const int folders : {50, 5000}) {
+        Store store;
+        States all, one;
+        for (int folder = 0; folder < folders; ++folder)
+            for (int file = 0; file < 20; ++file)
+                all.emplace(Path(u"/r").child(std::to_string(folder) + "/" + std::to_string(file)),
+                            LocalStatus::Unmodified);
+        {
+            Store::Transaction transaction(store);
+            transaction.replace(Path(u"/r"), all);
+            transaction.commit();
+        }
+        const Path folder(u"/r/7");
+        for (int file = 0; file < 18; ++file) // two are gone
+            one.emplace(folder.child(std::to_string(file)), LocalStatus::Modified);
+        Store::Transaction transaction(store);
+        transaction.replace(folder, one);
+        transaction.commit();
+        touched.push_back(transaction.touched());
+        EXPECT_EQ(store.version().summaryOf(Path(u"/r")).below[LocalStatus::Modified], 18U);
+
+        const auto allocations = test::allocationCount;
+        EXPECT_TRUE(store.find(all.begin()->first));
+        EXPECT_FALSE(store.find(folder));
+        EXPECT_EQ(test::allocationCount, allocations);
+    }
+    EXPECT_EQ(touched[0], touched[1]);
+    EXPECT_LT(touched[0], 100U);
+}
+
+// Readers see all of a transaction or nothing of it, in single look-ups taken through a version and
+// in listings, while transactions go on.
+TEST(Store, ShowsWholeTransactionsOnly) {
+    Store store;
+    States states[2];
+    for (int i = 0; i < 200; ++i) {
+        const auto path = Path(u"/r").child(std::to_string(i % 10) + "/" + std::to_string(i));
+        states[0].emplace(path, LocalStatus::Unmodified);
+        if (i % 3 != 0)
+            states[1].emplace(path, LocalStatus::Modified);
+    }
+    std::atomic<bool> done = false;
+    std::vector<std::future<void>> readers;
+    for (int reader = 0; reader < 3; ++reader)
+        readers.push_back(test::onThread([&] {
+            while (!done) {
+                const auto version = store.version();
+                const auto seen = contentsOf(version, Path(u"/r"));
+                EXPECT_TRUE(seen.empty() || seen == states[0] || seen == states[1]) << seen.size();
+                EXPECT_EQ(version.summaryOf(Path(u"/")).below.total(), seen.size());
+            }
+        }));
+    for (int i = 0; i < 300; ++i) {
+        Store::Transaction transaction(store);
+        transaction.replace(Path(u"/r"), states[i % 2]);
+        transaction.commit();
+    }
+    done = true;
+    for (auto& reader : readers)
+        test::within(std::move(reader));
+}
+
+} // namespace
+} // namespace quendo
