@@ -1,6 +1,8 @@
-#include "quendo/adapter/CMAdapter.h"
 #include "quendo/adapter/CMAdapterFactory.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/adapter/SingleThreadedCMAdapter.h"
+#include "quendo/cache/CMStatusCacheChanges.h"
+#include "quendo/cache/JobCombiningCMStatusCache.h"
 #include "quendo/factory/AllCMAdapterFactoryProvider.h"
 #include "quendo/platform/Executor.h"
 
@@ -19,11 +21,15 @@ int main(int argc, char** argv) try {
     if (!factory)
         throw std::runtime_error("no working copy here");
 
-    auto adapter =
-        factory->createAdapter(folder, std::make_shared<quendo::CMApplicationInteractor>());
-    auto states = quendo::getSourceControlExecutor()->runSyncTask(
-        [&] { return adapter->getStatus(adapter->getRootFolder(), true); });
-    for (const auto& [path, state] : states)
+    auto interactor = std::make_shared<quendo::CMApplicationInteractor>();
+    auto adapter = std::make_shared<quendo::SingleThreadedCMAdapter>(
+        quendo::getSourceControlExecutor(), factory->createAdapter(folder, interactor));
+    auto cache = quendo::createJobCombiningCache(adapter, interactor);
+    cache->setFolderStatusFlag(true); // untracked and ignored files too
+    cache->refreshAll();
+
+    auto& changes = dynamic_cast<quendo::CMStatusCacheChanges&>(*cache);
+    for (const auto& [path, state] : changes.listStatuses(adapter->getRootFolder()).states)
         if (state.getState() != quendo::LocalStatus::Unmodified && !state.isFolder())
             std::cout << quendo::toString(state.getState()) << ' ' << path.toUtf8() << '\n';
 } catch (const std::exception& error) {

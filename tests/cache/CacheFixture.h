@@ -53,7 +53,7 @@ protected:
 
     test::SteppedExecutors executors;
     const std::shared_ptr<test::MemoryWorkingCopy> copy =
-        std::make_shared<test::MemoryWorkingCopy>(Path(u"/r/work"));
+        std::make_shared<test::MemoryWorkingCopy>(Path(u"/r/copy"));
     struct Interactor : CMApplicationInteractor {
         TerminationTrigger& getTerminationTrigger() override {
             asked();

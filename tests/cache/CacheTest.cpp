@@ -54,7 +54,7 @@ TEST_F(CacheTest, HoldsWhatTheAdapterAnsweredAndNothingElse) {
     EXPECT_EQ(cached("a"), std::nullopt) << "the folder's own entry";
     EXPECT_EQ(cached("a/b"), std::nullopt);
     EXPECT_EQ(cached("a-b"), Modified) << "is not below a";
-    EXPECT_EQ(executors.strand().name(), "CMStatusCache_work");
+    EXPECT_EQ(executors.strand().name(), "CMStatusCache_copy");
 }
 
 TEST_F(CacheTest, ListsTheRootFirstOnlyWhenItIsAlone) {
@@ -80,13 +80,13 @@ TEST_F(CacheTest, LeavesForbiddenNamesAlone) {
         {Path(u"/r/other/.fake"), true},
         {at("a/../.fake"), true},
         {at("x/.fake/../a"), false},
-        {Path(u"/r/work//a"), false},
+        {Path(u"/r/copy//a"), false},
         {Path(u""), false},
     };
     const test::LogCapture log;
     for (const auto& [path, ignored] : rows)
         EXPECT_EQ(cache->isFileIgnored(path), ignored) << path;
-    EXPECT_EQ(log.count(" file.string()=/r/work/.fake"), 1U);
+    EXPECT_EQ(log.count(" file.string()=/r/copy/.fake"), 1U);
     EXPECT_EQ(log.records()[0].severity, 2);
     EXPECT_EQ(log.records()[0].source, "cache/JobCombiningCMStatusCache");
 
