@@ -36,12 +36,18 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/factory/CMAdapterFactoryProvider.h
     quendo/factory/InjectedCMAdapterFactories.h
     quendo/git/GitAdapterFactory.h
+    quendo/platform/ChangeEventsSubscriptionException.h
+    quendo/platform/DelayedTaskService.h
+    quendo/platform/EventMgr.h
     quendo/platform/Executor.h
     quendo/platform/ExecutorService.h
     quendo/platform/Export.h
     quendo/platform/FactorySources.h
     quendo/platform/FeatureFlagService.h
     quendo/platform/FileUtilities.h
+    quendo/platform/FolderDeletionWatcher.h
+    quendo/platform/FolderExternalChangeDetector.h
+    quendo/platform/FolderWatcher.h
     quendo/platform/IMsgIDException.h
     quendo/platform/InstallationService.h
     quendo/platform/IsChildFolderQuery.h
@@ -56,6 +62,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/platform/UString.h
     quendo/platform/UniqueFunction.h
     quendo/platform/UuidGenerator.h
+    quendo/platform/VirtualFileSystem.h
 )
 
 # Headers of the library's own use in folders of public ones. Those of quendo/git, quendo/svn (but

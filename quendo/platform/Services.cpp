@@ -1,15 +1,24 @@
 #include "quendo/platform/Services.h"
 
+#include "quendo/platform/DelayedTaskService.h"
+#include "quendo/platform/EventMgr.h"
 #include "quendo/platform/ExecutorService.h"
 #include "quendo/platform/FactorySources.h"
 #include "quendo/platform/FeatureFlagService.h"
 #include "quendo/platform/FileUtilities.h"
+#include "quendo/platform/FolderDeletionWatcher.h"
+#include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/InstallationService.h"
 #include "quendo/platform/SettingsService.h"
 #include "quendo/platform/UuidGenerator.h"
+#include "quendo/platform/VirtualFileSystem.h"
+#include "quendo/platform/standard/InotifyFolderWatcher.h"
+#include "quendo/platform/standard/StandardDelayedTaskService.h"
+#include "quendo/platform/standard/StandardEventMgr.h"
 #include "quendo/platform/standard/StandardExecutorService.h"
 #include "quendo/platform/standard/StandardFeatureFlagService.h"
 #include "quendo/platform/standard/StandardFileUtilities.h"
+#include "quendo/platform/standard/StandardFolderDeletionWatcher.h"
 #include "quendo/platform/standard/StandardInstallationService.h"
 #include "quendo/platform/standard/StandardMessageCatalogue.h"
 #include "quendo/platform/standard/StandardSettingsService.h"
@@ -21,10 +30,13 @@
 
 namespace quendo::platform {
 
+DelayedTaskService::~DelayedTaskService() = default;
 ExecutorService::~ExecutorService() = default;
 FactorySources::~FactorySources() = default;
 FeatureFlagService::~FeatureFlagService() = default;
 FileUtilities::~FileUtilities() = default;
+FolderDeletionWatcher::~FolderDeletionWatcher() = default;
+FolderDeletionWatcherFactory::~FolderDeletionWatcherFactory() = default;
 InstallationService::~InstallationService() = default;
 SettingsGroup::~SettingsGroup() = default;
 SettingsService::~SettingsService() = default;
@@ -55,6 +67,11 @@ const Services& standardServices() {
         .installation = std::make_shared<StandardInstallationService>(),
         .uuids = std::make_shared<StandardUuidGenerator>(),
         .files = std::make_shared<StandardFileUtilities>(),
+        .folderWatcher = InotifyFolderWatcher::instance(),
+        .deletionWatchers = std::make_shared<StandardFolderDeletionWatcherFactory>(),
+        .delayedTasks = std::make_shared<StandardDelayedTaskService>(),
+        .events = StandardEventMgr::instance(),
+        .fileSystem = StandardEventMgr::instance(),
     };
     return instance;
 }
@@ -74,6 +91,11 @@ std::shared_ptr<const Services> completed(Services services) {
     fill(services.installation, standard.installation);
     fill(services.uuids, standard.uuids);
     fill(services.files, standard.files);
+    fill(services.folderWatcher, standard.folderWatcher);
+    fill(services.deletionWatchers, standard.deletionWatchers);
+    fill(services.delayedTasks, standard.delayedTasks);
+    fill(services.events, standard.events);
+    fill(services.fileSystem, standard.fileSystem);
     return std::make_shared<const Services>(std::move(services));
 }
 

@@ -8,14 +8,19 @@
 
 namespace quendo::platform {
 
+class DelayedTaskService;
+class EventMgr;
 class ExecutorService;
 class FactorySources;
 class FeatureFlagService;
 class FileUtilities;
+class FolderDeletionWatcherFactory;
+class FolderWatcher;
 class InstallationService;
 class MessageCatalogue;
 class SettingsService;
 class UuidGenerator;
+class VirtualFileSystem;
 
 /// What the library asks of its host, as one immutable bundle. A member left null stands for the
 /// library's own implementation (see quendo/platform/standard), so a host sets only what it has.
@@ -29,6 +34,11 @@ struct QUENDO_API Services {
     std::shared_ptr<InstallationService> installation;
     std::shared_ptr<UuidGenerator> uuids;
     std::shared_ptr<FileUtilities> files;
+    std::shared_ptr<FolderWatcher> folderWatcher;
+    std::shared_ptr<FolderDeletionWatcherFactory> deletionWatchers;
+    std::shared_ptr<DelayedTaskService> delayedTasks;
+    std::shared_ptr<EventMgr> events;
+    std::shared_ptr<VirtualFileSystem> fileSystem;
 };
 
 /// Thrown by install() when services are in place already; names the place in the code that

@@ -65,7 +65,7 @@ TEST(Services, ScopesNestAndMissingMembersAreStandard) {
     }
     EXPECT_EQ(services(), held);
     EXPECT_TRUE(held->settings && held->executors && held->messages && held->installation &&
-                held->uuids && held->files);
+                held->uuids && held->files && held->folderWatcher);
     EXPECT_EQ(held->factorySources, nullptr);
     EXPECT_EQ(getSourceControlExecutor(), getSourceControlExecutor());
     EXPECT_NE(createStrandExecutor("a"), createStrandExecutor("a"));

@@ -1,0 +1,7 @@
+#include "quendo/platform/ChangeEventsSubscriptionException.h"
+
+namespace quendo::platform {
+
+ChangeEventsSubscriptionException::~ChangeEventsSubscriptionException() = default;
+
+} // namespace quendo::platform

@@ -1,0 +1,253 @@
+#include "quendo/platform/FolderExternalChangeDetector.h"
+#include "quendo/platform/standard/StandardDelayedTaskService.h"
+#include "tests/support/FakeFolderWatcher.h"
+#include "tests/support/SteppedDetection.h"
+#include "tests/support/TemporaryFolder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <optional>
+
+namespace quendo {
+namespace {
+
+using Kind = platform::FolderEvent::Kind;
+using testing::UnorderedElementsAre;
+namespace fs = std::filesystem;
+
+class ChangeDetectorTest : public testing::Test {
+protected:
+    void makeDetector() {
+        detector.emplace(root, std::chrono::milliseconds(250), [this](const Path& path) {
+            EXPECT_TRUE(path.isBelow(root)) << path;
+            return path.fileName().string() != u"refused";
+        });
+        detector->onChange([this] { inCallback(); });
+    }
+    Path at(const std::string& name) const { return root.child(name); }
+    void tell(Kind kind, const std::string& name) { watcher->tell(kind, at(name)); }
+    /// How often was told since the last call.
+    int told() {
+        detection.endWindows();
+        return std::exchange(count, 0);
+    }
+
+    test::TemporaryFolder folder;
+    const Path root = folder.quendoPath();
+    const std::shared_ptr<test::FakeFolderWatcher> watcher =
+        std::make_shared<test::FakeFolderWatcher>();
+    test::SteppedDetection detection{watcher};
+    int count = 0;
+    std::function<void()> inCallback = [this] { ++count; };
+    std::optional<FolderExternalChangeDetector> detector;
+};
+
+TEST_F(ChangeDetectorTest, TellsOnceForAWindowAndNothingWithoutAChange) {
+    makeDetector();
+    EXPECT_EQ(detection.endWindows(), 0U);
+    for (const auto kind : {Kind::Appeared, Kind::Changed, Kind::Vanished})
+        tell(kind, "index");
+    EXPECT_EQ(told(), 1);
+    tell(Kind::Changed, "refused");
+    EXPECT_EQ(detection.endWindows(), 0U);
+    watcher->tell(Kind::ContentsUnknown, root);
+    EXPECT_EQ(told(), 1);
+
+    inCallback = [this, again = true]() mutable {
+        ++count;
+        if (std::exchange(again, false))
+            tell(Kind::Changed, "index");
+        throw std::out_of_range("mine");
+    };
+    tell(Kind::Changed, "index");
+    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(told(), 1); // a change during the callback brings the next
+    EXPECT_EQ(told(), 0);
+}
+
+TEST_F(ChangeDetectorTest, WatchesTheTreeAsItIs) {
+    fs::create_directories(folder.path() / "a/b");
+    fs::create_directories(folder.path() / "refused/below");
+    fs::create_directories(folder.path() / "a b");
+    fs::create_directory_symlink("a", folder.path() / "link");
+    makeDetector();
+    EXPECT_THAT(watcher->watched(), UnorderedElementsAre(root, at("a"), at("a/b"), at("a b")));
+    EXPECT_EQ(told(), 0);
+
+    test::writeFile(folder.path() / "new/inner/file", "");
+    tell(Kind::Appeared, "new");
+    EXPECT_EQ(told(), 1);
+    fs::remove_all(folder.path() / "a");
+    tell(Kind::Vanished, "a");
+    EXPECT_EQ(told(), 1);
+    EXPECT_THAT(watcher->watched(),
+                UnorderedElementsAre(root, at("a b"), at("new"), at("new/inner")));
+    tell(Kind::Changed, "new/inner/file");
+    EXPECT_EQ(told(), 1);
+
+    // The folder goes, unseen below, and comes back as another.
+    fs::remove_all(folder.path());
+    watcher->tell(Kind::ContentsUnknown, root);
+    EXPECT_THAT(watcher->watched(), UnorderedElementsAre(root));
+    fs::create_directories(folder.path() / "new");
+    watcher->tell(Kind::ContentsUnknown, root);
+    EXPECT_THAT(watcher->watched(), UnorderedElementsAre(root, at("new")));
+    EXPECT_EQ(told(), 1);
+
+    // A host that refuses a folder later keeps the others alive; one that refuses at once is heard.
+    watcher->refused = at("late");
+    fs::create_directories(folder.path() / "late");
+    tell(Kind::Appeared, "late");
+    EXPECT_EQ(told(), 1);
+    EXPECT_THAT(watcher->watched(), UnorderedElementsAre(root, at("new")));
+    EXPECT_THROW(makeDetector(), platform::ChangeEventsSubscriptionException);
+    detector.reset();
+    EXPECT_THAT(watcher->watched(), UnorderedElementsAre());
+}
+
+TEST_F(ChangeDetectorTest, DisregardsWhatHappenedBetweenTheLines) {
+    makeDetector();
+    // Told late, but each on its side of the lines.
+    for (const std::string when : {"before", "between", "after"}) {
+        const auto changeIf = [&](const std::string& moment) {
+            if (moment == when)
+                tell(Kind::Changed, "index");
+        };
+        watcher->isHeld = true;
+        changeIf("before");
+        auto guard = detector->disable();
+        changeIf("between");
+        guard.release();
+        changeIf("after");
+        watcher->deliver();
+        EXPECT_EQ(told(), when == "between" ? 0 : 1) << when;
+    }
+    // The window runs on while detection is off.
+    tell(Kind::Changed, "index");
+    const auto off = detector->disable();
+    EXPECT_EQ(told(), 1);
+    // Of what is found by looking nobody knows when it happened.
+    tell(Kind::Changed, "index");
+    EXPECT_EQ(told(), 0);
+    watcher->tell(Kind::Changed, at("index"), true);
+    EXPECT_EQ(told(), 1);
+
+    // A switch: of three guards any that is released turns it on, and the others do not turn it
+    // off again.
+    auto second = detector->disable(), third = detector->disable();
+    second.release();
+    tell(Kind::Changed, "index");
+    EXPECT_EQ(told(), 1);
+    third.release();
+    tell(Kind::Changed, "index");
+    EXPECT_EQ(told(), 1);
+}
+
+TEST_F(ChangeDetectorTest, StaysOnWhenNoLineCanBeDrawn) {
+    makeDetector();
+    watcher->fails = true;
+    EXPECT_THROW((void)detector->disable(), std::bad_alloc);
+    watcher->fails = false;
+    tell(Kind::Changed, "index");
+    EXPECT_EQ(told(), 1);
+
+    auto guard = detector->disable();
+    watcher->fails = true;
+    guard.release();
+    watcher->fails = false;
+    tell(Kind::Changed, "index");
+    EXPECT_EQ(told(), 1);
+
+    // Nobody looks into a folder that is new when the line of the release is late: what is in it
+    // may have come afterwards.
+    guard = detector->disable();
+    fs::create_directory(folder.path() / "own");
+    tell(Kind::Appeared, "own");
+    EXPECT_EQ(told(), 0);
+    watcher->isHeld = true;
+    tell(Kind::Changed, "index");
+    guard.release();
+    watcher->deliver();
+    EXPECT_EQ(told(), 0);
+    guard = detector->disable();
+    fs::create_directory(folder.path() / "new");
+    watcher->isHeld = true;
+    tell(Kind::Appeared, "new");
+    guard.release();
+    watcher->deliver();
+    EXPECT_EQ(told(), 1);
+
+    guard = detector->disable();
+    detector.reset();
+    guard.release();
+}
+
+TEST_F(ChangeDetectorTest, WaitsForItsCallbackUnlessItIsDestroyedInIt) {
+    makeDetector();
+    bool behind = false;
+    inCallback = [&] { detector.reset(); };
+    detector->onChange([&] { behind = true; });
+    tell(Kind::Changed, "index");
+    detection.endWindows();
+    EXPECT_FALSE(detector.has_value());
+    EXPECT_FALSE(behind);
+
+    std::promise<void> entered, go;
+    std::atomic<bool> left = false;
+    inCallback = [&] {
+        entered.set_value();
+        test::within(go.get_future());
+        left = true;
+    };
+    makeDetector();
+    tell(Kind::Changed, "index");
+    auto callback = test::onThread([&] { detection.endWindows(); });
+    test::within(entered.get_future());
+    auto destroyed = test::onThread([&] {
+        detector.reset();
+        return left.load();
+    });
+    go.set_value();
+    EXPECT_TRUE(test::within(std::move(destroyed)));
+    test::within(std::move(callback));
+
+    inCallback = [&] { ++count; };
+    makeDetector();
+    tell(Kind::Changed, "index");
+    detector.reset();
+    EXPECT_EQ(told(), 0);
+}
+
+TEST(DelayedTasks, RunWhenTheyAreDueOnOneThreadThatGoes) {
+    std::promise<void> first, third;
+    std::promise<void> ended[2];
+    int threads = 0;
+    bool refuse = true;
+    platform::StandardDelayedTaskService service([&](UniqueFunction<void()> body) {
+        if (refuse)
+            throw std::system_error(EAGAIN, std::generic_category(), "no thread");
+        test::onThread([body = std::move(body), &end = ended[threads++]]() mutable {
+            body();
+            end.set_value();
+        });
+    });
+    const auto now = std::chrono::milliseconds(0);
+    EXPECT_THROW(service.runAfter(now, [] { std::abort(); }), std::system_error);
+    refuse = false;
+    service.runAfter(now, [&] {
+        service.runAfter(now, [&] { first.set_value(); });
+        throw std::out_of_range("mine");
+    });
+    test::within(first.get_future());
+    test::within(ended[0].get_future());
+    // One that is due sooner does not wait behind the other.
+    service.runAfter(std::chrono::hours(1), [] {});
+    service.runAfter(now, [&] { third.set_value(); });
+    test::within(third.get_future());
+    EXPECT_EQ(threads, 2);
+}
+
+} // namespace
+} // namespace quendo

@@ -1,0 +1,111 @@
+#include "quendo/platform/FolderDeletionWatcher.h"
+#include "quendo/platform/FolderWatcher.h"
+#include "quendo/platform/Services.h"
+#include "tests/support/Deadline.h"
+#include "tests/support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+namespace quendo::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// The open descriptors, and the kernel's watches that belong to them.
+std::pair<int, int> held() {
+    int descriptors = 0, watches = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fdinfo")) {
+        ++descriptors;
+        std::ifstream info(entry.path());
+        for (std::string line; std::getline(info, line);)
+            watches += line.starts_with("inotify ");
+    }
+    return {descriptors, watches};
+}
+
+TEST(FolderDeletion, IsToldOnceHoweverTheFolderGoes) {
+    const test::TemporaryFolder temporary;
+    const auto parent = temporary.path() / "parent", folder = parent / "folder";
+    const auto path = Path::fromNative(folder.native());
+    const auto settle = [] {
+        std::promise<void> reached;
+        services()->folderWatcher->fence([&] { reached.set_value(); });
+        test::within(reached.get_future());
+    };
+    const std::vector<std::function<void()>> ends{
+        [&] { fs::remove_all(folder); },
+        [&] { fs::remove_all(parent); },
+        [&] { fs::rename(folder, parent / "other"); },
+        [&] { fs::rename(parent, temporary.path() / "moved"); },
+        [&] {
+            fs::remove_all(folder); // the new one may get its number
+            fs::create_directory(folder);
+        },
+        [&] {
+            fs::create_directory(parent / "other");
+            fs::rename(parent / "other", folder);
+        },
+        [&] {
+            fs::rename(parent, temporary.path() / "moved");
+            fs::create_directories(folder);
+        },
+    };
+    const auto round = [&](std::size_t i) {
+        for (const auto& entry : fs::directory_iterator(temporary.path()))
+            fs::remove_all(entry);
+        fs::create_directories(folder);
+        std::atomic<int> told = 0;
+        std::promise<void> gone;
+        auto watcher = services()->deletionWatchers->watch(path);
+        watcher->onDeleted([&] {
+            EXPECT_TRUE(watcher->isDeleted());
+            if (++told == 1)
+                gone.set_value();
+        });
+        test::writeFile(folder / "file", "");
+        test::writeFile(parent / "neighbour", "");
+        fs::remove(folder / "file");
+        settle();
+        EXPECT_FALSE(watcher->isDeleted()) << i;
+        ends[i]();
+        test::within(gone.get_future());
+        settle();
+        EXPECT_EQ(told, 1) << i;
+    };
+    const auto kept =
+        services()->folderWatcher->watch(Path::fromNative(temporary.path().native()),
+                                         FolderWatcher::Scope::Itself, [](const FolderEvent&) {});
+    const auto before = held();
+    for (std::size_t i = 0; i < ends.size(); ++i) {
+        for (int times = 0; times < 100; ++times)
+            round(i);
+    }
+    EXPECT_EQ(held(), before);
+    fs::remove_all(parent);
+    EXPECT_TRUE(services()->deletionWatchers->watch(path)->isDeleted());
+}
+
+TEST(FolderDeletion, WatcherMayGoInItsListener) {
+    const test::TemporaryFolder temporary;
+    const auto folder = temporary.path() / "folder";
+    for (int i = 0; i < 100; ++i) {
+        fs::create_directory(folder);
+        auto watcher = services()->deletionWatchers->watch(Path::fromNative(folder.native()));
+        std::promise<void> gone;
+        watcher->onDeleted([&] {
+            watcher.reset();
+            gone.set_value();
+        });
+        watcher->onDeleted([] { ADD_FAILURE() << "the watcher has gone"; });
+        fs::remove(folder);
+        test::within(gone.get_future());
+    }
+}
+
+} // namespace
+} // namespace quendo::platform

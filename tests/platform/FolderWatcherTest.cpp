@@ -1,0 +1,554 @@
+#include "quendo/platform/FolderWatcher.h"
+#include "quendo/platform/Services.h"
+#include "quendo/platform/standard/InotifyFolderWatcher.h"
+#include "tests/support/Deadline.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryFolder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace quendo::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Kind = FolderEvent::Kind;
+using Means = WatchHealth::Means;
+using Scope = FolderWatcher::Scope;
+using test::onThread;
+using test::within;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+/// What the callbacks said: "+a", "~a" or "-a" for an entry, "?d" for a folder whose contents are
+/// unknown, paths below the root; and "native d" or "polled d" for its health. The same thing said
+/// twice running counts once, because one write may bring several events.
+class Heard {
+public:
+    explicit Heard(Path root) : m_root(std::move(root)) {}
+
+    FolderWatcher::Callback callback(const std::string& who = "") {
+        return [this, who](const FolderEvent& event) {
+            add(who + "+~-?"[static_cast<int>(event.kind)] + shown(event.path));
+        };
+    }
+    FolderWatcher::HealthSlot healthSlot() {
+        return [this](const Path& folder, const WatchHealth& health) {
+            add((health.means == Means::Native ? "native " : "polled ") + shown(folder));
+        };
+    }
+    /// All that was said until this was; forgets it.
+    std::vector<std::string> until(const std::string& text) {
+        std::unique_lock lock(m_mutex);
+        auto found = m_heard.end();
+        if (!m_changed.wait_until(lock, test::byDeadline(), [&] {
+                found = std::ranges::find(m_heard, text);
+                return found != m_heard.end();
+            })) {
+            ADD_FAILURE() << text << " did not come, but " << testing::PrintToString(m_heard);
+            return std::exchange(m_heard, {});
+        }
+        std::vector<std::string> result(m_heard.begin(), found + 1);
+        m_heard.erase(m_heard.begin(), found + 1);
+        return result;
+    }
+
+private:
+    std::string shown(const Path& path) const { return path.lexicallyRelative(m_root).toNative(); }
+    void add(const std::string& text) {
+        const std::lock_guard lock(m_mutex);
+        if (m_heard.empty() || m_heard.back() != text)
+            m_heard.push_back(text);
+        m_changed.notify_all();
+    }
+
+    const Path m_root;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<std::string> m_heard;
+};
+
+/// A folder, and a watcher of which every thread is joined in the end.
+class Watching : public testing::Test {
+protected:
+    test::TemporaryFolder folder;
+    const fs::path root = folder.path();
+    Heard heard{folder.quendoPath()};
+    InotifyFolderWatcherOptions options;
+    std::unique_ptr<InotifyFolderWatcher> watcher;
+    std::map<std::string, std::unique_ptr<FolderWatcher::Watch>> watches;
+
+    Watching() {
+        options.pollInterval = 1h; // what comes has been told by the system
+        options.startThread = [this](UniqueFunction<void()> body) {
+            std::thread thread(std::move(body));
+            const std::lock_guard lock(m_mutex);
+            m_threads.push_back(std::move(thread));
+        };
+    }
+    ~Watching() override { finish(); }
+
+    /// Returns when no thread is left.
+    void finish() {
+        watches.clear();
+        for (std::vector<std::thread> ending;;) {
+            {
+                const std::lock_guard lock(m_mutex);
+                ending.swap(m_threads);
+            }
+            if (ending.empty())
+                return;
+            for (auto& thread : ending)
+                within(onThread([&] { thread.join(); }));
+            ending.clear();
+        }
+    }
+    Path path(const std::string& name) const {
+        return Path::fromNative((name == "." ? root : root / name).native());
+    }
+    void watch(const std::string& name, Scope scope = Scope::Entries,
+               FolderWatcher::Callback callback = {}) {
+        if (watcher == nullptr) {
+            watcher = std::make_unique<InotifyFolderWatcher>(options);
+            watcher->connectHealthChanged(heard.healthSlot());
+        }
+        watches[name] = watcher->watch(path(name), scope, callback ? callback : heard.callback());
+    }
+    /// All that the system told until now: a later event in a folder of its own is the fence.
+    std::vector<std::string> untilNow() {
+        const auto name = "fence/" + std::to_string(m_fences++);
+        if (!watches.contains("fence")) {
+            fs::create_directory(root / "fence");
+            watch("fence");
+        }
+        fs::create_directory(root / name);
+        auto result = heard.until("+" + name);
+        std::erase_if(result, [](const auto& each) { return each.ends_with("fence"); });
+        result.pop_back();
+        return result;
+    }
+    Means means(const std::string& name) const { return watcher->getHealth(path(name)).means; }
+    std::string reason(const std::string& name) const {
+        return watcher->getHealth(path(name)).reason;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::thread> m_threads;
+    int m_fences = 0;
+};
+
+void writeMapped(const fs::path& file) {
+    const int opened = ::open(file.c_str(), O_RDWR);
+    void* const at = ::mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_SHARED, opened, 0);
+    *static_cast<char*>(at) = 'x';
+    ::munmap(at, 1);
+    ::close(opened);
+}
+
+TEST_F(Watching, TellsEveryKindOfChangeAndEveryName) {
+    std::string bytes;
+    for (int byte = 1; byte < 256; ++byte)
+        if (byte != '/')
+            bytes += static_cast<char>(byte);
+    watch(".");
+    untilNow();
+    const std::tuple<const char*, std::function<void()>, std::vector<std::string>> rows[] = {
+        {"new file", [&] { test::writeFile(root / "a", "1"); }, {"+a", "~a"}},
+        {"mapped", [&] { writeMapped(root / "a"); }, {"~a"}},
+        {"mode", [&] { fs::permissions(root / "a", fs::perms::owner_all); }, {"~a"}},
+        {"rename", [&] { fs::rename(root / "a", root / "b"); }, {"-a", "+b"}},
+        {"rename over",
+         [&] {
+             test::writeFile(root / "c", "");
+             fs::rename(root / "c", root / "b");
+         },
+         {"+c", "~c", "-c", "+b"}},
+        {"delete", [&] { fs::remove(root / "b"); }, {"-b"}},
+        {"folder", [&] { fs::create_directory(root / "d"); }, {"+d"}},
+        {"below", [&] { test::writeFile(root / "d/x", "1"); }, {}},
+        {"its own mode", [&] { fs::permissions(root, fs::perms::owner_all); }, {"~."}},
+        {"every byte", [&] { fs::create_directory(root / bytes); }, {"+" + bytes}},
+    };
+    for (const auto& [label, act, expected] : rows) {
+        act();
+        EXPECT_EQ(untilNow(), expected) << label;
+    }
+    EXPECT_EQ(means("."), Means::Native);
+    EXPECT_EQ(means("d"), Means::NotWatched);
+}
+
+// In every row d and d/e are watched at first, and the last line of the table's action leaves a
+// d/e behind that has to be watched.
+TEST_F(Watching, FollowsThePathAndNotTheFolder) {
+    const std::pair<const char*, std::function<void()>> rows[] = {
+        {"away and back",
+         [&] {
+             fs::rename(root / "d", root / "x");
+             EXPECT_THAT(untilNow(), testing::IsSupersetOf({"?d", "?d/e"}));
+             EXPECT_EQ(means("d/e"), Means::Polled);
+             EXPECT_THAT(reason("d/e"), HasSubstr("not there"));
+             test::writeFile(root / "x/e/elsewhere", "");
+             EXPECT_THAT(untilNow(), ElementsAre());
+             fs::rename(root / "x", root / "d");
+         }},
+        {"deleted and made anew",
+         [&] {
+             fs::remove_all(root / "d");
+             EXPECT_THAT(untilNow(), testing::IsSupersetOf({"?d", "?d/e", "polled d"}));
+             fs::create_directories(root / "d/e");
+         }},
+        {"replaced",
+         [&] {
+             fs::create_directories(root / "new/e");
+             fs::rename(root / "d", root / "old");
+             fs::rename(root / "new", root / "d");
+         }},
+        {"deleted while it is open",
+         [&] {
+             const int d = ::open((root / "d").c_str(), O_RDONLY);
+             const int e = ::open((root / "d/e").c_str(), O_RDONLY);
+             fs::remove_all(root / "d");
+             EXPECT_THAT(untilNow(), testing::IsSupersetOf({"?d", "?d/e"}));
+             ::close(d);
+             ::close(e);
+             fs::create_directories(root / "d/e");
+         }},
+    };
+    for (const Scope scope : {Scope::Itself, Scope::Entries})
+        for (const auto& [label, act] : rows) {
+            SCOPED_TRACE(label);
+            fs::create_directories(root / "d/e");
+            watch(".", scope, [](const FolderEvent&) {});
+            watch("d", scope);
+            watch("d/e");
+            untilNow();
+            act();
+            EXPECT_THAT(untilNow(), testing::IsSupersetOf({"?d", "?d/e"}));
+            test::writeFile(root / "d/e/file", "");
+            EXPECT_THAT(untilNow(), ElementsAre("+d/e/file", "~d/e/file"));
+            EXPECT_EQ(std::pair(means("d"), means("d/e")), std::pair(Means::Native, Means::Native));
+            watches.clear();
+            for (const auto& entry : fs::directory_iterator(root))
+                fs::remove_all(entry);
+        }
+}
+
+TEST_F(Watching, ComesBackWithoutAWatchedParent) {
+    options.pollInterval = 5ms;
+    fs::create_directory(root / "d");
+    watch("d", Scope::Itself);
+    watch("nowhere");
+    EXPECT_EQ(means("nowhere"), Means::Polled);
+    for (int i = 0; i < 2; ++i) {
+        fs::rename(root / "d", root / "x");
+        heard.until("polled d");
+        fs::rename(root / "x", root / "d");
+        EXPECT_THAT(heard.until("native d"), ElementsAre("?d", "native d"));
+    }
+    fs::create_directory_symlink("d", root / "nowhere");
+    fs::remove(root / "nowhere");
+    fs::create_directory(root / "nowhere");
+    heard.until("native nowhere");
+    fs::create_directory(root / "nowhere/a");
+    heard.until("+nowhere/a");
+}
+
+TEST_F(Watching, SubscribersAndSpellingsShareAFolder) {
+    fs::create_directories(root / "real/d");
+    fs::create_directory_symlink("real", root / "link");
+    watch("real/d", Scope::Itself);
+    watch("link/d");
+    watches["second"] = watcher->watch(path("link/d"), Scope::Entries, heard.callback("second "));
+    untilNow();
+    fs::create_directory(root / "real/d/a");
+    EXPECT_THAT(untilNow(), ElementsAre("+link/d/a", "second +link/d/a"));
+    watch("real/d");
+    fs::create_directory(root / "real/d/b");
+    EXPECT_THAT(untilNow(),
+                testing::UnorderedElementsAre("+link/d/b", "second +link/d/b", "+real/d/b"));
+    watches.erase("link/d");
+    watches.erase("second");
+    fs::create_directory(root / "real/d/c");
+    EXPECT_THAT(untilNow(), ElementsAre("+real/d/c"));
+    watch("link/d");
+    fs::rename(root / "real/d", root / "x");
+    EXPECT_THAT(untilNow(), testing::IsSupersetOf({"?real/d", "?link/d"}));
+    watch("link");
+    EXPECT_THAT(reason("link"), HasSubstr("symbolic link"));
+}
+
+TEST_F(Watching, EndsInsideItsCallbackAndWaitsForOneElsewhere) {
+    const auto asking = [&] { // in the end; would wait for ever if a lock were held
+        return std::shared_ptr<void>(nullptr, [this](void*) { means("."); });
+    };
+    fs::create_directory(root / "d");
+    std::promise<void> made, erased, inside, go;
+    watch(".", Scope::Entries, [&, own = asking()](const FolderEvent&) {
+        within(made.get_future());
+        watches.erase("."); // the last watch
+        watch("d");
+        erased.set_value();
+        throw std::runtime_error("swallowed");
+    });
+    fs::create_directory(root / "fence");
+    made.set_value();
+    within(erased.get_future());
+    int calls = 0; // plain: the sanitizer tells when ending does not wait
+    watch("d", Scope::Entries, [&, own = asking()](const FolderEvent&) {
+        inside.set_value();
+        within(go.get_future());
+        ++calls;
+    });
+    fs::create_directory(root / "d/a");
+    within(inside.get_future());
+    auto ended = onThread([&] { watches.erase("d"); });
+    fs::create_directory(root / "d/b");
+    EXPECT_EQ(ended.wait_for(1ms), std::future_status::timeout);
+    go.set_value();
+    within(std::move(ended));
+    untilNow();
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(Watching, TellsThatEventsWereLostAndGoesOn) {
+    // Once it did not come to its end beside much other load; that is not understood yet.
+    if (std::getenv("QUENDO_LONG") == nullptr)
+        GTEST_SKIP() << "SKIPPED: runs in the long form only";
+    int most = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> most;
+    if (most > 200'000)
+        GTEST_SKIP() << "SKIPPED: the queue of the kernel is too long to be filled";
+    std::mutex gate; // the test holds up who takes it
+    const auto pass = [&] { const std::lock_guard lock(gate); };
+    options.beforeRead = pass;
+    options.queueBound = 4096;
+    for (const int events : {200, most + 100}) { // the queue in memory, and the kernel's
+        SCOPED_TRACE(events);
+        fs::create_directories(root / "d/e");
+        watch("d");
+        watch("d/e");
+        watch("gate", Scope::Entries, [&](const FolderEvent&) { pass(); });
+        untilNow();
+        const test::LogCapture log;
+        {
+            std::unique_lock lock(gate);
+            fs::remove(root / "d/e");
+            fs::create_directory(root / "d/e");
+            for (int i = 0; i < events / 2; ++i) {
+                ::mknod((root / "d/x").c_str(), S_IFREG, 0);
+                ::unlink((root / "d/x").c_str());
+            }
+        }
+        heard.until("?d");
+        EXPECT_THAT(heard.until("?fence"), testing::Contains("?d/e"));
+        EXPECT_GE(log.count("Events of 4 watched folders were lost"), 1U);
+        untilNow();
+        fs::create_directory(root / "d/e/later");
+        EXPECT_THAT(untilNow(), testing::Contains("+d/e/later"));
+        fs::remove_all(root / "d");
+        untilNow();
+    }
+}
+
+TEST_F(Watching, UnreadableFoldersAreWatchedOnceTheyCanBeRead) {
+    options.pollInterval = 5ms;
+    fs::create_directory(root / "d");
+    fs::permissions(root / "d", fs::perms::none);
+    if (::access((root / "d").c_str(), R_OK) == 0)
+        GTEST_SKIP() << "SKIPPED: run without root's powers over files, as ./test does";
+    watch("d");
+    EXPECT_EQ(means("d"), Means::Polled);
+    EXPECT_THAT(reason("d"), HasSubstr("permission"));
+    fs::permissions(root / "d", fs::perms::owner_all);
+    heard.until("?d");
+    heard.until("native d");
+    fs::create_directory(root / "d/a");
+    EXPECT_THAT(heard.until("+d/a"), ElementsAre("+d/a"));
+}
+
+TEST_F(Watching, RemoteFileSystemsArePolledBeside) {
+    struct statfs found {};
+    ::statfs(root.c_str(), &found);
+    options.polledFileSystems = {static_cast<std::uint32_t>(found.f_type)};
+    options.pollInterval = 5ms;
+    fs::create_directory(root / "old");
+    watch(".");
+    EXPECT_EQ(means("."), Means::Polled);
+    EXPECT_THAT(reason("."), HasSubstr("others change"));
+    fs::create_directory(root / "a");
+    for (int i = 0; i < 2; ++i) // by the system and by a look
+        heard.until("+a");
+    fs::remove(root / "old");
+    for (int i = 0; i < 2; ++i)
+        heard.until("-old");
+}
+
+TEST_F(Watching, WithoutAThreadSaysSoAndRecovers) {
+    bool fails = true;
+    options.startThread = [&, start = options.startThread](UniqueFunction<void()> body) {
+        if (fails)
+            throw std::system_error(EAGAIN, std::generic_category());
+        start(std::move(body));
+    };
+    fs::create_directory(root / "d");
+    watch("d");
+    EXPECT_EQ(means("d"), Means::NotWatched);
+    EXPECT_THAT(reason("d"), HasSubstr("thread"));
+    fails = false;
+    watch(".");
+    EXPECT_THAT(heard.until("native d"), testing::Contains("?d"));
+}
+
+TEST_F(Watching, StormOfWatchesLeavesNothingBehind) {
+    const auto descriptors = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    };
+    const auto before = descriptors();
+    fs::create_directories(root / "0/0/0");
+    watch("fence");
+    watches.clear();
+    std::atomic<int> running = 0;
+    test::onThreads(16, [&](int thread) {
+        std::string name = thread % 4 == 0 ? "." : "0";
+        for (int i = 0; i < 100; ++i) {
+            int calls = 0; // plain: no callback may come when its watch has ended
+            const auto one =
+                watcher->watch(path(name), thread % 2 == 0 ? Scope::Itself : Scope::Entries,
+                               [&](const FolderEvent&) {
+                                   EXPECT_EQ(++running, 1);
+                                   ++calls;
+                                   --running;
+                               });
+            const auto own = root / ("own" + std::to_string(thread));
+            std::error_code ignored;
+            fs::create_directory(own, ignored);
+            fs::rename(own, root / "0" / own.filename(), ignored);
+            const auto two = watcher->watch(path("0/" + own.filename().native()), Scope::Entries,
+                                            [&](const FolderEvent&) { ++calls; });
+            fs::remove(root / "0" / own.filename(), ignored);
+            if (thread == 1) {
+                fs::rename(root / "0", root / "1", ignored);
+                fs::rename(root / "1", root / "0", ignored);
+            }
+        }
+    });
+    finish();
+    EXPECT_EQ(descriptors(), before);
+    fs::remove_all(root / "fence");
+    untilNow(); // it starts again
+}
+
+/// Runs the body in namespaces of its own, which have limits of their own; the body ends the
+/// process when it succeeds.
+class LimitedDeathTest : public Watching {
+protected:
+    static void enterNamespaces() {
+        const auto user = std::to_string(::geteuid());
+        const auto group = std::to_string(::getegid());
+        if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+            std::_Exit(77);
+        std::ofstream("/proc/self/setgroups") << "deny";
+        std::ofstream("/proc/self/uid_map") << "0 " + user + " 1";
+        std::ofstream("/proc/self/gid_map") << "0 " + group + " 1";
+        limit("watches", 100'000);
+    }
+    static void limit(const std::string& what, int most) {
+        std::ofstream file("/proc/sys/user/max_inotify_" + what);
+        if (!(file << most << std::flush))
+            std::_Exit(77);
+    }
+    static void expectSuccess(const std::function<void()>& test) {
+        testing::FLAGS_gtest_death_test_style = "threadsafe";
+        int status = 0;
+        const auto runAndExit = [&] {
+            enterNamespaces();
+            test();
+            const auto& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
+            for (int i = 0; i < result.total_part_count(); ++i)
+                std::fputs(result.GetTestPartResult(i).summary(), stderr);
+            std::_Exit(HasFailure() ? 1 : 0);
+        };
+        EXPECT_EXIT(
+            runAndExit(),
+            [&](int code) { return (status = WEXITSTATUS(code)) == 0 || status == 77; }, "");
+        if (status == 77)
+            GTEST_SKIP() << "SKIPPED: no user namespaces may be made here";
+    }
+};
+
+TEST_F(LimitedDeathTest, PollsWhatExceedsTheLimits) {
+    options.pollInterval = 5ms;
+    expectSuccess([this] {
+        const test::LogCapture log;
+        limit("watches", 64);
+        for (int i = 0; i < 100; ++i)
+            fs::create_directory(root / std::to_string(i));
+        for (int i = 0; i < 100; ++i)
+            watch(std::to_string(i), i % 2 == 0 ? Scope::Itself : Scope::Entries);
+        EXPECT_EQ(means("63"), Means::Native);
+        EXPECT_EQ(means("64"), Means::Polled);
+        EXPECT_THAT(reason("99"), HasSubstr("fs.inotify.max_user_watches"));
+        test::writeFile(root / "99/a", "1");
+        EXPECT_THAT(heard.until("+99/a"), ElementsAre("+99/a"));
+        test::writeFile(root / "99/a", "22");
+        heard.until("~99/a");
+        fs::rename(root / "99/a", root / "97/a");
+        heard.until("-99/a");
+        fs::create_directory(root / "99/a");
+        heard.until("+99/a");
+        fs::remove(root / "98");
+        heard.until("?98");
+        EXPECT_EQ(log.count("Folders are polled"), 1U);
+        limit("watches", 1000);
+        heard.until("native 99");
+
+        finish();
+        limit("instances", 0);
+        watch("1");
+        EXPECT_THAT(reason("1"), HasSubstr("fs.inotify.max_user_instances"));
+        fs::create_directory(root / "1/a");
+        heard.until("+1/a");
+        limit("instances", 8);
+        heard.until("native 1");
+        fs::create_directory(root / "1/b");
+        heard.until("+1/b");
+        finish();
+    });
+}
+
+TEST_F(LimitedDeathTest, SeesUnmounting) {
+    expectSuccess([this] {
+        fs::create_directory(root / "d");
+        if (::mount("none", (root / "d").c_str(), "tmpfs", 0, nullptr) != 0)
+            std::_Exit(77);
+        fs::create_directory(root / "d/e");
+        watch("d");
+        watch("d/e");
+        ASSERT_EQ(::umount((root / "d").c_str()), 0) << errno;
+        EXPECT_THAT(untilNow(), testing::UnorderedElementsAre("?d", "?d/e", "polled d/e"));
+        fs::create_directory(root / "d/e");
+        EXPECT_THAT(untilNow(), testing::IsSupersetOf({"+d/e", "?d/e", "native d/e"}));
+        finish();
+    });
+}
+
+} // namespace
+} // namespace quendo::platform

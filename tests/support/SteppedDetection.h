@@ -1,0 +1,77 @@
+#pragma once
+
+#include "quendo/platform/DelayedTaskService.h"
+#include "quendo/platform/FolderWatcher.h"
+#include "tests/support/Deadline.h"
+#include "tests/support/SteppedExecutors.h"
+
+#include <condition_variable>
+#include <list>
+#include <memory>
+#include <mutex>
+
+namespace quendo::test {
+
+/// While it lives, windows of change detection end when the test says so, and the notifications
+/// come on the test's thread.
+class SteppedDetection {
+public:
+    /// @param watcher where events come from; null for the library's own
+    explicit SteppedDetection(std::shared_ptr<platform::FolderWatcher> watcher = nullptr)
+        : m_scoped([&] {
+              platform::Services services;
+              services.folderWatcher = std::move(watcher);
+              services.delayedTasks = m_delays;
+              services.executors = m_executors;
+              return services;
+          }()) {}
+
+    void awaitWindow() {
+        std::unique_lock lock(m_delays->mutex);
+        m_delays->came.wait_until(lock, byDeadline(), [&] { return !m_delays->tasks.empty(); });
+    }
+
+    /// Ends the windows that are open, after all that has happened was told, and runs what that
+    /// brings. @return how many there were
+    std::size_t endWindows() {
+        std::promise<void> reached;
+        platform::services()->folderWatcher->fence([&] { reached.set_value(); });
+        within(reached.get_future());
+        std::list<UniqueFunction<void()>> due;
+        {
+            const std::lock_guard lock(m_delays->mutex);
+            due.swap(m_delays->tasks);
+        }
+        for (auto& task : due)
+            task();
+        for (const auto& strand : m_executors->strands)
+            while (strand->runOne()) {
+            }
+        return due.size();
+    }
+
+private:
+    struct Delays : platform::DelayedTaskService {
+        void runAfter(std::chrono::milliseconds, UniqueFunction<void()> task) override {
+            const std::lock_guard lock(mutex);
+            tasks.push_back(std::move(task));
+            came.notify_all();
+        }
+        std::mutex mutex;
+        std::condition_variable came;
+        std::list<UniqueFunction<void()>> tasks;
+    };
+    struct Executors : platform::ExecutorService {
+        std::shared_ptr<Executor> getSourceControlExecutor() override { return nullptr; }
+        std::shared_ptr<Executor> createStrandExecutor(const std::string& name) override {
+            return strands.emplace_back(std::make_shared<SteppedExecutor>(name));
+        }
+        std::list<std::shared_ptr<SteppedExecutor>> strands;
+    };
+
+    const std::shared_ptr<Delays> m_delays = std::make_shared<Delays>();
+    const std::shared_ptr<Executors> m_executors = std::make_shared<Executors>();
+    const platform::ScopedServices m_scoped;
+};
+
+} // namespace quendo::test
