@@ -26,6 +26,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/cache/CacheTask.h
     quendo/cache/JobCombiningCMStatusCache.h
     quendo/cache/Stoppable.h
+    quendo/cache/VFSFileChangeCacheUpdater.h
     quendo/exception/AdapterErrors.h
     quendo/exception/MessageIDException.h
     quendo/exception/Rethrowable.h
@@ -80,5 +81,7 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/cache/PathTrie.h
     quendo/cache/RefreshLedger.h
     quendo/cache/TransactionalFileCache.h
+    quendo/change_detection/ExternalChangeDetectingCMAdapter.h
+    quendo/change_detection/UpdateResponses.h
     quendo/platform/Utf8.h
 )

@@ -1,0 +1,598 @@
+#include "quendo/cache/VFSFileChangeCacheUpdater.h"
+
+#include "quendo/adapter/CMAdapter.h"
+#include "quendo/cache/CMStatusCache.h"
+#include "quendo/cache/CMStatusCacheChanges.h"
+#include "quendo/cache/CMStatusCacheFolders.h"
+#include "quendo/cache/CMStatusCacheFreshness.h"
+#include "quendo/platform/ChangeEventsSubscriptionException.h"
+#include "quendo/platform/EventMgr.h"
+#include "quendo/platform/Executor.h"
+#include "quendo/platform/FileUtilities.h"
+#include "quendo/platform/InstallationService.h"
+#include "quendo/platform/Logging.h"
+#include "quendo/platform/ReentrantReadWriteLock.h"
+#include "quendo/platform/Services.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <dirent.h>
+#include <fcntl.h>
+#include <iterator>
+#include <map>
+#include <mutex>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+// How the cache follows the disk.
+//
+// What is watched. Every folder that directly holds cached paths, and the root; folders above the
+// root are not. The set is worked out anew when the cache has changed: from the list of everything
+// cached, or, where the cache tells about its folders (CMStatusCacheFolders), only when the set of
+// these has changed, so that the change of a file costs nothing here.
+//
+// Bare folders. A folder in which nothing is cached (it is empty, or holds empty folders only) may
+// get its first file at any time. Such folders are found when the folder around them is listed, and
+// when they appear, and are watched as well until something in them is cached. Not below what the
+// cache knows as ignored or as another working copy, and not the metadata.
+//
+// The gap. What changed after the adapter had looked and before the watch stood would be missed. So
+// a folder is listed after its watch stands, and what changed since the query that put it into the
+// cache is asked for: by the time stamp of the last change (ctime), less a margin.
+//
+// What an event brings. The handler, on the delivery thread, only posts a task to a strand. The
+// task asks for the path, or, for a metadata file, for its folder. When the events of a folder were
+// lost, or its tree was moved, all of it is asked for.
+//
+// What else an answer may change. Where entries come or go, entries of folders may as well: a
+// folder that holds nothing under control is reported or not by what else it holds, and one that
+// comes back has no entry until it is asked for. And a file in an ignored tree is answered when it
+// is asked for, though the tree is one entry. So when a path has been answered, the outermost such
+// folder around it, or the ignored one, is asked for too. Requests for folders join one that waits
+// already (CMStatusCacheFreshness), so a burst costs a few queries.
+//
+// Threads. The set of watches is guarded by the lock, which is held while watches are made and
+// dropped. Dropping one waits for its handler; so handlers take no lock. Tasks hold `info` weakly,
+// and the Impl only for the time of one task.
+
+namespace quendo {
+namespace {
+
+using platform::StorageEventKind;
+using platform::WithRecursiveChangeEvents;
+using Clock = std::chrono::system_clock;
+
+// Time stamps of files come from a clock that steps with the kernel's tick, 10 ms at most.
+constexpr std::chrono::milliseconds margin{100};
+
+struct Subscription {
+    std::unique_ptr<platform::EventSubscription> handle;
+};
+using Watches = std::map<Path, Subscription>;
+
+struct DirectoryEntry {
+    Path path;
+    bool isFolder;
+    Clock::time_point changed;
+};
+
+/// What lies directly in `folder`; nothing when that cannot be read.
+std::vector<DirectoryEntry> list(const Path& folder) {
+    std::vector<DirectoryEntry> entries;
+    const int descriptor = ::open(folder.toNative().c_str(),
+                                  O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (descriptor < 0)
+        return entries;
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(::fdopendir(descriptor), ::closedir);
+    if (directory == nullptr) {
+        ::close(descriptor);
+        return entries;
+    }
+    while (const auto* entry = ::readdir(directory.get())) {
+        const std::string_view name = entry->d_name;
+        struct stat status;
+        if (name == "." || name == ".." ||
+            ::fstatat(descriptor, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+            continue;
+        const auto changed = std::chrono::seconds(status.st_ctim.tv_sec) +
+                             std::chrono::nanoseconds(status.st_ctim.tv_nsec);
+        entries.push_back(
+            {folder.child(name), S_ISDIR(status.st_mode),
+             Clock::time_point(std::chrono::duration_cast<Clock::duration>(changed))});
+    }
+    return entries;
+}
+
+struct CacheUpdateInfo {
+    Path root;
+    std::set<UString> metadataFileNames;
+    std::shared_ptr<CMStatusCache> cache;
+    std::atomic<bool> enabled{true};
+
+    // Interfaces of the cache, where it has them.
+    CMStatusCacheFolders* folders = nullptr;
+    CMStatusCacheFreshness* freshness = nullptr;
+    std::vector<UString> forbiddenNames;
+
+    bool isForbidden(const Path& path) const {
+        return std::ranges::find(forbiddenNames, path.fileName().string()) != forbiddenNames.end();
+    }
+
+    void refreshFolder(const Path& folder) const {
+        if (freshness != nullptr)
+            freshness->requireFreshFolder(folder);
+        else
+            cache->refreshFolder(folder);
+    }
+
+    bool hasTracked(const Path& folder) const {
+        const auto below = folders->getFolderSummary(folder).below;
+        return below.total() !=
+               below[LocalStatus::NotUnderSourceControl] + below[LocalStatus::Ignored];
+    }
+
+    /// The innermost folder around `path` that the cache holds as ignored, or empty.
+    Path ignoredAround(const Path& path) const {
+        for (Path folder = path.parentPath(); folder.isBelow(root); folder = folder.parentPath()) {
+            const auto state = cache->getCachedStatus(folder);
+            if (state && state->getState() == LocalStatus::Ignored)
+                return folder;
+        }
+        return {};
+    }
+
+    /// What else has to be asked for when entries at or below `path` came or went: the outermost
+    /// folder around it that has nothing tracked below it, or no entry though the adapter reports
+    /// folders; `path` itself when something was cached below it; empty when there is neither.
+    Path outermostUnsure(const Path& path) const {
+        const bool reportsFolders = cache->getCachedStatus(root).has_value();
+        Path result;
+        if (folders->getFolderSummary(path).below.total() != 0)
+            result = path;
+        for (Path folder = path.parentPath();
+             folder.isBelow(root) &&
+             (!hasTracked(folder) || (reportsFolders && !cache->getCachedStatus(folder)));
+             folder = folder.parentPath())
+            result = folder;
+        return result;
+    }
+};
+
+} // namespace
+
+class VFSFileChangeCacheUpdater::Impl
+    : public std::enable_shared_from_this<VFSFileChangeCacheUpdater::Impl> {
+public:
+    Impl(std::shared_ptr<CMStatusCache> cache, const CMAdapter& adapter)
+        : m_info(std::make_shared<CacheUpdateInfo>()) {
+        for (auto& name : adapter.getMetadataFiles())
+            m_info->metadataFileNames.insert(std::move(name));
+        m_info->root = adapter.getRootFolder();
+        m_info->forbiddenNames = adapter.getForbiddenFileNames();
+        m_info->folders = dynamic_cast<CMStatusCacheFolders*>(cache.get());
+        m_info->freshness = dynamic_cast<CMStatusCacheFreshness*>(cache.get());
+        m_info->cache = std::move(cache);
+        m_executor = createStrandExecutor("CMFileSystemResponse");
+    }
+
+    // Connections and watches go first, in the reverse order of the members.
+
+    void start() {
+        const auto hold = m_lock.write();
+        if (isInstallation()) {
+            QUENDO_LOG(Severity::Notice)
+                << "File watch not being enabled for folder because it is KESTRO root";
+            return;
+        }
+        const auto weak = weak_from_this();
+        if (m_info->folders != nullptr)
+            m_finishedConnection =
+                m_info->cache->connectTasksFinished([weak](const CMStatusCache::Tasks& tasks) {
+                    if (const auto self = weak.lock())
+                        self->lookAtAnswered(tasks);
+                });
+        if (auto* changes = dynamic_cast<CMStatusCacheChanges*>(m_info->cache.get()))
+            m_changesConnection = changes->connectChanges([weak](const StatusChanges& changed) {
+                if (const auto self = weak.lock())
+                    self->lookAtChanges(changed);
+            });
+        m_cacheConnection = m_info->cache->connectCacheChanged([weak] {
+            try {
+                if (const auto self = weak.lock())
+                    self->refresh();
+            } catch (...) {
+                QUENDO_LOG_CAUGHT_EXCEPTION();
+            }
+        });
+        refresh();
+    }
+
+    void stop() {
+        const auto hold = m_lock.write();
+        m_stopped = true;
+        std::vector<Path> watched;
+        for (const auto& [folder, subscription] : m_watches)
+            watched.push_back(folder);
+        for (const auto& folder : watched)
+            remove(folder);
+        m_bareWatches.clear();
+        m_changesConnection.disconnect();
+        m_finishedConnection.disconnect();
+    }
+
+    scope_guard disable() {
+        m_info->enabled.exchange(false);
+        return scope_guard([weak = weak_from_this()] {
+            if (const auto self = weak.lock())
+                self->m_info->enabled.exchange(true);
+        });
+    }
+
+    std::exception_ptr rootRefusal() const {
+        const auto hold = m_lock.read();
+        return m_rootRefusal;
+    }
+
+    /// Makes the watched folders those that are wanted now.
+    void refresh() {
+        const auto hold = m_lock.write();
+        if (m_stopped)
+            return;
+        if (m_info->folders != nullptr) {
+            const auto version = m_info->folders->getFolderSetVersion();
+            if (version == m_folderSetVersion)
+                return;
+            m_folderSetVersion = version; // asked before the folders: at worst it is done again
+        }
+        const auto wanted = m_info->folders != nullptr ? foldersOfInterface() : foldersOfFiles();
+        std::set<Path> old;
+        for (const auto& [folder, subscription] : m_watches)
+            old.insert(old.end(), folder);
+        std::vector<Path> dropped, added;
+        std::ranges::set_difference(old, wanted, std::back_inserter(dropped));
+        std::ranges::set_difference(wanted, old, std::back_inserter(added));
+        for (const auto& folder : dropped)
+            remove(folder);
+        add(added);
+        if (m_info->folders != nullptr)
+            lookIntoLater(std::move(added), std::move(dropped));
+    }
+
+private:
+    bool isInstallation() const {
+        const auto services = platform::services();
+        const auto installation = services->installation->getRootFolder();
+        return installation &&
+               (services->files->equivalent(m_info->root, *installation) ||
+                services->files->equivalent(m_info->root, installation->parentPath()));
+    }
+
+    std::set<Path> foldersOfFiles() const {
+        const auto files = platform::services()->files;
+        std::set<Path> wanted;
+        bool first = true;
+        for (const auto& path : m_info->cache->getCachedFiles()) {
+            const auto parent = path.parentPath();
+            if (std::exchange(first, false) || !files->isAncestor(parent, m_info->root))
+                wanted.insert(parent);
+        }
+        wanted.insert(m_info->root);
+        return wanted;
+    }
+
+    /// The same, from the folders. The list of files has the root first only when it is alone.
+    std::set<Path> foldersOfInterface() const {
+        const auto files = platform::services()->files;
+        const auto folders = m_info->folders->getFolders();
+        std::set<Path> wanted(folders.begin(), folders.end());
+        if (wanted.size() > 1)
+            std::erase_if(wanted, [&](const Path& folder) {
+                return files->isAncestor(folder, m_info->root);
+            });
+        wanted.insert(m_info->root);
+        return wanted;
+    }
+
+    void add(const std::vector<Path>& folders) {
+        for (const auto& folder : folders) {
+            try {
+                add(folder, WithRecursiveChangeEvents::NonRecursive, m_watches);
+                m_bareWatches.erase(folder);
+            } catch (...) {
+                QUENDO_LOG_CAUGHT_EXCEPTION();
+                noteRefusal(folder);
+            }
+        }
+    }
+
+    /// In a handler of an exception.
+    void noteRefusal(const Path& folder) {
+        if (folder != m_info->root)
+            return;
+        try {
+            throw;
+        } catch (const platform::ChangeEventsSubscriptionException&) {
+            m_rootRefusal = std::current_exception();
+        } catch (...) {
+        }
+    }
+
+    void add(const Path& folder, WithRecursiveChangeEvents recursive, Watches& watches) {
+        QUENDO_LOG(Severity::Detail) << " folder.string()=" << folder;
+        const std::vector<StorageEventKind> kinds{
+            StorageEventKind::Created, StorageEventKind::Changed, StorageEventKind::Deleted};
+        const auto services = platform::services();
+        const platform::FileOrFolder location = platform::Folder(folder);
+        services->fileSystem->publishEventsFor(location, kinds, recursive);
+        auto handler = respondToFileChanges();
+        const auto types =
+            platform::createEventTypes(kinds, platform::getLocation(location).toString());
+        Subscription subscription{
+            services->events->subscribe(std::move(handler), types, {"VFSFileChangeCacheUpdater"})};
+        watches.insert_or_assign(folder, std::move(subscription));
+    }
+
+    void remove(const Path& folder) {
+        const auto found = m_watches.find(folder);
+        auto subscription = std::move(found->second);
+        m_watches.erase(found);
+        platform::services()->events->unsubscribe(platform::Folder(folder),
+                                                  std::move(subscription.handle));
+        QUENDO_LOG(Severity::Detail) << " folder.string()=" << folder;
+    }
+
+    platform::EventMgr::Handler respondToFileChanges() {
+        return [weakInfo = std::weak_ptr(m_info), weakExecutor = std::weak_ptr(m_executor),
+                weak = weak_from_this()](const platform::Event& event) {
+            const auto info = weakInfo.lock();
+            const auto kind = event.getEventData().getKind();
+            // A folder that comes is watched all the same.
+            if (info == nullptr || (!info->enabled && kind != StorageEventKind::Created))
+                return;
+            const auto path =
+                fromAbsoluteIRI(platform::getLocation(event.getEventData().getFileOrFolder()));
+            const auto executor = weakExecutor.lock();
+            if (executor == nullptr)
+                return;
+            executor->post([weak, kind, path] {
+                try {
+                    const auto self = weak.lock();
+                    if (self != nullptr && self->m_info->folders != nullptr &&
+                        kind != StorageEventKind::Changed)
+                        self->followFolder(kind, path);
+                    if (self != nullptr && self->m_info->enabled)
+                        self->respond(kind, path);
+                } catch (...) {
+                    QUENDO_LOG_CAUGHT_EXCEPTION();
+                }
+            });
+        };
+    }
+
+    /// On the strand.
+    void respond(StorageEventKind kind, const Path& path) {
+        QUENDO_LOG(Severity::Detail) << " path.string()=" << path;
+        if (kind == StorageEventKind::ContentsUnknown) {
+            const auto around = m_info->folders != nullptr ? m_info->outermostUnsure(path) : Path();
+            m_info->refreshFolder(around.empty() ? path : around);
+        } else if (m_info->metadataFileNames.contains(UString(path.fileName().string()))) {
+            m_info->refreshFolder(path.parentPath());
+        } else {
+            ask({path}, kind);
+        }
+    }
+
+    /// Asks for files, and looks at what the answer means for folders.
+    void ask(const std::vector<Path>& paths, StorageEventKind kind) {
+        if (m_info->folders == nullptr) {
+            m_info->cache->refreshCMStatuses(paths);
+            return;
+        }
+        // The task may have finished before it is noted: then its notice waits here.
+        const std::lock_guard lock(m_askedMutex);
+        auto task = m_info->cache->refreshCMStatuses(paths);
+        const auto* key = task.get();
+        m_asked.insert_or_assign(key, Asked{std::move(task), kind, paths});
+    }
+
+    /// On the cache's strand: what was ignored, or another's, and is not so any more, was not
+    /// watched.
+    void lookAtChanges(const StatusChanges& changed) {
+        const auto isAside = [](const std::optional<FileState>& state) {
+            return state && state->isFolder() &&
+                   (state->getState() == LocalStatus::Ignored ||
+                    state->getState() == LocalStatus::External);
+        };
+        std::vector<Path> folders;
+        for (const auto& change : changed.changes) {
+            if (isAside(change.before) && !isAside(change.after))
+                folders.push_back(change.path);
+        }
+        lookIntoLater({}, std::move(folders));
+    }
+
+    /// On the cache's strand.
+    void lookAtAnswered(const CMStatusCache::Tasks& tasks) {
+        std::vector<Asked> answered;
+        {
+            const std::lock_guard lock(m_askedMutex);
+            for (const auto& task : tasks) {
+                if (auto node = m_asked.extract(task.get()))
+                    answered.push_back(std::move(node.mapped()));
+            }
+        }
+        if (answered.empty())
+            return;
+        m_executor->post([weak = weak_from_this(), answered = std::move(answered)] {
+            const auto self = weak.lock();
+            if (self == nullptr || !self->m_info->enabled)
+                return;
+            const auto& info = *self->m_info;
+            std::set<Path> folders;
+            for (const auto& [task, kind, paths] : answered) {
+                for (const auto& path : paths) {
+                    auto folder = info.ignoredAround(path);
+                    if (folder.empty() && kind != StorageEventKind::Changed)
+                        folder = info.outermostUnsure(path);
+                    if (!folder.empty())
+                        folders.insert(std::move(folder));
+                }
+            }
+            for (const auto& folder : folders)
+                info.refreshFolder(folder);
+        });
+    }
+
+    /// On the strand: keeps the bare folders right when `path` comes, goes, or is unknown.
+    void followFolder(StorageEventKind kind, const Path& path) {
+        std::vector<Path> found;
+        {
+            const auto hold = m_lock.write();
+            if (m_stopped)
+                return;
+            if (kind == StorageEventKind::Created) {
+                if (!watchBare(path))
+                    return;
+            } else {
+                for (auto at = m_bareWatches.lower_bound(path);
+                     at != m_bareWatches.end() && at->first.string().starts_with(path.string());)
+                    at = (at->first == path || at->first.isBelow(path)) && !isFolder(at->first)
+                             ? m_bareWatches.erase(at)
+                             : std::next(at);
+            }
+        }
+        if (kind != StorageEventKind::Deleted)
+            lookInto({path});
+    }
+
+    static bool isFolder(const Path& path) {
+        struct stat status;
+        return ::lstat(path.toNative().c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    }
+
+    /// With the lock held.
+    /// @return whether `path` is a folder that is watched now and was not before
+    bool watchBare(const Path& path) {
+        if (m_watches.contains(path) || m_bareWatches.contains(path) || m_info->isForbidden(path) ||
+            !isFolder(path))
+            return false;
+        const auto state = m_info->cache->getCachedStatus(path);
+        if (state && (state->getState() == LocalStatus::Ignored ||
+                      state->getState() == LocalStatus::External))
+            return false;
+        if (!m_info->ignoredAround(path).empty())
+            return false;
+        add(path, WithRecursiveChangeEvents::NonRecursive, m_bareWatches);
+        return true;
+    }
+
+    /// @param dropped may be there, with nothing cached in them
+    void lookIntoLater(std::vector<Path> added, std::vector<Path> dropped) {
+        if (added.empty() && dropped.empty())
+            return;
+        m_executor->post([weak = weak_from_this(), folders = std::move(added),
+                          dropped = std::move(dropped)]() mutable {
+            const auto self = weak.lock();
+            if (self == nullptr)
+                return;
+            for (const auto& folder : dropped) {
+                const auto hold = self->m_lock.write();
+                if (!self->m_stopped && folder.isBelow(self->m_info->root) &&
+                    self->watchBare(folder))
+                    folders.push_back(folder);
+            }
+            self->lookInto(std::move(folders));
+        });
+    }
+
+    /// On the strand: closes the gap for folders whose watch has just been made.
+    void lookInto(std::vector<Path> folders) {
+        std::vector<Path> changed;
+        while (!folders.empty()) {
+            const Path folder = std::move(folders.back());
+            folders.pop_back();
+            const auto since = answeredAt(folder) - margin;
+            for (auto& entry : list(folder)) {
+                if (m_info->isForbidden(entry.path))
+                    continue;
+                if (entry.changed >= since)
+                    changed.push_back(entry.path);
+                if (!entry.isFolder)
+                    continue;
+                const auto hold = m_lock.write();
+                if (m_stopped)
+                    return;
+                if (watchBare(entry.path))
+                    folders.push_back(entry.path);
+            }
+        }
+        if (!changed.empty() && m_info->enabled)
+            ask(changed, StorageEventKind::Created);
+    }
+
+    /// When the query started that tells about `folder`; the beginning of time when none has, or
+    /// now when the cache does not say.
+    Clock::time_point answeredAt(const Path& folder) const {
+        const auto now = Clock::now();
+        if (m_info->freshness == nullptr)
+            return now;
+        const auto at = m_info->freshness->getFreshness(folder).answeredAt;
+        return at ? now - std::chrono::duration_cast<Clock::duration>(
+                              std::chrono::steady_clock::now() - *at)
+                  : now;
+    }
+
+    struct Asked {
+        std::shared_ptr<CacheTask> task;
+        StorageEventKind kind;
+        std::vector<Path> paths;
+    };
+
+    // Constant after construction.
+    const std::shared_ptr<CacheUpdateInfo> m_info;
+    std::shared_ptr<Executor> m_executor;
+
+    mutable ReentrantReadWriteLock m_lock;
+    // Guarded by m_lock.
+    Watches m_watches;
+    Watches m_bareWatches;
+    bool m_stopped = false;
+    std::uint64_t m_folderSetVersion = ~std::uint64_t{0};
+    std::exception_ptr m_rootRefusal;
+    boost::signals2::scoped_connection m_changesConnection;
+    boost::signals2::scoped_connection m_finishedConnection;
+    boost::signals2::scoped_connection m_cacheConnection;
+
+    std::mutex m_askedMutex;                   ///< not held together with m_lock
+    std::map<const CacheTask*, Asked> m_asked; ///< guarded by m_askedMutex
+};
+
+VFSFileChangeCacheUpdater::VFSFileChangeCacheUpdater(std::shared_ptr<CMStatusCache> cache,
+                                                     const CMAdapter& adapter)
+    : m_impl(std::make_shared<Impl>(std::move(cache), adapter)) {
+    m_impl->start();
+}
+
+VFSFileChangeCacheUpdater::~VFSFileChangeCacheUpdater() = default;
+VFSFileChangeCacheUpdater::VFSFileChangeCacheUpdater(VFSFileChangeCacheUpdater&&) noexcept =
+    default;
+VFSFileChangeCacheUpdater&
+VFSFileChangeCacheUpdater::operator=(VFSFileChangeCacheUpdater&&) noexcept = default;
+
+void VFSFileChangeCacheUpdater::stop() {
+    m_impl->stop();
+}
+
+scope_guard VFSFileChangeCacheUpdater::disable() {
+    return m_impl->disable();
+}
+
+std::exception_ptr VFSFileChangeCacheUpdater::rootRefusal() const {
+    return m_impl->rootRefusal();
+}
+
+} // namespace quendo

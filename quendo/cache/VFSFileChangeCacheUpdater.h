@@ -1,0 +1,49 @@
+#pragma once
+
+#include "quendo/platform/Export.h"
+#include "quendo/platform/ScopeGuard.h"
+
+#include <exception>
+#include <memory>
+
+namespace quendo {
+
+class CMAdapter;
+class CMStatusCache;
+
+/// Keeps a status cache in step with the disk: watches every folder that holds cached files, and
+/// has the cache ask again for what changes there. VFSFileChangeCacheUpdater.cpp tells how.
+///
+/// A changed file is asked for alone; a changed metadata file (CMAdapter::getMetadataFiles) brings
+/// its folder. Nothing is watched when the working copy is the host's installation folder or that
+/// one's parent.
+///
+/// Threads: any. Destroying it ends all watching, and waits for nothing but a handler under way,
+/// which is short.
+class QUENDO_API VFSFileChangeCacheUpdater {
+public:
+    /// Watches from now on.
+    /// @param adapter asked for its root and the names it treats specially, and not kept
+    VFSFileChangeCacheUpdater(std::shared_ptr<CMStatusCache> cache, const CMAdapter& adapter);
+    ~VFSFileChangeCacheUpdater();
+    VFSFileChangeCacheUpdater(VFSFileChangeCacheUpdater&&) noexcept;
+    VFSFileChangeCacheUpdater& operator=(VFSFileChangeCacheUpdater&&) noexcept;
+
+    /// Ends watching for good.
+    void stop();
+
+    /// Drops what happens on the disk from now until the guard is released. A plain switch: the
+    /// first guard that is released turns it on again, also while others are held. Nothing is made
+    /// up for afterwards: refresh what may have changed.
+    [[nodiscard]] scope_guard disable();
+
+    /// Why the root cannot be watched, when the event service refused it
+    /// (platform::ChangeEventsSubscriptionException); else null.
+    std::exception_ptr rootRefusal() const;
+
+private:
+    class Impl;
+    std::shared_ptr<Impl> m_impl;
+};
+
+} // namespace quendo

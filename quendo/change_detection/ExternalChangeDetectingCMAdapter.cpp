@@ -1,0 +1,95 @@
+#include "quendo/change_detection/ExternalChangeDetectingCMAdapter.h"
+
+#include "quendo/adapter/CMAdapterDecorator.h"
+#include "quendo/platform/FolderExternalChangeDetector.h"
+#include "quendo/platform/Logging.h"
+
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+namespace quendo {
+namespace {
+
+constexpr std::chrono::milliseconds window{250};
+
+/// By name: what loads the library and the library need not share one type_info.
+bool isSameType(const std::type_info& a, const std::type_info& b) {
+    const auto name = [](const std::type_info& type) {
+        std::string_view text = type.name();
+        if (text.starts_with('*'))
+            text.remove_prefix(1);
+        return text;
+    };
+    return name(a) == name(b);
+}
+
+class ExternalChangeDetectingCMAdapter final : public CMAdapterDecorator {
+public:
+    ExternalChangeDetectingCMAdapter(std::unique_ptr<CMAdapter> adapter,
+                                     const MetadataFolder& metadata,
+                                     std::shared_ptr<ApplicationInteractor> interactor)
+        : CMAdapterDecorator(std::move(adapter)),
+          m_detector(metadata.folder, window, metadata.filter) {
+        m_detector.onChange(
+            [interactor = std::move(interactor)] { interactor->getStatusTrigger().trigger(); });
+    }
+
+    void checkin(const Path& file, const UString& message) const override {
+        const auto guard = m_detector.disable();
+        CMAdapterDecorator::checkin(file, message);
+    }
+    void checkin(const std::vector<Path>& files, const UString& message) const override {
+        const auto guard = m_detector.disable();
+        CMAdapterDecorator::checkin(files, message);
+    }
+    void addFiles(const std::vector<Path>& files) const override {
+        QUENDO_LOG(Severity::Detail)
+            << "Adding " << files.size() << " paths, changes disregarded meanwhile";
+        const auto guard = m_detector.disable();
+        CMAdapterDecorator::addFiles(files);
+    }
+    void removeFiles(const std::vector<Path>& files) const override {
+        const auto guard = m_detector.disable();
+        CMAdapterDecorator::removeFiles(files);
+    }
+    void moveFile(const Path& source, const Path& destination) const override {
+        const auto guard = m_detector.disable();
+        CMAdapterDecorator::moveFile(source, destination);
+    }
+    void uncheckout(const std::vector<Path>& files) const override {
+        const auto guard = m_detector.disable();
+        CMAdapterDecorator::uncheckout(files);
+    }
+    void checkout(const std::vector<Path>& files) const override {
+        const auto guard = m_detector.disable();
+        CMAdapterDecorator::checkout(files);
+    }
+    void resolveConflict(const Path& file) const override {
+        const auto guard = m_detector.disable();
+        CMAdapterDecorator::resolveConflict(file);
+    }
+
+    std::any getSubsystem(const std::type_info& type) override {
+        if (isSameType(type, typeid(FolderExternalChangeDetector)))
+            return &m_detector;
+        return CMAdapterDecorator::getSubsystem(type);
+    }
+
+private:
+    mutable FolderExternalChangeDetector m_detector; ///< goes before the wrapped adapter
+};
+
+} // namespace
+
+std::unique_ptr<CMAdapter>
+makeExternalChangeDetectingCMAdapter(std::unique_ptr<CMAdapter> adapter,
+                                     std::shared_ptr<ApplicationInteractor> interactor) {
+    if (adapter == nullptr || interactor == nullptr)
+        throw std::invalid_argument("change detection needs an adapter and an interactor");
+    const auto metadata = adapter->getMetadataFolder();
+    return std::make_unique<ExternalChangeDetectingCMAdapter>(std::move(adapter), metadata,
+                                                              std::move(interactor));
+}
+
+} // namespace quendo

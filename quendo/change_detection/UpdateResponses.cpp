@@ -1,0 +1,38 @@
+#include "quendo/change_detection/UpdateResponses.h"
+
+#include <utility>
+
+namespace quendo {
+
+std::function<void()> fullUpdateResponse(std::weak_ptr<CMStatusCache> cache) {
+    return [cache = std::move(cache)] {
+        if (const auto locked = cache.lock())
+            locked->refreshAll();
+    };
+}
+
+std::function<void()> nonBlockingFullUpdateResponse(std::weak_ptr<CMStatusCache> cache,
+                                                    const Path& folder) {
+    return [cache = std::move(cache), folder] {
+        if (const auto locked = cache.lock())
+            locked->refreshFolder(folder);
+    };
+}
+
+std::function<void(std::vector<Path>)> filesUpdateResponse(std::weak_ptr<CMStatusCache> cache) {
+    return [cache = std::move(cache)](const std::vector<Path>& files) {
+        if (const auto locked = cache.lock())
+            locked->refreshCMStatuses(files)->wait();
+    };
+}
+
+std::function<void(std::vector<Path>)> foldersUpdateResponse(std::weak_ptr<CMStatusCache> cache) {
+    return [cache = std::move(cache)](const std::vector<Path>& folders) {
+        if (const auto locked = cache.lock()) {
+            for (const auto& folder : folders)
+                locked->refreshFolder(folder);
+        }
+    };
+}
+
+} // namespace quendo

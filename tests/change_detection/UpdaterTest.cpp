@@ -1,0 +1,183 @@
+#include "quendo/cache/CMStatusCache.h"
+#include "quendo/cache/VFSFileChangeCacheUpdater.h"
+#include "quendo/platform/InstallationService.h"
+#include "quendo/platform/standard/StandardEventMgr.h"
+#include "tests/support/FakeFolderWatcher.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/MemoryAdapter.h"
+#include "tests/support/SteppedExecutors.h"
+#include "tests/support/TemporaryFolder.h"
+
+#include <boost/signals2/signal.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace quendo {
+namespace {
+
+using Kind = platform::FolderEvent::Kind;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+struct DoneTask : CacheTask {
+    void wait() override {}
+    void cancel() override {}
+};
+
+/// A cache of somebody else's, without further interfaces; it notes what is asked of it.
+struct PlainCache : CMStatusCache {
+    explicit PlainCache(Path folder) : root(std::move(folder)) {}
+
+    const Path root;
+    std::vector<Path> files;
+    std::vector<std::string> asked; ///< paths from the root
+    boost::signals2::signal<void()> changed;
+
+    std::shared_ptr<CacheTask> note(const std::string& what) {
+        asked.push_back(what);
+        return std::make_shared<DoneTask>();
+    }
+    boost::signals2::connection connectCacheChanged(const ChangedSlot& slot) override {
+        return changed.connect(slot);
+    }
+    boost::signals2::connection connectTasksStarted(const TasksSlot&) override { return {}; }
+    boost::signals2::connection connectTasksFinished(const TasksSlot&) override { return {}; }
+    std::shared_ptr<CacheTask> refreshFolder(const Path& folder) override {
+        return note("folder " + folder.lexicallyRelative(root).toUtf8());
+    }
+    std::shared_ptr<CacheTask> loadFolder(const Path& folder) override {
+        return note("load " + folder.lexicallyRelative(root).toUtf8());
+    }
+    std::shared_ptr<CacheTask> refreshCMStatuses(const std::vector<Path>& paths) override {
+        std::string what = "files";
+        for (const auto& path : paths)
+            what += " " + path.lexicallyRelative(root).toUtf8();
+        return note(what);
+    }
+    void refreshAll() override { note("all"); }
+    void setFolderStatusFlag(bool) override {}
+    bool getFolderStatusFlag() const override { return true; }
+    std::optional<FileState> getCachedStatus(const Path&) const override { return {}; }
+    std::vector<Path> getModifiedFiles() const override { return {}; }
+    std::vector<Path> getFilesWithStatus(LocalStatus) const override { return {}; }
+    std::vector<Path> getCachedFiles() const override { return files; }
+    void stop() override {}
+};
+
+struct Installation : platform::InstallationService {
+    std::optional<Path> folder;
+    std::optional<Path> getRootFolder() const override { return folder; }
+};
+
+/// By events that the test gives; on the strand when the test says so.
+class UpdaterTest : public testing::Test {
+protected:
+    struct Executors : platform::ExecutorService {
+        std::shared_ptr<test::SteppedExecutor> strand;
+        std::shared_ptr<Executor> getSourceControlExecutor() override { return nullptr; }
+        std::shared_ptr<Executor> createStrandExecutor(const std::string& name) override {
+            return strand = std::make_shared<test::SteppedExecutor>(name);
+        }
+    };
+
+    Path at(const std::string& name) const { return name == "." ? root : root.child(name); }
+    void start() {
+        updater.emplace(cache,
+                        *test::makeMemoryAdapter(std::make_shared<test::MemoryWorkingCopy>(root)));
+    }
+    std::vector<std::string> askedAfter(Kind kind, const std::string& name) {
+        watcher->tell(kind, at(name));
+        while (executors->strand->runOne()) {
+        }
+        return std::exchange(cache->asked, {});
+    }
+    std::vector<std::string> watched() const {
+        std::vector<std::string> folders;
+        for (const auto& each : watcher->watched())
+            folders.push_back(each.lexicallyRelative(root).toUtf8());
+        return folders;
+    }
+    void hold(const std::vector<std::string>& names) {
+        cache->files.clear();
+        for (const auto& name : names)
+            cache->files.push_back(at(name));
+        cache->changed();
+    }
+
+    const test::TemporaryFolder folder;
+    const Path root = folder.quendoPath();
+    const std::shared_ptr<test::FakeFolderWatcher> watcher =
+        std::make_shared<test::FakeFolderWatcher>();
+    const std::shared_ptr<platform::StandardEventMgr> events =
+        std::make_shared<platform::StandardEventMgr>(watcher);
+    const std::shared_ptr<Executors> executors = std::make_shared<Executors>();
+    const std::shared_ptr<Installation> installation = std::make_shared<Installation>();
+    const platform::ScopedServices scoped{[this] {
+        platform::Services services;
+        services.folderWatcher = watcher;
+        services.events = events;
+        services.fileSystem = events;
+        services.executors = executors;
+        services.installation = installation;
+        return services;
+    }()};
+    const std::shared_ptr<PlainCache> cache = std::make_shared<PlainCache>(root);
+    std::optional<VFSFileChangeCacheUpdater> updater;
+};
+
+TEST_F(UpdaterTest, WatchesTheFoldersOfCachedFilesAndTheRoot) {
+    start();
+    EXPECT_EQ(executors->strand->name(), "CMFileSystemResponse");
+    EXPECT_THAT(watched(), ElementsAre("."));
+    hold({"a/1", "a/2", "b/c/3", "."});
+    EXPECT_THAT(watched(), ElementsAre(".", "a", "b/c"));
+    hold({"b/c/3"});
+    EXPECT_THAT(watched(), ElementsAre(".", "b/c"));
+    hold({".", "a/1"}); // the parent of the first is not looked at
+    EXPECT_THAT(watched(), ElementsAre("..", ".", "a"));
+    watcher->refused = at("no");
+    hold({"no/1", "yes/1"});
+    EXPECT_THAT(watched(), ElementsAre(".", "yes"));
+    EXPECT_EQ(updater->rootRefusal(), nullptr);
+    updater->stop();
+    hold({"a/1"});
+    EXPECT_THAT(watched(), IsEmpty());
+}
+
+TEST_F(UpdaterTest, AsksForWhatChangedWhileItIsNotDisabled) {
+    start();
+    EXPECT_THAT(askedAfter(Kind::Changed, "x"), ElementsAre("files x"));
+    EXPECT_THAT(askedAfter(Kind::Vanished, "x"), ElementsAre("files x"));
+    EXPECT_THAT(askedAfter(Kind::ContentsUnknown, "."), ElementsAre("folder ."));
+
+    auto first = updater->disable(), second = updater->disable();
+    EXPECT_THAT(askedAfter(Kind::Changed, "x"), IsEmpty());
+    first.release(); // one is enough
+    EXPECT_THAT(askedAfter(Kind::Changed, "x"), ElementsAre("files x"));
+    // Told before, answered after: dropped too.
+    watcher->tell(Kind::Changed, at("x"));
+    const auto third = updater->disable();
+    EXPECT_THAT(askedAfter(Kind::Changed, "y"), IsEmpty());
+    watcher->tell(Kind::Changed, at("x"));
+    updater.reset();
+    EXPECT_THAT(askedAfter(Kind::Changed, "x"), IsEmpty());
+}
+
+TEST_F(UpdaterTest, WatchesNoInstallationAndRemembersARefusedRoot) {
+    watcher->refused = root;
+    start();
+    EXPECT_THROW(std::rethrow_exception(updater->rootRefusal()),
+                 platform::ChangeEventsSubscriptionException);
+    const test::LogCapture log;
+    std::filesystem::create_directory(folder.path() / "bin");
+    for (const auto* name : {".", "bin"}) {
+        installation->folder = at(name);
+        start();
+        hold({"a/1"});
+        EXPECT_THAT(watched(), IsEmpty());
+    }
+    EXPECT_EQ(log.count("File watch not being enabled for folder because it is KESTRO root"), 2U);
+}
+
+} // namespace
+} // namespace quendo
