@@ -17,7 +17,7 @@ namespace quendo::platform {
 struct FolderEvent {
     enum class Kind {
         Appeared, ///< a file or folder directly in it was made or moved there
-        Changed,  ///< the content or the attributes of one of them changed
+        Changed,  ///< the content or the attributes of one of them changed, or its own attributes
         Vanished, ///< one of them was deleted or moved away
         /// Anything may have changed at `path` and below it: events were lost, or the folder itself
         /// was deleted, moved, replaced or unmounted, or has come back. Look.
@@ -60,7 +60,9 @@ public:
         virtual ~Watch();
     };
 
-    /// What of a folder is told.
+    /// What of a folder is told. That it was deleted may be told late, when the last process has
+    /// closed it that holds it open or works in it; at once when its parent is watched too, in
+    /// either scope. That a folder above it was renamed is told when that one is watched.
     enum class Scope {
         Entries, ///< what lies directly in it, and what becomes of the folder itself
         Itself,  ///< only what becomes of the folder itself

@@ -1,5 +1,6 @@
 #include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/Services.h"
+#include "quendo/platform/standard/FolderListing.h"
 #include "quendo/platform/standard/InotifyFolderWatcher.h"
 #include "tests/support/Deadline.h"
 #include "tests/support/LogCapture.h"
@@ -379,6 +380,34 @@ TEST_F(Watching, UnreadableFoldersAreWatchedOnceTheyCanBeRead) {
     heard.until("native d");
     fs::create_directory(root / "d/a");
     EXPECT_THAT(heard.until("+d/a"), ElementsAre("+d/a"));
+}
+
+TEST(FolderListing, TellsWhatIsYoungOnceMore) {
+    const auto told = [](const FolderListing& before, const FolderListing& after) {
+        std::string result;
+        after.compare(before, [&](Kind kind, const std::string& name) {
+            result += "+~-"[static_cast<int>(kind)] + name;
+        });
+        return result;
+    };
+    const test::TemporaryFolder folder;
+    for (const auto* name : {"a", "b", "c", "e"})
+        test::writeFile(folder.path() / name, "");
+    const auto take = [&](bool isYoung) {
+        auto result = FolderListing::take(folder.path(), true);
+        for (auto& entry : result.entries)
+            entry.isYoung = isYoung && entry.name == "e";
+        return result;
+    };
+    const auto before = take(true);
+    EXPECT_EQ(told(before, take(false)), "~e");
+    test::writeFile(folder.path() / "new", "");
+    fs::rename(folder.path() / "new", folder.path() / "a");
+    fs::rename(folder.path() / "b", folder.path() / "d");
+    test::writeFile(folder.path() / "c", "1");
+    fs::remove(folder.path() / "e");
+    EXPECT_EQ(told(before, take(false)), "-a+a-b~c+d-e");
+    EXPECT_FALSE(before.isSameFolder(FolderListing::take(folder.path(), false)));
 }
 
 TEST_F(Watching, RemoteFileSystemsArePolledBeside) {

@@ -1,6 +1,7 @@
 #include "quendo/platform/standard/InotifyFolderWatcher.h"
 
 #include "quendo/platform/Logging.h"
+#include "quendo/platform/standard/FolderListing.h"
 
 #include <boost/signals2/signal.hpp>
 
@@ -8,8 +9,6 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
 #include <list>
 #include <mutex>
 #include <optional>
@@ -17,7 +16,6 @@
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <sys/vfs.h>
 #include <system_error>
 #include <thread>
@@ -56,10 +54,8 @@
 // last is polled beside being watched. A visited record is polled as well when it has no watch:
 // because there is nothing at its path, or for want of permission or of watches.
 //
-// Polling compares listings. A file may change again within the tick of the clock that gave it its
-// last time stamp, after it was listed and without a trace in the next listing; so what was that
-// young is told once more in the next round. The baseline of a listing is taken before watch()
-// returns, or else the first round tells ContentsUnknown.
+// Polling compares listings (FolderListing). The first is taken before watch() returns; where there
+// is none the round tells ContentsUnknown.
 //
 // Lines (fence()) are drawn by whoever asks: he takes in what the kernel holds himself, so what he
 // does afterwards comes behind it in the queue in memory, and the line has a place in there. When
@@ -78,9 +74,6 @@ constexpr std::uint32_t entriesMask =
     selfMask | comingAndGoingMask | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB;
 constexpr std::uint32_t lostMask = selfMask | IN_IGNORED | IN_UNMOUNT;
 
-/// Time stamps of files advance in steps of the kernel's tick, 10 ms at most.
-constexpr std::int64_t tick = 10'000'000;
-
 class Descriptor {
 public:
     explicit Descriptor(int descriptor) noexcept : m_descriptor(descriptor) {}
@@ -96,127 +89,6 @@ public:
 private:
     const int m_descriptor;
 };
-
-std::int64_t nanoseconds(const timespec& time) noexcept {
-    return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
-}
-
-std::int64_t coarseNow() noexcept {
-    timespec now{};
-    ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    return nanoseconds(now);
-}
-
-struct Entry {
-    std::string name;
-    ino_t inode;
-    mode_t mode;
-    off_t size;
-    std::int64_t modified;
-    std::int64_t changed;
-    bool young = false; ///< may change again without another time stamp
-
-    bool isSameFile(const Entry& other) const noexcept {
-        return inode == other.inode && (mode & S_IFMT) == (other.mode & S_IFMT);
-    }
-    bool isUnchanged(const Entry& other) const noexcept {
-        return mode == other.mode && size == other.size && modified == other.modified &&
-               changed == other.changed;
-    }
-};
-
-/// What a polled folder looked like.
-struct Listing {
-    int error = 0; ///< of looking; nothing else is known then
-    dev_t device = 0;
-    ino_t inode = 0;
-    bool hasEntries = false;
-    std::vector<Entry> entries; ///< by name
-
-    bool isSameFolder(const Listing& other) const noexcept {
-        return error == other.error && device == other.device && inode == other.inode &&
-               hasEntries == other.hasEntries;
-    }
-};
-
-Listing listingOf(const std::string& folder, bool withEntries) {
-    Listing result;
-    struct stat found {};
-    const auto failed = [&] {
-        result.error = errno;
-        return result;
-    };
-    if (!withEntries) {
-        if (::lstat(folder.c_str(), &found) != 0)
-            return failed();
-        result.error = S_ISDIR(found.st_mode) ? 0 : ENOTDIR;
-        result.device = found.st_dev;
-        result.inode = found.st_ino;
-        return result;
-    }
-    const auto begin = coarseNow();
-    const int opened =
-        ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
-    if (opened < 0)
-        return failed();
-    const std::unique_ptr<DIR, int (*)(DIR*)> stream(::fdopendir(opened), ::closedir);
-    if (stream == nullptr) {
-        failed();
-        ::close(opened);
-        return result;
-    }
-    if (::fstat(opened, &found) != 0)
-        return failed();
-    result.device = found.st_dev;
-    result.inode = found.st_ino;
-    result.hasEntries = true;
-    for (;;) {
-        errno = 0;
-        const dirent* const entry = ::readdir(stream.get());
-        if (entry == nullptr) {
-            if (errno == 0)
-                break;
-            result.entries.clear();
-            return failed();
-        }
-        const std::string_view name = entry->d_name;
-        if (name == "." || name == ".." ||
-            ::fstatat(opened, entry->d_name, &found, AT_SYMLINK_NOFOLLOW) != 0)
-            continue;
-        result.entries.push_back({std::string(name), found.st_ino, found.st_mode, found.st_size,
-                                  nanoseconds(found.st_mtim), nanoseconds(found.st_ctim)});
-    }
-    // A server whose clock is ahead must not make all its files young for ever.
-    const auto end = coarseNow();
-    for (auto& entry : result.entries)
-        entry.young = entry.changed >= begin - tick && entry.changed <= end + tick;
-    std::ranges::sort(result.entries, {}, &Entry::name);
-    return result;
-}
-
-/// Calls `tell` with the kind and the name of each difference.
-template <class Tell>
-void compare(const Listing& before, const Listing& after, Tell tell) {
-    using Kind = FolderEvent::Kind;
-    auto old = before.entries.begin();
-    for (const auto& entry : after.entries) {
-        for (; old != before.entries.end() && old->name < entry.name; ++old)
-            tell(Kind::Vanished, old->name);
-        if (old == before.entries.end() || old->name != entry.name) {
-            tell(Kind::Appeared, entry.name);
-            continue;
-        }
-        if (!old->isSameFile(entry)) {
-            tell(Kind::Vanished, entry.name);
-            tell(Kind::Appeared, entry.name);
-        } else if (old->young || !old->isUnchanged(entry)) {
-            tell(Kind::Changed, entry.name);
-        }
-        ++old;
-    }
-    for (; old != before.entries.end(); ++old)
-        tell(Kind::Vanished, old->name);
-}
 
 /// What the text of every path below `folder` begins with.
 UString textOfBelow(const Path& folder) {
@@ -297,8 +169,8 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
         bool isRemote = false;
         std::string reason; ///< why `watch` is -1
         WatchHealth health;
-        bool isCounted = false;         ///< in `notNative`
-        std::optional<Listing> listing; ///< of the last round that polled it
+        bool isCounted = false;               ///< in `notNative`
+        std::optional<FolderListing> listing; ///< of the last round that polled it
 
         explicit Record(const Path& path) : folder(path) {}
 
@@ -454,7 +326,7 @@ InotifyFolderWatcher::Impl::watch(const Path& folder, Scope scope, Callback call
             return handle;
         }
     }
-    auto listing = listingOf(record->native, scope == Scope::Entries);
+    auto listing = FolderListing::take(record->native, scope == Scope::Entries);
     const std::lock_guard lock(mutex);
     if (!record->listing)
         record->listing = std::move(listing);
@@ -923,9 +795,9 @@ void InotifyFolderWatcher::Impl::visit(const std::shared_ptr<Record>& record, Vi
         wantsEntries = record->wantsEntries();
     }
     const bool remote = isRemote(record->native);
-    std::optional<Listing> listing;
+    std::optional<FolderListing> listing;
     if (!isWatched || remote)
-        listing = listingOf(record->native, wantsEntries);
+        listing = FolderListing::take(record->native, wantsEntries);
 
     std::vector<Delivery> deliveries;
     std::optional<WatchHealth> changedHealth;
@@ -939,10 +811,11 @@ void InotifyFolderWatcher::Impl::visit(const std::shared_ptr<Record>& record, Vi
             collect(deliveries, *record,
                     {FolderEvent::Kind::ContentsUnknown, record->folder, wasPolled}, Scope::Itself);
         else if (listing)
-            compare(*record->listing, *listing, [&](FolderEvent::Kind kind, const auto& name) {
-                collect(deliveries, *record, {kind, record->folder.child(name), wasPolled},
-                        Scope::Entries);
-            });
+            listing->compare(
+                *record->listing, [&](FolderEvent::Kind kind, const std::string& name) {
+                    collect(deliveries, *record, {kind, record->folder.child(name), wasPolled},
+                            Scope::Entries);
+                });
         record->isRemote = remote;
         if (updateHealth(*record))
             changedHealth = record->health;
