@@ -129,6 +129,10 @@ struct CacheUpdateInfo {
             cache->refreshFolder(folder);
     }
 
+    bool holdsBelow(const Path& path) const {
+        return folders != nullptr && folders->getFolderSummary(path).below.total() != 0;
+    }
+
     bool hasTracked(const Path& folder) const {
         const auto below = folders->getFolderSummary(folder).below;
         return below.total() !=
@@ -151,7 +155,7 @@ struct CacheUpdateInfo {
     Path outermostUnsure(const Path& path) const {
         const bool reportsFolders = cache->getCachedStatus(root).has_value();
         Path result;
-        if (folders->getFolderSummary(path).below.total() != 0)
+        if (holdsBelow(path))
             result = path;
         for (Path folder = path.parentPath();
              folder.isBelow(root) &&
@@ -374,13 +378,22 @@ private:
     }
 
     /// On the strand.
+    /// @param path may lie above the root or beside it: while nothing but the root is cached, its
+    ///             parent is watched. What was asked for there would be answered with nothing.
     void respond(StorageEventKind kind, const Path& path) {
         QUENDO_LOG(Severity::Detail) << " path.string()=" << path;
+        const auto& root = m_info->root;
+        if (kind == StorageEventKind::ContentsUnknown && root.isBelow(path))
+            return respond(kind, root);
+        if (path != root && !path.isBelow(root))
+            return;
         if (kind == StorageEventKind::ContentsUnknown) {
             const auto around = m_info->folders != nullptr ? m_info->outermostUnsure(path) : Path();
             m_info->refreshFolder(around.empty() ? path : around);
         } else if (m_info->metadataFileNames.contains(UString(path.fileName().string()))) {
             m_info->refreshFolder(path.parentPath());
+        } else if (kind == StorageEventKind::Changed && m_info->holdsBelow(path)) {
+            m_info->refreshFolder(path); // it may have become readable, or unreadable
         } else {
             ask({path}, kind);
         }

@@ -5,8 +5,10 @@
 #include "quendo/change_detection/ExternalChangeDetectingCMAdapter.h"
 #include "quendo/change_detection/UpdateResponses.h"
 #include "quendo/git/GitAdapterFactory.h"
+#include "quendo/platform/standard/InotifyFolderWatcher.h"
 #include "tests/support/GitSandbox.h"
 #include "tests/support/HookedAdapter.h"
+#include "tests/support/OwnNamespaces.h"
 #include "tests/support/SteppedDetection.h"
 
 #include <gmock/gmock.h>
@@ -16,63 +18,18 @@
 #include <cstdlib>
 #include <filesystem>
 #include <random>
+#include <sys/stat.h>
 
 namespace quendo {
 namespace {
 
-/// A cache that follows a real Git working copy by real events. All it does runs on the test's
-/// thread, when the test says so.
-class FollowedCopy {
-public:
-    explicit FollowedCopy(const test::GitSandbox& sandbox)
-        : m_root(Path::fromNative(sandbox.work().native())),
-          m_adapter(makeExternalChangeDetectingCMAdapter(
-              std::make_unique<test::HookedAdapter>(
-                  git::GitAdapterFactory().createAdapter(m_root, m_interactor),
-                  [this](const test::Query&) { ++queries; }),
-              m_interactor)),
-          m_cache(createJobCombiningCache(m_adapter, m_interactor)) {
-        m_cache->setFolderStatusFlag(true);
-        m_interactor->getStatusDispatcher().connect(nonBlockingFullUpdateResponse(m_cache, m_root));
-        m_updater.emplace(m_cache, *m_adapter);
-        m_cache->refreshFolder(m_root);
-        settle();
-    }
-
-    /// Until all that has happened was answered.
-    void settle() {
-        for (int quiet = 0; quiet < 2; ++quiet) {
-            const int before = queries;
-            if (m_detection.endWindows() != 0 || queries != before)
-                quiet = -1;
-        }
-    }
-
-    std::map<Path, FileState> cached() const {
-        std::map<Path, FileState> states;
-        for (const auto& path : m_cache->getCachedFiles())
-            states.emplace(path, m_cache->getCachedStatus(path).value());
-        return states;
-    }
-    std::map<Path, FileState> asked() { return m_adapter->getStatus(m_root, true); }
-
-    int queries = 0;
-
-private:
-    test::SteppedDetection m_detection;
-    const Path m_root;
-    const std::shared_ptr<CMApplicationInteractor> m_interactor =
-        std::make_shared<CMApplicationInteractor>();
-    const std::shared_ptr<CMAdapter> m_adapter;
-    const std::shared_ptr<CMStatusCache> m_cache;
-    std::optional<VFSFileChangeCacheUpdater> m_updater;
-};
-
+/// Or none that can be seen.
 bool isWithoutFiles(const std::filesystem::path& folder) {
-    return std::filesystem::is_directory(folder) &&
-           std::ranges::all_of(
-               std::filesystem::recursive_directory_iterator(folder),
-               [](const auto& entry) { return entry.is_directory() && !entry.is_symlink(); });
+    namespace fs = std::filesystem;
+    const fs::recursive_directory_iterator entries(folder,
+                                                   fs::directory_options::skip_permission_denied);
+    return std::ranges::all_of(
+        entries, [](const auto& entry) { return fs::is_directory(entry.symlink_status()); });
 }
 
 std::string differences(const std::map<Path, FileState>& cached,
@@ -95,78 +52,225 @@ std::string differences(const std::map<Path, FileState>& cached,
     return text;
 }
 
-// People, tools and git itself at work; whenever they pause, the cache is what a fresh query says.
-TEST(Follow, CacheEqualsAFreshQueryWheneverThingsPause) {
-    // In the long form only, until that has passed for every seed.
+/// A cache that follows a real Git working copy by real events. All it does runs on the test's
+/// thread, when the test says so.
+class FollowedCopy {
+public:
+    FollowedCopy(const test::GitSandbox& sandbox, std::shared_ptr<platform::FolderWatcher> watcher)
+        : m_detection(std::move(watcher)), m_root(Path::fromNative(sandbox.work().native())),
+          m_adapter(makeExternalChangeDetectingCMAdapter(
+              std::make_unique<test::HookedAdapter>(
+                  git::GitAdapterFactory().createAdapter(m_root, m_interactor),
+                  [this](const test::Query&) { ++queries; }),
+              m_interactor)),
+          m_cache(createJobCombiningCache(m_adapter, m_interactor)) {
+        m_cache->setFolderStatusFlag(true);
+        m_interactor->getStatusDispatcher().connect(nonBlockingFullUpdateResponse(m_cache, m_root));
+        m_updater.emplace(m_cache, *m_adapter);
+        m_cache->refreshFolder(m_root);
+        settle();
+    }
+
+    /// What is cached beside what a fresh query says, when all that has happened was answered. What
+    /// is found by looking from time to time is waited for.
+    std::string differencesInTheEnd(bool isPolled) {
+        for (;;) {
+            settle();
+            auto text = differences(cached(), m_adapter->getStatus(m_root, true));
+            if (text.empty() || !isPolled || !m_detection.awaitTask())
+                return text;
+        }
+    }
+    void expectQuiet() {
+        const int before = queries;
+        settle();
+        EXPECT_EQ(queries, before) << "refreshes itself for ever";
+    }
+
+    int queries = 0;
+
+private:
+    void settle() {
+        for (int quiet = 0; quiet < 2; ++quiet) {
+            const int before = queries;
+            if (m_detection.endWindows() != 0 || queries != before)
+                quiet = -1;
+        }
+    }
+
+    std::map<Path, FileState> cached() const {
+        std::map<Path, FileState> states;
+        for (const auto& path : m_cache->getCachedFiles())
+            states.emplace(path, m_cache->getCachedStatus(path).value());
+        return states;
+    }
+
+    test::SteppedDetection m_detection;
+    const Path m_root;
+    const std::shared_ptr<CMApplicationInteractor> m_interactor =
+        std::make_shared<CMApplicationInteractor>();
+    const std::shared_ptr<CMAdapter> m_adapter;
+    const std::shared_ptr<CMStatusCache> m_cache;
+    std::optional<VFSFileChangeCacheUpdater> m_updater;
+};
+
+/// People, tools and git itself at work in a working copy, at random.
+class Work {
+public:
+    Work(const test::GitSandbox& sandbox, unsigned seed) : m_sandbox(sandbox), m_random(seed) {}
+    ~Work() { m_sandbox.run({"chmod", "-R", "u+rwx", "."}, m_sandbox.work()); }
+
+    unsigned below(unsigned limit) { return static_cast<unsigned>(m_random() % limit); }
+
+    /// @return what was done
+    std::string act(unsigned count) {
+        static constexpr const char* names[] = {"a", "b.log", "c d", "e/f", "e/g/h", "i/j/k"};
+        static constexpr const char* actions[] = {"parent 'X'; echo $RANDOM >> 'X'",
+                                                  "parent 'X'; echo same > 'X'",
+                                                  "rm -rf 'X'",
+                                                  "mv 'X' 'Y'",
+                                                  "mkdir -p 'X/new/deep'; touch 'X/new/deep/file'",
+                                                  "mkdir -p 'X'",
+                                                  "touch 'X/late'",
+                                                  "rm -rf ../out; mv 'X' ../out",
+                                                  "mv ../out 'Y'",
+                                                  "parent 'X'; rm -rf 'X'; ln -s a 'X'",
+                                                  "chmod +x 'X'",
+                                                  "chmod -x 'X'",
+                                                  "chmod 0 'X'",
+                                                  "chmod 700 e e/g i i/j 'X'",
+                                                  "git add -A",
+                                                  "git add 'X'",
+                                                  "git rm -rq --cached 'X'",
+                                                  "git commit -qm x",
+                                                  "git stash -q",
+                                                  "git stash pop -q",
+                                                  "git checkout -qB side",
+                                                  "git checkout -q main",
+                                                  "git checkout -q side",
+                                                  "git merge -q side",
+                                                  "git rebase -q main",
+                                                  "git rebase --abort || git merge --abort",
+                                                  "git reset -q --hard",
+                                                  "printf '*.log\n' > .gitignore",
+                                                  "rm -f .gitignore",
+                                                  "printf 'e/\n' > .gitignore",
+                                                  "cp 'X' t; mv t 'Y'"};
+        std::string script = "parent() { d=${1%/*}; [ \"$d\" = \"$1\" ] || mkdir -p \"$d\"; }\n";
+        for (; count > 0; --count) {
+            const std::string one = names[below(6)], other = names[below(6)];
+            // A tree of 5,000 files now and then.
+            std::string action = below(200) == 0 ? "mkdir -p 'X' && tar xf ../tree.tar -C 'X'"
+                                                 : actions[below(std::size(actions))];
+            for (const auto& [letter, name] : {std::pair("X", one), std::pair("Y", other)})
+                for (auto at = action.find(letter); at != action.npos;
+                     at = action.find(letter, at + name.size()))
+                    action.replace(at, 1, name);
+            script += "{ " + action + "; } >/dev/null 2>&1 </dev/null || :\n";
+        }
+        m_sandbox.run({"sh", "-c", script}, m_sandbox.work(), {{"GIT_EDITOR", "true"}});
+        return script;
+    }
+
+private:
+    const test::GitSandbox& m_sandbox;
+    std::mt19937 m_random;
+};
+
+struct Length {
+    unsigned from, to, operations;
+};
+
+Length lengthOf(unsigned shard, unsigned shards) {
     if (std::getenv("QUENDO_LONG") == nullptr)
-        GTEST_SKIP() << "SKIPPED: runs in the long form only";
-    const unsigned seeds = 200, operations = 200;
-    for (unsigned seed = 1; seed <= seeds; ++seed) {
+        return {shard + 1, shard + 2, 40};
+    const unsigned seeds = 200 / shards;
+    return {shard * seeds + 1, (shard + 1) * seeds + 1, 200};
+}
+
+struct Means {
+    std::function<std::shared_ptr<platform::FolderWatcher>()> makeWatcher = [] { return nullptr; };
+    bool isPolled = false;
+    /// Called with what works in the folder.
+    std::function<void(const std::filesystem::path&, const std::function<void()>&)> around =
+        [](const auto&, const auto& work) { work(); };
+};
+
+/// Whenever things pause, the cache is what a fresh query says.
+void follow(const Length& length, const Means& means) {
+    std::chrono::duration<double> longest{};
+    for (unsigned seed = length.from; seed < length.to; ++seed) {
         test::GitSandbox sandbox;
         sandbox.enterEnvironment();
         sandbox.init();
-        std::mt19937 random(seed);
-        const auto below = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };
-        const auto act = [&](unsigned count) {
-            std::string script = R"sh(
-                parent() { d=${1%/*}; [ "$d" = "$1" ] || mkdir -p "$d" 2>/dev/null || :; }
-                )sh";
-            static constexpr const char* names[] = {"a", "b.log", "c d", "e/f", "e/g/h", "i/j/k"};
-            for (; count > 0; --count) {
-                const std::string one = names[below(6)], other = names[below(6)];
-                static constexpr const char* actions[] = {
-                    "parent 'X'; echo $RANDOM >> 'X'",
-                    "parent 'X'; echo same > 'X'",
-                    "rm -rf 'X'",
-                    "mv 'X' 'Y'",
-                    "mkdir -p 'X/new/deep'; touch 'X/new/deep/file'",
-                    "mkdir -p 'X'",
-                    "touch 'X/late'",
-                    "rm -rf ../out; mv 'X' ../out",
-                    "mv ../out 'Y'",
-                    "parent 'X'; rm -rf 'X'; ln -s a 'X'",
-                    "chmod +x 'X'",
-                    "chmod -x 'X'",
-                    "git add -A",
-                    "git add 'X'",
-                    "git rm -rq --cached 'X'",
-                    "git commit -qm x",
-                    "git stash -q",
-                    "git stash pop -q",
-                    "git checkout -qB side",
-                    "git checkout -q main",
-                    "git checkout -q side",
-                    "git reset -q --hard",
-                    "printf '*.log\\n' > .gitignore",
-                    "rm -f .gitignore",
-                    "printf 'e/\\n' > .gitignore",
-                    "cp 'X' t; mv t 'Y'"};
-                std::string action = actions[below(std::size(actions))];
-                for (const auto& [letter, name] : {std::pair("X", one), std::pair("Y", other)})
-                    for (auto at = action.find(letter); at != action.npos;
-                         at = action.find(letter, at + name.size()))
-                        action.replace(at, 1, name);
-                script += "{ " + action + "; } >/dev/null 2>&1 || :\n";
-            }
-            sandbox.run({"sh", "-c", script}, sandbox.work());
-            return script;
-        };
-        act(30);
-        FollowedCopy followed(sandbox);
-        for (unsigned done = 0; done < operations;) {
-            const unsigned count = 1 + below(6);
-            const auto script = act(count);
+        sandbox.run({"sh", "-c",
+                     "mkdir t; for d in $(seq 50); do mkdir t/$d; (cd t/$d; touch $(seq 100)); "
+                     "done; tar cf tree.tar -C t .; rm -r t"},
+                    sandbox.root());
+        Work work(sandbox, seed);
+        work.act(30);
+        FollowedCopy followed(sandbox, means.makeWatcher());
+        for (unsigned done = 0; done < length.operations;) {
+            const unsigned count = 1 + work.below(6);
+            std::string script;
+            means.around(sandbox.work(), [&] { script += work.act(count); });
             done += count;
-            followed.settle();
-            ASSERT_EQ(differences(followed.cached(), followed.asked()), "")
-                << "seed " << seed << ", after " << done << ":\n"
-                << script;
+            const auto start = std::chrono::steady_clock::now();
+            const auto wrong = followed.differencesInTheEnd(means.isPolled);
+            longest = std::max<std::chrono::duration<double>>(
+                longest, std::chrono::steady_clock::now() - start);
+            if (!wrong.empty()) {
+                ADD_FAILURE() << wrong << "seed " << seed << ", after " << done << ":\n" << script;
+                break;
+            }
         }
-        const int before = followed.queries;
-        followed.settle();
-        EXPECT_EQ(followed.queries, before) << "refreshes itself for ever";
+        if (!means.isPolled)
+            followed.expectQuiet();
     }
+    std::printf("seeds %u to %u, longest time to be right again: %.2f s\n", length.from,
+                length.to - 1, longest.count());
 }
+
+class Follow : public testing::TestWithParam<unsigned> {};
+class FollowDeathTest : public testing::TestWithParam<std::pair<const char*, int>> {};
+
+TEST_P(Follow, WhatHappens) {
+    follow(lengthOf(GetParam(), 4), {});
+}
+INSTANTIATE_TEST_SUITE_P(Shard, Follow, testing::Range(0U, 4U));
+
+// The reader is held up until the kernel's queue has run over, in the middle of the work.
+TEST(FollowLosses, WhatHappensWhileEventsAreLost) {
+    const auto gate = std::make_shared<std::mutex>();
+    platform::InotifyFolderWatcherOptions options;
+    options.beforeRead = [gate] { const std::lock_guard lock(*gate); };
+    Means means;
+    means.makeWatcher = [&] { return std::make_shared<platform::InotifyFolderWatcher>(options); };
+    means.around = [&](const std::filesystem::path& folder, const std::function<void()>& work) {
+        const std::lock_guard lock(*gate);
+        work();
+        for (int i = 0; i < 10'000; ++i) {
+            ::mknod((folder / "x").c_str(), S_IFREG, 0);
+            ::unlink((folder / "x").c_str());
+        }
+        work();
+    };
+    follow(lengthOf(0, 10), means);
+}
+
+TEST_P(FollowDeathTest, WhatHappensWhereWatchesAreFew) {
+    test::expectSuccessInOwnNamespaces([&] {
+        const auto& [what, most] = GetParam();
+        test::limitInotify(what, most);
+        Means means;
+        means.makeWatcher = [&] { return std::make_shared<platform::InotifyFolderWatcher>(); };
+        means.isPolled = true;
+        follow(lengthOf(0, 10), means);
+    });
+}
+INSTANTIATE_TEST_SUITE_P(Limit, FollowDeathTest,
+                         testing::Values(std::pair("watches", 64), std::pair("watches", 8),
+                                         std::pair("instances", 0)));
 
 } // namespace
 } // namespace quendo

@@ -4,6 +4,7 @@
 #include "quendo/platform/standard/InotifyFolderWatcher.h"
 #include "tests/support/Deadline.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/OwnNamespaces.h"
 #include "tests/support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
@@ -15,7 +16,6 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -480,49 +480,13 @@ TEST_F(Watching, StormOfWatchesLeavesNothingBehind) {
     untilNow(); // it starts again
 }
 
-/// Runs the body in namespaces of its own, which have limits of their own; the body ends the
-/// process when it succeeds.
-class LimitedDeathTest : public Watching {
-protected:
-    static void enterNamespaces() {
-        const auto user = std::to_string(::geteuid());
-        const auto group = std::to_string(::getegid());
-        if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
-            std::_Exit(77);
-        std::ofstream("/proc/self/setgroups") << "deny";
-        std::ofstream("/proc/self/uid_map") << "0 " + user + " 1";
-        std::ofstream("/proc/self/gid_map") << "0 " + group + " 1";
-        limit("watches", 100'000);
-    }
-    static void limit(const std::string& what, int most) {
-        std::ofstream file("/proc/sys/user/max_inotify_" + what);
-        if (!(file << most << std::flush))
-            std::_Exit(77);
-    }
-    static void expectSuccess(const std::function<void()>& test) {
-        testing::FLAGS_gtest_death_test_style = "threadsafe";
-        int status = 0;
-        const auto runAndExit = [&] {
-            enterNamespaces();
-            test();
-            const auto& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
-            for (int i = 0; i < result.total_part_count(); ++i)
-                std::fputs(result.GetTestPartResult(i).summary(), stderr);
-            std::_Exit(HasFailure() ? 1 : 0);
-        };
-        EXPECT_EXIT(
-            runAndExit(),
-            [&](int code) { return (status = WEXITSTATUS(code)) == 0 || status == 77; }, "");
-        if (status == 77)
-            GTEST_SKIP() << "SKIPPED: no user namespaces may be made here";
-    }
-};
+using LimitedDeathTest = Watching;
 
 TEST_F(LimitedDeathTest, PollsWhatExceedsTheLimits) {
     options.pollInterval = 5ms;
-    expectSuccess([this] {
+    test::expectSuccessInOwnNamespaces([this] {
         const test::LogCapture log;
-        limit("watches", 64);
+        test::limitInotify("watches", 64);
         for (int i = 0; i < 100; ++i)
             fs::create_directory(root / std::to_string(i));
         for (int i = 0; i < 100; ++i)
@@ -541,16 +505,16 @@ TEST_F(LimitedDeathTest, PollsWhatExceedsTheLimits) {
         fs::remove(root / "98");
         heard.until("?98");
         EXPECT_EQ(log.count("Folders are polled"), 1U);
-        limit("watches", 1000);
+        test::limitInotify("watches", 1000);
         heard.until("native 99");
 
         finish();
-        limit("instances", 0);
+        test::limitInotify("instances", 0);
         watch("1");
         EXPECT_THAT(reason("1"), HasSubstr("fs.inotify.max_user_instances"));
         fs::create_directory(root / "1/a");
         heard.until("+1/a");
-        limit("instances", 8);
+        test::limitInotify("instances", 8);
         heard.until("native 1");
         fs::create_directory(root / "1/b");
         heard.until("+1/b");
@@ -559,10 +523,10 @@ TEST_F(LimitedDeathTest, PollsWhatExceedsTheLimits) {
 }
 
 TEST_F(LimitedDeathTest, SeesUnmounting) {
-    expectSuccess([this] {
+    test::expectSuccessInOwnNamespaces([this] {
         fs::create_directory(root / "d");
         if (::mount("none", (root / "d").c_str(), "tmpfs", 0, nullptr) != 0)
-            std::_Exit(77);
+            test::skipForWantOfRights();
         fs::create_directory(root / "d/e");
         watch("d");
         watch("d/e");

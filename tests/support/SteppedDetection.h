@@ -50,6 +50,14 @@ public:
         return due.size();
     }
 
+    /// Waits until there is something to run that came since the last call.
+    /// @return false when the deadline has passed
+    bool awaitTask() {
+        std::unique_lock lock(m_executors->mutex);
+        return m_executors->came.wait_until(
+            lock, byDeadline(), [&] { return std::exchange(m_executors->posted, false); });
+    }
+
 private:
     struct Delays : platform::DelayedTaskService {
         void runAfter(std::chrono::milliseconds, UniqueFunction<void()> task) override {
@@ -64,8 +72,15 @@ private:
     struct Executors : platform::ExecutorService {
         std::shared_ptr<Executor> getSourceControlExecutor() override { return nullptr; }
         std::shared_ptr<Executor> createStrandExecutor(const std::string& name) override {
-            return strands.emplace_back(std::make_shared<SteppedExecutor>(name));
+            return strands.emplace_back(std::make_shared<SteppedExecutor>(name, [this] {
+                const std::lock_guard lock(mutex);
+                posted = true;
+                came.notify_all();
+            }));
         }
+        std::mutex mutex;
+        std::condition_variable came;
+        bool posted = false; ///< since it was waited for
         std::list<std::shared_ptr<SteppedExecutor>> strands;
     };
 

@@ -4,6 +4,7 @@
 #include "quendo/platform/ExecutorService.h"
 #include "quendo/platform/Services.h"
 
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -16,13 +17,19 @@ namespace quendo::test {
 /// An executor whose tasks run when the test says so, on the test's thread.
 class SteppedExecutor final : public Executor {
 public:
-    explicit SteppedExecutor(std::string name) : m_name(std::move(name)) {}
+    /// @param posted called after each post
+    explicit SteppedExecutor(
+        std::string name, std::function<void()> posted = [] {})
+        : m_name(std::move(name)), m_posted(std::move(posted)) {}
 
     void post(Task task) override {
-        const std::lock_guard lock(m_mutex);
-        if (m_refuses)
-            throw std::system_error(EAGAIN, std::generic_category(), "no thread");
-        m_tasks.push_back(std::move(task));
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_refuses)
+                throw std::system_error(EAGAIN, std::generic_category(), "no thread");
+            m_tasks.push_back(std::move(task));
+        }
+        m_posted();
     }
     bool isRunningInThisThread() const noexcept override { return current == this; }
     std::string name() const override { return m_name; }
@@ -51,6 +58,7 @@ private:
     static inline thread_local const SteppedExecutor* current = nullptr;
 
     const std::string m_name;
+    const std::function<void()> m_posted;
     mutable std::mutex m_mutex;
     std::list<Task> m_tasks;
     bool m_refuses = false;
