@@ -268,15 +268,14 @@ public:
 
 private:
     bool isInstallation() const {
-        const auto services = platform::services();
-        const auto installation = services->installation->getRootFolder();
+        const auto installation = m_services->installation->getRootFolder();
         return installation &&
-               (services->files->equivalent(m_info->root, *installation) ||
-                services->files->equivalent(m_info->root, installation->parentPath()));
+               (m_services->files->equivalent(m_info->root, *installation) ||
+                m_services->files->equivalent(m_info->root, installation->parentPath()));
     }
 
     std::set<Path> foldersOfFiles() const {
-        const auto files = platform::services()->files;
+        const auto& files = m_services->files;
         std::set<Path> wanted;
         bool first = true;
         for (const auto& path : m_info->cache->getCachedFiles()) {
@@ -290,7 +289,7 @@ private:
 
     /// The same, from the folders. The list of files has the root first only when it is alone.
     std::set<Path> foldersOfInterface() const {
-        const auto files = platform::services()->files;
+        const auto& files = m_services->files;
         const auto folders = m_info->folders->getFolders();
         std::set<Path> wanted(folders.begin(), folders.end());
         if (wanted.size() > 1)
@@ -329,14 +328,13 @@ private:
         QUENDO_LOG(Severity::Detail) << " folder.string()=" << folder;
         const std::vector<StorageEventKind> kinds{
             StorageEventKind::Created, StorageEventKind::Changed, StorageEventKind::Deleted};
-        const auto services = platform::services();
         const platform::FileOrFolder location = platform::Folder(folder);
-        services->fileSystem->publishEventsFor(location, kinds, recursive);
+        m_services->fileSystem->publishEventsFor(location, kinds, recursive);
         auto handler = respondToFileChanges();
         const auto types =
             platform::createEventTypes(kinds, platform::getLocation(location).toString());
-        Subscription subscription{
-            services->events->subscribe(std::move(handler), types, {"VFSFileChangeCacheUpdater"})};
+        Subscription subscription{m_services->events->subscribe(std::move(handler), types,
+                                                                {"VFSFileChangeCacheUpdater"})};
         watches.insert_or_assign(folder, std::move(subscription));
     }
 
@@ -344,8 +342,7 @@ private:
         const auto found = m_watches.find(folder);
         auto subscription = std::move(found->second);
         m_watches.erase(found);
-        platform::services()->events->unsubscribe(platform::Folder(folder),
-                                                  std::move(subscription.handle));
+        m_services->events->unsubscribe(platform::Folder(folder), std::move(subscription.handle));
         QUENDO_LOG(Severity::Detail) << " folder.string()=" << folder;
     }
 
@@ -473,7 +470,7 @@ private:
             } else {
                 for (auto at = m_bareWatches.lower_bound(path);
                      at != m_bareWatches.end() && at->first.string().starts_with(path.string());)
-                    at = (at->first == path || at->first.isBelow(path)) && !isFolder(at->first)
+                    at = (at->first == path || at->first.isBelow(path)) && !isOwnFolder(at->first)
                              ? m_bareWatches.erase(at)
                              : std::next(at);
             }
@@ -482,16 +479,21 @@ private:
             lookInto({path});
     }
 
-    static bool isFolder(const Path& path) {
-        struct stat status;
-        return ::lstat(path.toNative().c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    /// Whether `path` is a folder, and no symbolic link leads there from the root.
+    bool isOwnFolder(const Path& path) const {
+        for (Path folder = path; folder.isBelow(m_info->root); folder = folder.parentPath()) {
+            struct stat status;
+            if (::lstat(folder.toNative().c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+                return false;
+        }
+        return true;
     }
 
     /// With the lock held.
     /// @return whether `path` is a folder that is watched now and was not before
     bool watchBare(const Path& path) {
         if (m_watches.contains(path) || m_bareWatches.contains(path) || m_info->isForbidden(path) ||
-            !isFolder(path))
+            !isOwnFolder(path))
             return false;
         const auto state = m_info->cache->getCachedStatus(path);
         if (state && (state->getState() == LocalStatus::Ignored ||
@@ -566,6 +568,7 @@ private:
     };
 
     // Constant after construction.
+    const std::shared_ptr<const platform::Services> m_services = platform::services();
     const std::shared_ptr<CacheUpdateInfo> m_info;
     std::shared_ptr<Executor> m_executor;
 

@@ -596,10 +596,23 @@ void Collector::addUnreadable(const std::string& errors) {
 }
 
 void Collector::addFolders() {
+    // Where a link has taken a folder's place, what was below it is not there any more, though its
+    // paths may lead to something.
+    std::unordered_map<std::string_view, bool> isThere;
+    const auto check = [&](const auto& self, std::string_view folder) -> bool {
+        const auto [found, isNew] = isThere.try_emplace(folder, folder.empty());
+        if (!isNew || folder.empty())
+            return found->second;
+        const auto slash = folder.rfind('/');
+        const auto mode = modeOf(std::string(folder));
+        const bool result =
+            mode && S_ISDIR(*mode) &&
+            (slash == std::string_view::npos || self(self, folder.substr(0, slash)));
+        return isThere[folder] = result;
+    };
     std::vector<std::string> closed; // files in them cannot be looked at
     for (const auto& [folder, content] : m_folders) {
-        const auto mode = modeOf(folder);
-        if (!mode || !S_ISDIR(*mode))
+        if (!check(check, folder))
             continue;
         const char* name = folder.empty() ? "." : folder.c_str();
         const auto key = pathOf(folder);

@@ -28,8 +28,11 @@ bool isWithoutFiles(const std::filesystem::path& folder) {
     namespace fs = std::filesystem;
     const fs::recursive_directory_iterator entries(folder,
                                                    fs::directory_options::skip_permission_denied);
-    return std::ranges::all_of(
-        entries, [](const auto& entry) { return fs::is_directory(entry.symlink_status()); });
+    std::error_code unseen;
+    return std::ranges::all_of(entries, [&](const auto& entry) {
+        const auto status = entry.symlink_status(unseen);
+        return unseen || fs::is_directory(status);
+    });
 }
 
 std::string differences(const std::map<Path, FileState>& cached,
@@ -81,10 +84,10 @@ public:
                 return text;
         }
     }
-    void expectQuiet() {
+    void expectQuiet(unsigned seed) {
         const int before = queries;
         settle();
-        EXPECT_EQ(queries, before) << "refreshes itself for ever";
+        EXPECT_EQ(queries, before) << "seed " << seed << " refreshes itself for ever";
     }
 
     int queries = 0;
@@ -181,7 +184,11 @@ struct Length {
     unsigned from, to, operations;
 };
 
+/// QUENDO_SEED=number runs that one alone.
 Length lengthOf(unsigned shard, unsigned shards) {
+    if (const char* seed = std::getenv("QUENDO_SEED"))
+        return {static_cast<unsigned>(std::atoi(seed)), static_cast<unsigned>(std::atoi(seed)) + 1,
+                200};
     if (std::getenv("QUENDO_LONG") == nullptr)
         return {shard + 1, shard + 2, 40};
     const unsigned seeds = 200 / shards;
@@ -225,7 +232,7 @@ void follow(const Length& length, const Means& means) {
             }
         }
         if (!means.isPolled)
-            followed.expectQuiet();
+            followed.expectQuiet(seed);
     }
     std::printf("seeds %u to %u, longest time to be right again: %.2f s\n", length.from,
                 length.to - 1, longest.count());
