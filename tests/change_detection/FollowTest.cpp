@@ -206,6 +206,7 @@ struct Means {
 /// Whenever things pause, the cache is what a fresh query says.
 void follow(const Length& length, const Means& means) {
     std::chrono::duration<double> longest{};
+    std::string slowest;
     for (unsigned seed = length.from; seed < length.to; ++seed) {
         test::GitSandbox sandbox;
         sandbox.enterEnvironment();
@@ -224,8 +225,11 @@ void follow(const Length& length, const Means& means) {
             done += count;
             const auto start = std::chrono::steady_clock::now();
             const auto wrong = followed.differencesInTheEnd(means.isPolled);
-            longest = std::max<std::chrono::duration<double>>(
-                longest, std::chrono::steady_clock::now() - start);
+            const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+            if (took > longest) {
+                longest = took;
+                slowest = "seed " + std::to_string(seed) + ", after " + std::to_string(done);
+            }
             if (!wrong.empty()) {
                 ADD_FAILURE() << wrong << "seed " << seed << ", after " << done << ":\n" << script;
                 break;
@@ -234,8 +238,8 @@ void follow(const Length& length, const Means& means) {
         if (!means.isPolled)
             followed.expectQuiet(seed);
     }
-    std::printf("seeds %u to %u, longest time to be right again: %.2f s\n", length.from,
-                length.to - 1, longest.count());
+    std::printf("seeds %u to %u, longest time to be right again: %.2f s, %s\n", length.from,
+                length.to - 1, longest.count(), slowest.c_str());
 }
 
 class Follow : public testing::TestWithParam<unsigned> {};
