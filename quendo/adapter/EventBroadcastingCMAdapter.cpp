@@ -10,6 +10,7 @@
 namespace quendo {
 
 struct EventBroadcastingCMAdapter::Signals {
+    const std::shared_ptr<platform::FileUtilities> files = platform::services()->files;
     boost::signals2::signal<void(std::vector<Path>)> folderStatus;
     boost::signals2::signal<void(std::vector<Path>)> fileStatus;
     boost::signals2::signal<void()> update;
@@ -69,7 +70,7 @@ void EventBroadcastingCMAdapter::removeFiles(const std::vector<Path>& files) con
 
 void EventBroadcastingCMAdapter::moveFile(const Path& source, const Path& destination) const {
     // Asked before the move: afterwards there is nothing at the source.
-    const bool isFolder = platform::services()->files->isDirectory(source);
+    const bool isFolder = m_signals->files->isDirectory(source);
     CMAdapterDecorator::moveFile(source, destination);
     if (isFolder)
         dispatchFolderStatusChanged({source, destination});

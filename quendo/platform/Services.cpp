@@ -82,8 +82,26 @@ void fill(std::shared_ptr<Service>& member, const std::shared_ptr<Service>& stan
         member = standard;
 }
 
+std::string shown(const std::source_location& where) {
+    return std::string(where.file_name()) + ":" + std::to_string(where.line());
+}
+
+thread_local std::shared_ptr<const Services> ofThisThread;
+
+} // namespace
+
 std::shared_ptr<const Services> completed(Services services) {
     const auto& standard = standardServices();
+    if (const auto& watcher = services.folderWatcher; watcher != nullptr) {
+        if (services.events == nullptr && services.fileSystem == nullptr) {
+            const auto events = std::make_shared<StandardEventMgr>(watcher);
+            services.events = events;
+            services.fileSystem = events;
+        }
+        if (services.deletionWatchers == nullptr)
+            services.deletionWatchers =
+                std::make_shared<StandardFolderDeletionWatcherFactory>(watcher);
+    }
     fill(services.settings, standard.settings);
     fill(services.featureFlags, standard.featureFlags);
     fill(services.executors, standard.executors);
@@ -98,12 +116,6 @@ std::shared_ptr<const Services> completed(Services services) {
     fill(services.fileSystem, standard.fileSystem);
     return std::make_shared<const Services>(std::move(services));
 }
-
-std::string shown(const std::source_location& where) {
-    return std::string(where.file_name()) + ":" + std::to_string(where.line());
-}
-
-} // namespace
 
 void install(Services services, std::source_location where) {
     auto complete = completed(std::move(services));
@@ -120,6 +132,8 @@ void install(Services services, std::source_location where) {
 }
 
 std::shared_ptr<const Services> services(std::source_location where) {
+    if (ofThisThread != nullptr)
+        return ofThisThread;
     auto& global = state();
     const std::lock_guard lock(global.mutex);
     if (global.current == nullptr) {
@@ -128,6 +142,16 @@ std::shared_ptr<const Services> services(std::source_location where) {
         global.fixedBy = "in use already, first";
     }
     return global.current;
+}
+
+ThreadServices::ThreadServices(std::shared_ptr<const Services> services)
+    : m_previous(ofThisThread) {
+    if (services != nullptr)
+        ofThisThread = std::move(services);
+}
+
+ThreadServices::~ThreadServices() {
+    ofThisThread = std::move(m_previous);
 }
 
 ScopedServices::ScopedServices(Services services) {

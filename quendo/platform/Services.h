@@ -54,10 +54,29 @@ public:
 QUENDO_API void install(Services services,
                         std::source_location where = std::source_location::current());
 
-/// The services in force, every member set except `factorySources`, whose null stands for the
-/// factories built into the library. Any thread; the bundle stays valid while it is held.
+/// These services with the library's own for the members left null, `factorySources` excepted. The
+/// library's event service and deletion watchers stand over the given `folderWatcher`.
+QUENDO_API std::shared_ptr<const Services> completed(Services services);
+
+/// The services in force on this thread, every member set except `factorySources`, whose null
+/// stands for the factories built into the library. Any thread; the bundle stays valid while it is
+/// held.
 QUENDO_API std::shared_ptr<const Services>
 services(std::source_location where = std::source_location::current());
+
+/// While it lives, services() answers these on this thread; what is made meanwhile keeps them.
+/// Guards nest: destroy them in reverse order, on the thread that made them.
+class QUENDO_API ThreadServices {
+public:
+    /// @param services as completed() gives them; null changes nothing
+    explicit ThreadServices(std::shared_ptr<const Services> services);
+    ~ThreadServices();
+    ThreadServices(const ThreadServices&) = delete;
+    ThreadServices& operator=(const ThreadServices&) = delete;
+
+private:
+    std::shared_ptr<const Services> m_previous;
+};
 
 /// Replaces the services while it lives, for tests; also after the first use. Members left null
 /// stand for the library's own again. Guards nest: destroy them in reverse order, and only while

@@ -8,6 +8,7 @@
 #include "quendo/platform/standard/StandardMessageCatalogue.h"
 #include "quendo/platform/standard/StandardSettingsService.h"
 #include "quendo/platform/standard/StandardUuidGenerator.h"
+#include "tests/support/Deadline.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -62,6 +63,13 @@ TEST(Services, ScopesNestAndMissingMembersAreStandard) {
     {
         const ScopedServices inner(withMarker(true));
         EXPECT_TRUE(marker() && !held->featureFlags->isOn("marker"));
+    }
+    EXPECT_EQ(services(), held);
+    {
+        const ThreadServices mine(completed(withMarker(true)));
+        const ThreadServices nothing(nullptr);
+        EXPECT_TRUE(marker());
+        EXPECT_FALSE(test::within(test::onThread(marker)));
     }
     EXPECT_EQ(services(), held);
     EXPECT_TRUE(held->settings && held->executors && held->messages && held->installation &&

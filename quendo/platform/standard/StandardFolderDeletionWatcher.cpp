@@ -102,13 +102,12 @@ private:
 
 class StandardFolderDeletionWatcher final : public FolderDeletionWatcher {
 public:
-    explicit StandardFolderDeletionWatcher(const Path& folder)
+    StandardFolderDeletionWatcher(const Path& folder, FolderWatcher& watcher)
         : m_deletion(std::make_shared<Deletion>(folder)) {
-        const auto watcher = services()->folderWatcher;
         for (auto watched = folder; !watched.empty(); watched = watched.parentPath())
             m_watches.push_back(
-                watcher->watch(watched, FolderWatcher::Scope::Itself,
-                               [deletion = m_deletion](const FolderEvent&) { deletion->look(); }));
+                watcher.watch(watched, FolderWatcher::Scope::Itself,
+                              [deletion = m_deletion](const FolderEvent&) { deletion->look(); }));
         // Behind the watches: what happens from here on is told.
         m_deletion->remember();
     }
@@ -131,9 +130,14 @@ private:
 
 } // namespace
 
+StandardFolderDeletionWatcherFactory::StandardFolderDeletionWatcherFactory(
+    std::shared_ptr<FolderWatcher> watcher)
+    : m_watcher(std::move(watcher)) {}
+
 std::unique_ptr<FolderDeletionWatcher>
 StandardFolderDeletionWatcherFactory::watch(const Path& folder) {
-    return std::make_unique<StandardFolderDeletionWatcher>(folder);
+    const auto watcher = m_watcher != nullptr ? m_watcher : services()->folderWatcher;
+    return std::make_unique<StandardFolderDeletionWatcher>(folder, *watcher);
 }
 
 } // namespace quendo::platform
