@@ -27,6 +27,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/cache/JobCombiningCMStatusCache.h
     quendo/cache/Stoppable.h
     quendo/cache/VFSFileChangeCacheUpdater.h
+    quendo/change_detection/DisableChangeDetection.h
     quendo/exception/AdapterErrors.h
     quendo/exception/MessageIDException.h
     quendo/exception/Rethrowable.h
@@ -37,6 +38,8 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/factory/CMAdapterFactoryProvider.h
     quendo/factory/InjectedCMAdapterFactories.h
     quendo/git/GitAdapterFactory.h
+    quendo/management/CMActionManager.h
+    quendo/management/ListUntrackedFiles.h
     quendo/platform/ChangeEventsSubscriptionException.h
     quendo/platform/DelayedTaskService.h
     quendo/platform/EventMgr.h
@@ -49,6 +52,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/platform/FolderDeletionWatcher.h
     quendo/platform/FolderExternalChangeDetector.h
     quendo/platform/FolderWatcher.h
+    quendo/platform/HostArray.h
     quendo/platform/IMsgIDException.h
     quendo/platform/InstallationService.h
     quendo/platform/IsChildFolderQuery.h
@@ -64,6 +68,13 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/platform/UniqueFunction.h
     quendo/platform/UuidGenerator.h
     quendo/platform/VirtualFileSystem.h
+    quendo/pool/ClientRegisteredManagedFolder.h
+    quendo/pool/FaultyFolder.h
+    quendo/pool/GetClients.h
+    quendo/pool/ManagedFolder.h
+    quendo/pool/ManagedFolderDecorator.h
+    quendo/pool/ManagedFolderProvider.h
+    quendo/pool/PooledManagedFolderProvider.h
 )
 
 # Headers of the library's own use in folders of public ones. Those of quendo/git, quendo/svn (but
@@ -83,5 +94,10 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/cache/TransactionalFileCache.h
     quendo/change_detection/ExternalChangeDetectingCMAdapter.h
     quendo/change_detection/UpdateResponses.h
+    quendo/platform/EachSlot.h
     quendo/platform/Utf8.h
+    quendo/pool/FaultyFolderRecord.h
+    quendo/pool/PooledManagedFolder.h
+    quendo/pool/RootWatch.h
+    quendo/pool/ViableLocation.h
 )

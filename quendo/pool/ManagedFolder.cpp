@@ -1,0 +1,7 @@
+#include "quendo/pool/ManagedFolder.h"
+
+namespace quendo {
+
+ManagedFolder::~ManagedFolder() = default;
+
+} // namespace quendo

@@ -1,0 +1,99 @@
+#pragma once
+
+#include "quendo/platform/Export.h"
+#include "quendo/platform/Path.h"
+
+#include <boost/signals2/connection.hpp>
+#include <boost/signals2/slot.hpp>
+
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace quendo {
+
+class FaultyFolder;
+class ManagedFolder;
+
+namespace platform {
+struct Services;
+}
+
+/// Finds the working copy that a path belongs to, and gives everybody the same managed folder for
+/// it as long as somebody holds it.
+///
+/// The innermost working copy owns a path. Symbolic links on the way are resolved, and so is the
+/// path's last part when it leads to a folder, so one working copy has one folder however it is
+/// spelled.
+///
+/// Threads: any. A request reads small files of the repository, and making a folder watches it:
+/// keep both off a thread that must not wait (provideLater()). Slots run on the thread of the
+/// request or of the release that they tell about, without a lock; what they throw is logged.
+class QUENDO_API ManagedFolderProvider {
+public:
+    using FolderSlot = boost::signals2::slot<void(std::shared_ptr<ManagedFolder>)>;
+    using ClientSlot = boost::signals2::slot<void(const std::string&)>;
+    using FaultSlot = boost::signals2::slot<void(std::shared_ptr<FaultyFolder>)>;
+    using PathSlot = boost::signals2::slot<void(const Path&)>;
+
+    virtual ~ManagedFolderProvider();
+
+    /// The managed folder of the working copy that holds `folder`, which need not be a folder nor
+    /// exist. The client is counted in as long as the result lives. Null when there is no working
+    /// copy around it, or source control is switched off in the settings.
+    /// @param folder absolute
+    /// @throws std::invalid_argument for a path that is not absolute, or an identifier that is
+    ///         empty or holds control characters;
+    ///         shared_quendo::core::VFSChangeEventsError, with the reason nested, when the host's
+    ///         event service refuses to watch the working copy;
+    ///         exception::SourceControlException and what else the factory throws for a working
+    ///         copy that cannot be used. Nothing is left behind, and the next request tries again.
+    virtual std::shared_ptr<ManagedFolder> provideFor(const Path& folder,
+                                                      const std::string& clientId) = 0;
+    /// The same for the client "UNKNOWN".
+    virtual std::shared_ptr<ManagedFolder> provideFor(const Path& folder) = 0;
+
+    /// What is wrong with the working copy that holds `folder`: tries as provideFor() does, and
+    /// answers what that throws as a faulty folder. Null when nothing is wrong.
+    /// @throws std::invalid_argument as provideFor()
+    virtual std::shared_ptr<FaultyFolder> provideFaultyFor(const Path& folder,
+                                                           const std::string& clientId) = 0;
+    virtual std::shared_ptr<FaultyFolder> provideFaultyFor(const Path& folder) = 0;
+
+    /// The folders that are alive, by root, and the faults that somebody holds.
+    virtual std::vector<std::shared_ptr<ManagedFolder>> getManagedFolders() const = 0;
+    virtual std::vector<std::shared_ptr<FaultyFolder>> getFaultyFolders() const = 0;
+
+    /// A folder was made; before the request that made it returns.
+    virtual boost::signals2::connection connectFolderMade(const FolderSlot& slot) = 0;
+    /// A client was given a folder.
+    virtual boost::signals2::connection connectClientRegistered(const ClientSlot& slot) = 0;
+    /// A folder could not be made. Whoever keeps the argument keeps the fault listed.
+    virtual boost::signals2::connection connectFaultRecorded(const FaultSlot& slot) = 0;
+    /// The root of a living folder has gone; see ManagedFolder::connectDeleted().
+    virtual boost::signals2::connection connectFolderDeleted(const PathSlot& slot) = 0;
+    /// A folder was let go by the last that held it, and is no more.
+    virtual boost::signals2::connection connectFolderReleased(const PathSlot& slot) = 0;
+};
+
+/// The provider of the process, made on first use and never destroyed.
+QUENDO_API ManagedFolderProvider& getSingletonManagedFolderProvider();
+
+/// A provider with a pool of its own. Folders that it gave may outlive it.
+QUENDO_API std::unique_ptr<ManagedFolderProvider> createNewManagedFolderProviderInstance();
+/// The same with services of its own: what it makes uses these and not the process's.
+QUENDO_API std::unique_ptr<ManagedFolderProvider>
+createNewManagedFolderProviderInstance(platform::Services services);
+
+/// provideFor() on a thread of the library's, for threads that must not wait. The future may be
+/// dropped. The provider must outlive the request.
+/// @throws std::system_error when no thread can be had
+QUENDO_API std::future<std::shared_ptr<ManagedFolder>>
+provideLater(ManagedFolderProvider& provider, const Path& folder, const std::string& clientId);
+
+/// `path` as caches and adapters spell it: absolute, with the symbolic links on the way resolved.
+/// The last part is kept, because a symbolic link has a state of its own. Looks at the disk.
+QUENDO_API Path managedPath(const Path& path);
+
+} // namespace quendo

@@ -1,0 +1,144 @@
+#include "quendo/pool/PooledManagedFolder.h"
+
+#include "quendo/adapter/SingleThreadedCMAdapter.h"
+#include "quendo/cache/JobCombiningCMStatusCache.h"
+#include "quendo/change_detection/ExternalChangeDetectingCMAdapter.h"
+#include "quendo/change_detection/UpdateResponses.h"
+#include "quendo/platform/Executor.h"
+#include "quendo/platform/FolderExternalChangeDetector.h"
+#include "quendo/platform/Logging.h"
+#include "quendo/platform/Services.h"
+#include "quendo/platform/UuidGenerator.h"
+
+#include <utility>
+
+namespace quendo {
+namespace {
+
+std::shared_ptr<EventBroadcastingCMAdapter>
+layered(std::unique_ptr<CMAdapter> adapter,
+        const std::shared_ptr<CMApplicationInteractor>& interactor) {
+    auto oneAtATime =
+        std::make_unique<SingleThreadedCMAdapter>(getSourceControlExecutor(), std::move(adapter));
+    return std::make_shared<EventBroadcastingCMAdapter>(
+        makeExternalChangeDetectingCMAdapter(std::move(oneAtATime), interactor));
+}
+
+/// `listener`, whose failures reach nobody: the operation that it is told of has succeeded.
+template <class Listener>
+auto logging(Listener listener) {
+    return [listener = std::move(listener)](const auto&... arguments) {
+        try {
+            listener(arguments...);
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+        }
+    };
+}
+
+VFSFileChangeCacheUpdater startedUpdater(const std::shared_ptr<CMStatusCache>& cache,
+                                         const CMAdapter& adapter) {
+    VFSFileChangeCacheUpdater updater(cache, adapter);
+    if (const auto refusal = updater.rootRefusal())
+        std::rethrow_exception(refusal);
+    return updater;
+}
+
+} // namespace
+
+PooledManagedFolder::PooledManagedFolder(std::unique_ptr<CMAdapter> adapter, UString systemName,
+                                         std::string systemId,
+                                         std::shared_ptr<CMApplicationInteractor> interactor)
+    : m_interactor(std::move(interactor)), m_adapter(layered(std::move(adapter), m_interactor)),
+      m_cache(createJobCombiningCache(m_adapter, m_interactor)),
+      m_systemName(std::move(systemName)), m_systemId(std::move(systemId)),
+      m_uuid(platform::services()->uuids->generate()),
+      m_statusConnection(m_adapter->addStatusListener(logging(filesUpdateResponse(m_cache)))),
+      m_folderStatusConnection(
+          m_adapter->addFolderStatusListener(logging(foldersUpdateResponse(m_cache)))),
+      m_updateConnection(m_adapter->addUpdateListener(logging(fullUpdateResponse(m_cache)))),
+      m_triggerConnection(m_interactor->getStatusDispatcher().connect(
+          logging(nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder())))),
+      m_updater(startedUpdater(m_cache, *m_adapter)),
+      m_deletedSignal(std::make_shared<DeletedSignal>()),
+      m_rootWatch(
+          m_adapter->getRootFolder(),
+          [deleted = m_deletedSignal,
+           update = nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder())] {
+              (*deleted)();
+              update();
+          },
+          nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder())) {}
+
+PooledManagedFolder::~PooledManagedFolder() {
+    QUENDO_LOG(Severity::Detail) << " folder.string()=" << m_adapter->getRootFolder();
+}
+
+Path PooledManagedFolder::getRootFolder() const {
+    return m_adapter->getRootFolder();
+}
+
+CMAdapter& PooledManagedFolder::getAdapter() const {
+    return *m_adapter;
+}
+
+UString PooledManagedFolder::getSystemName() const {
+    return m_systemName;
+}
+
+std::string PooledManagedFolder::getSystemID() const {
+    return m_systemId;
+}
+
+CMInteractor& PooledManagedFolder::getCMInteractor() const {
+    return *m_interactor;
+}
+
+CMStatusCache& PooledManagedFolder::getCache() const {
+    return *m_cache;
+}
+
+StatusTrigger& PooledManagedFolder::getStatusTrigger() const {
+    return m_interactor->getStatusTrigger();
+}
+
+Terminator& PooledManagedFolder::getTerminator() const {
+    return m_interactor->getTerminator();
+}
+
+std::string PooledManagedFolder::getUUID() const {
+    return m_uuid;
+}
+
+void PooledManagedFolder::addClient(const std::string& clientId) {
+    const auto hold = m_lock.write();
+    ++m_clients[clientId];
+}
+
+void PooledManagedFolder::removeClient(const std::string& clientId) {
+    const auto hold = m_lock.write();
+    const auto found = m_clients.find(clientId);
+    if (found != m_clients.end() && --found->second == 0)
+        m_clients.erase(found);
+}
+
+std::map<std::string, std::uint64_t> PooledManagedFolder::getClients() const {
+    const auto hold = m_lock.read();
+    return m_clients;
+}
+
+std::unique_ptr<ManagedFolder::ScopedDisablement> PooledManagedFolder::disable() {
+    auto fileChanges = m_updater.disable();
+    scope_guard externalChanges;
+    const auto detector = m_adapter->getSubsystem(typeid(FolderExternalChangeDetector));
+    if (const auto* found = std::any_cast<FolderExternalChangeDetector*>(&detector);
+        found != nullptr && *found != nullptr)
+        externalChanges = (*found)->disable();
+    return std::make_unique<ScopedDisablement>(std::move(fileChanges), std::move(externalChanges));
+}
+
+boost::signals2::connection PooledManagedFolder::connectDeleted(const DeletedSlot& slot) {
+    return m_deletedSignal->connect(slot);
+}
+
+} // namespace quendo

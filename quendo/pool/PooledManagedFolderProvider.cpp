@@ -1,0 +1,336 @@
+#include "quendo/pool/PooledManagedFolderProvider.h"
+
+#include "quendo/exception/SourceControlException.h"
+#include "quendo/exception/VFSChangeEventsError.h"
+#include "quendo/factory/AllCMAdapterFactoryProvider.h"
+#include "quendo/platform/ChangeEventsSubscriptionException.h"
+#include "quendo/platform/EachSlot.h"
+#include "quendo/platform/Executor.h"
+#include "quendo/platform/FileUtilities.h"
+#include "quendo/platform/Logging.h"
+#include "quendo/platform/ReentrantReadWriteLock.h"
+#include "quendo/platform/Services.h"
+#include "quendo/pool/ClientRegisteredManagedFolder.h"
+#include "quendo/pool/FaultyFolderRecord.h"
+#include "quendo/pool/PooledManagedFolder.h"
+#include "quendo/pool/ViableLocation.h"
+
+#include <boost/signals2/signal.hpp>
+
+#include <algorithm>
+#include <optional>
+#include <stdexcept>
+#include <unordered_map>
+#include <utility>
+
+// The pool's lock. Looking up takes the read side, making a folder the write side, which is kept
+// until the client is registered, so that two requests for one root get the same folder. Nothing is
+// destroyed under it that may be a last reference, because a folder that goes takes the write side
+// on whatever thread it goes, and nothing is told under it. A folder that went takes its entry out
+// of the table; an entry whose folder has gone counts as absent until then.
+
+namespace quendo {
+
+ManagedFolderProvider::~ManagedFolderProvider() = default;
+
+namespace {
+
+template <class Signature>
+using Signal = boost::signals2::signal<Signature, platform::EachSlot>;
+
+const std::string unknownClient = "UNKNOWN";
+
+/// The path to look around: the target where it leads to a folder.
+Path requestedPath(const Path& path) {
+    if (!path.isAbsolute())
+        throw std::invalid_argument("\"" + path.toUtf8() +
+                                    "\" is not an absolute path: give the whole path");
+    const auto files = platform::services()->files;
+    return files->isDirectory(path) ? files->canonical(path) : managedPath(path);
+}
+
+std::shared_ptr<CMAdapterFactory> probe(const Path& folder) {
+    try {
+        return AllCMAdapterFactoryProvider().provide(folder);
+    } catch (...) {
+        QUENDO_LOG_CAUGHT_EXCEPTION();
+        return nullptr;
+    }
+}
+
+/// Fills in what the factory makes of the root that it recognised.
+void complete(ViableLocation& location, const Path& folder) {
+    location.interactor = std::make_shared<CMApplicationInteractor>();
+    location.adapter = location.factory->createAdapter(location.root, location.interactor);
+    if (location.adapter == nullptr)
+        throw exception::SourceControlException(
+            "The adapter factory \"" + location.factory->getID() + "\" recognised " +
+            location.root.toUtf8() + " and made no adapter for it");
+    location.root = location.adapter->getRootFolder();
+    if (folder != location.root && !folder.isBelow(location.root))
+        throw exception::SourceControlException(
+            folder.toUtf8() + " lies outside the files of its repository, which are in " +
+            location.root.toUtf8());
+}
+
+} // namespace
+
+class PooledManagedFolderProviderImpl
+    : public std::enable_shared_from_this<PooledManagedFolderProviderImpl> {
+public:
+    explicit PooledManagedFolderProviderImpl(std::shared_ptr<const platform::Services> services)
+        : m_services(std::move(services)) {}
+
+    struct Outcome {
+        std::shared_ptr<ManagedFolder> folder;
+        std::shared_ptr<FaultyFolder> fault;
+    };
+
+    /// @throws std::invalid_argument for what no factory is asked about
+    Outcome request(const Path& folder, const std::string& clientId) {
+        const platform::ThreadServices use(m_services);
+        QUENDO_LOG(Severity::Detail) << " folder.string()=" << folder << " clientId=" << clientId;
+        checkClientId(clientId);
+        QUENDO_LOG(Severity::Detail) << "Find viable location for folder: " << folder;
+        const Path path = requestedPath(folder);
+        ViableLocation location;
+        for (Path at = path; !at.empty() && location.factory == nullptr; at = at.parentPath()) {
+            location.factory = probe(at);
+            location.root = at;
+        }
+        if (location.factory == nullptr)
+            return {};
+        try {
+            complete(location, path);
+            return {provide(location, clientId), nullptr};
+        } catch (const platform::ChangeEventsSubscriptionException&) {
+            try {
+                std::throw_with_nested(
+                    shared_quendo::core::VFSChangeEventsError(UString(folder.string())));
+            } catch (...) {
+                return {nullptr, recordFault(location, folder, clientId)};
+            }
+        } catch (...) {
+            return {nullptr, recordFault(location, folder, clientId)};
+        }
+    }
+
+    std::vector<std::shared_ptr<ManagedFolder>> getManagedFolders() const {
+        std::vector<std::shared_ptr<ManagedFolder>> folders;
+        {
+            const auto hold = m_lock.read();
+            folders.reserve(m_pool.size());
+            for (const auto& [root, weak] : m_pool) {
+                if (auto folder = weak.lock())
+                    folders.push_back(std::move(folder));
+            }
+        }
+        std::ranges::sort(folders, {}, [](const auto& folder) { return folder->getRootFolder(); });
+        return folders;
+    }
+
+    std::vector<std::shared_ptr<FaultyFolder>> getFaultyFolders() const {
+        std::vector<std::shared_ptr<FaultyFolder>> faults;
+        const auto hold = m_lock.read();
+        for (const auto& [root, record] : m_faults) {
+            for (auto& fault : record->getFaults())
+                faults.push_back(std::move(fault));
+        }
+        return faults;
+    }
+
+    Signal<void(std::shared_ptr<ManagedFolder>)> folderMade;
+    Signal<void(const std::string&)> clientRegistered;
+    Signal<void(std::shared_ptr<FaultyFolder>)> faultRecorded;
+    Signal<void(const Path&)> folderDeleted;
+    Signal<void(const Path&)> folderReleased;
+
+private:
+    std::shared_ptr<PooledManagedFolder> lookUp(const Path& root) const {
+        const auto found = m_pool.find(root);
+        return found != m_pool.end() ? found->second.lock() : nullptr;
+    }
+
+    std::shared_ptr<ManagedFolder> provide(ViableLocation& location, const std::string& clientId) {
+        std::shared_ptr<PooledManagedFolder> folder;
+        std::shared_ptr<ManagedFolder> registered;
+        bool isNew = false;
+        {
+            const auto hold = m_lock.read();
+            folder = lookUp(location.root);
+        }
+        if (folder != nullptr) {
+            QUENDO_LOG(Severity::Detail) << "Found cached entry with read lock.";
+            registered = registerClient(folder, clientId);
+        } else {
+            const auto hold = m_lock.write();
+            folder = lookUp(location.root);
+            if (folder != nullptr) {
+                QUENDO_LOG(Severity::Detail) << "Found cached entry with write lock.";
+            } else {
+                QUENDO_LOG(Severity::Detail) << "Create new entry.";
+                folder = createNewEntry(location);
+                m_pool.insert_or_assign(location.root, folder);
+                isNew = true;
+            }
+            registered = registerClient(folder, clientId);
+        }
+        if (isNew) {
+            folder->connectDeleted([weak = weak_from_this(), root = location.root] {
+                if (const auto self = weak.lock())
+                    self->folderDeleted(root);
+            });
+            folderMade(registered);
+        }
+        clientRegistered(clientId);
+        return registered;
+    }
+
+    std::shared_ptr<PooledManagedFolder> createNewEntry(ViableLocation& location) {
+        const auto release = [weak = weak_from_this(), root = location.root](auto* folder) {
+            delete folder;
+            if (const auto self = weak.lock())
+                self->released(root);
+        };
+        return {std::make_unique<PooledManagedFolder>(
+                    std::move(location.adapter), location.factory->getSystemName(),
+                    location.factory->getID(), location.interactor)
+                    .release(),
+                release};
+    }
+
+    /// On whatever thread the last reference was dropped.
+    void released(const Path& root) noexcept {
+        try {
+            {
+                const auto hold = m_lock.write();
+                const auto found = m_pool.find(root);
+                if (found != m_pool.end() && found->second.expired())
+                    m_pool.erase(found);
+            }
+            folderReleased(root);
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+        }
+    }
+
+    /// In a handler of an exception.
+    std::shared_ptr<FaultyFolder> recordFault(const ViableLocation& location, const Path& folder,
+                                              const std::string& clientId) {
+        const auto error = std::current_exception();
+        std::shared_ptr<FaultyFolderRecord> record;
+        std::vector<std::shared_ptr<FaultyFolder>> kept; // released behind the lock
+        {
+            const auto hold = m_lock.write();
+            std::erase_if(m_faults, [&](const auto& entry) {
+                auto faults = entry.second->getFaults();
+                const bool isDone = faults.empty() && entry.first != location.root;
+                std::ranges::move(faults, std::back_inserter(kept));
+                return isDone;
+            });
+            auto& entry = m_faults[location.root];
+            if (entry == nullptr)
+                entry = std::make_shared<FaultyFolderRecord>();
+            record = entry;
+        }
+        auto fault = record->addFault(location, folder, clientId, error);
+        faultRecorded(fault);
+        return fault;
+    }
+
+    const std::shared_ptr<const platform::Services> m_services;
+    ReentrantReadWriteLock m_lock;
+    // Guarded by m_lock.
+    std::unordered_map<Path, std::weak_ptr<PooledManagedFolder>> m_pool;
+    std::unordered_map<Path, std::shared_ptr<FaultyFolderRecord>> m_faults;
+};
+
+PooledManagedFolderProvider::PooledManagedFolderProvider(
+    std::shared_ptr<const platform::Services> services)
+    : m_impl(std::make_shared<PooledManagedFolderProviderImpl>(std::move(services))) {}
+
+PooledManagedFolderProvider::~PooledManagedFolderProvider() = default;
+
+std::shared_ptr<ManagedFolder>
+PooledManagedFolderProvider::provideFor(const Path& folder, const std::string& clientId) {
+    auto [provided, fault] = m_impl->request(folder, clientId);
+    if (fault != nullptr)
+        std::rethrow_exception(fault->getError());
+    return provided;
+}
+
+std::shared_ptr<ManagedFolder> PooledManagedFolderProvider::provideFor(const Path& folder) {
+    return provideFor(folder, unknownClient);
+}
+
+std::shared_ptr<FaultyFolder>
+PooledManagedFolderProvider::provideFaultyFor(const Path& folder, const std::string& clientId) {
+    return m_impl->request(folder, clientId).fault;
+}
+
+std::shared_ptr<FaultyFolder> PooledManagedFolderProvider::provideFaultyFor(const Path& folder) {
+    return provideFaultyFor(folder, unknownClient);
+}
+
+std::vector<std::shared_ptr<ManagedFolder>> PooledManagedFolderProvider::getManagedFolders() const {
+    return m_impl->getManagedFolders();
+}
+
+std::vector<std::shared_ptr<FaultyFolder>> PooledManagedFolderProvider::getFaultyFolders() const {
+    return m_impl->getFaultyFolders();
+}
+
+boost::signals2::connection PooledManagedFolderProvider::connectFolderMade(const FolderSlot& slot) {
+    return m_impl->folderMade.connect(slot);
+}
+
+boost::signals2::connection
+PooledManagedFolderProvider::connectClientRegistered(const ClientSlot& slot) {
+    return m_impl->clientRegistered.connect(slot);
+}
+
+boost::signals2::connection
+PooledManagedFolderProvider::connectFaultRecorded(const FaultSlot& slot) {
+    return m_impl->faultRecorded.connect(slot);
+}
+
+boost::signals2::connection
+PooledManagedFolderProvider::connectFolderDeleted(const PathSlot& slot) {
+    return m_impl->folderDeleted.connect(slot);
+}
+
+boost::signals2::connection
+PooledManagedFolderProvider::connectFolderReleased(const PathSlot& slot) {
+    return m_impl->folderReleased.connect(slot);
+}
+
+ManagedFolderProvider& getSingletonManagedFolderProvider() {
+    static auto& provider = *new PooledManagedFolderProvider;
+    return provider;
+}
+
+std::unique_ptr<ManagedFolderProvider> createNewManagedFolderProviderInstance() {
+    return std::make_unique<PooledManagedFolderProvider>();
+}
+
+std::unique_ptr<ManagedFolderProvider>
+createNewManagedFolderProviderInstance(platform::Services services) {
+    return std::make_unique<PooledManagedFolderProvider>(platform::completed(std::move(services)));
+}
+
+std::future<std::shared_ptr<ManagedFolder>>
+provideLater(ManagedFolderProvider& provider, const Path& folder, const std::string& clientId) {
+    return createStrandExecutor("CMProvideFolder")->runAsyncTask([&provider, folder, clientId] {
+        return provider.provideFor(folder, clientId);
+    });
+}
+
+Path managedPath(const Path& path) {
+    const auto files = platform::services()->files;
+    const auto name = path.fileName().string();
+    if (name.empty() || name == u"." || name == u"..")
+        return files->canonical(path);
+    return files->canonical(path.parentPath()) / path.fileName();
+}
+
+} // namespace quendo
