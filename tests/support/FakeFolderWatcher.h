@@ -2,9 +2,11 @@
 
 #include "quendo/platform/ChangeEventsSubscriptionException.h"
 #include "quendo/platform/FolderWatcher.h"
+#include "tests/support/Deadline.h"
 
 #include <boost/signals2/signal.hpp>
 
+#include <condition_variable>
 #include <functional>
 #include <list>
 #include <map>
@@ -71,6 +73,13 @@ public:
         return folders;
     }
 
+    /// Waits until nothing is watched.
+    /// @return false when the deadline has passed
+    bool awaitEnd() {
+        std::unique_lock lock(m_mutex);
+        return m_ended.wait_until(lock, byDeadline(), [&] { return m_watches.empty(); });
+    }
+
     bool isHeld = false;
     bool fails = false; ///< no line can be drawn
     Path refused;
@@ -87,6 +96,7 @@ private:
         ~FakeWatch() override {
             const std::lock_guard lock(owner.m_mutex);
             owner.m_watches.erase(entry);
+            owner.m_ended.notify_all();
         }
         FakeFolderWatcher& owner;
         const std::list<Entry>::iterator entry;
@@ -100,6 +110,7 @@ private:
     }
 
     mutable std::mutex m_mutex;
+    std::condition_variable m_ended;
     std::list<Entry> m_watches;
     std::list<UniqueFunction<void()>> m_queue;
 };

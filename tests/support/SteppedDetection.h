@@ -13,7 +13,8 @@
 namespace quendo::test {
 
 /// While it lives, windows of change detection end when the test says so, and the notifications
-/// come on the test's thread.
+/// come on the test's thread, as does all that runs on strands. Working-copy operations run where
+/// they are called.
 class SteppedDetection {
 public:
     /// @param watcher where events come from; null for the library's own
@@ -44,9 +45,11 @@ public:
         }
         for (auto& task : due)
             task();
-        for (const auto& strand : m_executors->strands)
-            while (strand->runOne()) {
-            }
+        for (bool ran = true; std::exchange(ran, false);) {
+            for (const auto& strand : m_executors->strands)
+                while (strand->runOne())
+                    ran = true;
+        }
         return due.size();
     }
 
@@ -70,7 +73,7 @@ private:
         std::list<UniqueFunction<void()>> tasks;
     };
     struct Executors : platform::ExecutorService {
-        std::shared_ptr<Executor> getSourceControlExecutor() override { return nullptr; }
+        std::shared_ptr<Executor> getSourceControlExecutor() override { return sourceControl; }
         std::shared_ptr<Executor> createStrandExecutor(const std::string& name) override {
             return strands.emplace_back(std::make_shared<SteppedExecutor>(name, [this] {
                 const std::lock_guard lock(mutex);
@@ -78,6 +81,17 @@ private:
                 came.notify_all();
             }));
         }
+        /// Runs its tasks where they are posted.
+        struct Inline final : Executor {
+            void post(Task task) override {
+                const std::lock_guard lock(mutex);
+                task();
+            }
+            bool isRunningInThisThread() const noexcept override { return false; }
+            std::string name() const override { return "SourceControl"; }
+            std::mutex mutex;
+        };
+        const std::shared_ptr<Executor> sourceControl = std::make_shared<Inline>();
         std::mutex mutex;
         std::condition_variable came;
         bool posted = false; ///< since it was waited for

@@ -1,0 +1,135 @@
+#include "quendo/cache/CMStatusCache.h"
+#include "quendo/management/CMActionManager.h"
+#include "quendo/management/ListUntrackedFiles.h"
+#include "quendo/pool/PooledManagedFolder.h"
+#include "tests/support/FakeFactory.h"
+#include "tests/support/HookedAdapter.h"
+#include "tests/support/TemporaryFolder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace quendo::management {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+class Management : public testing::Test {
+protected:
+    Path at(const std::string& name) const { return root.child(name); }
+    std::vector<Path> all() const {
+        std::vector<Path> files;
+        for (const auto& [name, status] : states)
+            files.push_back(at(name));
+        return files;
+    }
+    std::unique_ptr<CMAdapter> makeAdapter() {
+        for (const auto& [name, status] : states)
+            copy->set(at(name), status);
+        return std::make_unique<test::NotingAdapter>(
+            test::makeMemoryAdapter(copy), [this](const std::string& operation, const auto& paths) {
+                std::string text = operation;
+                for (const auto& path : paths) {
+                    text += " " + path.lexicallyRelative(root).toUtf8();
+                    copy->set(path, operation == "addFiles"     ? LocalStatus::Added
+                                    : operation == "uncheckout" ? LocalStatus::NotUnderSourceControl
+                                                                : LocalStatus::Deleted);
+                }
+                called.push_back(text);
+            });
+    }
+
+    const test::TemporaryFolder folder;
+    const Path root = folder.quendoPath();
+    const std::shared_ptr<test::MemoryWorkingCopy> copy =
+        std::make_shared<test::MemoryWorkingCopy>(root);
+    const std::map<std::string, LocalStatus> states{
+        {"0", LocalStatus::NotUnderSourceControl},
+        {"1", LocalStatus::Unmodified},
+        {"2", LocalStatus::Ignored},
+        {"3", LocalStatus::Modified},
+        {"4", LocalStatus::Missing},
+        {"5", LocalStatus::Added},
+        {"6", LocalStatus::Deleted},
+        {"6-there", LocalStatus::Deleted},
+        {"7", LocalStatus::Conflicted},
+        {"8", LocalStatus::External},
+        {"9", LocalStatus::Unknown},
+        {"new", LocalStatus::NotUnderSourceControl},
+        {"new/0", LocalStatus::NotUnderSourceControl},
+    };
+    std::vector<std::string> called;
+};
+
+TEST_F(Management, AddsWhatEachStateCallsFor) {
+    test::writeFile(folder.path() / "6-there", "");
+    const auto adapter = makeAdapter();
+    CMActionManager manager(*adapter);
+    auto files = all();
+    std::erase(files, at("new")); // its file brings it
+    files.push_back(at("0"));
+    manager.add(files, root);
+    // The one that was un-scheduled is untracked now, and added by the second pass.
+    EXPECT_THAT(called, ElementsAre("uncheckout 6", "addFiles 6-there", "addFiles 0 6 new new/0"));
+    called.clear();
+    manager.add({at("1"), at("elsewhere")}, root);
+    EXPECT_THAT(called, IsEmpty());
+    copy->set(at("1"), LocalStatus::Deleted);
+    manager.add({at("1")}, root);
+    EXPECT_THAT(called, ElementsAre("uncheckout 1", "addFiles", "addFiles 1"));
+}
+
+TEST_F(Management, RemovesWhatEachStateCallsFor) {
+    const auto adapter = makeAdapter();
+    CMActionManager manager(*adapter);
+    manager.remove(all());
+    EXPECT_THAT(called, ElementsAre("uncheckout 5", "removeFiles 1 3 4 7"));
+    called.clear();
+    manager.remove({at("2"), at("8")});
+    EXPECT_THAT(called, IsEmpty());
+}
+
+TEST_F(Management, ConditionalActionsTakeOnlyWhatWasAskedFor) {
+    const auto adapter = makeAdapter();
+    CMActionManager manager(*adapter);
+    std::vector<Path> chosen;
+    const auto any = [](LocalStatus) { return true; };
+    const auto choose = [&](const std::vector<Path>& paths) { chosen = paths; };
+    manager.performConditionalAction({at("new"), at("3"), at("new"), at("no")}, any, choose);
+    EXPECT_THAT(chosen, ElementsAre(at("3"), at("new"))); // not new/0, which was reported too
+    EXPECT_THROW(manager.performConditionalAction({at("3")}, {}, choose), std::bad_function_call);
+    EXPECT_THROW(manager.performConditionalAction({at("3")}, any, {}), std::bad_function_call);
+    manager.performConditionalAction({at("no")}, {}, {});
+    EXPECT_THROW(manager.performConditionalAction(
+                     {at("3")}, any, [](const auto&) { throw std::runtime_error("no"); }),
+                 std::runtime_error);
+}
+
+TEST_F(Management, ListsUntrackedFilesOfTheCacheOrTheAdapter) {
+    int queries = 0;
+    bool failing = false;
+    copy->states.emplace(at("new"), FileState(LocalStatus::NotUnderSourceControl, true));
+    PooledManagedFolder managed(
+        std::make_unique<test::HookedAdapter>(makeAdapter(),
+                                              [&](const test::Query&) {
+                                                  ++queries;
+                                                  if (failing)
+                                                      throw std::runtime_error("no answer");
+                                              }),
+        u"Fake", "fake", std::make_shared<CMApplicationInteractor>());
+    copy->states.insert_or_assign(at("new"), FileState(LocalStatus::NotUnderSourceControl, true));
+    EXPECT_THAT(listUntrackedFiles(root, managed), ElementsAre(at("0"), at("new/0")));
+    EXPECT_THAT(listUntrackedFiles(at("new"), managed), ElementsAre(at("new/0")));
+    EXPECT_THAT(managed.getCache().getCachedFiles(), IsEmpty());
+    managed.getCache().setFolderStatusFlag(true);
+    EXPECT_THAT(listUntrackedFiles(at("new"), managed), ElementsAre(at("new/0")));
+    EXPECT_THAT(listUntrackedFiles(root, managed), UnorderedElementsAre(at("0"), at("new/0")));
+    EXPECT_THAT(listUntrackedFiles(at("3"), managed), IsEmpty());
+    failing = true;
+    EXPECT_THROW(listUntrackedFiles(root, managed), std::runtime_error);
+}
+
+} // namespace
+} // namespace quendo::management

@@ -1,0 +1,123 @@
+#include "quendo/cache/CMStatusCache.h"
+#include "quendo/platform/Services.h"
+#include "quendo/platform/standard/InotifyFolderWatcher.h"
+#include "quendo/pool/ManagedFolder.h"
+#include "quendo/pool/ManagedFolderProvider.h"
+#include "tests/support/Deadline.h"
+#include "tests/support/FakeFactory.h"
+#include "tests/support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <random>
+#include <thread>
+
+namespace quendo {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Who asks for paths of one root at the same time gets the same folder, and is counted in it.
+TEST(PoolStorm, OneFolderForEachRootAtAnyMoment) {
+    const bool isLong = std::getenv("QUENDO_LONG") != nullptr;
+    const int threads = 64, roots = 200, clients = 300, files = 50, asks = isLong ? 2'000 : 60;
+    const test::TemporaryFolder folder;
+    const auto top = folder.quendoPath();
+    for (int root = 0; root < roots; ++root)
+        fs::create_directories(folder.path() / std::to_string(root) / ".fake");
+    const auto factory = std::make_shared<test::FakeFactory>();
+    platform::Services services;
+    services.factorySources = std::make_shared<test::FakeSources>(
+        std::vector<std::shared_ptr<CMAdapterFactory>>{factory});
+    // The watcher's threads end with its last watch.
+    std::mutex mutex;
+    std::vector<std::thread> watching;
+    platform::InotifyFolderWatcherOptions options;
+    options.startThread = [&](UniqueFunction<void()> body) {
+        const std::lock_guard lock(mutex);
+        watching.emplace_back(std::move(body));
+    };
+    services.folderWatcher = std::make_shared<platform::InotifyFolderWatcher>(options);
+    const auto descriptors = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    };
+    const auto before = descriptors();
+    {
+        const auto provider = createNewManagedFolderProviderInstance(services);
+        struct Live {
+            std::mutex mutex;
+            std::map<std::string, int> byUuid;
+        };
+        std::vector<Live> live(roots);
+        std::atomic<int> made = 0, released = 0;
+        provider->connectFolderMade([&](const auto&) { ++made; });
+        provider->connectFolderReleased([&](const Path&) { ++released; });
+        test::onThreads(threads, [&](int thread) {
+            std::mt19937 random(static_cast<unsigned>(thread) + 1);
+            const auto below = [&](int limit) {
+                return static_cast<int>(random() % static_cast<unsigned>(limit));
+            };
+            struct Held {
+                int root;
+                std::string client;
+                std::shared_ptr<ManagedFolder> folder;
+            };
+            std::vector<Held> mine;
+            const auto letGo = [&](std::size_t which) {
+                auto& one = mine[which];
+                {
+                    const std::lock_guard lock(live[static_cast<std::size_t>(one.root)].mutex);
+                    auto& uuids = live[static_cast<std::size_t>(one.root)].byUuid;
+                    const auto found = uuids.find(one.folder->getUUID());
+                    if (--found->second == 0)
+                        uuids.erase(found);
+                }
+                EXPECT_GE(one.folder->getClients().at(one.client), 1U);
+                mine.erase(mine.begin() + static_cast<std::ptrdiff_t>(which));
+            };
+            for (int i = 0; i < asks; ++i) {
+                // Some roots are asked for by all, so that requests meet.
+                const int root = below(4) == 0 ? below(3) : below(roots);
+                const auto client = "client " + std::to_string(below(clients));
+                const auto path =
+                    top.child(std::to_string(root) + "/d/" + std::to_string(below(files)));
+                auto got = provider->provideFor(path, client);
+                EXPECT_EQ(got->getRootFolder(), top.child(std::to_string(root)));
+                {
+                    const std::lock_guard lock(live[static_cast<std::size_t>(root)].mutex);
+                    auto& uuids = live[static_cast<std::size_t>(root)].byUuid;
+                    ++uuids[got->getUUID()];
+                    EXPECT_EQ(uuids.size(), 1U) << "two folders of one root";
+                }
+                if (below(20) == 0)
+                    got->getCache().refreshFolder(got->getRootFolder());
+                mine.push_back({root, client, std::move(got)});
+                while (mine.size() > 5 || (!mine.empty() && below(3) == 0))
+                    letGo(static_cast<std::size_t>(below(static_cast<int>(mine.size()))));
+            }
+            while (!mine.empty())
+                letGo(0);
+        });
+        EXPECT_TRUE(provider->getManagedFolders().empty());
+        EXPECT_EQ(made, released);
+        std::printf("%d folders were made for %d requests\n", made.load(), threads * asks);
+    }
+    for (std::vector<std::thread> ending;;) {
+        {
+            const std::lock_guard lock(mutex);
+            ending.swap(watching);
+        }
+        if (ending.empty())
+            break;
+        for (auto& thread : ending)
+            test::within(test::onThread([&] { thread.join(); }));
+        ending.clear();
+    }
+    EXPECT_EQ(descriptors(), before);
+}
+
+} // namespace
+} // namespace quendo

@@ -1,0 +1,244 @@
+#include "quendo/adapter/CMAdapter.h"
+#include "quendo/change_detection/DisableChangeDetection.h"
+#include "quendo/exception/SourceControlException.h"
+#include "quendo/exception/VFSChangeEventsError.h"
+#include "quendo/factory/InjectedCMAdapterFactories.h"
+#include "quendo/platform/ChangeEventsSubscriptionException.h"
+#include "quendo/platform/HostArray.h"
+#include "quendo/platform/Services.h"
+#include "quendo/platform/standard/StandardSettingsService.h"
+#include "quendo/pool/ClientRegisteredManagedFolder.h"
+#include "quendo/pool/FaultyFolder.h"
+#include "quendo/pool/FaultyFolderRecord.h"
+#include "quendo/pool/GetClients.h"
+#include "quendo/pool/ManagedFolder.h"
+#include "quendo/pool/ManagedFolderProvider.h"
+#include "tests/support/Deadline.h"
+#include "tests/support/FakeFactory.h"
+#include "tests/support/FakeFolderWatcher.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryFolder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace quendo {
+namespace {
+
+namespace fs = std::filesystem;
+using shared_quendo::core::VFSChangeEventsError;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Pair;
+
+/// Working copies "a" and "a/inner" of a made-up system, and a link to "a".
+class ProviderTest : public testing::Test {
+protected:
+    ProviderTest() {
+        fs::create_directories(folder.path() / "a/inner/.fake");
+        fs::create_directories(folder.path() / "a/.fake");
+        fs::create_directories(folder.path() / "a/x");
+        test::writeFile(folder.path() / "a/x/file", "");
+        fs::create_directory_symlink("a", folder.path() / "link");
+        fs::create_symlink("../link/x/file", folder.path() / "a/inner/to-file");
+        provider->connectFolderMade(
+            [this](const auto& made) { told.push_back("made " + name(made->getRootFolder())); });
+        provider->connectClientRegistered(
+            [this](const std::string& client) { told.push_back("client " + client); });
+        provider->connectFaultRecorded([this](std::shared_ptr<FaultyFolder> fault) {
+            told.push_back("fault " + name(fault->getLocation().first));
+            kept.push_back(std::move(fault));
+        });
+        provider->connectFolderReleased(
+            [this](const Path& root) { told.push_back("released " + name(root)); });
+    }
+
+    Path at(const std::string& name) const { return folder.quendoPath().child(name); }
+    std::string name(const Path& path) const {
+        return path.lexicallyRelative(folder.quendoPath()).toUtf8();
+    }
+    std::vector<std::string> listed() const {
+        std::vector<std::string> names;
+        for (const auto& each : provider->getManagedFolders())
+            names.push_back(name(each->getRootFolder()));
+        return names;
+    }
+
+    const test::TemporaryFolder folder;
+    const std::shared_ptr<test::FakeFactory> factory = std::make_shared<test::FakeFactory>();
+    const std::shared_ptr<test::FakeFolderWatcher> watcher =
+        std::make_shared<test::FakeFolderWatcher>();
+    const std::shared_ptr<platform::StandardSettingsService> settings =
+        std::make_shared<platform::StandardSettingsService>();
+    const std::unique_ptr<ManagedFolderProvider> provider = [this] {
+        platform::Services services;
+        services.factorySources = std::make_shared<test::FakeSources>(
+            std::vector<std::shared_ptr<CMAdapterFactory>>{factory});
+        services.folderWatcher = watcher;
+        services.settings = settings;
+        return createNewManagedFolderProviderInstance(services);
+    }();
+    std::vector<std::string> told;
+    std::vector<std::shared_ptr<FaultyFolder>> kept;
+};
+
+TEST_F(ProviderTest, GivesOneFolderForEverySpellingOfOneRoot) {
+    const test::LogCapture log;
+    auto first = provider->provideFor(at("a"), "ide");
+    const auto uuid = first->getUUID();
+    for (const auto* path : {"a/x", "a/x/file", "link", "link/x/new/file", "a/inner/..", "a/.fake"})
+        EXPECT_EQ(provider->provideFor(at(path))->getUUID(), uuid) << path;
+    for (const auto* path : {"a/inner", "link/inner/x", "a/inner/to-file"})
+        EXPECT_EQ(provider->provideFor(at(path), "x")->getRootFolder(), at("a/inner")) << path;
+    EXPECT_EQ(first->getRootFolder(), at("a"));
+    EXPECT_EQ(first->getSystemName(), u"Fake");
+    EXPECT_EQ(first->getSystemID(), "fake");
+    EXPECT_EQ(provider->provideFor(folder.quendoPath()), nullptr);
+    EXPECT_EQ(log.count("Find viable location for folder: "), 11U);
+    EXPECT_EQ(log.count("Found cached entry with read lock."), 6U);
+    EXPECT_EQ(log.count("Create new entry."), 4U); // the inner one was let go each time
+    EXPECT_EQ(log.count("Exception caught: "), 0U);
+
+    EXPECT_THAT(listed(), ElementsAre("a"));
+    auto second = provider->provideFor(at("link")), third = registerClient(second, "zebra");
+    EXPECT_THAT(first->getClients(),
+                ElementsAre(Pair("UNKNOWN", 1U), Pair("ide", 1U), Pair("zebra", 1U)));
+    second.reset(); // the third still holds it
+    third.reset();
+    EXPECT_THAT(first->getClients(), ElementsAre(Pair("ide", 1U)));
+    told.clear();
+    first.reset();
+    EXPECT_THAT(listed(), IsEmpty());
+    first = provider->provideFor(at("a"), "ide");
+    EXPECT_NE(first->getUUID(), uuid);
+    EXPECT_THAT(told, ElementsAre("released a", "made a", "client ide"));
+    EXPECT_EQ(managedPath(at("link/../link/x/file")), at("a/x/file"));
+    EXPECT_EQ(managedPath(at("link")), at("link"));
+    EXPECT_EQ(test::within(provideLater(*provider, at("a"), "ui"))->getUUID(), first->getUUID());
+
+    settings->setBoolean("kestro.sourcecontrol", "EnableSourceControl", false);
+    EXPECT_EQ(provider->provideFor(at("a")), nullptr);
+}
+
+TEST_F(ProviderTest, RefusesWhatNobodyCanBeGivenAFolderFor) {
+    EXPECT_THROW(provider->provideFor(Path(u"a")), std::invalid_argument);
+    EXPECT_THROW(provider->provideFor(Path()), std::invalid_argument);
+    for (const auto* client : {"", "two\nlines", "\x7f"})
+        EXPECT_THROW(provider->provideFor(at("a"), client), std::invalid_argument) << client;
+    EXPECT_THAT(told, IsEmpty());
+    EXPECT_EQ(factory->made, 0);
+    EXPECT_THROW(registerClient(nullptr, "ide"), std::invalid_argument);
+}
+
+TEST_F(ProviderTest, RecordsFaultsAndTriesAgain) {
+    const auto expectFault = [&](const std::string& root, const std::string& text,
+                                 std::uint64_t number) {
+        told.clear();
+        const auto fault = provider->provideFaultyFor(at("a/x"), "ide");
+        ASSERT_NE(fault, nullptr);
+        EXPECT_THAT(told, ElementsAre("fault " + root));
+        EXPECT_EQ(fault->getLocation(), std::pair(at(root), number));
+        EXPECT_EQ(fault->getFolder(), at("a/x"));
+        EXPECT_EQ(fault->getClientId(), "ide");
+        EXPECT_THAT(provider->getFaultyFolders(), testing::Contains(fault));
+        try {
+            provider->provideFor(at("a/x"));
+            ADD_FAILURE() << "nothing was thrown";
+        } catch (const std::exception& error) {
+            EXPECT_THAT(error.what(), HasSubstr(text));
+        }
+        EXPECT_NE(kept.front()->getUUID(), kept.back()->getUUID());
+        EXPECT_THAT(listed(), IsEmpty());
+    };
+    const auto good = factory->createHook;
+    factory->createHook = [](const Path&) -> std::unique_ptr<CMAdapter> {
+        throw exception::SourceControlException("damaged");
+    };
+    expectFault("a", "damaged", 1);
+    factory->createHook = [](const Path&) { return nullptr; };
+    expectFault("a", "\"fake\" recognised", 3);
+    factory->createHook = [&](const Path&) {
+        return test::makeMemoryAdapter(factory->copyAt(at("elsewhere")));
+    };
+    expectFault("elsewhere", "lies outside the files of its repository, which are in", 1);
+    factory->createHook = good;
+    watcher->refused = at("a/.fake"); // the detector's
+    expectFault("a", "a/x", 5);
+    watcher->refused = at("a"); // the updater's
+    EXPECT_EQ(kept.size(), 8U);
+    kept.clear();
+    EXPECT_THAT(provider->getFaultyFolders(), IsEmpty());
+    expectFault("a", "a/x", 1);
+    try {
+        provider->provideFor(at("a/x"));
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const exception::SourceControlException& error) {
+        const auto* events = dynamic_cast<const VFSChangeEventsError*>(&error);
+        ASSERT_NE(events, nullptr);
+        EXPECT_THROW(std::rethrow_if_nested(error), platform::ChangeEventsSubscriptionException);
+    }
+    watcher->refused = Path();
+    EXPECT_NE(provider->provideFor(at("a/x")), nullptr);
+    EXPECT_EQ(provider->provideFaultyFor(at("a/x")), nullptr);
+    EXPECT_TRUE(watcher->awaitEnd());
+
+    factory->canManageHook = [](const Path&) -> bool { throw 7; };
+    EXPECT_EQ(provider->provideFor(at("a")), nullptr);
+}
+
+TEST(FaultyFolder, TellsItsRecordOnceThatItGoes) {
+    std::vector<std::string> released;
+    auto fault = std::make_unique<PooledFaultyFolder>(std::pair(Path(u"/a"), 1U), Path(u"/a"),
+                                                      "ide", nullptr, [&](const std::string& uuid) {
+                                                          released.push_back(uuid);
+                                                          throw 1;
+                                                      });
+    const auto uuid = fault->getUUID();
+    fault.reset();
+    EXPECT_THAT(released, ElementsAre(uuid));
+}
+
+// The provider of the process.
+TEST(SingletonProvider, ListsItsClientsAndSuspendsDetection) {
+    const test::TemporaryFolder folder;
+    fs::create_directories(folder.path() / "copy/.fake");
+    const auto copy = folder.quendoPath().child("copy");
+    const auto factory = std::make_shared<test::FakeFactory>();
+    const scope_guard remove(getInjectedCMAdapterFactoriesInstance().inject(factory));
+    const auto list = [](const std::vector<platform::HostArray>& inputs) {
+        platform::HostArray* output = nullptr;
+        const platform::HostArray* input = inputs.empty() ? nullptr : &inputs.front();
+        getClients(0, &output, static_cast<int>(inputs.size()), &input);
+        const std::unique_ptr<platform::HostArray> owned(output);
+        EXPECT_EQ(owned->columns(), 1U);
+        return owned->strings();
+    };
+    EXPECT_THAT(list({}), IsEmpty());
+    auto& provider = getSingletonManagedFolderProvider();
+    const auto one = provider.provideFor(copy), two = provider.provideFor(copy),
+               third = provider.provideFor(copy, "proj\xC3\xA4");
+    const auto text = u"root: " + UString(copy.string()) + u"\nsystem: Fake\nsystem id: fake\n" +
+                      u"UUID: " + toUString(one->getUUID()) +
+                      u"\nclient: UNKNOWN 2\nclient: proj\u00E4 1\n";
+    EXPECT_THAT(list({}), ElementsAre(text));
+    EXPECT_THAT(list({platform::HostArray(u"proj\u00E4")}), ElementsAre(text));
+    EXPECT_THAT(list({platform::HostArray(u"proj")}), IsEmpty());
+    EXPECT_THROW(list({platform::HostArray(1.0)}), platform::HostCallError);
+    EXPECT_THROW(getClients(2, nullptr, 0, nullptr), platform::TooManyOutputsError);
+    EXPECT_THROW(getClients(0, nullptr, 2, nullptr), platform::TooManyInputsError);
+    EXPECT_THROW(getClients(1, nullptr, -1, nullptr), platform::TooFewInputsError);
+    EXPECT_THROW(platform::HostArray(2, 2, std::vector<UString>(3)), std::invalid_argument);
+
+    EXPECT_EQ(&getSingletonManagedFolderProvider(), &provider);
+    fs::create_directories(folder.path() / "other/.fake");
+    {
+        const auto guard = disableChangeDetection(folder.quendoPath().child("other/x"));
+        EXPECT_EQ(provider.getManagedFolders().size(), 2U) << "the guard keeps the folder";
+    }
+    EXPECT_EQ(provider.getManagedFolders().size(), 1U);
+    const auto nothing = disableChangeDetection(folder.quendoPath());
+}
+
+} // namespace
+} // namespace quendo
