@@ -54,6 +54,52 @@ Invocation parseCommandLine(int count, const char* const* arguments) {
                       "  quendo status --all --json src      every path below src, for a program\n"
                       "  quendo status --porcelain -z        the same, for a script");
 
+    WatchCommand watch;
+    auto* watchApp =
+        app.add_subcommand("watch", "Show what differs, and then every change as it happens");
+    watchApp->add_option("PATH", watch.folder, "The folder to watch (default: this one)");
+    watchApp->add_flag("--all", watch.selection.all, "Unmodified paths as well");
+    watchApp->add_flag("--ignored", watch.selection.ignored, "Ignored paths as well");
+    watchApp->add_flag("--json", watch.json, "One JSON object a line");
+    watchApp->footer("It goes on until it is interrupted (Ctrl-C). What keeps it from telling the\n"
+                     "truth stands on standard error.\n"
+                     "Examples:\n"
+                     "  quendo watch                        this folder\n"
+                     "  quendo watch --json src             for a program");
+
+    AddCommand add;
+    auto* addApp = app.add_subcommand("add", "Put files under source control");
+    addApp->add_option("PATH", add.paths, "Files, or folders for all that is untracked in them")
+        ->required();
+    addApp->footer("Examples:\n"
+                   "  quendo add new.c                    one file\n"
+                   "  quendo add src                      all that is untracked below src");
+
+    RemoveCommand remove;
+    auto* removeApp = app.add_subcommand("remove", "Take files out of source control");
+    removeApp->add_option("FILE", remove.files, "The files")->required();
+    removeApp->footer("A file that was only added stays on disk; others are deleted.\n"
+                      "Examples:\n"
+                      "  quendo remove old.c");
+
+    UntrackedCommand untrackedCommand;
+    auto* untrackedApp =
+        app.add_subcommand("untracked", "List the files that are not under source control");
+    untrackedApp->add_option("FOLDER", untrackedCommand.folder,
+                             "The folder to look at (default: this one)");
+    untrackedApp->add_flag("--json", untrackedCommand.json, "One JSON object a line");
+    untrackedApp->add_flag("-z", untrackedCommand.nul,
+                           "For scripts: raw paths from the root, each ended by a NUL");
+    untrackedApp->footer("Examples:\n"
+                         "  quendo untracked src                at or below src\n"
+                         "  quendo untracked -z | xargs -0 ls   for a script, at the root");
+
+    ClientsCommand clients;
+    auto* clientsApp = app.add_subcommand("clients", "List managed folders and their clients");
+    clientsApp->add_option("FOLDER", clients.folders, "Folders to be managed meanwhile");
+    clientsApp->footer("Examples:\n"
+                       "  quendo clients . ~/other            both working copies");
+
     LogCommand log;
     auto* logApp = app.add_subcommand("log", "List the revisions of a file, newest first");
     logApp->add_option("FILE", log.file, "The file; it may have been deleted")->required();
@@ -129,6 +175,18 @@ Invocation parseCommandLine(int count, const char* const* arguments) {
                         : porcelain ? StatusFormat::Porcelain
                                     : StatusFormat::Human;
         result.command = std::move(status);
+    } else if (chosen == watchApp) {
+        result.command = std::move(watch);
+    } else if (chosen == addApp) {
+        result.command = std::move(add);
+    } else if (chosen == removeApp) {
+        result.command = std::move(remove);
+    } else if (chosen == untrackedApp) {
+        if (untrackedCommand.json && untrackedCommand.nul)
+            throw wrongUsage("--json and -z cannot go together");
+        result.command = std::move(untrackedCommand);
+    } else if (chosen == clientsApp) {
+        result.command = std::move(clients);
     } else if (chosen == logApp) {
         result.command = std::move(log);
     } else if (chosen == exportApp) {

@@ -1,8 +1,11 @@
 #pragma once
 
+#include "host/ActionCommands.h"
 #include "host/ExportCommand.h"
+#include "host/ListingCommands.h"
 #include "host/LogCommand.h"
 #include "host/StatusCommand.h"
+#include "host/WatchCommand.h"
 #include "quendo/platform/Logging.h"
 
 #include <optional>
@@ -25,7 +28,9 @@ struct Notice {
 
 /// What the command line asks for.
 struct Invocation {
-    std::variant<Notice, StatusCommand, LogCommand, ExportCommand> command;
+    std::variant<Notice, StatusCommand, WatchCommand, LogCommand, ExportCommand, AddCommand,
+                 RemoveCommand, UntrackedCommand, ClientsCommand>
+        command;
     std::optional<platform::Severity> logLevel;
 };
 

@@ -16,11 +16,11 @@
 namespace quendo::host {
 
 void ExportCommand::run() const {
-    Session session;
     const Path destination = locate(target);
-    const auto copy = WorkingCopy::ofFile(file, session.interactor());
-    const auto found = copy.adapter->findRevision(copy.path, toUString(revision));
-    copy.adapter->exportRevision(copy.path, *found, destination);
+    const auto copy = WorkingCopy::ofFile(file);
+    Session session(copy.interactor());
+    const auto found = copy.adapter().findRevision(copy.path, toUString(revision));
+    copy.adapter().exportRevision(copy.path, *found, destination);
     std::string report;
     if (json) {
         nlohmann::ordered_json line;

@@ -41,7 +41,7 @@ extern "C" void onSignal(int number) {
 
 } // namespace
 
-Interrupts::Interrupts(std::shared_ptr<CMApplicationInteractor> interactor)
+Interrupts::Interrupts(std::shared_ptr<CMInteractor> interactor)
     : m_interactor(std::move(interactor)) {
     const int event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (event < 0)

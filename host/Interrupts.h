@@ -1,6 +1,6 @@
 #pragma once
 
-#include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/adapter/CMInteractor.h"
 
 #include <memory>
 #include <thread>
@@ -11,7 +11,7 @@ namespace quendo::host {
 /// of an interactor instead of the process; a second one ends the process at once. One at a time.
 class Interrupts {
 public:
-    explicit Interrupts(std::shared_ptr<CMApplicationInteractor> interactor);
+    explicit Interrupts(std::shared_ptr<CMInteractor> interactor);
     ~Interrupts();
     Interrupts(const Interrupts&) = delete;
     Interrupts& operator=(const Interrupts&) = delete;
@@ -26,7 +26,7 @@ public:
 private:
     void watch() noexcept;
 
-    const std::shared_ptr<CMApplicationInteractor> m_interactor;
+    const std::shared_ptr<CMInteractor> m_interactor;
     std::thread m_thread;
 };
 

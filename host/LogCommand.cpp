@@ -14,9 +14,9 @@
 namespace quendo::host {
 
 void LogCommand::run() const {
-    Session session;
-    const auto copy = WorkingCopy::ofFile(file, session.interactor());
-    const auto found = copy.adapter->listRevisions(copy.path, std::nullopt);
+    const auto copy = WorkingCopy::ofFile(file);
+    Session session(copy.interactor());
+    const auto found = copy.adapter().listRevisions(copy.path, std::nullopt);
     if (found.empty() && !platform::services()->files->exists(copy.path))
         throw HostError(visiblePath(file) + " does not exist and has no revisions");
     std::span revisions = found;

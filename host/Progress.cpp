@@ -44,8 +44,7 @@ std::string shortened(std::string text, std::size_t limit) {
 
 } // namespace
 
-Progress::Progress(std::shared_ptr<CMApplicationInteractor> interactor)
-    : m_interactor(std::move(interactor)) {
+Progress::Progress(std::shared_ptr<CMInteractor> interactor) : m_interactor(std::move(interactor)) {
     const char* kind = std::getenv("TERM");
     if (!isTerminal(STDERR_FILENO) || kind == nullptr || std::string_view(kind) == "dumb")
         return;

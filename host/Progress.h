@@ -1,6 +1,6 @@
 #pragma once
 
-#include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/adapter/CMInteractor.h"
 
 #include <boost/signals2/connection.hpp>
 
@@ -16,7 +16,7 @@ namespace quendo::host {
 /// takes over half a second. It is gone without a trace after finish().
 class Progress {
 public:
-    explicit Progress(std::shared_ptr<CMApplicationInteractor> interactor);
+    explicit Progress(std::shared_ptr<CMInteractor> interactor);
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
@@ -28,7 +28,7 @@ private:
     void show() noexcept;
     std::string lineNow() const;
 
-    const std::shared_ptr<CMApplicationInteractor> m_interactor;
+    const std::shared_ptr<CMInteractor> m_interactor;
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::string m_message; ///< guarded by m_mutex, as are the next two

@@ -4,9 +4,13 @@
 
 namespace quendo::host {
 
-Session::Session()
-    : m_interactor(std::make_shared<CMApplicationInteractor>()), m_interrupts(m_interactor),
-      m_progress(m_interactor) {}
+Session::Session(const std::shared_ptr<CMInteractor>& interactor)
+    : m_interrupts(interactor), m_progress(interactor) {}
+
+void Session::finishFirst(std::string_view output) {
+    m_progress.finish();
+    writeOutput(output);
+}
 
 void Session::finish(std::string_view output) {
     m_progress.finish();

@@ -2,7 +2,7 @@
 
 #include "host/Interrupts.h"
 #include "host/Progress.h"
-#include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/adapter/CMInteractor.h"
 
 #include <memory>
 #include <string_view>
@@ -12,16 +12,18 @@ namespace quendo::host {
 /// The frame of one command's work: it can be interrupted, and shows its progress.
 class Session {
 public:
-    Session();
+    /// @param interactor of the folder that is worked on
+    explicit Session(const std::shared_ptr<CMInteractor>& interactor);
 
-    const std::shared_ptr<CMApplicationInteractor>& interactor() const { return m_interactor; }
+    /// Takes the progress line away and writes what there is to say so far; it can be interrupted
+    /// as before. @throws HostError when the output is not taken
+    void finishFirst(std::string_view output);
 
     /// The work is done: takes the progress line away and writes what the command has to say.
     /// @throws Interrupted when the user stopped it; HostError when the output is not taken.
     void finish(std::string_view output);
 
 private:
-    std::shared_ptr<CMApplicationInteractor> m_interactor;
     Interrupts m_interrupts;
     Progress m_progress;
 };

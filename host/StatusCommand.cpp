@@ -24,10 +24,10 @@ std::string print(const StatusReport& report, StatusFormat format) {
 } // namespace
 
 void StatusCommand::run() const {
-    Session session;
-    const auto copy = WorkingCopy::ofFolder(folder, session.interactor());
+    const auto copy = WorkingCopy::ofFolder(folder);
+    Session session(copy.interactor());
     const StatusReport report{copy.systemName(), copy.root, copy.path,
-                              copy.adapter->getStatus(copy.path, true), selection};
+                              copy.adapter().getStatus(copy.path, true), selection};
     session.finish(print(report, format));
 }
 

@@ -87,6 +87,54 @@ private:
     bool m_relative;
 };
 
+std::string padded(std::string_view word, std::string_view colour = {}) {
+    std::string text(colour);
+    text += word;
+    if (!colour.empty())
+        text += "\x1b[0m";
+    return text.append(wordWidth - word.size() + 2, ' ');
+}
+
+std::string lineOf(const Viewpoint& viewpoint, const Path& path, const FileState& state,
+                   bool colours) {
+    const auto& word = words[std::min(wordOf(state.getState()), words.size() - 1)];
+    return padded(word.text, colours ? word.colour : std::string_view()) + viewpoint.nameOf(path) +
+           (state.isFolder() ? "/" : "") + detailsOf(state) + "\n";
+}
+
+nlohmann::ordered_json objectOf(const StatusReport& report, const Path& path,
+                                const FileState& state) {
+    nlohmann::ordered_json line;
+    line["system"] = report.system;
+    putPath(line, pathFromRoot(path, report.root));
+    line["state"] = toString(state.getState());
+    line["folder"] = state.isFolder();
+    auto& properties = line["properties"] = nlohmann::ordered_json::object();
+    for (const auto& each : state.getProperties()) {
+        auto& value = properties[toUtf8(each.getName())];
+        if (value.is_null())
+            value = toUtf8(each.getValue());
+        else if (value.is_array())
+            value.push_back(toUtf8(each.getValue()));
+        else
+            value = nlohmann::ordered_json::array({value, toUtf8(each.getValue())});
+    }
+    return line;
+}
+
+/// In the order of the paths.
+std::vector<StatusChange> shownOf(const StatusReport& report, std::vector<StatusChange> changes) {
+    std::erase_if(changes, [&](const StatusChange& change) {
+        const auto shows = [&](const std::optional<FileState>& state) {
+            return state && report.shows(change.path, *state);
+        };
+        return (change.path != report.folder && !change.path.isBelow(report.folder)) ||
+               (!shows(change.before) && !shows(change.after));
+    });
+    std::ranges::sort(changes, {}, &StatusChange::path);
+    return changes;
+}
+
 } // namespace
 
 bool StatusReport::shows(const Path& path, const FileState& state) const noexcept {
@@ -148,24 +196,42 @@ std::string porcelainStatus(const StatusReport& report, char end) {
 std::string jsonStatus(const StatusReport& report) {
     std::string result;
     for (const auto& [path, state] : report.states) {
-        if (!report.shows(path, state))
-            continue;
+        if (report.shows(path, state))
+            result += jsonLine(objectOf(report, path, state));
+    }
+    return result;
+}
+
+std::string jsonChanges(const StatusReport& report, std::vector<StatusChange> changes) {
+    std::string result;
+    for (const auto& change : shownOf(report, std::move(changes))) {
         nlohmann::ordered_json line;
-        line["system"] = report.system;
-        putPath(line, pathFromRoot(path, report.root));
-        line["state"] = toString(state.getState());
-        line["folder"] = state.isFolder();
-        auto& properties = line["properties"] = nlohmann::ordered_json::object();
-        for (const auto& each : state.getProperties()) {
-            auto& value = properties[toUtf8(each.getName())];
-            if (value.is_null())
-                value = toUtf8(each.getValue());
-            else if (value.is_array())
-                value.push_back(toUtf8(each.getValue()));
-            else
-                value = nlohmann::ordered_json::array({value, toUtf8(each.getValue())});
+        if (change.after) {
+            line = objectOf(report, change.path, *change.after);
+        } else {
+            line["system"] = report.system;
+            putPath(line, pathFromRoot(change.path, report.root));
+            line["state"] = nullptr;
         }
+        if (change.before)
+            line["before"] = toString(change.before->getState());
+        else
+            line["before"] = nullptr;
         result += jsonLine(line);
+    }
+    return result;
+}
+
+std::string humanChanges(const StatusReport& report, std::vector<StatusChange> changes,
+                         const Path& current, bool colours) {
+    const Viewpoint viewpoint(current, report.root);
+    std::string result;
+    for (const auto& change : shownOf(report, std::move(changes))) {
+        if (change.after)
+            result += lineOf(viewpoint, change.path, *change.after, colours);
+        else
+            result += padded("gone") + viewpoint.nameOf(change.path) +
+                      (change.before->isFolder() ? "/" : "") + "\n";
     }
     return result;
 }
@@ -177,15 +243,8 @@ std::string humanStatus(const StatusReport& report, const Path& current, bool co
     for (const auto& [path, state] : report.states) {
         if (!report.shows(path, state))
             continue;
-        const auto kind = wordOf(state.getState());
-        ++counts[kind];
-        const auto& word = words[std::min(kind, words.size() - 1)];
-        if (colours && !word.colour.empty())
-            result.append(word.colour).append(word.text).append("\x1b[0m");
-        else
-            result += word.text;
-        result.append(wordWidth - word.text.size() + 2, ' ');
-        result += viewpoint.nameOf(path) + (state.isFolder() ? "/" : "") + detailsOf(state) + "\n";
+        ++counts[wordOf(state.getState())];
+        result += lineOf(viewpoint, path, state, colours);
     }
     std::string summary;
     for (std::size_t kind = 0; kind < words.size(); ++kind) {

@@ -1,10 +1,12 @@
 #pragma once
 
 #include "quendo/adapter/FileState.h"
+#include "quendo/cache/CMStatusCacheChanges.h"
 #include "quendo/platform/Path.h"
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace quendo::host {
 
@@ -38,6 +40,13 @@ std::string jsonStatus(const StatusReport& report);
 /// One line a path and a summary, safe to show on a terminal.
 /// @param current paths are shown as seen from here when it lies in the working copy or around it
 std::string humanStatus(const StatusReport& report, const Path& current, bool colours);
+
+/// What has changed, by path: a change counts when the state before or after it is one that
+/// `report` shows; its `states` are not used. JSON has the state before as "before", and null for a
+/// path that is, or was, not there.
+std::string jsonChanges(const StatusReport& report, std::vector<StatusChange> changes);
+std::string humanChanges(const StatusReport& report, std::vector<StatusChange> changes,
+                         const Path& current, bool colours);
 
 /// `path` from `root`, "." for `root` itself.
 Path pathFromRoot(const Path& path, const Path& root);

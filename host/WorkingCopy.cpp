@@ -2,10 +2,12 @@
 
 #include "host/HostError.h"
 #include "host/VisibleText.h"
-#include "quendo/factory/AllCMAdapterFactoryProvider.h"
+#include "quendo/adapter/CMAdapterFactory.h"
+#include "quendo/factory/CMAdapterFactories.h"
 #include "quendo/platform/FileUtilities.h"
 #include "quendo/platform/Services.h"
 #include "quendo/platform/UString.h"
+#include "quendo/pool/ManagedFolderProvider.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -53,37 +55,26 @@ void checkFolder(const std::string& argument) {
         throw HostError("cannot read " + name + ": " + systemsWords(errno));
 }
 
-/// Asks for a factory at `from` and at each of its parents.
-WorkingCopy open(const Path& from, Path path, const std::string& argument,
-                 const std::shared_ptr<CMApplicationInteractor>& interactor) {
-    const AllCMAdapterFactoryProvider provider;
-    for (Path folder = from; !folder.empty(); folder = folder.parentPath()) {
-        auto factory = provider.provide(folder);
-        if (!factory)
-            continue;
-        for (Path inside = path; inside.isBelow(folder); inside = inside.parentPath()) {
-            if (inside.parentPath() == folder &&
-                inside.fileName().string() == factory->getMetadataName())
-                throw HostError(visiblePath(argument) + " belongs to the metadata of " +
-                                visiblePath(folder) + ", not to its files");
-        }
-        WorkingCopy result;
-        result.adapter = factory->createAdapter(folder, interactor);
-        result.factory = std::move(factory);
-        result.root = result.adapter->getRootFolder();
-        result.path = std::move(path);
-        if (result.path != result.root && !result.path.isBelow(result.root))
-            throw HostError(visiblePath(argument) + " lies outside the files of its repository, " +
-                            "which are in " + visiblePath(result.root));
-        return result;
+WorkingCopy open(const Path& from, Path path, const std::string& argument) {
+    WorkingCopy result;
+    result.folder = getSingletonManagedFolderProvider().provideFor(from, clientId);
+    if (result.folder == nullptr)
+        throw HostError(visiblePath(argument) + " is not in a working copy");
+    result.root = result.folder->getRootFolder();
+    result.path = std::move(path);
+    const auto metadata = getCMAdapterFactory(result.folder->getSystemID())->getMetadataName();
+    for (Path inside = result.path; inside.isBelow(result.root); inside = inside.parentPath()) {
+        if (inside.parentPath() == result.root && inside.fileName().string() == metadata)
+            throw HostError(visiblePath(argument) + " belongs to the metadata of " +
+                            visiblePath(result.root) + ", not to its files");
     }
-    throw HostError(visiblePath(argument) + " is not in a working copy");
+    return result;
 }
 
 } // namespace
 
 std::string WorkingCopy::systemName() const {
-    return toUtf8(factory->getSystemName());
+    return toUtf8(folder->getSystemName());
 }
 
 Path currentFolder() {
@@ -105,15 +96,13 @@ Path locate(const std::string& argument) {
     return canonical(path.parentPath()) / last;
 }
 
-WorkingCopy WorkingCopy::ofFolder(const std::string& folder,
-                                  const std::shared_ptr<CMApplicationInteractor>& interactor) {
+WorkingCopy WorkingCopy::ofFolder(const std::string& folder) {
     checkFolder(folder);
     const Path path = canonical(absolute(folder));
-    return open(path, path, folder, interactor);
+    return open(path, path, folder);
 }
 
-WorkingCopy WorkingCopy::ofFile(const std::string& file,
-                                const std::shared_ptr<CMApplicationInteractor>& interactor) {
+WorkingCopy WorkingCopy::ofFile(const std::string& file) {
     const Path path = locate(file);
     struct stat about {};
     if (::lstat(path.toNative().c_str(), &about) == 0) {
@@ -122,7 +111,7 @@ WorkingCopy WorkingCopy::ofFile(const std::string& file,
     } else if (errno != ENOENT && errno != ENOTDIR) {
         throw HostError("cannot read " + visiblePath(file) + ": " + systemsWords(errno));
     }
-    return open(path.parentPath(), path, file, interactor);
+    return open(path.parentPath(), path, file);
 }
 
 } // namespace quendo::host

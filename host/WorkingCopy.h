@@ -1,38 +1,40 @@
 #pragma once
 
 #include "quendo/adapter/CMAdapter.h"
-#include "quendo/adapter/CMAdapterFactory.h"
-#include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/adapter/CMInteractor.h"
 #include "quendo/platform/Path.h"
+#include "quendo/pool/ManagedFolder.h"
 
 #include <memory>
 #include <string>
 
 namespace quendo::host {
 
-/// A path given on the command line and the working copy that it belongs to: the innermost one
-/// that lies around it, as the factory provider recognises it.
+/// A path given on the command line and the managed folder of the working copy that it belongs to.
 ///
 /// Both functions throw HostError, naming the path as it was given, for one that cannot be used;
-/// and what the factory throws for a working copy that cannot be opened.
+/// and what the provider throws for a working copy that cannot be opened.
 struct WorkingCopy {
-    std::shared_ptr<CMAdapterFactory> factory;
-    std::unique_ptr<CMAdapter> adapter;
+    std::shared_ptr<ManagedFolder> folder;
     Path root;
     Path path; ///< what was asked for, in the spelling of `root`: it or below it
 
+    CMAdapter& adapter() const { return folder->getAdapter(); }
+    std::shared_ptr<CMInteractor> interactor() const {
+        return {folder, &folder->getCMInteractor()};
+    }
     std::string systemName() const; ///< UTF-8
 
     /// @param folder an existing folder that can be read, as native bytes
-    static WorkingCopy ofFolder(const std::string& folder,
-                                const std::shared_ptr<CMApplicationInteractor>& interactor);
+    static WorkingCopy ofFolder(const std::string& folder);
 
     /// @param file anything but a folder, even if it is not on disk any more. A symbolic link is
-    /// meant
-    ///             itself.
-    static WorkingCopy ofFile(const std::string& file,
-                              const std::shared_ptr<CMApplicationInteractor>& interactor);
+    ///             meant itself.
+    static WorkingCopy ofFile(const std::string& file);
 };
+
+/// The client that the program is for the library.
+inline const std::string clientId = "quendo";
 
 /// The folder that the program was started in, canonical.
 Path currentFolder();

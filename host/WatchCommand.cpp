@@ -1,0 +1,190 @@
+#include "host/WatchCommand.h"
+
+#include "host/HostError.h"
+#include "host/Interrupts.h"
+#include "host/Session.h"
+#include "host/StandardStreams.h"
+#include "host/VisibleText.h"
+#include "host/WorkingCopy.h"
+#include "quendo/adapter/ApplicationInteractor.h"
+#include "quendo/cache/CMStatusCache.h"
+#include "quendo/cache/CMStatusCacheFolders.h"
+#include "quendo/cache/CMStatusCacheFreshness.h"
+#include "quendo/platform/FileUtilities.h"
+#include "quendo/platform/FolderWatcher.h"
+#include "quendo/platform/Services.h"
+
+#include <array>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <set>
+#include <utility>
+
+namespace quendo::host {
+namespace {
+
+/// What the library tells, on threads of its own, kept for the program's. Only notes; whatever
+/// takes time is done by who takes.
+class Feed {
+public:
+    struct News {
+        std::deque<StatusChanges> changes;
+        bool isStopped = false;
+        bool hasGone = false;
+    };
+
+    void addChanges(const StatusChanges& changes) {
+        add([&] { m_news.changes.push_back(changes); });
+    }
+    /// Something else may have changed: look.
+    void wake() {
+        add([] {});
+    }
+    void tellGone() {
+        add([&] { m_news.hasGone = true; });
+    }
+    void stop() {
+        add([&] { m_news.isStopped = true; });
+    }
+
+    /// Waits for news.
+    News take() {
+        std::unique_lock lock(m_mutex);
+        m_came.wait(lock, [this] { return std::exchange(m_hasCome, false); });
+        return std::exchange(m_news, {});
+    }
+
+private:
+    template <class Action>
+    void add(Action action) {
+        const std::lock_guard lock(m_mutex);
+        action();
+        m_hasCome = true;
+        m_came.notify_one();
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_came;
+    bool m_hasCome = false;
+    News m_news;
+};
+
+/// Says on standard error what keeps the program from telling the truth, each thing once.
+class Blindness {
+public:
+    explicit Blindness(const WorkingCopy& copy)
+        : m_copy(copy), m_watcher(platform::services()->folderWatcher),
+          m_folders(dynamic_cast<CMStatusCacheFolders&>(copy.folder->getCache())),
+          m_freshness(dynamic_cast<CMStatusCacheFreshness&>(copy.folder->getCache())) {}
+
+    void tellGone() {
+        writeError(visiblePath(m_copy.root) + " has gone; waiting for its return");
+        m_isGone = true;
+    }
+
+    void look() {
+        if (m_isGone && platform::services()->files->isDirectory(m_copy.root) &&
+            failure().empty()) {
+            m_isGone = false;
+            writeError(visiblePath(m_copy.root) + " is back");
+        }
+        tell(m_failure, m_isGone ? "" : failure(), "cannot be refreshed: ", "is refreshed again");
+        tell(m_poorWatch, poorWatch(),
+             "changes are told seconds late: ", "is watched by the system again");
+    }
+
+private:
+    void tell(std::string& told, std::string now, const char* what, const char* over) const {
+        if (told == now)
+            return;
+        if (now.empty())
+            writeError(visiblePath(m_copy.root) + " " + over);
+        else
+            writeError(visiblePath(m_copy.root) + ": " + what + visibleText(now));
+        told = std::move(now);
+    }
+
+    std::string failure() const {
+        const auto failure = m_freshness.getFreshness(m_copy.path).failure;
+        if (failure == nullptr)
+            return {};
+        try {
+            std::rethrow_exception(failure);
+        } catch (const std::exception& error) {
+            return error.what();
+        } catch (...) {
+            return "an unknown error";
+        }
+    }
+
+    /// The reason of the first folder that is not watched natively, and how many there are.
+    std::string poorWatch() const {
+        if (m_isGone)
+            return {};
+        auto folders = m_folders.getFolders();
+        folders.push_back(m_copy.root);
+        std::set<Path> poor;
+        std::string reason;
+        for (const auto& folder : folders) {
+            const auto health = m_watcher->getHealth(folder);
+            if (health.means != platform::WatchHealth::Means::Native && poor.insert(folder).second)
+                reason = health.reason.empty() ? "not watched" : health.reason;
+        }
+        return poor.empty() ? "" : std::to_string(poor.size()) + " of its folders, " + reason;
+    }
+
+    const WorkingCopy& m_copy;
+    const std::shared_ptr<platform::FolderWatcher> m_watcher;
+    const CMStatusCacheFolders& m_folders;
+    const CMStatusCacheFreshness& m_freshness;
+    bool m_isGone = false;
+    std::string m_failure, m_poorWatch;
+};
+
+} // namespace
+
+void WatchCommand::run() const {
+    const auto copy = WorkingCopy::ofFolder(folder);
+    const auto current = currentFolder();
+    auto& cache = copy.folder->getCache();
+    auto& changes = dynamic_cast<CMStatusCacheChanges&>(cache);
+    StatusReport report{copy.systemName(), copy.root, copy.path, {}, selection};
+    const auto feed = std::make_shared<Feed>();
+    const boost::signals2::scoped_connection stopped = copy.folder->getTerminator().connect([feed] {
+        if (Interrupts::received() != 0)
+            feed->stop();
+    });
+    Session session(copy.interactor());
+    cache.setFolderStatusFlag(true);
+    cache.refreshFolder(copy.path)->wait();
+
+    const std::array<boost::signals2::scoped_connection, 4> connections{
+        changes.connectChanges([feed](const auto& changed) { feed->addChanges(changed); }),
+        cache.connectTasksFinished([feed](const auto&) { feed->wake(); }),
+        copy.folder->connectDeleted([feed] { feed->tellGone(); }),
+        platform::services()->folderWatcher->connectHealthChanged(
+            [feed](const auto&, const auto&) { feed->wake(); })};
+    auto listing = changes.listStatuses(copy.path);
+    report.states = {listing.states.begin(), listing.states.end()};
+    session.finishFirst(json ? jsonStatus(report) : humanStatus(report, current, wantsColours()));
+    report.states.clear();
+    listing.states = {};
+    Blindness blindness(copy);
+    for (;;) {
+        blindness.look();
+        auto news = feed->take();
+        if (news.isStopped)
+            throw Interrupted();
+        for (auto& changed : news.changes) {
+            if (changed.version > listing.version)
+                writeOutput(json ? jsonChanges(report, std::move(changed.changes))
+                                 : humanChanges(report, std::move(changed.changes), current,
+                                                wantsColours()));
+        }
+        if (news.hasGone)
+            blindness.tellGone();
+    }
+}
+
+} // namespace quendo::host
