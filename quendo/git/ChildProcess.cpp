@@ -33,7 +33,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds round{100};
 constexpr std::chrono::milliseconds patience{2'000};
-constexpr std::size_t errorsKept = 64 * 1024;
 
 struct Pipe {
     FileDescriptor read;
@@ -168,7 +167,7 @@ int openHandle(pid_t pid) {
 } // namespace
 
 ChildProcess::ChildProcess(const ChildPlan& plan, std::function<void(std::string_view)> consume)
-    : m_consume(std::move(consume)), m_pendingInput(plan.input) {
+    : m_consume(std::move(consume)), m_pendingInput(plan.input), m_errorsKept(plan.errorsKept) {
     FileDescriptor childInput;
     if (m_pendingInput.empty()) {
         childInput = aboveStandard(::open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -288,7 +287,7 @@ void ChildProcess::handleErrors() {
     const auto count = ::read(m_errors.get(), buffer.data(), buffer.size());
     if (count > 0) {
         m_heard = true;
-        const auto room = errorsKept - std::min(errorsKept, m_result.errors.size());
+        const auto room = m_errorsKept - std::min(m_errorsKept, m_result.errors.size());
         m_result.errors.append(buffer.data(), std::min(room, static_cast<std::size_t>(count)));
     } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
         m_errors.close();

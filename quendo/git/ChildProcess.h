@@ -25,12 +25,13 @@ struct ChildPlan {
     int outputFile = -1;                       ///< standard output goes there, if set
     std::uint64_t memoryLimit = 0;             ///< bytes of private memory (RLIMIT_DATA); 0: none
     bool keepFileTimes = false;                ///< setting a file's times pretends to succeed
+    std::size_t errorsKept = 64U << 10U;       ///< bytes of standard error in the result
 };
 
 /// How a child ended.
 struct ChildResult {
     int exitCode = 0;   ///< 128 + the number of the signal that ended it
-    std::string errors; ///< what it wrote to standard error, the first 64 KiB
+    std::string errors; ///< what it wrote to standard error, as much of it as was to be kept
 };
 
 /// Thrown when a child neither prints nor computes for longer than it is allowed to, or waits for
@@ -83,6 +84,7 @@ private:
     FileDescriptor m_errors;
     bool m_ended = false;
     bool m_heard = false; ///< it printed something since the last look
+    const std::size_t m_errorsKept;
     ChildResult m_result;
 };
 

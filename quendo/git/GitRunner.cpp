@@ -64,6 +64,7 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
                 .outputFile = one.outputFile,
                 .memoryLimit = one.limitMemory ? memoryLimit : 0,
                 .keepFileTimes = keepFileTimes || one.keepFileTimes,
+                .errorsKept = one.errorsKept,
             };
             if (one.asSubmodule)
                 plan.environment.emplace_back("GIT_DIR=.git");

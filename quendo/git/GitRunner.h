@@ -16,13 +16,14 @@ class Repository;
 /// One run of git.
 struct GitRun {
     std::vector<std::string> arguments;
-    std::string input = {};       ///< for standard input
-    std::string folder = {};      ///< where; the repository's own folder when empty
-    bool asSubmodule = false;     ///< as git itself looks into one: whoever owns it
-    bool keepFileTimes = false;   ///< also where the repository's own index is not split
-    int outputFile = -1;          ///< standard output goes there, if set
-    bool literalPathspecs = true; ///< check-ignore does not stand it
-    bool limitMemory = true;      ///< no absurd file is to eat the machine's memory
+    std::string input = {};              ///< for standard input
+    std::string folder = {};             ///< where; the repository's own folder when empty
+    bool asSubmodule = false;            ///< as git itself looks into one: whoever owns it
+    bool keepFileTimes = false;          ///< also where the repository's own index is not split
+    int outputFile = -1;                 ///< standard output goes there, if set
+    bool literalPathspecs = true;        ///< check-ignore does not stand it
+    std::size_t errorsKept = 64U << 10U; ///< bytes of its standard error in the result
+    bool limitMemory = true;             ///< no absurd file is to eat the machine's memory
     std::function<void(std::string_view)> consume = {}; ///< takes what it prints, in pieces
 };
 

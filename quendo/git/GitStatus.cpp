@@ -251,6 +251,7 @@ void Collector::askGit() {
         trackedSplitter.feed(text, [&](std::string_view record) { takeTracked(record); });
     };
     auto status = statusRun(m_scope.paths, false, m_scope.includeUntracked);
+    status.errorsKept = 64U << 20U; // a line for each file in a folder that may not be entered
     // Status records are kept until all that is tracked is known: they change its states.
     std::string statusText;
     status.consume = [&](std::string_view text) {
