@@ -522,7 +522,7 @@ TEST_F(LimitedDeathTest, PollsWhatExceedsTheLimits) {
     });
 }
 
-TEST_F(LimitedDeathTest, SeesUnmounting) {
+TEST_F(LimitedDeathTest, SeesMountingAndUnmounting) {
     test::expectSuccessInOwnNamespaces([this] {
         fs::create_directory(root / "d");
         if (::mount("none", (root / "d").c_str(), "tmpfs", 0, nullptr) != 0)
@@ -534,6 +534,21 @@ TEST_F(LimitedDeathTest, SeesUnmounting) {
         EXPECT_THAT(untilNow(), testing::UnorderedElementsAre("?d", "?d/e", "polled d/e"));
         fs::create_directory(root / "d/e");
         EXPECT_THAT(untilNow(), testing::IsSupersetOf({"+d/e", "?d/e", "native d/e"}));
+
+        // Over folders that are watched; and detached while somebody works there.
+        fs::create_directory(root / "d/with space");
+        watch("d/with space");
+        ASSERT_EQ(::mount("none", (root / "d/with space").c_str(), "tmpfs", 0, nullptr), 0);
+        heard.until("?d/with space");
+        fs::create_directory(root / "d/with space/a");
+        heard.until("+d/with space/a");
+        const std::ofstream open(root / "d/with space/b");
+        ASSERT_EQ(::umount2((root / "d/with space").c_str(), MNT_DETACH), 0);
+        heard.until("?d/with space");
+        ASSERT_EQ(::mount("none", root.c_str(), "tmpfs", 0, nullptr), 0);
+        heard.until("?d");
+        ASSERT_EQ(::umount(root.c_str()), 0);
+        heard.until("native d");
         finish();
     });
 }

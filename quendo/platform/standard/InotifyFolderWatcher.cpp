@@ -9,10 +9,15 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <iterator>
 #include <list>
 #include <mutex>
 #include <optional>
 #include <poll.h>
+#include <set>
+#include <sstream>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
@@ -49,10 +54,14 @@
 // parent that is watched for itself alone gets the comings and goings of its entries all the same
 // when an entry of it is watched. When no parent is watched, such a deletion is told late.
 //
-// What the kernel cannot tell: that another folder was mounted over a watched one, that a folder
-// above was renamed that nobody watches, and what other machines do in a network file system. The
-// last is polled beside being watched. A visited record is polled as well when it has no watch:
-// because there is nothing at its path, or for want of permission or of watches.
+// Mounts. No watch hears that a file system was mounted over its folder, and one that is detached
+// while somebody works in it is told of when he leaves. But the kernel wakes who polls the table of
+// mounts; what lies at or below a place that has changed in there is visited.
+//
+// What the kernel cannot tell: that a folder above was renamed that nobody watches, and what other
+// machines do in a network file system. The latter is polled beside being watched. A visited record
+// is polled as well when it has no watch: because there is nothing at its path, or for want of
+// permission or of watches.
 //
 // Polling compares listings (FolderListing). The first is taken before watch() returns; where there
 // is none the round tells ContentsUnknown.
@@ -73,6 +82,8 @@ constexpr std::uint32_t comingAndGoingMask = IN_CREATE | IN_DELETE | IN_MOVED_FR
 constexpr std::uint32_t entriesMask =
     selfMask | comingAndGoingMask | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB;
 constexpr std::uint32_t lostMask = selfMask | IN_IGNORED | IN_UNMOUNT;
+
+constexpr const char* mountTablePath = "/proc/self/mountinfo";
 
 class Descriptor {
 public:
@@ -117,6 +128,34 @@ std::string reasonOf(int error) {
     default:
         return "the system refuses to watch it: " + std::generic_category().message(error);
     }
+}
+
+using Mounts = std::set<std::string>;
+
+/// The table of mounts, one line each; empty where there is none to be had.
+Mounts readMounts() {
+    Mounts mounts;
+    std::ifstream table(mountTablePath);
+    for (std::string line; std::getline(table, line);)
+        mounts.insert(line);
+    return mounts;
+}
+
+/// Where the file system of a line of the table is mounted.
+Path mountPointOf(const std::string& line) {
+    std::istringstream fields(line);
+    std::string field, point;
+    for (int i = 0; i < 5; ++i)
+        fields >> field;
+    for (std::size_t at = 0; at < field.size(); ++at) {
+        if (field[at] == '\\' && at + 3 < field.size()) {
+            point += static_cast<char>(std::stoi(field.substr(at + 1, 3), nullptr, 8));
+            at += 3;
+        } else {
+            point += field[at];
+        }
+    }
+    return Path::fromNative(point);
 }
 
 constexpr const char* remoteReason =
@@ -187,11 +226,14 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
         const Descriptor inotify{::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)};
         const Descriptor stop{inotify.get() < 0 ? -1 : ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
         const int error = stop.get() < 0 ? errno : 0;
+        const Descriptor mountTable{error != 0 ? -1 : ::open(mountTablePath, O_RDONLY | O_CLOEXEC)};
+        Mounts mounts = error != 0 ? Mounts() : readMounts(); ///< as the dispatcher knows them
         std::mutex readMutex;     ///< before the inbox mutex; held while events are moved
         std::vector<char> buffer; ///< under it
         // Under the inbox mutex:
         std::vector<char> bytes; ///< events as the kernel gave them
         bool overflowed = false; ///< some were dropped before `bytes`
+        bool mountsChanged = false;
         bool ended = false;
     };
 
@@ -275,6 +317,7 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     static bool reach(std::list<Line>& passed, std::size_t at);
     void interpret(const inotify_event& event);
     void lost();
+    void lookAtMounts(Session& current);
     void round();
     void visit(const std::shared_ptr<Record>& record, Visit why);
     void visitTree(const Path& folder, Visit why);
@@ -527,12 +570,21 @@ InotifyFolderWatcher::Impl::recordsFrom(const Path& folder) const {
 
 void InotifyFolderWatcher::Impl::read(Session& current) {
     nameThisThread("quendo-inotify");
-    pollfd files[] = {{current.inotify.get(), POLLIN, 0}, {current.stop.get(), POLLIN, 0}};
+    pollfd files[] = {{current.inotify.get(), POLLIN, 0},
+                      {current.stop.get(), POLLIN, 0},
+                      {current.mountTable.get(), POLLPRI, 0}};
     for (;;) {
-        if (::poll(files, 2, -1) < 0)
+        if (::poll(files, 3, -1) < 0)
             continue; // a signal
         if (files[1].revents != 0)
             break;
+        if (files[2].revents != 0) {
+            const std::lock_guard lock(inboxMutex);
+            current.mountsChanged = true;
+            inboxChanged.notify_all();
+        }
+        if (files[0].revents == 0)
+            continue;
         if (options.beforeRead)
             options.beforeRead();
         const std::lock_guard lock(current.readMutex);
@@ -638,11 +690,13 @@ void InotifyFolderWatcher::Impl::dispatchOnce(std::vector<char>& batch, std::lis
     suspected.clear();
 
     bool overflowed = failed;
+    bool mountsChanged = false;
     {
         std::unique_lock lock(inboxMutex);
         const auto hasNews = [&] {
             return woken || !lines.empty() ||
-                   (current != nullptr && (current->overflowed || !current->bytes.empty()));
+                   (current != nullptr &&
+                    (current->overflowed || current->mountsChanged || !current->bytes.empty()));
         };
         if (failed)
             inboxChanged.wait_for(lock, options.pollInterval, hasNews);
@@ -653,6 +707,7 @@ void InotifyFolderWatcher::Impl::dispatchOnce(std::vector<char>& batch, std::lis
         woken = false;
         if (current != nullptr) {
             overflowed |= std::exchange(current->overflowed, false);
+            mountsChanged = std::exchange(current->mountsChanged, false);
             batch.swap(current->bytes);
         }
         // Those of a session that began during the wait stay for the next call.
@@ -662,6 +717,8 @@ void InotifyFolderWatcher::Impl::dispatchOnce(std::vector<char>& batch, std::lis
     }
     if (overflowed)
         lost();
+    if (mountsChanged)
+        lookAtMounts(*current);
     const inotify_event* last = nullptr;
     for (std::size_t at = 0; at < batch.size();) {
         if (reach(passed, at))
@@ -748,6 +805,15 @@ void InotifyFolderWatcher::Impl::lost() {
                                     "often, raise fs.inotify.max_queued_events.";
     for (const auto& record : all)
         visit(record, Visit::Suspect);
+}
+
+void InotifyFolderWatcher::Impl::lookAtMounts(Session& current) {
+    auto mounts = readMounts();
+    std::vector<std::string> changed;
+    std::ranges::set_symmetric_difference(current.mounts, mounts, std::back_inserter(changed));
+    current.mounts = std::move(mounts);
+    for (const auto& line : changed)
+        visitTree(mountPointOf(line), Visit::Check);
 }
 
 void InotifyFolderWatcher::Impl::round() {

@@ -26,8 +26,8 @@ struct InotifyFolderWatcherOptions {
     std::function<void()> beforeRead; ///< for tests: holds the reader up
 };
 
-/// The library's own watcher, by inotify. It has two threads and one descriptor while anything is
-/// watched, and nothing otherwise; it may go before its watches.
+/// The library's own watcher, by inotify. It has two threads and three descriptors while anything
+/// is watched, and nothing otherwise; it may go before its watches.
 class QUENDO_API InotifyFolderWatcher : public FolderWatcher {
 public:
     /// One a process, never destroyed.
