@@ -455,10 +455,11 @@ int main(int argc, char** argv) {
     const auto files = number(1, 100'000), folders = number(2, 5'000), writes = number(3, 10'000);
     const std::string only = argc > 4 ? argv[4] : "";
     if (folders < 50 || files < folders || writes < 1) {
-        std::fprintf(stderr,
-                     "usage: quendo_benchmark_change [FILES [FOLDERS [WRITES [SECTION]]]]\n"
-                     "FOLDERS: 50 or more, and not more than FILES\n"
-                     "SECTION: opening, watcher, latency, idle, own, burst; all when left out\n");
+        std::fprintf(
+            stderr,
+            "usage: quendo_benchmark_change [FILES [FOLDERS [WRITES [SECTION]]]]\n"
+            "FOLDERS: 50 or more, and not more than FILES\n"
+            "SECTION: opening, watcher, latency, chase, idle, own, burst; all when left out\n");
         return 2;
     }
     const BigRepository repository(files, folders);
@@ -469,9 +470,8 @@ int main(int argc, char** argv) {
     };
     run("opening", [&] { measureOpening(repository); });
     run("watcher", [&] { measureWatcher(repository); });
-    run("latency", [&] { measureLatency(repository, writes, false); });
-    run("latency",
-        [&] { measureLatency(repository, std::max<std::size_t>(writes / 10, 1), true); });
+    run("latency", [&] { measureLatency(repository, writes, true); });
+    run("chase", [&] { measureLatency(repository, writes, false); });
     run("idle", [&] { measureIdle(repository); });
     run("own", [&] { measureOwn(repository); });
     run("burst", [&] { measureBursts(repository); });

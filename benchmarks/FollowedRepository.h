@@ -36,9 +36,10 @@
 
 namespace quendo::benchmark {
 
-/// As an editor does that writes in place.
+/// In place, all in one write. What is there must not be longer: file systems may wait for the disk
+/// when a file is cut off first, and that is not what is measured.
 inline void overwrite(const std::string& file, std::string_view content) {
-    const int descriptor = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int descriptor = ::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     if (descriptor < 0 ||
         ::write(descriptor, content.data(), content.size()) != std::ssize(content) ||
         ::close(descriptor) != 0)
@@ -76,9 +77,7 @@ public:
     std::size_t fullFolders() const { return m_folders.size() / 25; }
 
     static std::string original(std::size_t i) { return "int value_" + std::to_string(i) + ";\n"; }
-    static std::string modified(std::size_t i) {
-        return "int value_" + std::to_string(i) + " = 1;\n";
-    }
+    static std::string modified(std::size_t i) { return "int other_" + std::to_string(i) + ";\n"; }
 
     /// Sets the file's times to long ago: git reads every file again that is as new as its index.
     /// One event, and nothing that git reports.
