@@ -65,7 +65,8 @@ public:
             overwrite(m_files.back(), original(i));
             date(i);
         }
-        m_sandbox.commitAll("files");
+        git({"add", "-A"});
+        git({"commit", "-q", "-m", "files"});
         refreshIndex();
     }
 
@@ -88,9 +89,18 @@ public:
             throw std::runtime_error("cannot date " + m_files[i]);
     }
     /// Until then git reads every file whose times were set.
-    void refreshIndex() const { m_sandbox.git({"update-index", "--really-refresh"}); }
+    void refreshIndex() const { git({"update-index", "--really-refresh"}); }
 
 private:
+    /// However long it takes.
+    void git(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(), "git");
+        const auto result = test::runProcess(
+            arguments, {m_sandbox.work(), m_sandbox.environment(), std::chrono::hours(1)});
+        if (result.exitCode != 0)
+            throw std::runtime_error(arguments[1] + ": " + result.errors);
+    }
+
     test::GitSandbox m_sandbox;
     std::vector<std::string> m_folders, m_files;
 };
