@@ -52,8 +52,12 @@
 // folder that holds nothing under control is reported or not by what else it holds, and one that
 // comes back has no entry until it is asked for. And a file in an ignored tree is answered when it
 // is asked for, though the tree is one entry. So when a path has been answered, the outermost such
-// folder around it, or the ignored one, is asked for too. Requests for folders join one that waits
-// already (CMStatusCacheFreshness), so a burst costs a few queries.
+// folder around it, or the ignored one, is asked for too.
+//
+// Bursts. Requests for folders join one that waits already (CMStatusCacheFreshness), but two that
+// lie beside each other are two queries, and a query of much costs little more than one of a
+// little. So folders are collected as long as the strand has tasks, and of more than a few the
+// folder around them all is asked for.
 //
 // Threads. The set of watches is guarded by the lock, which is held while watches are made and
 // dropped. Dropping one waits for its handler; so handlers take no lock. Tasks hold `info` weakly,
@@ -68,6 +72,8 @@ using Clock = std::chrono::system_clock;
 
 // Time stamps of files come from a clock that steps with the kernel's tick, 10 ms at most.
 constexpr std::chrono::milliseconds margin{100};
+
+constexpr std::size_t mostFoldersAtOnce = 4;
 
 struct Subscription {
     std::unique_ptr<platform::EventSubscription> handle;
@@ -386,11 +392,11 @@ private:
             return;
         if (kind == StorageEventKind::ContentsUnknown) {
             const auto around = m_info->folders != nullptr ? m_info->outermostUnsure(path) : Path();
-            m_info->refreshFolder(around.empty() ? path : around);
+            refreshSoon(around.empty() ? path : around);
         } else if (m_info->metadataFileNames.contains(UString(path.fileName().string()))) {
-            m_info->refreshFolder(path.parentPath());
+            refreshSoon(path.parentPath());
         } else if (kind == StorageEventKind::Changed && m_info->holdsBelow(path)) {
-            m_info->refreshFolder(path); // it may have become readable, or unreadable
+            refreshSoon(path); // it may have become readable, or unreadable
         } else {
             ask({path}, kind);
         }
@@ -442,19 +448,47 @@ private:
             if (self == nullptr || !self->m_info->enabled)
                 return;
             const auto& info = *self->m_info;
-            std::set<Path> folders;
             for (const auto& [task, kind, paths] : answered) {
                 for (const auto& path : paths) {
                     auto folder = info.ignoredAround(path);
                     if (folder.empty() && kind != StorageEventKind::Changed)
                         folder = info.outermostUnsure(path);
                     if (!folder.empty())
-                        folders.insert(std::move(folder));
+                        self->refreshSoon(std::move(folder));
                 }
             }
-            for (const auto& folder : folders)
-                info.refreshFolder(folder);
         });
+    }
+
+    /// On the strand: has `folder` refreshed when what the strand has to do now is done; at once
+    /// where the cache cannot share requests.
+    void refreshSoon(Path folder) {
+        if (m_info->freshness == nullptr) {
+            m_info->refreshFolder(folder);
+            return;
+        }
+        if (m_unfresh.empty())
+            m_executor->post([weak = weak_from_this()] {
+                if (const auto self = weak.lock())
+                    self->refreshCollected();
+            });
+        m_unfresh.insert(std::move(folder));
+    }
+
+    void refreshCollected() {
+        auto folders = std::exchange(m_unfresh, {});
+        if (!m_info->enabled)
+            return;
+        if (folders.size() > mostFoldersAtOnce) {
+            Path around = *folders.begin();
+            while (std::ranges::any_of(folders, [&](const auto& folder) {
+                return folder != around && !folder.isBelow(around);
+            }))
+                around = around.parentPath();
+            folders = {around};
+        }
+        for (const auto& folder : folders)
+            m_info->refreshFolder(folder);
     }
 
     /// On the strand: keeps the bare folders right when `path` comes, goes, or is unknown.
@@ -582,6 +616,8 @@ private:
     boost::signals2::scoped_connection m_changesConnection;
     boost::signals2::scoped_connection m_finishedConnection;
     boost::signals2::scoped_connection m_cacheConnection;
+
+    std::set<Path> m_unfresh; ///< to be refreshed; on the strand only
 
     std::mutex m_askedMutex;                   ///< not held together with m_lock
     std::map<const CacheTask*, Asked> m_asked; ///< guarded by m_askedMutex

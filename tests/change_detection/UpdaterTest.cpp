@@ -163,6 +163,20 @@ TEST_F(UpdaterTest, AsksForWhatChangedWhileItIsNotDisabled) {
     EXPECT_THAT(askedAfter(Kind::Changed, "x"), IsEmpty());
 }
 
+TEST_F(UpdaterTest, ManyFoldersAreOneQuery) {
+    start();
+    hold({"m/a/1", "m/b/1", "m/c/1", "m/d/1", "m/e/1"});
+    watcher->tell(Kind::ContentsUnknown, at("m/a"));
+    EXPECT_THAT(askedAfter(Kind::ContentsUnknown, "m/b"), ElementsAre("folder m/a", "folder m/b"));
+    for (const auto* name : {"m/a", "m/b", "m/c", "m/d"})
+        watcher->tell(Kind::ContentsUnknown, at(name));
+    EXPECT_THAT(askedAfter(Kind::ContentsUnknown, "m/e"), ElementsAre("folder m"));
+    watcher->tell(Kind::ContentsUnknown, at("m/a"));
+    executors->strand->runOne();
+    const auto guard = updater->disable(); // when it is collected already
+    EXPECT_THAT(askedAfter(Kind::Changed, "x"), IsEmpty());
+}
+
 TEST_F(UpdaterTest, WatchesNoInstallationAndRemembersARefusedRoot) {
     watcher->refused = root;
     start();
