@@ -1,6 +1,7 @@
 #include "host/HostError.h"
 #include "host/Interrupts.h"
 #include "host/LogSink.h"
+#include "quendo/adapter/CMApplicationInteractor.h"
 
 #include <gtest/gtest.h>
 
