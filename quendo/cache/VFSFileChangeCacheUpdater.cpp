@@ -22,6 +22,7 @@
 #include <iterator>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -564,11 +565,13 @@ private:
         while (!folders.empty()) {
             const Path folder = std::move(folders.back());
             folders.pop_back();
-            const auto since = answeredAt(folder) - margin;
+            const auto answered = answeredAt(folder);
             for (auto& entry : list(folder)) {
                 if (m_info->isForbidden(entry.path))
                     continue;
-                if (entry.changed >= since)
+                // Of a folder that was never asked for, single files may have been.
+                const auto since = answered ? answered : answeredAt(entry.path);
+                if (since && entry.changed >= *since - margin)
                     changed.push_back(entry.path);
                 if (!entry.isFolder)
                     continue;
@@ -583,16 +586,17 @@ private:
             ask(changed, StorageEventKind::Created);
     }
 
-    /// When the query started that tells about `folder`; the beginning of time when none has, or
-    /// now when the cache does not say.
-    Clock::time_point answeredAt(const Path& folder) const {
+    /// When the query started that tells about `path`; now when the cache does not say, and nothing
+    /// when there was none.
+    std::optional<Clock::time_point> answeredAt(const Path& path) const {
         const auto now = Clock::now();
         if (m_info->freshness == nullptr)
             return now;
-        const auto at = m_info->freshness->getFreshness(folder).answeredAt;
-        return at ? now - std::chrono::duration_cast<Clock::duration>(
-                              std::chrono::steady_clock::now() - *at)
-                  : now;
+        const auto at = m_info->freshness->getFreshness(path).answeredAt;
+        if (!at)
+            return {};
+        return now -
+               std::chrono::duration_cast<Clock::duration>(std::chrono::steady_clock::now() - *at);
     }
 
     struct Asked {

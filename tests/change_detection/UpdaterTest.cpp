@@ -1,4 +1,5 @@
 #include "quendo/cache/CMStatusCache.h"
+#include "quendo/cache/CMStatusCacheFreshness.h"
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
 #include "quendo/platform/InstallationService.h"
 #include "quendo/platform/standard/StandardEventMgr.h"
@@ -64,6 +65,16 @@ struct PlainCache : CMStatusCache {
     void stop() override {}
 };
 
+/// One that can share requests.
+struct SharingCache : PlainCache, CMStatusCacheFreshness {
+    using PlainCache::PlainCache;
+    Freshness getFreshness(const Path&) const override { return {}; }
+    std::shared_ptr<CacheTask> requireFreshFile(const Path&) override { return nullptr; }
+    std::shared_ptr<CacheTask> requireFreshFolder(const Path& folder) override {
+        return refreshFolder(folder);
+    }
+};
+
 struct Installation : platform::InstallationService {
     std::optional<Path> folder;
     std::optional<Path> getRootFolder() const override { return folder; }
@@ -121,7 +132,7 @@ protected:
         services.installation = installation;
         return services;
     }()};
-    const std::shared_ptr<PlainCache> cache = std::make_shared<PlainCache>(root);
+    std::shared_ptr<PlainCache> cache = std::make_shared<PlainCache>(root);
     std::optional<VFSFileChangeCacheUpdater> updater;
 };
 
@@ -164,6 +175,7 @@ TEST_F(UpdaterTest, AsksForWhatChangedWhileItIsNotDisabled) {
 }
 
 TEST_F(UpdaterTest, ManyFoldersAreOneQuery) {
+    cache = std::make_shared<SharingCache>(root);
     start();
     hold({"m/a/1", "m/b/1", "m/c/1", "m/d/1", "m/e/1"});
     watcher->tell(Kind::ContentsUnknown, at("m/a"));
