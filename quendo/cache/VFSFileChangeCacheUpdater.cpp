@@ -424,12 +424,47 @@ private:
                    (state->getState() == LocalStatus::Ignored ||
                     state->getState() == LocalStatus::External);
         };
-        std::vector<Path> folders;
+        std::vector<Path> folders, ignored, answered;
         for (const auto& change : changed.changes) {
             if (isAside(change.before) && !isAside(change.after))
                 folders.push_back(change.path);
+            if (change.after && change.after->getState() == LocalStatus::Ignored)
+                ignored.push_back(change.path);
         }
         lookIntoLater({}, std::move(folders));
+        if (m_info->folders == nullptr || ignored.empty())
+            return;
+        for (const auto& change : changed.changes) {
+            if (change.after)
+                answered.push_back(change.path);
+        }
+        m_executor->post([weak = weak_from_this(), ignored = std::move(ignored),
+                          answered = std::move(answered)]() mutable {
+            if (const auto self = weak.lock())
+                self->foldIgnored(ignored, std::move(answered));
+        });
+    }
+
+    /// On the strand: what is ignored as a whole is to be one entry, in whatever order it and what
+    /// lies in it were answered. What one answer says of both holds.
+    /// @param ignored of those in `answered`
+    void foldIgnored(const std::vector<Path>& ignored, std::vector<Path> answered) {
+        std::ranges::sort(answered);
+        for (const auto& path : ignored) {
+            auto around = m_info->ignoredAround(path);
+            if (std::ranges::binary_search(answered, around))
+                around = Path();
+            if (around.empty()) {
+                auto at = std::ranges::upper_bound(answered, path);
+                std::size_t below = 0;
+                for (; at != answered.end() && at->string().starts_with(path.string()); ++at)
+                    below += at->isBelow(path) ? 1 : 0;
+                if (m_info->folders->getFolderSummary(path).below.total() > below)
+                    around = path;
+            }
+            if (!around.empty())
+                refreshSoon(std::move(around));
+        }
     }
 
     /// On the cache's strand.

@@ -64,6 +64,7 @@ embed)
     ;;
 border)
     buildConsumer "$SOURCE/tests/packaging/border" -DCMAKE_PREFIX_PATH="$prefix"
+    makeWorkingCopy
     "$work/border"
     ;;
 pkgconfig)

@@ -1,6 +1,7 @@
 #include "all.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 
@@ -25,6 +26,32 @@ void again() {
     }
 }
 
+/// A host's events, which refuse.
+struct Refusing : quendo::platform::FolderWatcher {
+    std::unique_ptr<Watch> watch(const quendo::Path&, Scope, Callback) override {
+        throw quendo::platform::ChangeEventsSubscriptionException("no events here");
+    }
+    void fence(quendo::UniqueFunction<void()> reached) override { reached(); }
+    quendo::platform::WatchHealth getHealth(const quendo::Path&) const override { return {}; }
+    boost::signals2::connection connectHealthChanged(const HealthSlot&) override { return {}; }
+};
+
+/// In a working copy.
+void refused() {
+    quendo::platform::Services services;
+    services.folderWatcher = std::make_shared<Refusing>();
+    const auto here = quendo::Path::fromNative(std::filesystem::current_path().native());
+    quendo::createNewManagedFolderProviderInstance(services)->provideFor(here);
+}
+
+void refusedWhy() {
+    try {
+        refused();
+    } catch (const quendo::exception::SourceControlException& error) {
+        std::rethrow_if_nested(error);
+    }
+}
+
 int main() {
     const auto badPath = [] { quendo::Path(std::u16string_view(u"a\0b", 3)); };
     const auto executor = quendo::createStrandExecutor("border");
@@ -34,6 +61,8 @@ int main() {
                             throws<shared_quendo::core::VFSChangeEventsError>(again),
                             throws<quendo::platform::IMsgIDException>(again),
                             throws<quendo::ExecutorDeadlockError>(deadlock),
+                            throws<shared_quendo::core::VFSChangeEventsError>(refused),
+                            throws<quendo::platform::ChangeEventsSubscriptionException>(refusedWhy),
                             std::holds_alternative<quendo::Git>(type)};
     for (const bool& result : results)
         std::cerr << "check " << &result - results << (result ? " holds\n" : " FAILED\n");
