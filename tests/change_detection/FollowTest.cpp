@@ -26,8 +26,11 @@ namespace {
 /// Or none that can be seen.
 bool isWithoutFiles(const std::filesystem::path& folder) {
     namespace fs = std::filesystem;
-    const fs::recursive_directory_iterator entries(folder,
-                                                   fs::directory_options::skip_permission_denied);
+    std::error_code isGone;
+    const fs::recursive_directory_iterator entries(
+        folder, fs::directory_options::skip_permission_denied, isGone);
+    if (isGone)
+        return false;
     std::error_code unseen;
     return std::ranges::all_of(entries, [&](const auto& entry) {
         const auto status = entry.symlink_status(unseen);

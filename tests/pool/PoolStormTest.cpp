@@ -11,6 +11,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <malloc.h>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -44,8 +45,24 @@ TEST(PoolStorm, OneFolderForEachRootAtAnyMoment) {
     const auto descriptors = [] {
         return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
     };
-    const auto before = descriptors();
-    {
+    const auto memory = [] {
+        const auto info = ::mallinfo2();
+        return info.uordblks + info.hblkhd;
+    };
+    const auto joinAll = [&] {
+        for (std::vector<std::thread> ending;;) {
+            {
+                const std::lock_guard lock(mutex);
+                ending.swap(watching);
+            }
+            if (ending.empty())
+                return;
+            for (auto& thread : ending)
+                test::within(test::onThread([&] { thread.join(); }));
+            ending.clear();
+        }
+    };
+    const auto storm = [&] {
         const auto provider = createNewManagedFolderProviderInstance(services);
         struct Live {
             std::mutex mutex;
@@ -104,19 +121,16 @@ TEST(PoolStorm, OneFolderForEachRootAtAnyMoment) {
         EXPECT_TRUE(provider->getManagedFolders().empty());
         EXPECT_EQ(made, released);
         std::printf("%d folders were made for %d requests\n", made.load(), threads * asks);
-    }
-    for (std::vector<std::thread> ending;;) {
-        {
-            const std::lock_guard lock(mutex);
-            ending.swap(watching);
-        }
-        if (ending.empty())
-            break;
-        for (auto& thread : ending)
-            test::within(test::onThread([&] { thread.join(); }));
-        ending.clear();
-    }
+    };
+    const auto before = descriptors();
+    storm();
+    joinAll();
     EXPECT_EQ(descriptors(), before);
+    const auto used = memory();
+    storm();
+    joinAll();
+    // A kilobyte for each folder that was made would be more. Sanitizers count by themselves.
+    EXPECT_LT(memory(), used + (1U << 20U));
 }
 
 } // namespace
