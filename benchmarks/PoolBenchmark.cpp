@@ -205,6 +205,7 @@ void measureStatus(const BigRepository& repository) {
 class SlowAdapter final : public CMAdapterDecorator {
 public:
     using CMAdapterDecorator::CMAdapterDecorator;
+    using CMAdapterDecorator::getStatus;
 
     std::map<Path, FileState> getStatus(const Path&, bool) const override {
         std::promise<void> over;
