@@ -39,7 +39,9 @@
 // Bare folders. A folder in which nothing is cached (it is empty, or holds empty folders only) may
 // get its first file at any time. Such folders are found when the folder around them is listed, and
 // when they appear, and are watched as well until something in them is cached. Not below what the
-// cache knows as ignored or as another working copy, and not the metadata.
+// cache knows as ignored or as another working copy, and not the metadata. Before the first query
+// has ended every folder would be bare, and what happens in there meanwhile is no news: so until
+// then only the root is watched.
 //
 // The gap. What changed after the adapter had looked and before the watch stood would be missed. So
 // a folder is listed after its watch stands, and what changed since the query that put it into the
@@ -269,7 +271,11 @@ public:
         for (const auto& folder : dropped)
             remove(folder);
         add(added);
-        if (m_info->folders != nullptr)
+        if (m_info->folders == nullptr)
+            return;
+        if (old.empty() && wanted.size() == 1 && !answeredAt(m_info->root))
+            m_isUnasked = true;
+        else
             lookIntoLater(std::move(added), std::move(dropped));
     }
 
@@ -469,6 +475,11 @@ private:
 
     /// On the cache's strand.
     void lookAtAnswered(const CMStatusCache::Tasks& tasks) {
+        {
+            const auto hold = m_lock.write();
+            if (std::exchange(m_isUnasked, false))
+                lookIntoLater({m_info->root}, {});
+        }
         std::vector<Asked> answered;
         {
             const std::lock_guard lock(m_askedMutex);
@@ -650,6 +661,7 @@ private:
     Watches m_watches;
     Watches m_bareWatches;
     bool m_stopped = false;
+    bool m_isUnasked = false; ///< no query has ended, and what lies below the root is not watched
     std::uint64_t m_folderSetVersion = ~std::uint64_t{0};
     std::exception_ptr m_rootRefusal;
     boost::signals2::scoped_connection m_changesConnection;

@@ -1,5 +1,7 @@
+#include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/cache/CMStatusCache.h"
 #include "quendo/cache/CMStatusCacheFreshness.h"
+#include "quendo/cache/JobCombiningCMStatusCache.h"
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
 #include "quendo/platform/InstallationService.h"
 #include "quendo/platform/standard/StandardEventMgr.h"
@@ -187,6 +189,27 @@ TEST_F(UpdaterTest, ManyFoldersAreOneQuery) {
     executors->strand->runOne();
     const auto guard = updater->disable(); // when it is collected already
     EXPECT_THAT(askedAfter(Kind::Changed, "x"), IsEmpty());
+}
+
+TEST_F(UpdaterTest, LooksBelowTheRootWhenTheFirstQueryHasEnded) {
+    std::filesystem::create_directories(folder.path() / "a/empty");
+    const auto copy = std::make_shared<test::MemoryWorkingCopy>(root);
+    const std::shared_ptr<CMAdapter> adapter = test::makeMemoryAdapter(copy);
+    const auto real = createJobCombiningCache(adapter, std::make_shared<CMApplicationInteractor>());
+    const auto cacheStrand = executors->strand;
+    const auto run = [&] {
+        while (cacheStrand->runOne() || executors->strand->runOne()) {
+        }
+    };
+    updater.emplace(real, *adapter);
+    run();
+    EXPECT_THAT(watched(), ElementsAre("."));
+    real->refreshFolder(root); // has nothing in it, so the set of folders stays as it is
+    run();
+    EXPECT_THAT(watched(), ElementsAre(".", "a", "a/empty"));
+    updater.emplace(real, *adapter); // on a cache that was asked
+    run();
+    EXPECT_THAT(watched(), ElementsAre(".", "a", "a/empty"));
 }
 
 TEST_F(UpdaterTest, WatchesNoInstallationAndRemembersARefusedRoot) {
