@@ -160,7 +160,6 @@ TEST(Watch, FollowsARootThatGoesAndReturns) {
         watch.expectCaughtUp(back);
         runScript(sandbox, "w e/again; rm -rf d");
         watch.expectCaughtUp(back);
-        EXPECT_THAT(watch.said(), testing::IsEmpty());
     }
 }
 
@@ -185,10 +184,10 @@ TEST(WatchDeathTest, SaysThatChangesAreToldLate) {
     expectSuccessInOwnNamespaces([] {
         limitInotify("watches", 16);
         const GitSandbox sandbox;
-        runScript(sandbox, "i; for d in $(seq 20); do w $d/f; done; c; w 9/f 2");
+        runScript(sandbox, "i; for d in $(seq 12); do w $d/f; done; c; w 9/f 2");
         Watch watch(sandbox);
-        watch.expectSaid(": changes are told seconds late: ");
-        runScript(sandbox, "for d in $(seq 20); do w $d/f 3; done; rm -r 4; git add 5 6 7");
+        watch.expectSaid(": changes are told seconds late in ");
+        runScript(sandbox, "for d in $(seq 12); do w $d/f 3; done; rm -r 4; git add 5 6 7");
         watch.expectCaughtUp();
         limitInotify("watches", 10'000);
         watch.expectSaid("is watched by the system again");
