@@ -23,18 +23,6 @@
 namespace quendo {
 namespace {
 
-/// Or none that can be seen.
-bool isWithoutFiles(const std::filesystem::path& folder) {
-    namespace fs = std::filesystem;
-    const fs::recursive_directory_iterator entries(folder,
-                                                   fs::directory_options::skip_permission_denied);
-    std::error_code unseen;
-    return std::ranges::all_of(entries, [&](const auto& entry) {
-        const auto status = entry.symlink_status(unseen);
-        return unseen || fs::is_directory(status);
-    });
-}
-
 std::string differences(const std::map<Path, FileState>& cached,
                         const std::map<Path, FileState>& asked) {
     std::string text;
@@ -43,7 +31,7 @@ std::string differences(const std::map<Path, FileState>& cached,
             const auto found = other.find(path);
             // A folder without files is answered when it is asked for, but in no folder's answer.
             if (&from == &cached && found == other.end() && state.isFolder() &&
-                isWithoutFiles(path.toNative()))
+                test::isWithoutFiles(path.toNative()))
                 continue;
             if (found == other.end() || !(found->second == state))
                 text += std::string(what) + " " + std::string(toString(state.getState())) +

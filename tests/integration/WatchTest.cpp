@@ -41,17 +41,10 @@ public:
         for (std::string line; std::getline(lines, line);)
             wanted[pathOf(json::parse(line))] = json::parse(line);
         try {
-            while (m_process.hasMore() || m_states != wanted)
+            while (m_process.hasMore() || !differences(wanted).empty())
                 takeIn();
         } catch (const std::exception& error) {
-            std::string wrong = error.what();
-            for (const auto& [one, other, word] :
-                 {std::tuple(&wanted, &m_states, "\nmissed "), {&m_states, &wanted, "\nshown "}})
-                for (const auto& [path, state] : *one)
-                    if (const auto at = other->find(path);
-                        at == other->end() || at->second != state)
-                        wrong += word + state.dump();
-            ADD_FAILURE() << wrong << "\n" << about;
+            ADD_FAILURE() << error.what() << "\n" << differences(wanted) << about;
         }
     }
 
@@ -90,6 +83,19 @@ private:
     std::map<std::string, std::string> environment(std::map<std::string, std::string> set) const {
         set.insert(m_sandbox.environment().begin(), m_sandbox.environment().end());
         return set;
+    }
+
+    std::string differences(const States& wanted) const {
+        std::string text;
+        for (const auto& [path, state] : wanted)
+            if (const auto at = m_states.find(path); at == m_states.end() || at->second != state)
+                text += "missed " + state.dump() + "\n";
+        for (const auto& [path, state] : m_states)
+            if (!wanted.contains(path) &&
+                !(state.at("folder") && fs::is_directory(m_sandbox.work() / path) &&
+                  isWithoutFiles(m_sandbox.work() / path)))
+                text += "shown  " + state.dump() + "\n";
+        return text;
     }
 
     void takeIn() {

@@ -1,5 +1,7 @@
 #include "tests/support/RandomWork.h"
 
+#include <algorithm>
+
 namespace quendo::test {
 namespace {
 
@@ -59,6 +61,17 @@ std::string RandomWork::act(unsigned count) {
     }
     m_sandbox.run({"sh", "-c", script}, m_sandbox.work(), {{"GIT_EDITOR", "true"}});
     return script;
+}
+
+bool isWithoutFiles(const std::filesystem::path& folder) {
+    namespace fs = std::filesystem;
+    const fs::recursive_directory_iterator entries(folder,
+                                                   fs::directory_options::skip_permission_denied);
+    std::error_code unseen;
+    return std::ranges::all_of(entries, [&](const auto& entry) {
+        const auto status = entry.symlink_status(unseen);
+        return unseen || fs::is_directory(status);
+    });
 }
 
 } // namespace quendo::test

@@ -2,6 +2,7 @@
 
 #include "tests/support/GitSandbox.h"
 
+#include <filesystem>
 #include <random>
 #include <string>
 
@@ -25,5 +26,9 @@ private:
     const GitSandbox& m_sandbox;
     std::mt19937 m_random;
 };
+
+/// Whether a folder holds no files, however deep, or none that can be seen. A folder like that is
+/// answered when it is asked for, but in no other folder's answer.
+bool isWithoutFiles(const std::filesystem::path& folder);
 
 } // namespace quendo::test
