@@ -65,10 +65,10 @@ std::string RandomWork::act(unsigned count) {
 
 bool isWithoutFiles(const std::filesystem::path& folder) {
     namespace fs = std::filesystem;
-    const fs::recursive_directory_iterator entries(folder,
-                                                   fs::directory_options::skip_permission_denied);
-    std::error_code unseen;
-    return std::ranges::all_of(entries, [&](const auto& entry) {
+    std::error_code gone, unseen;
+    const fs::recursive_directory_iterator entries(
+        folder, fs::directory_options::skip_permission_denied, gone);
+    return !gone && std::ranges::all_of(entries, [&](const auto& entry) {
         const auto status = entry.symlink_status(unseen);
         return unseen || fs::is_directory(status);
     });
