@@ -10,6 +10,8 @@
 #include "quendo/cache/CMStatusCache.h"
 #include "quendo/cache/CMStatusCacheFolders.h"
 #include "quendo/cache/CMStatusCacheFreshness.h"
+#include "quendo/platform/Executor.h"
+#include "quendo/platform/ExecutorService.h"
 #include "quendo/platform/FileUtilities.h"
 #include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/Services.h"
@@ -180,8 +182,12 @@ void WatchCommand::run() const {
     for (;;) {
         blindness.look();
         auto news = feed->take();
-        if (news.isStopped)
+        if (news.isStopped) {
+            // What is being asked is ended with all that git has started before the process goes.
+            cache.stop();
+            platform::services()->executors->getSourceControlExecutor()->runSyncTask([] {});
             throw Interrupted();
+        }
         for (auto& changed : news.changes) {
             if (changed.version > listing.version)
                 writeOutput(json ? jsonChanges(report, std::move(changed.changes))
