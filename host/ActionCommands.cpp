@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <functional>
 #include <iterator>
+#include <map>
 #include <optional>
 
 namespace quendo::host {
@@ -45,7 +46,17 @@ bool isFolder(const Path& path) {
     return files->isDirectory(path) && files->canonical(path) == managedPath(path);
 }
 
-std::string count(std::size_t number, const std::string& verb) {
+using States = std::map<Path, FileState>;
+
+/// Empty for a path that is neither there nor known.
+std::optional<LocalStatus> stateOf(const States& states, const Path& path) {
+    const auto found = states.find(path);
+    return found == states.end() ? std::nullopt : std::optional(found->second.getState());
+}
+
+template <class Predicate>
+std::string count(const std::string& verb, const std::vector<Path>& files, Predicate isMeant) {
+    const auto number = std::ranges::count_if(files, isMeant);
     return verb + " " + std::to_string(number) + (number == 1 ? " file\n" : " files\n");
 }
 
@@ -64,15 +75,32 @@ void AddCommand::run() const {
         else
             files.push_back(path);
     }
+    const auto states = copy.adapter().getStatus(files);
+    for (std::size_t i = 0; i < given.size(); ++i)
+        if (!isFolder(given[i]) && !stateOf(states, given[i]))
+            throw HostError(visiblePath(paths[i]) + " does not exist");
     management::CMActionManager(copy.adapter()).add(files, copy.root);
-    session.finish(count(files.size(), "added"));
+    session.finish(count("added", files, [&](const Path& file) {
+        const auto state = stateOf(states, file);
+        return state == LocalStatus::NotUnderSourceControl || state == LocalStatus::Deleted;
+    }));
 }
 
 void RemoveCommand::run() const {
     const auto [copy, given] = select(files, &WorkingCopy::ofFile);
     Session session(copy.interactor());
+    const auto states = copy.adapter().getStatus(given);
+    for (std::size_t i = 0; i < given.size(); ++i) {
+        const auto state = stateOf(states, given[i]);
+        if (!state || state == LocalStatus::NotUnderSourceControl || state == LocalStatus::Ignored)
+            throw HostError(visiblePath(files[i]) + " is not under source control");
+    }
     management::CMActionManager(copy.adapter()).remove(given);
-    session.finish(count(given.size(), "removed"));
+    session.finish(count("removed", given, [&](const Path& file) {
+        const auto state = stateOf(states, file);
+        return state != LocalStatus::Deleted && state != LocalStatus::External &&
+               state != LocalStatus::Unknown;
+    }));
 }
 
 } // namespace quendo::host

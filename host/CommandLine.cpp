@@ -97,8 +97,10 @@ Invocation parseCommandLine(int count, const char* const* arguments) {
     ClientsCommand clients;
     auto* clientsApp = app.add_subcommand("clients", "List managed folders and their clients");
     clientsApp->add_option("FOLDER", clients.folders, "Folders to be managed meanwhile");
-    clientsApp->footer("Examples:\n"
-                       "  quendo clients . ~/other            both working copies");
+    clientsApp->footer(
+        "Every process manages folders of its own: only those named here are listed.\n"
+        "Examples:\n"
+        "  quendo clients . ~/other            both working copies");
 
     LogCommand log;
     auto* logApp = app.add_subcommand("log", "List the revisions of a file, newest first");

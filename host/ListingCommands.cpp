@@ -4,7 +4,6 @@
 #include "host/Session.h"
 #include "host/StandardStreams.h"
 #include "host/StatusPrinter.h"
-#include "host/VisibleText.h"
 #include "host/WorkingCopy.h"
 #include "quendo/management/ListUntrackedFiles.h"
 #include "quendo/platform/HostArray.h"
@@ -31,7 +30,7 @@ void UntrackedCommand::run() const {
         } else if (nul) {
             output += pathFromRoot(path, copy.root).toNative() + '\0';
         } else {
-            output += visiblePath(path.lexicallyRelative(current)) + "\n";
+            output += nameFrom(current, copy.root, path) + "\n";
         }
     }
     session.finish(output);

@@ -159,6 +159,10 @@ Path pathFromRoot(const Path& path, const Path& root) {
     return path.lexicallyRelative(root);
 }
 
+std::string nameFrom(const Path& current, const Path& root, const Path& path) {
+    return Viewpoint(current, root).nameOf(path);
+}
+
 std::string porcelainStatus(const StatusReport& report, char end) {
     struct Record {
         std::string path;

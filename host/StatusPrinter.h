@@ -48,6 +48,9 @@ std::string jsonChanges(const StatusReport& report, std::vector<StatusChange> ch
 std::string humanChanges(const StatusReport& report, std::vector<StatusChange> changes,
                          const Path& current, bool colours);
 
+/// `path` as people see it from `current`: from there when that lies in `root` or around it.
+std::string nameFrom(const Path& current, const Path& root, const Path& path);
+
 /// `path` from `root`, "." for `root` itself.
 Path pathFromRoot(const Path& path, const Path& root);
 

@@ -10,6 +10,8 @@
 #include "quendo/cache/CMStatusCache.h"
 #include "quendo/cache/CMStatusCacheFolders.h"
 #include "quendo/cache/CMStatusCacheFreshness.h"
+#include "quendo/platform/Executor.h"
+#include "quendo/platform/ExecutorService.h"
 #include "quendo/platform/FileUtilities.h"
 #include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/Services.h"
@@ -89,13 +91,18 @@ public:
             m_isGone = false;
             writeError(visiblePath(m_copy.root) + " is back");
         }
-        tell(m_failure, m_isGone ? "" : failure(), "cannot be refreshed: ", "is refreshed again");
-        tell(m_poorWatch, poorWatch(),
-             "changes are told seconds late: ", "is watched by the system again");
+        if (m_isGone)
+            return; // nothing to tell of what lies there, nor that anything is well again
+        tell(m_failure, failure(), "cannot be refreshed: ", "is refreshed again");
+        const auto [poor, reason] = poorWatch();
+        tell(m_poorWatch, reason,
+             "changes are told seconds late in " + std::to_string(poor) +
+                 (poor == 1 ? " folder: " : " folders: "),
+             "is watched by the system again");
     }
 
 private:
-    void tell(std::string& told, std::string now, const char* what, const char* over) const {
+    void tell(std::string& told, std::string now, const std::string& what, const char* over) const {
         if (told == now)
             return;
         if (now.empty())
@@ -118,20 +125,21 @@ private:
         }
     }
 
-    /// The reason of the first folder that is not watched natively, and how many there are.
-    std::string poorWatch() const {
-        if (m_isGone)
-            return {};
+    /// How many folders are there and not watched natively, and the reason of the first.
+    std::pair<std::size_t, std::string> poorWatch() const {
         auto folders = m_folders.getFolders();
         folders.push_back(m_copy.root);
         std::set<Path> poor;
         std::string reason;
         for (const auto& folder : folders) {
             const auto health = m_watcher->getHealth(folder);
-            if (health.means != platform::WatchHealth::Means::Native && poor.insert(folder).second)
-                reason = health.reason.empty() ? "not watched" : health.reason;
+            // One that was deleted is polled for its return, which the folder above it tells.
+            if (health.means == platform::WatchHealth::Means::Polled &&
+                platform::services()->files->isDirectory(folder) && poor.insert(folder).second &&
+                poor.size() == 1)
+                reason = health.reason.empty() ? "not watched by the system" : health.reason;
         }
-        return poor.empty() ? "" : std::to_string(poor.size()) + " of its folders, " + reason;
+        return {poor.size(), reason};
     }
 
     const WorkingCopy& m_copy;
@@ -174,8 +182,12 @@ void WatchCommand::run() const {
     for (;;) {
         blindness.look();
         auto news = feed->take();
-        if (news.isStopped)
+        if (news.isStopped) {
+            // What is being asked is ended with all that git has started before the process goes.
+            cache.stop();
+            platform::services()->executors->getSourceControlExecutor()->runSyncTask([] {});
             throw Interrupted();
+        }
         for (auto& changed : news.changes) {
             if (changed.version > listing.version)
                 writeOutput(json ? jsonChanges(report, std::move(changed.changes))

@@ -115,34 +115,34 @@ bool GitAdapter::isFeatureSupported(SupportedFeature feature) const {
 }
 
 void GitAdapter::checkin(const Path&, const UString&) const {
-    notAvailable("checkin");
+    notAvailable("checking in");
 }
 void GitAdapter::checkin(const std::vector<Path>&, const UString&) const {
-    notAvailable("checkin");
+    notAvailable("checking in");
 }
 void GitAdapter::addFiles(const std::vector<Path>&) const {
-    notAvailable("addFiles");
+    notAvailable("adding files");
 }
 void GitAdapter::removeFiles(const std::vector<Path>&) const {
-    notAvailable("removeFiles");
+    notAvailable("removing files");
 }
 void GitAdapter::moveFile(const Path&, const Path&) const {
-    notAvailable("moveFile");
+    notAvailable("moving a file");
 }
 void GitAdapter::uncheckout(const std::vector<Path>&) const {
-    notAvailable("uncheckout");
+    notAvailable("undoing a checkout");
 }
 void GitAdapter::discardChanges() const {
-    notAvailable("discardChanges");
+    notAvailable("discarding changes");
 }
 void GitAdapter::checkout(const std::vector<Path>&) const {
-    notAvailable("checkout");
+    notAvailable("checking out");
 }
 void GitAdapter::resolveConflict(const Path&) const {
-    notAvailable("resolveConflict");
+    notAvailable("resolving a conflict");
 }
 void GitAdapter::ignoreFile(const Path&) {
-    notAvailable("ignoreFile");
+    notAvailable("ignoring a file");
 }
 
 std::map<Path, FileState> GitAdapter::getStatus(const std::vector<Path>& files) const {

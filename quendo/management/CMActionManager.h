@@ -16,14 +16,12 @@ namespace quendo::management {
 /// Adds and removes files without their states being known: asks for them, and does to each file
 /// what its state calls for.
 ///
-/// | operation | files that are | what is called |
-/// |---|---|---|
-/// | add | scheduled for deletion | uncheckout for those missing on disk, then addFiles for the
-/// others | | add | not under source control | addFiles | | remove | scheduled for addition |
-/// uncheckout: they stay on disk | | remove | anything but untracked, ignored, deleted, external or
-/// unknown | removeFiles |
+/// - add: files that are scheduled for deletion get uncheckout when they are missing on disk, then
+///   addFiles for the others; files that are not under source control get addFiles.
+/// - remove: files that are scheduled for addition get uncheckout and stay on disk; those that are
+///   anything but untracked, ignored, deleted, external or unknown get removeFiles.
 ///
-/// The two rows of an operation ask for the states anew. What an operation throws ends the rest;
+/// The two steps of an operation ask for the states anew. What an operation throws ends the rest;
 /// what was done stays done.
 ///
 /// Threads: any that may wait for the adapter.

@@ -9,6 +9,7 @@
 #include "tests/support/GitSandbox.h"
 #include "tests/support/HookedAdapter.h"
 #include "tests/support/OwnNamespaces.h"
+#include "tests/support/RandomWork.h"
 #include "tests/support/SteppedDetection.h"
 
 #include <gmock/gmock.h>
@@ -17,26 +18,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <random>
 #include <sys/stat.h>
 
 namespace quendo {
 namespace {
-
-/// Or none that can be seen.
-bool isWithoutFiles(const std::filesystem::path& folder) {
-    namespace fs = std::filesystem;
-    std::error_code isGone;
-    const fs::recursive_directory_iterator entries(
-        folder, fs::directory_options::skip_permission_denied, isGone);
-    if (isGone)
-        return false;
-    std::error_code unseen;
-    return std::ranges::all_of(entries, [&](const auto& entry) {
-        const auto status = entry.symlink_status(unseen);
-        return unseen || fs::is_directory(status);
-    });
-}
 
 std::string differences(const std::map<Path, FileState>& cached,
                         const std::map<Path, FileState>& asked) {
@@ -46,7 +31,7 @@ std::string differences(const std::map<Path, FileState>& cached,
             const auto found = other.find(path);
             // A folder without files is answered when it is asked for, but in no folder's answer.
             if (&from == &cached && found == other.end() && state.isFolder() &&
-                isWithoutFiles(path.toNative()))
+                test::isWithoutFiles(path.toNative()))
                 continue;
             if (found == other.end() || !(found->second == state))
                 text += std::string(what) + " " + std::string(toString(state.getState())) +
@@ -120,69 +105,6 @@ private:
     std::optional<VFSFileChangeCacheUpdater> m_updater;
 };
 
-/// People, tools and git itself at work in a working copy, at random.
-class Work {
-public:
-    Work(const test::GitSandbox& sandbox, unsigned seed) : m_sandbox(sandbox), m_random(seed) {}
-    ~Work() { m_sandbox.run({"chmod", "-R", "u+rwx", "."}, m_sandbox.work()); }
-
-    unsigned below(unsigned limit) { return static_cast<unsigned>(m_random() % limit); }
-
-    /// @return what was done
-    std::string act(unsigned count) {
-        static constexpr const char* names[] = {"a", "b.log", "c d", "e/f", "e/g/h", "i/j/k"};
-        static constexpr const char* actions[] = {"parent 'X'; echo $RANDOM >> 'X'",
-                                                  "parent 'X'; echo same > 'X'",
-                                                  "rm -rf 'X'",
-                                                  "mv 'X' 'Y'",
-                                                  "mkdir -p 'X/new/deep'; touch 'X/new/deep/file'",
-                                                  "mkdir -p 'X'",
-                                                  "touch 'X/late'",
-                                                  "rm -rf ../out; mv 'X' ../out",
-                                                  "mv ../out 'Y'",
-                                                  "parent 'X'; rm -rf 'X'; ln -s a 'X'",
-                                                  "chmod +x 'X'",
-                                                  "chmod -x 'X'",
-                                                  "chmod 0 'X'",
-                                                  "chmod 700 e e/g i i/j 'X'",
-                                                  "git add -A",
-                                                  "git add 'X'",
-                                                  "git rm -rq --cached 'X'",
-                                                  "git commit -qm x",
-                                                  "git stash -q",
-                                                  "git stash pop -q",
-                                                  "git checkout -qB side",
-                                                  "git checkout -q main",
-                                                  "git checkout -q side",
-                                                  "git merge -q side",
-                                                  "git rebase -q main",
-                                                  "git rebase --abort || git merge --abort",
-                                                  "git reset -q --hard",
-                                                  "printf '*.log\n' > .gitignore",
-                                                  "rm -f .gitignore",
-                                                  "printf 'e/\n' > .gitignore",
-                                                  "cp 'X' t; mv t 'Y'"};
-        std::string script = "parent() { d=${1%/*}; [ \"$d\" = \"$1\" ] || mkdir -p \"$d\"; }\n";
-        for (; count > 0; --count) {
-            const std::string one = names[below(6)], other = names[below(6)];
-            // A tree of 5,000 files now and then.
-            std::string action = below(200) == 0 ? "mkdir -p 'X' && tar xf ../tree.tar -C 'X'"
-                                                 : actions[below(std::size(actions))];
-            for (const auto& [letter, name] : {std::pair("X", one), std::pair("Y", other)})
-                for (auto at = action.find(letter); at != action.npos;
-                     at = action.find(letter, at + name.size()))
-                    action.replace(at, 1, name);
-            script += "{ " + action + "; } >/dev/null 2>&1 </dev/null || :\n";
-        }
-        m_sandbox.run({"sh", "-c", script}, m_sandbox.work(), {{"GIT_EDITOR", "true"}});
-        return script;
-    }
-
-private:
-    const test::GitSandbox& m_sandbox;
-    std::mt19937 m_random;
-};
-
 struct Length {
     unsigned from, to, operations;
 };
@@ -214,11 +136,7 @@ void follow(const Length& length, const Means& means) {
         test::GitSandbox sandbox;
         sandbox.enterEnvironment();
         sandbox.init();
-        sandbox.run({"sh", "-c",
-                     "mkdir t; for d in $(seq 50); do mkdir t/$d; (cd t/$d; touch $(seq 100)); "
-                     "done; tar cf tree.tar -C t .; rm -r t"},
-                    sandbox.root());
-        Work work(sandbox, seed);
+        test::RandomWork work(sandbox, seed);
         work.act(30);
         FollowedCopy followed(sandbox, means.makeWatcher());
         for (unsigned done = 0; done < length.operations;) {

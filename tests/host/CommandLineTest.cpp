@@ -43,6 +43,11 @@ TEST(CommandLine, RefusesWrongUsageInOneLineThatNamesTheHelp) {
         {" log", {{"-n", "99999999999999999999", "f"}}},
         {" export", {{"f", "r"}}},
         {" completion", {{"tcsh"}}},
+        {" watch", {{"a", "b"}, {"--porcelain"}}},
+        {" add", {{}, {"--all", "f"}}},
+        {" remove", {{}}},
+        {" untracked", {{"a", "b"}, {"--json", "-z"}}},
+        {" clients", {{"--json"}}},
     };
     for (const auto& [command, cases] : rows)
         for (auto words : cases) {

@@ -72,6 +72,40 @@ TEST_F(Program, ShowsAWorkingCopyFromAnywhereInIt) {
     EXPECT_EQ(shell("git init -q a/i; touch a/i/x; q status --porcelain a/i").output, "??\tx\n");
 }
 
+TEST_F(Program, ListsWhatIsUntracked) {
+    shell(
+        "mkdir -p a/b e; touch a/b/$'n\\nl' a/$'\\xff'; touch t.o; echo '*.o' > .git/info/exclude");
+    EXPECT_EQ(shell("q untracked").output, "$'a/b/n\\nl'\n$'a/\\xff'\n");
+    EXPECT_EQ(shell("cd a/b; q untracked -z ..").output, std::string("a/b/n\nl\0a/\xff\0", 12));
+    EXPECT_EQ(shell("cd /usr; q untracked --json \"$OLDPWD/a\"").output,
+              "{\"system\":\"Git\",\"path\":\"a/b/n\\nl\"}\n"
+              "{\"system\":\"Git\",\"path\":\"a/\xef\xbf\xbd\",\"path_hex\":\"612fff\"}\n");
+    EXPECT_EQ(shell("cd /usr; q untracked \"$OLDPWD/a/b\"").output,
+              "$'" + (m_sandbox.work() / "a/b/n\\nl").native() + "'\n");
+}
+
+TEST_F(Program, AddsAndRemovesNothingYet) {
+    shell("touch new; mkdir d empty; touch d/new; git init -q ../other; touch ../other/f");
+    for (const char* arguments : {"add new", "add d", "add a/file d/new", "remove a/file"})
+        expectRefusal(std::string("q ") + arguments, "is not available yet for Git");
+    for (const char* verb : {"add ", "remove "})
+        expectRefusal(std::string("q ") + verb + "a/file ../other/f", "different working copies");
+    expectRefusal("q add new gone", "gone does not exist");
+    expectRefusal("q remove a/file new", "new is not under source control");
+    expectRefusal("q remove a", "a is a folder");
+    EXPECT_EQ(shell("q add empty a/file").output, "added 0 files\n");
+    EXPECT_EQ(shell("git status --porcelain").output, "?? d/\n?? new\n");
+}
+
+TEST_F(Program, ListsTheClientsOfWorkingCopies) {
+    const auto listed = shell("git init -q ../other; q clients . a ../other").output;
+    const auto root = [](const auto& path) { return "root: " + path.native() + "\n"; };
+    EXPECT_NE(listed.find(root(m_sandbox.work())), listed.npos) << listed;
+    EXPECT_NE(listed.find(root(m_sandbox.root() / "other")), listed.npos) << listed;
+    EXPECT_NE(listed.find("client: quendo 2\n"), listed.npos) << listed;
+    expectRefusal("q clients . ../plain", "../plain is not in a working copy");
+}
+
 TEST_F(Program, ListsAndExportsRevisionsOfWhatIsGone) {
     const auto log = shell("rm -r a; q log a/file");
     EXPECT_EQ(std::ranges::count(log.output, '\n'), 2) << log.output << log.errors;

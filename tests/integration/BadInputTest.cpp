@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <fstream>
 #include <future>
 #include <sstream>
 
@@ -96,13 +95,6 @@ LC_ALL=de_DE.UTF-8 LANGUAGE=de COLUMNS=5)sh";
         EXPECT_EQ(result.output, ".M\tf\n??\tn\n") << line;
         EXPECT_EQ(result.errors, "") << line;
     }
-}
-
-/// A PATH whose git is this shell script; $REAL is the true one.
-std::map<std::string, std::string> withGit(const GitSandbox& sandbox, const std::string& script) {
-    runScript(sandbox, "w ../bin/git \"#!/bin/sh\nREAL=$(command -v git)\n\"; chmod +x ../bin/git");
-    std::ofstream(sandbox.root() / "bin/git", std::ios::app) << script << "\n";
-    return {{"PATH", (sandbox.root() / "bin").native() + ":/usr/bin:/bin"}};
 }
 
 TEST(BadInput, AGitThatIsNotOne) {

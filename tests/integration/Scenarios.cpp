@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
 
 namespace quendo::test {
@@ -362,6 +363,12 @@ ProcessResult runQuendo(const GitSandbox& sandbox, const std::vector<std::string
     std::vector<std::string> command{QUENDO_PROGRAM};
     command.insert(command.end(), arguments.begin(), arguments.end());
     return sandbox.run(command, sandbox.root(), variables);
+}
+
+std::map<std::string, std::string> withGit(const GitSandbox& sandbox, const std::string& script) {
+    runScript(sandbox, "w ../bin/git \"#!/bin/sh\nREAL=$(command -v git)\n\"; chmod +x ../bin/git");
+    std::ofstream(sandbox.root() / "bin/git", std::ios::app) << script << "\n";
+    return {{"PATH", (sandbox.root() / "bin").native() + ":/usr/bin:/bin"}};
 }
 
 Records recordsIn(std::string_view output, char end, std::size_t columns) {

@@ -38,6 +38,9 @@ void runScript(const GitSandbox& sandbox, std::string_view script);
 ProcessResult runQuendo(const GitSandbox& sandbox, const std::vector<std::string>& arguments,
                         const std::map<std::string, std::string>& variables = {});
 
+/// A PATH whose git is this shell script; $REAL is the true one.
+std::map<std::string, std::string> withGit(const GitSandbox& sandbox, const std::string& script);
+
 /// Two columns, blank as '.', and the path.
 struct Record {
     std::string columns;

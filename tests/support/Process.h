@@ -3,7 +3,9 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace quendo::test {
@@ -24,6 +26,43 @@ struct ProcessOptions {
 /// Runs a program, with nothing to read, and waits for it; not for what it leaves behind. The
 /// first word is looked up in PATH; 127 is the exit code when it is not there.
 ProcessResult runProcess(const std::vector<std::string>& command, const ProcessOptions& options);
+
+/// A program that runs beside the test, with nothing to read, until it ends or the object does.
+class RunningProcess {
+public:
+    RunningProcess(const std::vector<std::string>& command, const ProcessOptions& options);
+    ~RunningProcess();
+    RunningProcess(const RunningProcess&) = delete;
+    RunningProcess& operator=(const RunningProcess&) = delete;
+
+    struct Line {
+        bool isError; ///< from standard error
+        std::string text;
+    };
+
+    /// The next line; empty when both streams have ended. Throws when none comes before the
+    /// deadline, and for output that ends within a line.
+    std::optional<Line> next();
+    /// Whether next() need not wait, as far as can be told.
+    bool hasMore();
+
+    pid_t id() const { return m_id; }
+    /// Leaves it without a reader of its standard output.
+    void closeOutput();
+    /// Waits for its end. Throws when it has not ended at the deadline.
+    int exitCode();
+
+private:
+    struct Stream {
+        int file = -1;
+        std::string text;
+    };
+    bool await(int milliseconds);
+
+    const std::chrono::milliseconds m_deadline;
+    Stream m_streams[2];
+    pid_t m_id = -1;
+};
 
 /// Empty when the program refused as it must: this exit code, one line on stderr and nothing on
 /// stdout; otherwise what it did instead.

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "tests/support/GitSandbox.h"
+
+#include <filesystem>
+#include <random>
+#include <string>
+
+namespace quendo::test {
+
+/// People, tools and git itself at work in a sandbox's working copy, at random.
+class RandomWork {
+public:
+    RandomWork(const GitSandbox& sandbox, unsigned seed) : m_sandbox(sandbox), m_random(seed) {}
+    /// Leaves nothing that cannot be read.
+    ~RandomWork();
+    RandomWork(const RandomWork&) = delete;
+    RandomWork& operator=(const RandomWork&) = delete;
+
+    unsigned below(unsigned limit) { return static_cast<unsigned>(m_random() % limit); }
+
+    /// Many make no sense, and are refused. @return what was done
+    std::string act(unsigned count);
+
+private:
+    const GitSandbox& m_sandbox;
+    std::mt19937 m_random;
+};
+
+/// Whether a folder holds no files, however deep, or none that can be seen. A folder like that is
+/// answered when it is asked for, but in no other folder's answer.
+bool isWithoutFiles(const std::filesystem::path& folder);
+
+} // namespace quendo::test
