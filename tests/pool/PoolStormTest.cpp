@@ -5,6 +5,7 @@
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/Deadline.h"
 #include "tests/support/FakeFactory.h"
+#include "tests/support/JoinedThreads.h"
 #include "tests/support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +14,6 @@
 #include <filesystem>
 #include <mutex>
 #include <random>
-#include <thread>
 
 namespace quendo {
 namespace {
@@ -32,14 +32,9 @@ TEST(PoolStorm, OneFolderForEachRootAtAnyMoment) {
     platform::Services services;
     services.factorySources = std::make_shared<test::FakeSources>(
         std::vector<std::shared_ptr<CMAdapterFactory>>{factory});
-    // The watcher's threads end with its last watch.
-    std::mutex mutex;
-    std::vector<std::thread> watching;
+    test::JoinedThreads watching; // they end with the last watch
     platform::InotifyFolderWatcherOptions options;
-    options.startThread = [&](UniqueFunction<void()> body) {
-        const std::lock_guard lock(mutex);
-        watching.emplace_back(std::move(body));
-    };
+    options.startThread = watching.starter();
     services.folderWatcher = std::make_shared<platform::InotifyFolderWatcher>(options);
     const auto descriptors = [] {
         return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
@@ -105,17 +100,7 @@ TEST(PoolStorm, OneFolderForEachRootAtAnyMoment) {
         EXPECT_EQ(made, released);
         std::printf("%d folders were made for %d requests\n", made.load(), threads * asks);
     }
-    for (std::vector<std::thread> ending;;) {
-        {
-            const std::lock_guard lock(mutex);
-            ending.swap(watching);
-        }
-        if (ending.empty())
-            break;
-        for (auto& thread : ending)
-            test::within(test::onThread([&] { thread.join(); }));
-        ending.clear();
-    }
+    watching.join();
     EXPECT_EQ(descriptors(), before);
 }
 
