@@ -7,18 +7,19 @@
 
 namespace quendo {
 
-CacheBarrier::CacheBarrier(std::shared_ptr<const Executor> strand) : m_strand(std::move(strand)) {}
+CacheBarrier::CacheBarrier(std::shared_ptr<const Executor> strand,
+                           std::shared_ptr<const Executor> sourceControl)
+    : m_strand(std::move(strand)), m_sourceControl(std::move(sourceControl)) {}
 
 CacheBarrier::~CacheBarrier() = default;
 
 void CacheBarrier::wait() {
-    if (m_strand != nullptr &&
-        m_future.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-        if (m_strand->isRunningInThisThread())
+    if (m_future.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+        if (m_strand != nullptr && m_strand->isRunningInThisThread())
             throw ExecutorDeadlockError(
                 "A listener of a status cache waits for a refresh of the same cache, which runs "
                 "after the listener: wait on another thread, or use connectTasksFinished");
-        if (getSourceControlExecutor()->isRunningInThisThread())
+        if (m_sourceControl != nullptr && m_sourceControl->isRunningInThisThread())
             throw ExecutorDeadlockError(
                 "A task of the source-control thread waits for a refresh, which needs that thread: "
                 "wait on another thread, or use connectTasksFinished");

@@ -24,7 +24,9 @@ class CacheBarrier : public CacheTask {
 public:
     /// @param strand runs the job; a wait() there would wait for itself and throws instead. Null
     ///        when no strand is involved.
-    explicit CacheBarrier(std::shared_ptr<const Executor> strand = nullptr);
+    /// @param sourceControl runs the job's query; the same holds there
+    explicit CacheBarrier(std::shared_ptr<const Executor> strand = nullptr,
+                          std::shared_ptr<const Executor> sourceControl = nullptr);
     ~CacheBarrier() override;
 
     void wait() override;
@@ -46,6 +48,7 @@ public:
 
 private:
     const std::shared_ptr<const Executor> m_strand;
+    const std::shared_ptr<const Executor> m_sourceControl;
     std::atomic<bool> m_active{true};
     std::atomic<bool> m_settled{false};
     std::promise<void> m_promise;

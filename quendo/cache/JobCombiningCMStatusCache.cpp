@@ -7,6 +7,7 @@
 #include "quendo/cache/FolderCacheUpdateJob.h"
 #include "quendo/cache/JobQueingCacheUpdater.h"
 #include "quendo/cache/NoOpTask.h"
+#include "quendo/platform/Executor.h"
 #include "quendo/platform/Logging.h"
 #include "quendo/platform/ReentrantReadWriteLock.h"
 
@@ -50,6 +51,8 @@ struct JobCombiningCMStatusCache::Impl {
     const std::shared_ptr<CMAdapter> adapter;
     const Path root = adapter->getRootFolder();
     const std::vector<UString> forbiddenNames = adapter->getForbiddenFileNames();
+    /// Where the adapter's queries run. Not asked for later: a thread that waits may have others.
+    const std::shared_ptr<const Executor> sourceControl = getSourceControlExecutor();
 
     // Own synchronisation.
     const std::shared_ptr<CacheState> state = std::make_shared<CacheState>();
@@ -77,7 +80,7 @@ struct JobCombiningCMStatusCache::Impl {
     }
 
     std::shared_ptr<CacheBarrier> makeBarrier() const {
-        return std::make_shared<CacheBarrier>(updater.executor());
+        return std::make_shared<CacheBarrier>(updater.executor(), sourceControl);
     }
 
     std::unique_ptr<CacheUpdateJob> makeFolderJob(const Path& folder, bool flag,

@@ -327,10 +327,10 @@ provideLater(ManagedFolderProvider& provider, const Path& folder, const std::str
 
 Path managedPath(const Path& path) {
     const auto files = platform::services()->files;
-    const auto name = path.fileName().string();
-    if (name.empty() || name == u"." || name == u"..")
+    const auto name = path.fileName();
+    if (name.empty() || name.string() == u"." || name.string() == u"..")
         return files->canonical(path);
-    return files->canonical(path.parentPath()) / path.fileName();
+    return files->canonical(path.parentPath()) / name;
 }
 
 } // namespace quendo

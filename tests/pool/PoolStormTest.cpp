@@ -5,6 +5,7 @@
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/Deadline.h"
 #include "tests/support/FakeFactory.h"
+#include "tests/support/JoinedThreads.h"
 #include "tests/support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +15,6 @@
 #include <malloc.h>
 #include <mutex>
 #include <random>
-#include <thread>
 
 namespace quendo {
 namespace {
@@ -33,14 +33,9 @@ TEST(PoolStorm, OneFolderForEachRootAtAnyMoment) {
     platform::Services services;
     services.factorySources = std::make_shared<test::FakeSources>(
         std::vector<std::shared_ptr<CMAdapterFactory>>{factory});
-    // The watcher's threads end with its last watch.
-    std::mutex mutex;
-    std::vector<std::thread> watching;
+    test::JoinedThreads watching; // they end with the last watch
     platform::InotifyFolderWatcherOptions options;
-    options.startThread = [&](UniqueFunction<void()> body) {
-        const std::lock_guard lock(mutex);
-        watching.emplace_back(std::move(body));
-    };
+    options.startThread = watching.starter();
     services.folderWatcher = std::make_shared<platform::InotifyFolderWatcher>(options);
     const auto descriptors = [] {
         return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
@@ -48,19 +43,6 @@ TEST(PoolStorm, OneFolderForEachRootAtAnyMoment) {
     const auto memory = [] {
         const auto info = ::mallinfo2();
         return info.uordblks + info.hblkhd;
-    };
-    const auto joinAll = [&] {
-        for (std::vector<std::thread> ending;;) {
-            {
-                const std::lock_guard lock(mutex);
-                ending.swap(watching);
-            }
-            if (ending.empty())
-                return;
-            for (auto& thread : ending)
-                test::within(test::onThread([&] { thread.join(); }));
-            ending.clear();
-        }
     };
     const auto storm = [&] {
         const auto provider = createNewManagedFolderProviderInstance(services);
@@ -124,11 +106,11 @@ TEST(PoolStorm, OneFolderForEachRootAtAnyMoment) {
     };
     const auto before = descriptors();
     storm();
-    joinAll();
+    watching.join();
     EXPECT_EQ(descriptors(), before);
     const auto used = memory();
     storm();
-    joinAll();
+    watching.join();
     // A kilobyte for each folder that was made would be more. Sanitizers count by themselves.
     EXPECT_LT(memory(), used + (1U << 20U));
 }

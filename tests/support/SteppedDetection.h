@@ -45,12 +45,16 @@ public:
         }
         for (auto& task : due)
             task();
+        runStrands();
+        return due.size();
+    }
+
+    void runStrands() {
         for (bool ran = true; std::exchange(ran, false);) {
             for (const auto& strand : m_executors->strands)
                 while (strand->runOne())
                     ran = true;
         }
-        return due.size();
     }
 
     /// Waits until there is something to run that came since the last call.

@@ -1,0 +1,261 @@
+#include "quendo/factory/InjectedCMAdapterFactories.h"
+#include "quendo/platform/Executor.h"
+#include "quendo/platform/FolderExternalChangeDetector.h"
+#include "quendo/pool/ManagedFolderProvider.h"
+#include "tests/support/OwnNamespaces.h"
+#include "tests/support/RealFolder.h"
+#include "tests/support/SteppedDetection.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <optional>
+#include <sys/mount.h>
+
+namespace quendo {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+const bool isLong = std::getenv("QUENDO_LONG") != nullptr;
+
+/// A working copy that goes, under a managed folder and real threads.
+class Gone : public testing::Test {
+protected:
+    Gone() { test::makeRepository(sandbox); }
+
+    struct Way {
+        std::function<void()> prepare, go, comeBack;
+        int goings = 1; ///< at most: where something else is there meanwhile, that goes too
+    };
+
+    void run(const Way& way) {
+        const int rounds = isLong ? 100 : 3;
+        for (int i = 0; i < rounds && !HasFailure(); ++i) {
+            SCOPED_TRACE(i);
+            ::umount2(copy.c_str(), MNT_DETACH);
+            for (const auto& folder : {parent, moved})
+                fs::remove_all(folder);
+            way.prepare();
+            round(way, i % 3);
+        }
+    }
+
+    test::GitSandbox sandbox;
+    const fs::path parent = sandbox.root() / "parent", copy = parent / "copy",
+                   moved = sandbox.root() / "moved";
+    const std::function<void()> makeCopy = [this] {
+        fs::create_directories(copy);
+        fs::copy(sandbox.work(), copy, fs::copy_options::recursive);
+    };
+
+private:
+    /// @param when it goes: before a query reaches git, when it does so, or in the middle
+    void round(const Way& way, int when) {
+        test::RealServices real;
+        real.longestDelay = 20ms;
+        const auto gate = std::make_shared<test::Gate>();
+        real.factory->inQuery = [gate](const test::Query&) { gate->pass(); };
+        const auto provider = createNewManagedFolderProviderInstance(real.services);
+        const test::FollowedFolder followed(provider->provideFor(Path::fromNative(copy.native())));
+        auto& cache = followed.cache;
+        std::atomic<int> told = 0;
+        std::promise<void> gone;
+        const boost::signals2::scoped_connection deleted(followed.folder->connectDeleted([&] {
+            if (++told == 1)
+                gone.set_value();
+        }));
+        cache.refreshAll();
+        EXPECT_TRUE(followed.has(u"sub/b", LocalStatus::Unmodified));
+
+        // Tasks that are handed in before it goes, at any time meanwhile, and when it has gone.
+        const std::vector<std::function<void()>> requests{
+            [&] { cache.refreshAll(); },
+            [&] { cache.refreshFolder(followed.root / u"sub")->wait(); },
+            [&] { cache.refreshCMStatuses({followed.root / u"a"})->wait(); },
+            [&] { cache.refreshCMStatuses({followed.root / u"sub/b"})->wait(); },
+        };
+        std::atomic<bool> hasGone = false;
+        std::vector<std::future<void>> waiters;
+        gate->isClosed = true;
+        for (const auto& request : requests)
+            waiters.push_back(test::onThread([&] {
+                for (bool isLast = false; !isLast;) {
+                    isLast = hasGone;
+                    try {
+                        request();
+                    } catch (const std::exception&) { // it depends on when it went
+                    }
+                }
+            }));
+        test::within(gate->arrived.get_future());
+        if (when != 0)
+            gate->opened.set_value();
+        if (when == 2)
+            sandbox.git({"status"}, copy); // takes about as long
+        way.go();
+        if (when == 0)
+            gate->opened.set_value();
+        if (way.goings != 0)
+            test::within(gone.get_future());
+        hasGone = true;
+        for (auto& waiter : waiters)
+            test::within(std::move(waiter));
+        EXPECT_ANY_THROW(cache.refreshAll());
+
+        // Changes of files are to be seen without the detection of foreign changes.
+        const auto detector =
+            followed.folder->getAdapter().getSubsystem(typeid(FolderExternalChangeDetector));
+        const auto off = std::any_cast<FolderExternalChangeDetector*>(detector)->disable();
+        way.comeBack();
+        if (way.goings != 0) {
+            cache.refreshAll();
+            EXPECT_EQ(followed.cached(), followed.asked());
+        }
+        test::writeFile(copy / "sub/b", "changed");
+        EXPECT_TRUE(followed.comes(u"sub/b", LocalStatus::Modified));
+        test::writeFile(copy / "new/deep", "");
+        EXPECT_TRUE(followed.comes(u"new/deep", LocalStatus::NotUnderSourceControl));
+        EXPECT_GE(told, std::min(way.goings, 1));
+        EXPECT_LE(told, way.goings);
+    }
+};
+using GoneDeathTest = Gone;
+
+TEST_F(Gone, Deleted) {
+    run({makeCopy, [&] { fs::remove_all(copy); }, makeCopy});
+}
+TEST_F(Gone, Renamed) {
+    run({makeCopy, [&] { fs::rename(copy, parent / "other"); },
+         [&] { fs::rename(parent / "other", copy); }});
+}
+TEST_F(Gone, DeletedWithItsParent) {
+    run({makeCopy, [&] { fs::remove_all(parent); }, makeCopy});
+}
+TEST_F(Gone, RenamedWithItsParent) {
+    run({makeCopy, [&] { fs::rename(parent, moved); }, [&] { fs::rename(moved, parent); }});
+}
+TEST_F(Gone, ReplacedByAnotherFolder) {
+    const auto replace = [&] {
+        fs::rename(copy, moved);
+        test::writeFile(copy / "sub/b", "another's");
+    };
+    const auto comeBack = [&] {
+        fs::remove_all(copy);
+        fs::rename(moved, copy);
+    };
+    run({makeCopy, replace, comeBack, 2});
+}
+TEST_F(Gone, Unreadable) {
+    const auto allow = [&](fs::perms perms) { return [=, this] { fs::permissions(copy, perms); }; };
+    makeCopy();
+    allow(fs::perms::none)();
+    std::error_code refused;
+    fs::directory_iterator(copy, refused);
+    allow(fs::perms::owner_all)();
+    if (!refused)
+        GTEST_SKIP() << "SKIPPED: nothing is unreadable for this user";
+    run({makeCopy, allow(fs::perms::none), allow(fs::perms::owner_all), 0});
+}
+TEST_F(GoneDeathTest, Unmounted) {
+    test::expectSuccessInOwnNamespaces([&] {
+        const auto mount = [&] {
+            fs::create_directories(copy);
+            if (::mount("none", copy.c_str(), "tmpfs", 0, nullptr) != 0)
+                test::skipForWantOfRights();
+            makeCopy();
+        };
+        // Detached: git may be at work in it.
+        run({mount, [&] { EXPECT_EQ(::umount2(copy.c_str(), MNT_DETACH), 0); }, mount, 2});
+        ::umount2(copy.c_str(), MNT_DETACH);
+        fs::remove_all(sandbox.root());
+    });
+}
+
+/// A managed folder of which the test says when something is told; by real events.
+class Missed : public testing::Test {
+protected:
+    Missed() {
+        test::makeRepository(sandbox);
+        followed.emplace(provider->provideFor(Path::fromNative(sandbox.work().native())));
+        followed->cache.refreshFolder(followed->root);
+        settle();
+    }
+    /// @return the notices of foreign changes
+    int settle() {
+        while (detection.endWindows() != 0) {
+        }
+        detection.endWindows();
+        return followed->news->triggers.exchange(0);
+    }
+    /// Adds "a" by what the adapter does then. Its listeners wait for the cache's strand, so it
+    /// runs on another thread. @return as settle()
+    int add(std::function<void()> adds) {
+        factory->adds = std::move(adds);
+        bool hasEnded = false;
+        auto operation = test::onThread([&, strand = createStrandExecutor("end")] {
+            const scope_guard end([&] { strand->post([&] { hasEnded = true; }); });
+            followed->folder->getAdapter().addFiles({followed->root / u"a"});
+        });
+        while (!hasEnded && detection.awaitTask())
+            detection.runStrands();
+        test::within(std::move(operation));
+        return settle();
+    }
+
+    test::GitSandbox sandbox;
+    const std::shared_ptr<test::HookedGitFactory> factory =
+        std::make_shared<test::HookedGitFactory>();
+    const scope_guard remove{getInjectedCMAdapterFactoriesInstance().inject(factory)};
+    test::SteppedDetection detection;
+    const std::unique_ptr<ManagedFolderProvider> provider =
+        createNewManagedFolderProviderInstance();
+    std::optional<test::FollowedFolder> followed;
+};
+
+TEST_F(Missed, NothingOfWhatOthersDoAroundAnOperation) {
+    for (int i = 0; i < (isLong ? 20 : 3); ++i) {
+        SCOPED_TRACE(i);
+        const auto text = std::to_string(i);
+        test::writeFile(sandbox.work() / "a", "added " + text);
+        settle();
+        const auto addAndChange = [&] {
+            sandbox.git({"add", "a"});
+            test::writeFile(sandbox.work() / "sub/b", "foreign " + text);
+        };
+        EXPECT_EQ(add(addAndChange), 0);
+        EXPECT_TRUE(followed->has(u"sub/b", LocalStatus::Modified));
+
+        // Somebody commits just before an operation.
+        sandbox.commitAll(text);
+        EXPECT_EQ(add([&] { sandbox.git({"update-index", "--refresh"}); }), 1);
+        EXPECT_TRUE(followed->has(u"sub/b", LocalStatus::Unmodified));
+
+        // And just before all detection is turned off.
+        test::writeFile(sandbox.work() / "a", "committed " + text);
+        sandbox.commitAll(text);
+        followed->folder->disable();
+        EXPECT_EQ(settle(), 1);
+        EXPECT_EQ(followed->cached(), followed->asked());
+    }
+}
+
+TEST_F(Missed, OwnOperationsAndQueriesAreNoForeignChange) {
+    for (int i = 0; i < (isLong ? 50 : 10); ++i) {
+        test::writeFile(sandbox.work() / "a", std::to_string(i));
+        const auto commit = [&] {
+            sandbox.git({"checkout", "-qB", "branch" + std::to_string(i)});
+            sandbox.commitAll("own");
+        };
+        EXPECT_EQ(add(commit), 0) << i;
+        followed->asked();
+        EXPECT_EQ(settle(), 0) << i;
+    }
+    sandbox.git({"branch", "foreign"});
+    EXPECT_EQ(settle(), 1);
+}
+
+} // namespace
+} // namespace quendo

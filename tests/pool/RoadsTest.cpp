@@ -1,0 +1,282 @@
+#include "quendo/cache/CMStatusCacheChanges.h"
+#include "quendo/change_detection/DisableChangeDetection.h"
+#include "quendo/platform/Executor.h"
+#include "quendo/pool/ManagedFolderProvider.h"
+#include "tests/support/RealFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <pthread.h>
+
+namespace quendo {
+namespace {
+
+namespace fs = std::filesystem;
+using platform::FolderWatcher;
+
+std::string threadName() {
+    char name[16] = {};
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    return name;
+}
+
+/// A repository and a provider for it, on the system's events and the library's threads.
+struct Road {
+    Road() {
+        test::makeRepository(sandbox);
+        real.factory->inQuery = [this](const test::Query&) { query.pass(); };
+        real.factory->adds = [this] {
+            add.pass();
+            sandbox.git({"add", "new"});
+        };
+        real.inWindow = [this] {
+            if (++windows == 1)
+                windowOpened.set_value();
+        };
+        real.inWatch = [this](const Path& folder) {
+            if (folder.fileName().string() == u"bare") {
+                watch.pass();
+                if (isDroppedInWatch)
+                    drop();
+            }
+        };
+        provider = createNewManagedFolderProviderInstance(real.services);
+        provider->connectFolderReleased([this](const Path& folder) {
+            if (folder == root)
+                released.set_value(threadName());
+        });
+    }
+
+    fs::path at(const char* name) const { return sandbox.root() / name; }
+    void write(const char* file, const char* text) const {
+        test::writeFile(sandbox.work() / file, text);
+    }
+    std::shared_ptr<ManagedFolder> filledFolder() const {
+        auto folder = provider->provideFor(root);
+        folder->getCache().setFolderStatusFlag(true);
+        folder->getCache().refreshAll();
+        return folder;
+    }
+    /// All that has happened on the disk has been told.
+    void awaitEvents() const {
+        std::promise<void> reached;
+        real.services.folderWatcher->fence([&] { reached.set_value(); });
+        test::within(reached.get_future());
+    }
+    /// @return the thread that it happened on
+    std::string awaitRelease() { return test::within(released.get_future()); }
+
+    void keep(std::shared_ptr<ManagedFolder> folder) {
+        const std::lock_guard lock(mutex);
+        last = std::move(folder);
+    }
+    /// Lets go of what is kept.
+    void drop(const std::function<void(ManagedFolder&)>& visit = [](ManagedFolder&) {}) {
+        std::shared_ptr<ManagedFolder> dropped;
+        {
+            const std::lock_guard lock(mutex);
+            dropped.swap(last);
+        }
+        if (dropped != nullptr)
+            visit(*dropped);
+    }
+
+    test::GitSandbox sandbox;
+    const Path root = Path::fromNative(sandbox.work().native());
+    test::Gate query, add, watch; ///< of the folder "bare"
+    std::atomic<bool> isDroppedInWatch = false;
+    std::atomic<int> windows = 0; ///< of the detector of foreign changes
+    std::promise<void> windowOpened;
+    std::promise<std::string> released;
+    std::mutex mutex;
+    std::shared_ptr<ManagedFolder> last; ///< guarded by `mutex`
+    test::RealServices real;
+    std::unique_ptr<FolderWatcher::Watch> ownWatch;
+    std::unique_ptr<ManagedFolderProvider> provider;
+};
+
+TEST(Roads, LeadFromOperationsTheDiskAndForeignCommitsToTheCache) {
+    Road road;
+    road.write("sub/b", "2");
+    road.write("new", "");
+    const test::FollowedFolder followed(road.provider->provideFor(road.root));
+    EXPECT_EQ(road.provider->provideFor(road.root / u"sub/b")->getUUID(),
+              followed.folder->getUUID());
+    followed.cache.refreshAll();
+    EXPECT_TRUE(followed.has(u"a", LocalStatus::Unmodified));
+    EXPECT_TRUE(followed.has(u"sub/b", LocalStatus::Modified));
+    EXPECT_TRUE(followed.has(u"new", LocalStatus::NotUnderSourceControl));
+    EXPECT_EQ(followed.cached(), followed.asked());
+
+    followed.folder->getAdapter().addFiles({road.root / u"new"});
+    EXPECT_TRUE(followed.has(u"new", LocalStatus::Added));
+    road.awaitEvents();
+    EXPECT_EQ(road.windows, 0) << "an own operation counts as a foreign change";
+
+    road.write("a", "2");
+    EXPECT_TRUE(followed.comes(u"a", LocalStatus::Modified));
+    road.sandbox.commitAll("foreign");
+    for (const auto* file : {u"a", u"sub/b", u"new"})
+        EXPECT_TRUE(followed.comes(file, LocalStatus::Unmodified));
+    EXPECT_GT(road.windows, 0);
+}
+
+// The first of two guards that goes turns detection on, for files and for the repository.
+TEST(Roads, AreClosedWhileDetectionIsDisabled) {
+    Road road;
+    const platform::ScopedServices scoped(road.real.services);
+    auto one = disableChangeDetection(road.root / u"a"),
+         two = disableChangeDetection(road.root / u"sub");
+    auto& singleton = getSingletonManagedFolderProvider();
+    {
+        const test::FollowedFolder followed(singleton.provideFor(road.root));
+        followed.cache.refreshAll();
+        road.write("a", "2");
+        road.sandbox.git({"branch", "foreign"});
+        road.awaitEvents();
+        one.release();
+        EXPECT_EQ(road.windows, 0);
+        road.write("sub/b", "2");
+        EXPECT_TRUE(followed.comes(u"sub/b", LocalStatus::Modified));
+        EXPECT_TRUE(followed.has(u"a", LocalStatus::Unmodified)) << "nothing is made up for";
+        road.sandbox.commitAll("foreign");
+        EXPECT_TRUE(followed.comes(u"sub/b", LocalStatus::Unmodified));
+    }
+    EXPECT_EQ(singleton.getManagedFolders().size(), 1U);
+    two.release();
+    EXPECT_TRUE(singleton.getManagedFolders().empty());
+}
+
+const int rounds = std::getenv("QUENDO_LONG") != nullptr ? 100 : 1;
+
+TEST(Roads, EndInTheMiddle) {
+    using Folder = std::shared_ptr<ManagedFolder>;
+    const auto letGo = [](Road& road, Folder folder) {
+        folder.reset();
+        road.awaitRelease();
+    };
+    const std::vector<std::function<void(Road&, Folder)>> moments{
+        [&](Road& road, Folder folder) {
+            road.query.isClosed = true;
+            road.write("a", "2");
+            test::within(road.query.arrived.get_future());
+            letGo(road, std::move(folder));
+            road.query.opened.set_value();
+        },
+        [&](Road& road, Folder folder) {
+            road.watch.isClosed = true;
+            fs::create_directory(road.at("work/bare"));
+            test::within(road.watch.arrived.get_future());
+            letGo(road, std::move(folder));
+            road.watch.opened.set_value();
+        },
+        [&](Road& road, Folder folder) {
+            road.sandbox.git({"branch", "foreign"});
+            test::within(road.windowOpened.get_future());
+            letGo(road, std::move(folder));
+        },
+        [&](Road& road, Folder folder) {
+            const auto detection = folder->disable();
+            letGo(road, std::move(folder));
+        },
+        [&](Road& road, Folder folder) {
+            road.add.isClosed = true;
+            road.write("new", "");
+            auto operation = test::onThread([own = folder, file = road.root / u"new"]() mutable {
+                own->getAdapter().addFiles({file});
+                own.reset();
+            });
+            test::within(road.add.arrived.get_future());
+            folder.reset();
+            road.add.opened.set_value();
+            road.awaitRelease();
+            test::within(std::move(operation));
+        },
+    };
+    for (int i = 0; i < rounds * static_cast<int>(moments.size()) && !testing::Test::HasFailure();
+         ++i) {
+        SCOPED_TRACE(i);
+        Road road;
+        moments[static_cast<std::size_t>(i) % moments.size()](road, road.filledFolder());
+        EXPECT_TRUE(road.provider->getManagedFolders().empty());
+    }
+}
+
+struct Drop {
+    void operator()(const auto&...) const { road.drop(); }
+    Road& road;
+};
+
+// The last reference may be dropped wherever the library calls.
+TEST(Roads, EndOnEveryThread) {
+    using Cause = std::function<void(Road&)>;
+    struct Case {
+        std::string thread;
+        std::function<void(Road&, ManagedFolder&)> arm; ///< has it dropped by what `cause` does
+        Cause cause;
+    };
+    const Cause change = [](Road& road) { road.write("a", "2"); };
+    const Cause makeBareFolder = [](Road& road) { fs::create_directory(road.at("work/bare")); };
+    const Cause branch = [](Road& road) { road.sandbox.git({"branch", "foreign"}); };
+    const Cause goAway = [](Road& road) { fs::rename(road.at("work"), road.at("away")); };
+    const Cause askForOther = [](Road& road) {
+        road.sandbox.init({}, road.at("other"));
+        road.provider->provideFor(Path::fromNative(road.at("other").native()));
+    };
+    const Cause askForDamaged = [](Road& road) {
+        fs::create_directories(road.at("damaged/.git"));
+        road.provider->provideFaultyFor(Path::fromNative(road.at("damaged").native()));
+    };
+    const auto waitInVain = [](ManagedFolder& folder) {
+        EXPECT_THROW(folder.getCache().refreshAll(), ExecutorDeadlockError);
+    };
+    const std::string cache = "CMStatusCache_w", own = threadName();
+    const std::vector<Case> cases{
+        {cache, [](auto& r, auto& f) { f.getCache().connectTasksStarted(Drop{r}); }, change},
+        {cache,
+         [](auto& r, auto& f) {
+             dynamic_cast<CMStatusCacheChanges&>(f.getCache()).connectChanges(Drop{r});
+         },
+         change},
+        {cache, [](auto& r, auto& f) { f.getCache().connectCacheChanged(Drop{r}); }, change},
+        {cache, [](auto& r, auto& f) { f.getCache().connectTasksFinished(Drop{r}); }, change},
+        {"SourceControl",
+         [&](auto& r, auto& f) {
+             f.getCMInteractor().getProgressDispatcher().connect(
+                 [&](const auto&...) { r.drop(waitInVain); });
+         },
+         change},
+        {"quendo-watch",
+         [](auto& r, auto&) {
+             r.ownWatch = r.real.services.folderWatcher->watch(
+                 r.root, FolderWatcher::Scope::Entries, Drop{r});
+         },
+         change},
+        {"CMFileSystemRes", [](auto& r, auto&) { r.isDroppedInWatch = true; }, makeBareFolder},
+        {"ChangeDetector",
+         [](auto& r, auto& f) { f.getCMInteractor().getStatusDispatcher().connect(Drop{r}); },
+         branch},
+        {"CMRootWatch", [](auto& r, auto& f) { f.connectDeleted(Drop{r}); }, goAway},
+        {"CMRootWatch", [](auto& r, auto&) { r.provider->connectFolderDeleted(Drop{r}); }, goAway},
+        {own, [](auto& r, auto&) { r.provider->connectFolderMade(Drop{r}); }, askForOther},
+        {own, [](auto& r, auto&) { r.provider->connectClientRegistered(Drop{r}); }, askForOther},
+        {own, [](auto& r, auto&) { r.provider->connectFolderReleased(Drop{r}); }, askForOther},
+        {own, [](auto& r, auto&) { r.provider->connectFaultRecorded(Drop{r}); }, askForDamaged},
+    };
+    for (int i = 0; i < rounds * static_cast<int>(cases.size()) && !testing::Test::HasFailure();
+         ++i) {
+        SCOPED_TRACE(i);
+        const auto& [thread, arm, cause] = cases[static_cast<std::size_t>(i) % cases.size()];
+        Road road;
+        auto folder = road.filledFolder();
+        arm(road, *folder);
+        road.keep(std::move(folder));
+        cause(road);
+        EXPECT_EQ(road.awaitRelease(), thread);
+        EXPECT_TRUE(road.provider->getManagedFolders().empty());
+    }
+}
+
+} // namespace
+} // namespace quendo
