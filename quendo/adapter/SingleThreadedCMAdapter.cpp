@@ -3,7 +3,11 @@
 #include "quendo/adapter/QueryOrigin.h"
 #include "quendo/platform/Executor.h"
 
+#include <exception>
+#include <memory>
+#include <optional>
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 
 namespace quendo {
@@ -13,13 +17,32 @@ namespace quendo {
 // that reaches the call, and nothing else that runs on the executor.
 namespace {
 
+/// What the operation throws is handed over whole: the executor's thread lets go of it before the
+/// caller may look at it, and never destroys it.
 template <class Operation>
 auto runFor(Executor& executor, Operation operation) {
-    return executor.runSyncTask(
-        [origin = QueryOrigin::current(), operation = std::move(operation)] {
-            const QueryOrigin::WorkScope scope(origin);
-            return operation();
+    using Result = std::invoke_result_t<Operation&>;
+    constexpr bool isVoid = std::is_void_v<Result>;
+    using Kept = std::conditional_t<isVoid, bool, std::optional<Result>>;
+    const auto failure = std::make_shared<std::exception_ptr>();
+    auto result = executor.runSyncTask(
+        [origin = QueryOrigin::current(), operation = std::move(operation), failure]() mutable {
+            Kept kept{};
+            try {
+                const QueryOrigin::WorkScope scope(origin);
+                if constexpr (isVoid)
+                    operation();
+                else
+                    kept = operation();
+            } catch (...) {
+                *failure = std::current_exception();
+            }
+            return kept;
         });
+    if (auto thrown = std::exchange(*failure, nullptr))
+        std::rethrow_exception(std::move(thrown));
+    if constexpr (!isVoid)
+        return std::move(*result);
 }
 
 } // namespace
