@@ -19,8 +19,11 @@
 #include <array>
 #include <condition_variable>
 #include <deque>
+#include <exception>
 #include <mutex>
+#include <optional>
 #include <set>
+#include <string>
 #include <utility>
 
 namespace quendo::host {
@@ -32,12 +35,16 @@ class Feed {
 public:
     struct News {
         std::deque<StatusChanges> changes;
+        std::optional<std::string> failure; ///< of the newest refresh; empty when it succeeded
         bool isStopped = false;
         bool hasGone = false;
     };
 
     void addChanges(const StatusChanges& changes) {
         add([&] { m_news.changes.push_back(changes); });
+    }
+    void addFailure(std::string text) {
+        add([&] { m_news.failure = std::move(text); });
     }
     /// Something else may have changed: look.
     void wake() {
@@ -72,28 +79,45 @@ private:
     News m_news;
 };
 
+/// Why the newest refresh of `path` failed; empty when it did not.
+std::string failureOf(const ManagedFolder& folder, const Path& path) {
+    const auto& freshness = dynamic_cast<const CMStatusCacheFreshness&>(folder.getCache());
+    const auto failure = freshness.getFreshness(path).failure;
+    if (failure == nullptr)
+        return {};
+    try {
+        std::rethrow_exception(failure);
+    } catch (const std::exception& error) {
+        return error.what();
+    } catch (...) {
+        return "an unknown error";
+    }
+}
+
 /// Says on standard error what keeps the program from telling the truth, each thing once.
 class Blindness {
 public:
     explicit Blindness(const WorkingCopy& copy)
         : m_copy(copy), m_watcher(platform::services()->folderWatcher),
-          m_folders(dynamic_cast<CMStatusCacheFolders&>(copy.folder->getCache())),
-          m_freshness(dynamic_cast<CMStatusCacheFreshness&>(copy.folder->getCache())) {}
+          m_folders(dynamic_cast<CMStatusCacheFolders&>(copy.folder->getCache())) {}
 
     void tellGone() {
         writeError(visiblePath(m_copy.root) + " has gone; waiting for its return");
         m_isGone = true;
     }
 
-    void look() {
+    /// @param failure of the newest refresh, if there was one since the last look
+    void look(std::optional<std::string> failure) {
+        if (failure)
+            m_failure = *std::move(failure);
         if (m_isGone && platform::services()->files->isDirectory(m_copy.root) &&
-            failure().empty()) {
+            m_failure.empty()) {
             m_isGone = false;
             writeError(visiblePath(m_copy.root) + " is back");
         }
         if (m_isGone)
             return; // nothing to tell of what lies there, nor that anything is well again
-        tell(m_failure, failure(), "cannot be refreshed: ", "is refreshed again");
+        tell(m_toldFailure, m_failure, "cannot be refreshed: ", "is refreshed again");
         const auto [poor, reason] = poorWatch();
         tell(m_poorWatch, reason,
              "changes are told seconds late in " + std::to_string(poor) +
@@ -110,19 +134,6 @@ private:
         else
             writeError(visiblePath(m_copy.root) + ": " + what + visibleText(now));
         told = std::move(now);
-    }
-
-    std::string failure() const {
-        const auto failure = m_freshness.getFreshness(m_copy.path).failure;
-        if (failure == nullptr)
-            return {};
-        try {
-            std::rethrow_exception(failure);
-        } catch (const std::exception& error) {
-            return error.what();
-        } catch (...) {
-            return "an unknown error";
-        }
     }
 
     /// How many folders are there and not watched natively, and the reason of the first.
@@ -145,9 +156,8 @@ private:
     const WorkingCopy& m_copy;
     const std::shared_ptr<platform::FolderWatcher> m_watcher;
     const CMStatusCacheFolders& m_folders;
-    const CMStatusCacheFreshness& m_freshness;
     bool m_isGone = false;
-    std::string m_failure, m_poorWatch;
+    std::string m_failure, m_toldFailure, m_poorWatch;
 };
 
 } // namespace
@@ -169,7 +179,12 @@ void WatchCommand::run() const {
 
     const std::array<boost::signals2::scoped_connection, 4> connections{
         changes.connectChanges([feed](const auto& changed) { feed->addChanges(changed); }),
-        cache.connectTasksFinished([feed](const auto&) { feed->wake(); }),
+        // The error stays on the thread that made it, and its text is handed over.
+        cache.connectTasksFinished(
+            [feed, weak = std::weak_ptr(copy.folder), path = copy.path](const auto&) {
+                if (const auto managed = weak.lock())
+                    feed->addFailure(failureOf(*managed, path));
+            }),
         copy.folder->connectDeleted([feed] { feed->tellGone(); }),
         platform::services()->folderWatcher->connectHealthChanged(
             [feed](const auto&, const auto&) { feed->wake(); })};
@@ -179,9 +194,9 @@ void WatchCommand::run() const {
     report.states.clear();
     listing.states = {};
     Blindness blindness(copy);
-    for (;;) {
-        blindness.look();
-        auto news = feed->take();
+    for (Feed::News news;;) {
+        blindness.look(std::move(news.failure));
+        news = feed->take();
         if (news.isStopped) {
             // What is being asked is ended with all that git has started before the process goes.
             cache.stop();

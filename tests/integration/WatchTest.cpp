@@ -153,9 +153,6 @@ TEST(Watch, TellsWhateverHappens) {
 }
 
 TEST(Watch, FollowsARootThatGoesAndReturns) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "SKIPPED: the sanitizer does not see how std::exception_ptr counts";
-#endif
     const GitSandbox sandbox;
     runScript(sandbox, "i; w d/f; w e/f; c; w d/f 2; w n; cp -a . ../copy");
     Watch watch(sandbox);
@@ -175,9 +172,6 @@ TEST(Watch, FollowsARootThatGoesAndReturns) {
 }
 
 TEST(Watch, SaysWhatGitCannotAnswer) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "SKIPPED: the sanitizer does not see how std::exception_ptr counts";
-#endif
     const GitSandbox sandbox;
     runScript(sandbox, "i; w f; w g; c");
     Watch watch(sandbox);
