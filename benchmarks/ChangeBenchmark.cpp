@@ -472,20 +472,6 @@ void measureOwn(const BigRepository& repository) {
     followed.settle();
 }
 
-void inOwnProcess(const std::function<void()>& section) {
-    std::fflush(stdout);
-    const auto child = fork();
-    if (child == 0) {
-        section();
-        std::fflush(stdout);
-        _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (status != 0)
-        std::printf("  this section has failed\n");
-}
-
 } // namespace
 
 int main(int argc, char** argv) try {

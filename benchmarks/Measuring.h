@@ -10,9 +10,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
+#include <functional>
 #include <future>
 #include <malloc.h>
 #include <numeric>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 namespace quendo::benchmark {
@@ -157,6 +161,28 @@ void timeCalls(Histogram& total, std::size_t threads, double seconds, std::size_
     }
     for (auto& result : results)
         total.add(result.get());
+}
+
+/// Runs a section of a benchmark in a process of its own, so that none measures what another left.
+/// @return whether it came to its end
+inline bool inOwnProcess(const std::function<void()>& section) {
+    std::fflush(stdout);
+    const auto child = fork();
+    if (child == 0) {
+        try {
+            section();
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "%s\n", error.what());
+            _exit(1);
+        }
+        std::fflush(stdout);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (status != 0)
+        std::printf("  this section has failed\n");
+    return status == 0;
 }
 
 } // namespace quendo::benchmark

@@ -288,26 +288,6 @@ void measureRelease(const BigRepository& repository) {
     }
 }
 
-bool inOwnProcess(const std::function<void()>& section) {
-    std::fflush(stdout);
-    const auto child = fork();
-    if (child == 0) {
-        try {
-            section();
-        } catch (const std::exception& error) {
-            std::fprintf(stderr, "%s\n", error.what());
-            _exit(1);
-        }
-        std::fflush(stdout);
-        _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (status != 0)
-        std::printf("  this section has failed\n");
-    return status == 0;
-}
-
 } // namespace
 
 int main(int argc, char** argv) try {
