@@ -12,7 +12,7 @@ enum class SupportedFeature {
     MoveFile,          ///< moveFile
     Uncheckout,        ///< uncheckout: give local changes up
     DiscardChanges,    ///< discardChanges: give all local changes up
-    Checkout,          ///< checkout does something: the back end has locks
+    Checkout,          ///< checkout does something: takes a lock, or makes writable
     ResolveConflict,   ///< resolveConflict
     IgnoreFile,        ///< ignoreFile on the adapter itself, not on a decorator
     ListRevisions,     ///< listRevisions, findRevision, getCurrentRevision, getParentRevisions

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "quendo/git/ChildLaunch.h"
 #include "quendo/git/FileDescriptor.h"
 
 #include <chrono>
@@ -8,7 +9,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 #include <vector>
 
 namespace quendo::git {
@@ -77,8 +77,7 @@ private:
     std::function<void(std::string_view)> m_consume;
     std::string m_pendingInput;
     std::size_t m_written = 0;
-    pid_t m_pid = -1;
-    FileDescriptor m_handle; ///< a pidfd
+    StartedChild m_child;
     FileDescriptor m_input;
     FileDescriptor m_output;
     FileDescriptor m_errors;

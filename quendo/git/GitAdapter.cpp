@@ -1,7 +1,8 @@
 #include "quendo/git/GitAdapter.h"
 
-#include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/Cancellation.h"
+#include "quendo/git/GitActions.h"
+#include "quendo/git/GitActor.h"
 #include "quendo/git/GitFailure.h"
 #include "quendo/git/GitHistory.h"
 #include "quendo/git/GitRunner.h"
@@ -12,15 +13,11 @@
 #include "quendo/platform/Logging.h"
 
 #include <algorithm>
+#include <chrono>
 #include <string_view>
 
 namespace quendo::git {
 namespace {
-
-[[noreturn]] void notAvailable(const char* operation) {
-    throw exception::NotAvailableError(std::string(operation) +
-                                       " is not available yet for Git; use git itself");
-}
 
 // What `git commit` would drop as well: lines that start with the comment character.
 std::string withoutComments(const std::string& text, const std::string& commentStart) {
@@ -51,29 +48,57 @@ auto GitAdapter::withGit(Work&& work) const {
     return work(git);
 }
 
+// A listener's failure is its own: the work does not depend on it.
+void GitAdapter::report(const UString& message, double fraction) const noexcept {
+    if (!m_interactor)
+        return;
+    try {
+        m_interactor->getProgressIndicator().report(message, fraction);
+    } catch (...) {
+        QUENDO_LOG_CAUGHT_EXCEPTION();
+    }
+}
+
 template <class Work>
 auto GitAdapter::withProgress(const UString& message, Work&& work) const {
-    // A listener's failure is its own: the answer does not depend on it.
-    const auto report = [&](double fraction) {
-        if (!m_interactor)
-            return;
-        try {
-            m_interactor->getProgressIndicator().report(message, fraction);
-        } catch (...) {
-            QUENDO_LOG_CAUGHT_EXCEPTION();
-        }
-    };
     const Cancellation cancellation(m_interactor.get());
     double fraction = 0;
     GitRunner git(*m_tool, m_repository, cancellation, [&] {
         // git says nothing of how far it is: each round goes a little of what is left.
         fraction += (1 - fraction) / 50;
-        report(fraction);
+        report(message, fraction);
     });
-    report(fraction);
+    report(message, fraction);
     auto result = work(git);
-    report(1);
+    report(message, 1);
     return result;
+}
+
+template <class Work>
+void GitAdapter::act(const UString& message, Work&& work) const {
+    const Cancellation cancellation(m_interactor.get());
+    constexpr std::chrono::milliseconds lookAtCancellation{50};
+    std::unique_lock acting(m_acting, std::defer_lock);
+    while (!acting.try_lock_for(lookAtCancellation))
+        cancellation.throwIfRequested();
+    m_repository.checkMetadataFiles();
+    double fraction = 0;
+    const auto advance = [&](const UString& now) {
+        fraction += (1 - fraction) / 50;
+        report(now, fraction);
+    };
+    GitRunner reader(*m_tool, m_repository, cancellation, [&] { advance(message); });
+    GitActor actor(
+        *m_tool, m_repository, cancellation,
+        [&](std::string_view line) { advance(toUString(line)); },
+        [&] {
+            const std::lock_guard lock(m_lock);
+            return m_credentialProvider.lock();
+        }());
+    report(message, fraction);
+    GitActions actions(reader, actor);
+    work(actions);
+    report(message, 1);
 }
 
 UserInfo GitAdapter::getUserInfo() const {
@@ -109,40 +134,63 @@ std::vector<UString> GitAdapter::getMetadataFiles() const {
 }
 
 bool GitAdapter::isFeatureSupported(SupportedFeature feature) const {
-    return feature == SupportedFeature::ListRevisions ||
-           feature == SupportedFeature::ExportRevision ||
-           feature == SupportedFeature::ConflictRevisions;
+    switch (feature) {
+    case SupportedFeature::Checkin:
+    case SupportedFeature::AddFiles:
+    case SupportedFeature::RemoveFiles:
+    case SupportedFeature::MoveFile:
+    case SupportedFeature::Uncheckout:
+    case SupportedFeature::DiscardChanges:
+    case SupportedFeature::Checkout:
+    case SupportedFeature::ResolveConflict:
+    case SupportedFeature::IgnoreFile:
+    case SupportedFeature::ListRevisions:
+    case SupportedFeature::ExportRevision:
+    case SupportedFeature::ConflictRevisions:
+    case SupportedFeature::Credentials:
+        return true;
+    }
+    return false;
 }
 
-void GitAdapter::checkin(const Path&, const UString&) const {
-    notAvailable("checking in");
+void GitAdapter::checkin(const Path& file, const UString& message) const {
+    checkin(std::vector<Path>{file}, message);
 }
-void GitAdapter::checkin(const std::vector<Path>&, const UString&) const {
-    notAvailable("checking in");
+
+void GitAdapter::checkin(const std::vector<Path>& files, const UString& message) const {
+    act(u"Checking in", [&](GitActions& git) { git.checkin(files, message); });
 }
-void GitAdapter::addFiles(const std::vector<Path>&) const {
-    notAvailable("adding files");
+
+void GitAdapter::addFiles(const std::vector<Path>& files) const {
+    act(u"Adding files", [&](GitActions& git) { git.add(files); });
 }
-void GitAdapter::removeFiles(const std::vector<Path>&) const {
-    notAvailable("removing files");
+
+void GitAdapter::removeFiles(const std::vector<Path>& files) const {
+    act(u"Removing files", [&](GitActions& git) { git.remove(files); });
 }
-void GitAdapter::moveFile(const Path&, const Path&) const {
-    notAvailable("moving a file");
+
+void GitAdapter::moveFile(const Path& source, const Path& destination) const {
+    act(u"Moving", [&](GitActions& git) { git.move(source, destination); });
 }
-void GitAdapter::uncheckout(const std::vector<Path>&) const {
-    notAvailable("undoing a checkout");
+
+void GitAdapter::uncheckout(const std::vector<Path>& files) const {
+    act(u"Reverting files", [&](GitActions& git) { git.revert(files); });
 }
+
 void GitAdapter::discardChanges() const {
-    notAvailable("discarding changes");
+    act(u"Discarding changes", [&](GitActions& git) { git.discard(); });
 }
-void GitAdapter::checkout(const std::vector<Path>&) const {
-    notAvailable("checking out");
+
+void GitAdapter::checkout(const std::vector<Path>& files) const {
+    act(u"Making files writable", [&](GitActions& git) { git.makeWritable(files); });
 }
-void GitAdapter::resolveConflict(const Path&) const {
-    notAvailable("resolving a conflict");
+
+void GitAdapter::resolveConflict(const Path& file) const {
+    act(u"Resolving a conflict", [&](GitActions& git) { git.resolve(file); });
 }
-void GitAdapter::ignoreFile(const Path&) {
-    notAvailable("ignoring a file");
+
+void GitAdapter::ignoreFile(const Path& file) {
+    act(u"Ignoring a file", [&](GitActions& git) { git.ignore(file); });
 }
 
 std::map<Path, FileState> GitAdapter::getStatus(const std::vector<Path>& files) const {
@@ -253,8 +301,9 @@ std::any GitAdapter::getSubsystem(const std::type_info&) {
     return {};
 }
 
-void GitAdapter::setCredentialProvider(std::weak_ptr<CredentialProvider>) {
-    // Reading asks no server for anything, so there is nobody to show credentials to.
+void GitAdapter::setCredentialProvider(std::weak_ptr<CredentialProvider> provider) {
+    const std::lock_guard lock(m_lock);
+    m_credentialProvider = std::move(provider);
 }
 
 std::string withoutSecrets(const std::string& url) {

@@ -5,6 +5,7 @@
 #include "quendo/git/Repository.h"
 
 #include <memory>
+#include <mutex>
 
 namespace quendo::git {
 
@@ -12,7 +13,8 @@ class GitRunner;
 class GitTool;
 
 /// One Git working copy. Every call runs the user's git and holds nothing between calls but where
-/// the repository's parts lie, so any operation may be called from any thread beside any other.
+/// the repository's parts lie, so any operation may be called from any thread beside any other;
+/// those that change something go one after the other.
 class GitAdapter final : public CMAdapter {
 public:
     GitAdapter(std::shared_ptr<GitTool> tool, Repository repository,
@@ -56,10 +58,16 @@ private:
     auto withGit(Work&& work) const;
     template <class Work>
     auto withProgress(const UString& message, Work&& work) const;
+    void report(const UString& message, double fraction) const noexcept;
+    template <class Work>
+    void act(const UString& message, Work&& work) const;
 
     const std::shared_ptr<GitTool> m_tool;
     const Repository m_repository;
     const std::shared_ptr<CMApplicationInteractor> m_interactor;
+    mutable std::timed_mutex m_acting; ///< held by the operation that changes something
+    mutable std::mutex m_lock;
+    std::weak_ptr<CredentialProvider> m_credentialProvider; ///< guarded by m_lock
 };
 
 /// `url` without what may be a secret: the password of any, the user too where a token often stands

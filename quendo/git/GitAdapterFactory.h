@@ -23,6 +23,12 @@ struct GitOptions {
 
     /// The same for the question for its version, which touches no disk of a network.
     std::chrono::milliseconds versionLimit{5'000};
+
+    /// The same for a git that changes something: it waits for hooks, signing agents and servers.
+    std::chrono::milliseconds actionStallLimit{600'000};
+
+    /// How long an operation waits for another git that holds the index.
+    std::chrono::milliseconds lockLimit{10'000};
 };
 
 /// Git working copies, through the user's own git. Nothing that a repository names is run while

@@ -15,24 +15,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The line that says what went wrong: the last one that git marks as fatal, else the last marked
-// as an error, else the last.
-std::string tellingLine(const std::string& errors) {
-    std::string fatal, error, last;
-    for (std::size_t start = 0; start < errors.size();) {
-        const auto end = std::min(errors.find('\n', start), errors.size());
-        const auto line = errors.substr(start, end - start);
-        if (line.starts_with("fatal: "))
-            fatal = line.substr(7);
-        else if (line.starts_with("error: "))
-            error = line.substr(7);
-        if (!line.empty())
-            last = line;
-        start = end + 1;
-    }
-    return toUtf8(toUString(!fatal.empty() ? fatal : !error.empty() ? error : last));
-}
-
 // Only after git hung, so the walk may cost something; it follows no links and gives up in time.
 std::optional<fs::path> findFifo(const fs::path& folder, bool anyName) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
@@ -57,6 +39,30 @@ std::optional<fs::path> findFifo(const fs::path& folder, bool anyName) {
 
 } // namespace
 
+std::string tellingWords(const std::string& errors) {
+    constexpr std::size_t mostLines = 3;
+    std::string fatal, error;
+    std::vector<std::string> last;
+    for (std::size_t start = 0; start < errors.size();) {
+        const auto end = std::min(errors.find_first_of("\r\n", start), errors.size());
+        const auto line = errors.substr(start, end - start);
+        if (line.starts_with("fatal: "))
+            fatal = line.substr(7);
+        else if (line.starts_with("error: "))
+            error = line.substr(7);
+        if (line.find_first_not_of(" \t") != std::string::npos)
+            last.push_back(line);
+        if (last.size() > mostLines)
+            last.erase(last.begin());
+        start = end + 1;
+    }
+    std::string words = !fatal.empty() ? fatal : error;
+    if (words.empty())
+        for (const auto& line : last)
+            words += (words.empty() ? "" : "; ") + line;
+    return toUtf8(toUString(words));
+}
+
 void throwGitFailure(const std::string& folder, std::string_view command,
                      const ChildResult& result) {
     const std::string& errors = result.errors;
@@ -71,7 +77,7 @@ void throwGitFailure(const std::string& folder, std::string_view command,
             " belongs to another user, so Git does not trust it; if you do, run: "
             "git config --global --add safe.directory " +
             root);
-    const std::string words = tellingLine(errors);
+    const std::string words = tellingWords(errors);
     if (saysAny("Expected git repo version", "unknown repository extension",
                 "repository extension found", "extension, which we do not understand",
                 "index uses ", "unknown repository storage"))

@@ -8,6 +8,11 @@ namespace quendo::git {
 class Repository;
 struct ChildResult;
 
+/// What went wrong, out of what git printed for people: the last line that git marks as fatal, else
+/// the last marked as an error, else the last lines, which are those of a hook or a filter. One
+/// line, valid UTF-8.
+std::string tellingWords(const std::string& errors);
+
 /// Turns a git that failed into the error that says what to do, in git's own words where they
 /// help. One line, valid UTF-8.
 /// @param folder the working copy that git ran in, native

@@ -35,11 +35,16 @@ std::string parentOf(const std::string& folder) {
 
 GitRunner::GitRunner(GitTool& tool, const Repository& repository, const Cancellation& cancellation,
                      std::function<void()> eachRound)
-    : m_tool(tool), m_repository(repository), m_cancellation(cancellation),
+    : m_tool(tool), m_repository(repository), m_cancellation(&cancellation),
       m_eachRound(std::move(eachRound)) {}
 
+void GitRunner::ignoreCancellation() {
+    m_never = std::make_shared<const Cancellation>(nullptr);
+    m_cancellation = m_never.get();
+}
+
 std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
-    m_cancellation.throwIfRequested();
+    m_cancellation->throwIfRequested();
     const auto executable = m_tool.executable();
     const bool keepFileTimes = m_repository.hasSharedIndex();
     const auto memoryLimit = memoryBase + memoryPerIndexByte * m_repository.indexSize();
@@ -71,7 +76,7 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
             children.push_back(std::make_unique<ChildProcess>(plan, one.consume));
             waited.push_back(children.back().get());
         }
-        ChildProcess::waitForAll(waited, m_cancellation,
+        ChildProcess::waitForAll(waited, *m_cancellation,
                                  m_tool.options().stallLimit * (m_patient ? patience : 1),
                                  m_eachRound);
     } catch (const ChildStalled& stalled) {

@@ -4,6 +4,7 @@
 #include "quendo/git/GitTool.h"
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -35,7 +36,10 @@ public:
               std::function<void()> eachRound = {});
 
     const Repository& repository() const noexcept { return m_repository; }
-    const Cancellation& cancellation() const noexcept { return m_cancellation; }
+    const Cancellation& cancellation() const noexcept { return *m_cancellation; }
+
+    /// From now on nothing stops it: for what has to be set right after a cancellation.
+    void ignoreCancellation();
 
     /// Settings for every run from now on.
     void setOverrides(std::vector<ConfigOverride> overrides) { m_overrides = std::move(overrides); }
@@ -56,7 +60,8 @@ public:
 private:
     GitTool& m_tool;
     const Repository& m_repository;
-    const Cancellation& m_cancellation;
+    const Cancellation* m_cancellation;
+    std::shared_ptr<const Cancellation> m_never; ///< in its place, once it is ignored
     std::function<void()> m_eachRound;
     std::vector<ConfigOverride> m_overrides;
     bool m_patient = false;

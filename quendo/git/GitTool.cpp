@@ -4,6 +4,7 @@
 #include "quendo/git/Cancellation.h"
 #include "quendo/git/ChildProcess.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -31,14 +32,36 @@ constexpr std::array kept = {"GIT_CONFIG_GLOBAL", "GIT_CONFIG_SYSTEM", "GIT_CONF
 // Set by us, or apt to change what git says or whom it asks.
 constexpr std::array dropped = {"LC_ALL", "LANGUAGE", "PAGER", "SSH_ASKPASS", "EDITOR", "VISUAL"};
 
-bool isPassedOn(std::string_view name) {
-    for (const std::string_view one : kept)
-        if (name == one)
-            return true;
-    for (const std::string_view one : dropped)
-        if (name == one)
-            return false;
-    return !name.starts_with("GIT_");
+// Who the user is and how servers are reached are the user's as well; for a git that acts.
+constexpr std::array keptToAct = {
+    "GIT_AUTHOR_NAME",   "GIT_AUTHOR_EMAIL", "GIT_COMMITTER_NAME", "GIT_COMMITTER_EMAIL",
+    "GIT_SSH",           "GIT_SSH_COMMAND",  "GIT_SSH_VARIANT",    "GIT_PROXY_COMMAND",
+    "GIT_SSL_NO_VERIFY", "GIT_SSL_CAINFO",   "GIT_SSL_CAPATH",     "GIT_SSL_CERT",
+    "GIT_SSL_KEY",
+};
+// The language of git's words alone: hooks keep the user's character set.
+constexpr std::array droppedToAct = {"LC_ALL", "LC_MESSAGES", "LANGUAGE", "PAGER"};
+
+bool contains(const auto& names, std::string_view name) {
+    return std::ranges::any_of(names, [&](std::string_view one) { return one == name; });
+}
+
+template <class Predicate>
+std::vector<std::string> inherited(Predicate&& isPassedOn) {
+    std::vector<std::string> environment;
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
+        if (isPassedOn(std::string_view(*entry, std::strcspn(*entry, "="))))
+            environment.emplace_back(*entry);
+    return environment;
+}
+
+void addSettings(std::vector<std::string>& environment,
+                 const std::vector<ConfigOverride>& settings) {
+    environment.push_back("GIT_CONFIG_COUNT=" + std::to_string(settings.size()));
+    for (std::size_t i = 0; i < settings.size(); ++i) {
+        environment.push_back("GIT_CONFIG_KEY_" + std::to_string(i) + "=" + settings[i].key);
+        environment.push_back("GIT_CONFIG_VALUE_" + std::to_string(i) + "=" + settings[i].value);
+    }
 }
 
 bool isExecutableFile(const std::string& path, struct stat& status) {
@@ -127,10 +150,9 @@ void GitTool::checkVersion(const std::string& path) const {
 std::vector<std::string> GitTool::readingEnvironment(const std::string& ceiling,
                                                      const std::vector<ConfigOverride>& overrides,
                                                      bool literalPathspecs) {
-    std::vector<std::string> environment;
-    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
-        if (isPassedOn(std::string_view(*entry, std::strcspn(*entry, "="))))
-            environment.emplace_back(*entry);
+    auto environment = inherited([](std::string_view name) {
+        return contains(kept, name) || (!contains(dropped, name) && !name.starts_with("GIT_"));
+    });
     environment.insert(environment.end(), {
                                               "LC_ALL=C",
                                               "GIT_OPTIONAL_LOCKS=0",
@@ -152,11 +174,35 @@ std::vector<std::string> GitTool::readingEnvironment(const std::string& ceiling,
         {"i18n.logOutputEncoding", "UTF-8"},
     };
     all.insert(all.end(), overrides.begin(), overrides.end());
-    environment.push_back("GIT_CONFIG_COUNT=" + std::to_string(all.size()));
-    for (std::size_t i = 0; i < all.size(); ++i) {
-        environment.push_back("GIT_CONFIG_KEY_" + std::to_string(i) + "=" + all[i].key);
-        environment.push_back("GIT_CONFIG_VALUE_" + std::to_string(i) + "=" + all[i].value);
+    addSettings(environment, all);
+    return environment;
+}
+
+std::vector<std::string> GitTool::actingEnvironment(const std::string& ceiling,
+                                                    const std::vector<ConfigOverride>& overrides) {
+    auto environment = inherited([](std::string_view name) {
+        return contains(kept, name) || contains(keptToAct, name) ||
+               (!contains(droppedToAct, name) && !name.starts_with("GIT_"));
+    });
+    if (const char* all = std::getenv("LC_ALL"); all != nullptr && *all != '\0') {
+        std::erase_if(environment, [](const auto& one) { return one.starts_with("LC_CTYPE="); });
+        environment.push_back(std::string("LC_CTYPE=") + all);
     }
+    environment.insert(environment.end(), {
+                                              "LC_MESSAGES=C",
+                                              "GIT_TERMINAL_PROMPT=0",
+                                              "GIT_ASKPASS=false",
+                                              "GIT_EDITOR=false",
+                                              "GIT_PAGER=cat",
+                                              "GIT_CEILING_DIRECTORIES=" + ceiling,
+                                          });
+    std::vector<ConfigOverride> all = {
+        {"color.ui", "false"},
+        {"core.filesRefLockTimeout", "5000"},
+        {"core.packedRefsTimeout", "5000"},
+    };
+    all.insert(all.end(), overrides.begin(), overrides.end());
+    addSettings(environment, all);
     return environment;
 }
 

@@ -41,6 +41,13 @@ public:
                                                        const std::vector<ConfigOverride>& overrides,
                                                        bool literalPathspecs);
 
+    /// The environment for a git that changes something because the user asked for it: as on the
+    /// user's command line, hooks, filters, signing and credential helpers included, but that
+    /// nothing asks at a terminal or opens an editor, and that git's words are those that this
+    /// library reads. Variables that say where a repository lies are not passed on.
+    static std::vector<std::string> actingEnvironment(const std::string& ceiling,
+                                                      const std::vector<ConfigOverride>& overrides);
+
 private:
     struct Identity {
         std::string path;

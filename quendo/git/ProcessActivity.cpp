@@ -33,35 +33,51 @@ std::uint64_t processorTimeOf(const std::string& folder) {
     return total;
 }
 
-void look(pid_t pid, int depth, ProcessActivity& activity) {
-    const std::string folder = "/proc/" + std::to_string(pid);
-    activity.processorTime += processorTimeOf(folder);
-    // A program of the user's may well use a FIFO of its own.
-    const bool isWatched = depth == 0 || readProcFile(folder + "/comm") == "git\n";
+template <class Visitor>
+void forEachThread(const std::string& folder, Visitor&& visit) {
     const std::unique_ptr<DIR, int (*)(DIR*)> threads(::opendir((folder + "/task").c_str()),
                                                       ::closedir);
-    if (!threads)
+    while (const auto* entry = threads ? ::readdir(threads.get()) : nullptr)
+        if (entry->d_name[0] != '.')
+            visit(folder + "/task/" + entry->d_name);
+}
+
+/// Visits `pid` and everything that it started: its number, and how far below `pid` it is.
+template <class Visitor>
+void forEachProcess(pid_t pid, Visitor&& visit, int depth = 0) {
+    visit(pid, depth);
+    if (depth == deepestChild)
         return;
-    while (const auto* entry = ::readdir(threads.get())) {
-        if (entry->d_name[0] == '.')
-            continue;
-        const std::string thread = folder + "/task/" + entry->d_name;
-        if (isWatched && readProcFile(thread + "/wchan") == "wait_for_partner")
-            activity.opensFifo = true;
-        if (depth == deepestChild)
-            continue;
+    forEachThread("/proc/" + std::to_string(pid), [&](const std::string& thread) {
         std::istringstream children(readProcFile(thread + "/children"));
         for (pid_t child = 0; children >> child;)
-            look(child, depth + 1, activity);
-    }
+            forEachProcess(child, visit, depth + 1);
+    });
 }
 
 } // namespace
 
 ProcessActivity lookAtProcess(pid_t pid) {
     ProcessActivity activity;
-    look(pid, 0, activity);
+    forEachProcess(pid, [&](pid_t one, int depth) {
+        const std::string folder = "/proc/" + std::to_string(one);
+        activity.processorTime += processorTimeOf(folder);
+        // A program of the user's may well use a FIFO of its own.
+        if (depth == 0 || readProcFile(folder + "/comm") == "git\n")
+            forEachThread(folder, [&](const std::string& thread) {
+                activity.opensFifo |= readProcFile(thread + "/wchan") == "wait_for_partner";
+            });
+    });
     return activity;
+}
+
+std::vector<pid_t> descendantsOf(pid_t pid) {
+    std::vector<pid_t> found;
+    forEachProcess(pid, [&](pid_t one, int depth) {
+        if (depth > 0)
+            found.push_back(one);
+    });
+    return found;
 }
 
 } // namespace quendo::git

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <sys/types.h>
+#include <vector>
 
 namespace quendo::git {
 
@@ -14,5 +15,8 @@ struct ProcessActivity {
 
 /// Looks at `pid` and everything it started. A process that is gone adds nothing.
 ProcessActivity lookAtProcess(pid_t pid);
+
+/// Everything that `pid` started and that still runs, as deep as lookAtProcess() looks.
+std::vector<pid_t> descendantsOf(pid_t pid);
 
 } // namespace quendo::git

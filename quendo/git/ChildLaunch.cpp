@@ -1,0 +1,203 @@
+#include "quendo/git/ChildLaunch.h"
+
+#include "quendo/exception/AdapterErrors.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <fcntl.h>
+#include <linux/audit.h>
+#include <linux/close_range.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+
+// Why not posix_spawn: the child needs a memory limit, a signal for the death of its parent, no
+// inherited descriptors and sometimes a system-call filter, all set between fork and exec. vfork
+// costs the same and copies no page tables, which matters in a process of an IDE's size.
+
+namespace quendo::git {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+#if defined(__x86_64__)
+constexpr std::uint32_t auditArchitecture = AUDIT_ARCH_X86_64;
+#elif defined(__aarch64__)
+constexpr std::uint32_t auditArchitecture = AUDIT_ARCH_AARCH64;
+#endif
+
+// git renews the time of a split index's shared part whenever it reads it, which is a write to the
+// user's metadata and wakes whoever watches them. There is no option against it.
+bool pretendToSetFileTimes() {
+#if defined(__x86_64__) || defined(__aarch64__)
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, auditArchitecture, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+#ifdef __NR_utime
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_utime, 3, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_utimes, 2, 0),
+#endif
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_utimensat, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | 0),
+    };
+    sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+#else
+    return true;
+#endif
+}
+
+// Everything that the child needs, made before it exists: between vfork and exec it shares this
+// process's memory and may neither allocate nor take a lock.
+struct Prepared {
+    const ChildLaunch& launch;
+    char* const* arguments;
+    char* const* environment;
+    rlimit memory;
+    pid_t parent;
+    volatile int error = 0;
+};
+
+bool putStreams(const ChildLaunch& launch) {
+    if (::fchdir(launch.workingFolder) != 0 || ::dup2(launch.input, 0) != 0 ||
+        ::dup2(launch.output, 1) != 1 || ::dup2(launch.errors, 2) != 2)
+        return false;
+    if (launch.extra < 0)
+        return true;
+    // dup2() on itself would leave it to be closed.
+    return launch.extra == 3 ? ::fcntl(3, F_SETFD, 0) == 0 : ::dup2(launch.extra, 3) == 3;
+}
+
+[[noreturn]] void runInChild(Prepared& prepared) {
+    // Handlers first: a signal let through before exec would run the host's handler in its memory.
+    struct sigaction standard = {};
+    standard.sa_handler = SIG_DFL;
+    for (int signal = 1; signal < NSIG; ++signal)
+        ::sigaction(signal, &standard, nullptr);
+
+    const auto& launch = prepared.launch;
+    const bool outlives = launch.lifetime == ChildLifetime::OutlivesParent;
+    const bool ready =
+        (outlives ? ::setsid() > 0
+                  : ::setpgid(0, 0) == 0 && ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0) &&
+        putStreams(launch) &&
+        (launch.memoryLimit == 0 || ::setrlimit(RLIMIT_DATA, &prepared.memory) == 0);
+    // A kernel without filters gives nothing worse than a new time.
+    if (ready && launch.keepFileTimes)
+        pretendToSetFileTimes();
+    if (ready && ::getppid() == prepared.parent) {
+        ::syscall(SYS_close_range, launch.extra < 0 ? 3U : 4U, ~0U, CLOSE_RANGE_CLOEXEC);
+        sigset_t none;
+        ::sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);
+        ::execve(launch.executable.c_str(), prepared.arguments, prepared.environment);
+    }
+    prepared.error = errno;
+    ::_exit(127);
+}
+
+[[gnu::noinline]] pid_t launchChild(Prepared& prepared) {
+    sigset_t all, before;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    const pid_t pid = ::vfork();
+    if (pid == 0)
+        runInChild(prepared);
+    const int error = errno;
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (pid < 0)
+        prepared.error = error;
+    return pid;
+}
+
+std::vector<char*> pointersTo(const std::vector<std::string>& words, const char* first = nullptr) {
+    std::vector<char*> result;
+    result.reserve(words.size() + 2);
+    if (first != nullptr)
+        result.push_back(const_cast<char*>(first));
+    for (const auto& word : words)
+        result.push_back(const_cast<char*>(word.c_str()));
+    result.push_back(nullptr);
+    return result;
+}
+
+} // namespace
+
+StartedChild startChild(const ChildLaunch& launch) {
+    rlimit memory{};
+    ::getrlimit(RLIMIT_DATA, &memory);
+    memory.rlim_max = std::min<rlim_t>(memory.rlim_max, launch.memoryLimit);
+    memory.rlim_cur = std::min(memory.rlim_cur, memory.rlim_max);
+    const auto arguments = pointersTo(launch.arguments, launch.executable.c_str());
+    const auto environment = pointersTo(launch.environment);
+    Prepared prepared{
+        .launch = launch,
+        .arguments = arguments.data(),
+        .environment = environment.data(),
+        .memory = memory,
+        .parent = ::getpid(),
+    };
+    StartedChild child;
+    child.id = launchChild(prepared);
+    int error = prepared.error;
+    if (child.id > 0) {
+        child.handle = FileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, child.id, 0)));
+        if (!child.handle && error == 0) {
+            error = errno;
+            ::kill(-child.id, SIGKILL);
+        }
+        if (error != 0)
+            reap(child);
+    }
+    if (error != 0)
+        throw std::system_error(error, std::generic_category(),
+                                "cannot start " + launch.executable);
+    return child;
+}
+
+bool waitForEnd(const StartedChild& child, std::chrono::milliseconds limit) {
+    const auto deadline = Clock::now() + limit;
+    for (;;) {
+        pollfd ended{child.handle.get(), POLLIN, 0};
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        const int answer = ::poll(&ended, 1, std::max(0, static_cast<int>(left.count())));
+        if (answer >= 0 || errno != EINTR)
+            return answer > 0;
+    }
+}
+
+int reap(const StartedChild& child) {
+    siginfo_t info = {};
+    int answer = 0;
+    do {
+        answer = child.handle
+                     ? ::waitid(P_PIDFD, static_cast<id_t>(child.handle.get()), &info, WEXITED)
+                     : ::waitid(P_PID, static_cast<id_t>(child.id), &info, WEXITED);
+    } while (answer != 0 && errno == EINTR);
+    if (answer != 0)
+        throw exception::ToolError(
+            "the exit status of git is lost: this process ignores SIGCHLD, or another part of it "
+            "reaps children that it did not start");
+    return info.si_code == CLD_EXITED ? info.si_status : 128 + info.si_status;
+}
+
+FileDescriptor aboveStandard(int descriptor) {
+    FileDescriptor given(descriptor);
+    if (descriptor < 0 || descriptor > 2)
+        return given;
+    return FileDescriptor(::fcntl(descriptor, F_DUPFD_CLOEXEC, 3));
+}
+
+} // namespace quendo::git

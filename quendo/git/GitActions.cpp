@@ -1,0 +1,633 @@
+#include "quendo/git/GitActions.h"
+
+#include "quendo/exception/AdapterErrors.h"
+#include "quendo/git/Cancellation.h"
+#include "quendo/git/FileDescriptor.h"
+#include "quendo/git/GitActor.h"
+#include "quendo/git/GitFailure.h"
+#include "quendo/git/GitRunner.h"
+#include "quendo/git/GitText.h"
+#include "quendo/git/IgnoreRules.h"
+#include "quendo/git/KeptFiles.h"
+#include "quendo/git/Repository.h"
+#include "quendo/git/SmallFile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace quendo::git {
+namespace {
+
+using exception::OperationFailedError;
+using Strings = std::vector<std::string>;
+
+constexpr std::size_t largestWithMarkers = 64U << 20U;
+
+bool isBlank(const UString& text) {
+    return text.find_first_not_of(std::u16string_view(u" \t\r\n")) == UString::npos;
+}
+
+} // namespace
+
+GitActions::GitActions(GitRunner& git, GitActor& actor)
+    : m_git(git), m_actor(actor), m_repository(git.repository()), m_tree(git), m_index(git, actor) {
+}
+
+// Does it whole, or puts back what `kept` keeps.
+template <class Work>
+void GitActions::orAsItWas(KeptFiles& kept, Work&& work) {
+    try {
+        work();
+    } catch (const std::exception& error) {
+        // What failed held the index while it ran; whatever is there now came from it.
+        kept.noteIndex();
+        const auto problem = kept.restore();
+        if (problem.empty())
+            throw;
+        throw OperationFailedError(std::string(error.what()) + "; after that, " + problem);
+    }
+}
+
+void GitActions::add(const std::vector<Path>& given) {
+    Strings paths;
+    for (auto& path : m_tree.relative(given)) {
+        const auto mode = m_tree.modeOf(path);
+        if (!mode)
+            throw OperationFailedError(m_tree.shown(path) + " does not exist");
+        // Git keeps files only: a folder is there with the first of them.
+        if (!S_ISDIR(*mode))
+            paths.push_back(std::move(path));
+    }
+    if (paths.empty())
+        return;
+    m_tree.refuseOthers(paths);
+
+    std::string input;
+    for (const auto& path : paths)
+        input.append(m_index.nameOf(path)).push_back('\0');
+    std::string ignored, conflicted;
+    GitRun ignoredRun{
+        .arguments = {"check-ignore", "-z", "--stdin"}, .input = input, .literalPathspecs = false};
+    ignoredRun.consume = [&](std::string_view text) { ignored += text; };
+    GitRun conflictedRun{.arguments = {"ls-files", "-u", "-z", "--full-name"}};
+    conflictedRun.consume = [&](std::string_view text) { conflicted += text; };
+    const auto results = m_git.run({ignoredRun, conflictedRun});
+    constexpr int noneIgnored = 1;
+    if (results[0].exitCode != 0 && results[0].exitCode != noneIgnored)
+        throwGitFailure(m_repository.root(), "check-ignore", results[0]);
+    if (results[1].exitCode != 0)
+        throwGitFailure(m_repository.root(), "ls-files", results[1]);
+    Strings refused;
+    NulSplitter("check-ignore").feed(ignored, [&](std::string_view name) {
+        refused.emplace_back(name.starts_with('/') ? name.substr(m_repository.root().size() + 1)
+                                                   : name);
+    });
+    if (!refused.empty())
+        throw OperationFailedError("ignored by Git: " + m_tree.shown(refused) +
+                                   "; change the ignore rules first, or run git add --force");
+    NulSplitter("ls-files").feed(conflicted, [&](std::string_view record) {
+        const std::string path(record.substr(std::min(record.find('\t') + 1, record.size())));
+        if (std::ranges::binary_search(paths, path))
+            refused.push_back(path);
+    });
+    refused.erase(std::ranges::unique(refused).begin(), refused.end());
+    if (!refused.empty())
+        throw OperationFailedError("in conflict: " + m_tree.shown(refused) +
+                                   "; edit and resolve first");
+    m_index.stage(paths);
+}
+
+bool GitActions::isInConflictSides(const std::string& path) {
+    Strings sides;
+    NulSplitter("ls-files")
+        .feed(m_git.read({.arguments = {"ls-files", "-u", "-z", "--", m_index.nameOf(path)}}),
+              [&](std::string_view record) {
+                  const auto object = record.find(' ') + 1;
+                  sides.emplace_back(record.substr(object, record.find(' ', object) - object));
+              });
+    const auto content =
+        withoutLineEnds(m_git.read({.arguments = {"hash-object", "--", m_index.nameOf(path)}}));
+    return std::ranges::find(sides, content) != sides.end();
+}
+
+void GitActions::remove(const std::vector<Path>& given) {
+    if (given.empty())
+        return;
+    const auto names = m_tree.relative(given);
+    m_tree.refuseOthers(names);
+    const auto items = m_tree.look(given);
+    Strings entries, onDisk, untracked, others, unique, unknown;
+    for (const auto& name : names) {
+        const auto isAtOrBelow = [&](const TreeItem& item) {
+            return item.path == name || name.empty() || item.path.starts_with(name + "/");
+        };
+        if (std::ranges::none_of(items, isAtOrBelow))
+            untracked.push_back(name);
+    }
+    for (const auto& item : items) {
+        switch (item.state) {
+        case LocalStatus::NotUnderSourceControl:
+        case LocalStatus::Ignored:
+            if (item.isNamed)
+                untracked.push_back(item.path);
+            continue;
+        case LocalStatus::Deleted:
+            continue;
+        case LocalStatus::External:
+            others.push_back(item.path);
+            continue;
+        case LocalStatus::Unknown:
+            unknown.push_back(item.path);
+            continue;
+        case LocalStatus::Added:
+        case LocalStatus::Modified:
+            unique.push_back(item.path);
+            continue;
+        case LocalStatus::Conflicted:
+            if (m_tree.modeOf(item.path) && !isInConflictSides(item.path)) {
+                unique.push_back(item.path);
+                continue;
+            }
+            break;
+        case LocalStatus::Missing:
+            if (item.staged == 'A' || item.staged == 'M') {
+                // Only the index has it.
+                unique.push_back(item.path);
+                continue;
+            }
+            entries.push_back(item.path);
+            continue;
+        case LocalStatus::Unmodified:
+            if (item.isFolder)
+                continue;
+            break;
+        }
+        entries.push_back(item.path);
+        if (m_tree.modeOf(item.path))
+            onDisk.push_back(item.path);
+    }
+    if (!untracked.empty())
+        throw OperationFailedError("not under source control: " + m_tree.shown(untracked));
+    if (!others.empty())
+        throw OperationFailedError("working copies of their own: " + m_tree.shown(others) +
+                                   "; remove them with git itself");
+    if (!unknown.empty())
+        throw OperationFailedError("cannot be read: " + m_tree.shown(unknown));
+    if (!unique.empty())
+        throw OperationFailedError("what these hold exists nowhere else: " + m_tree.shown(unique) +
+                                   "; check it in or give it up first, then remove them");
+    if (entries.empty())
+        return;
+    m_tree.refuseReadOnly(onDisk);
+
+    m_actor.waitForIndex();
+    KeptFiles kept(m_repository);
+    kept.keep(onDisk);
+    orAsItWas(kept, [&] {
+        m_index.forget(entries);
+        kept.noteIndex();
+        for (const auto& path : onDisk)
+            if (::unlinkat(m_tree.root(), path.c_str(), 0) != 0 && errno != ENOENT)
+                throw OperationFailedError(m_tree.shown(path) +
+                                           " cannot be deleted: " + std::strerror(errno));
+    });
+    m_tree.dropEmptyFolders(onDisk);
+}
+
+void GitActions::move(const Path& source, const Path& destination) {
+    const auto from = m_tree.relative(source), to = m_tree.relative(destination);
+    if (from.empty() || to.empty())
+        throw OperationFailedError(m_repository.rootPath().toUtf8() +
+                                   " is the working copy's root and cannot be moved");
+    if (from == to)
+        return;
+    if (to.starts_with(from + "/"))
+        throw OperationFailedError(m_tree.shown(from) + " cannot be moved into itself");
+    m_tree.refuseOthers({from, to});
+    const auto items = m_tree.look({source});
+    const bool isTracked = std::ranges::any_of(items, [](const TreeItem& item) {
+        return item.state != LocalStatus::NotUnderSourceControl &&
+               item.state != LocalStatus::Ignored && item.state != LocalStatus::Deleted &&
+               !(item.isFolder && item.state == LocalStatus::Unmodified);
+    });
+    if (!isTracked && (items.empty() || items.front().state != LocalStatus::External))
+        throw OperationFailedError(m_tree.shown(from) +
+                                   " is not under source control, so there is nothing for Git to "
+                                   "move");
+    for (const auto& item : items)
+        if (item.state == LocalStatus::Conflicted)
+            throw OperationFailedError(m_tree.shown(item.path) +
+                                       " is in conflict; resolve it before it is moved");
+    const auto sourceMode = m_tree.modeOf(from), destinationMode = m_tree.modeOf(to);
+    if (!sourceMode) {
+        if (!destinationMode)
+            throw OperationFailedError(m_tree.shown(from) + " and " + m_tree.shown(to) +
+                                       " do not exist, so nothing has been moved");
+        const auto there = m_tree.look({destination});
+        for (const auto& item : there)
+            if (item.state != LocalStatus::NotUnderSourceControl && !item.isFolder)
+                throw OperationFailedError(m_tree.shown(item.path) +
+                                           (item.state == LocalStatus::Ignored
+                                                ? " is ignored by Git"
+                                                : " is under source control already"));
+        m_index.rename(from, to);
+        return;
+    }
+    if (destinationMode) {
+        // A file system that knows no case has one file under both names.
+        struct stat one {
+        }, other{};
+        const bool isSame =
+            ::fstatat(m_tree.root(), from.c_str(), &one, AT_SYMLINK_NOFOLLOW) == 0 &&
+            ::fstatat(m_tree.root(), to.c_str(), &other, AT_SYMLINK_NOFOLLOW) == 0 &&
+            one.st_ino == other.st_ino && one.st_dev == other.st_dev &&
+            ::strcasecmp(from.c_str(), to.c_str()) == 0;
+        if (!isSame)
+            throw OperationFailedError(m_tree.shown(to) + " exists already");
+    }
+    moveOnDisk(from, to);
+}
+
+void GitActions::moveOnDisk(const std::string& from, const std::string& to) {
+    Strings missing; // folders to be made, the outermost first
+    for (const auto& folder : parentsOf({to}))
+        if (const auto mode = m_tree.modeOf(folder); !mode)
+            missing.push_back(folder);
+        else if (!S_ISDIR(*mode))
+            throw OperationFailedError(m_tree.shown(folder) + " is not a folder");
+    m_tree.refuseReadOnly({from, to});
+    const auto undo = [&] {
+        struct stat status {};
+        if (::fstatat(m_tree.root(), from.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+            ::renameat2(m_tree.root(), to.c_str(), m_tree.root(), from.c_str(), RENAME_NOREPLACE);
+        for (auto folder = missing.rbegin(); folder != missing.rend(); ++folder)
+            ::unlinkat(m_tree.root(), folder->c_str(), AT_REMOVEDIR);
+    };
+    m_actor.waitForIndex();
+    KeptFiles kept(m_repository);
+    orAsItWas(kept, [&] {
+        try {
+            for (const auto& folder : missing)
+                if (::mkdirat(m_tree.root(), folder.c_str(), 0777) != 0 && errno != EEXIST)
+                    throw OperationFailedError(m_tree.shown(folder) +
+                                               " cannot be made: " + std::strerror(errno));
+            m_actor.run({.arguments = {"mv", "--", m_index.nameOf(from), m_index.nameOf(to)}});
+        } catch (...) {
+            undo();
+            throw;
+        }
+    });
+}
+
+GitActions::Reversion GitActions::planReversion(const std::vector<TreeItem>& items) {
+    Reversion plan;
+    Strings staged, conflicted, untracked, unknown, others;
+    for (const auto& item : items) {
+        switch (item.state) {
+        case LocalStatus::Unmodified:
+            continue;
+        case LocalStatus::NotUnderSourceControl:
+        case LocalStatus::Ignored:
+            if (item.isNamed && !item.isFolder)
+                untracked.push_back(item.path);
+            continue;
+        case LocalStatus::External:
+            if (item.staged != '.')
+                staged.push_back(item.path);
+            else if (item.isNamed)
+                others.push_back(item.path);
+            continue;
+        case LocalStatus::Unknown:
+            unknown.push_back(item.path);
+            continue;
+        case LocalStatus::Added:
+            staged.push_back(item.path);
+            continue;
+        case LocalStatus::Deleted:
+            // What lies there now is not under source control: it stays.
+            staged.push_back(item.path);
+            if (!item.isUntrackedToo)
+                plan.toWrite.push_back(item.path);
+            continue;
+        case LocalStatus::Conflicted:
+            conflicted.push_back(item.path);
+            staged.push_back(item.path);
+            plan.toWrite.push_back(item.path);
+            continue;
+        case LocalStatus::Modified:
+        case LocalStatus::Missing:
+            if (item.isFolder) { // a submodule: its files are left alone
+                if (item.staged != '.')
+                    staged.push_back(item.path);
+                continue;
+            }
+            if (item.staged != '.')
+                staged.push_back(item.path);
+            plan.toWrite.push_back(item.path);
+            continue;
+        }
+    }
+    if (!untracked.empty())
+        throw OperationFailedError("not under source control: " + m_tree.shown(untracked) +
+                                   "; there is nothing to go back to");
+    if (!others.empty())
+        throw OperationFailedError("working copies of their own: " + m_tree.shown(others) +
+                                   "; work on them there");
+    if (!unknown.empty())
+        throw OperationFailedError("cannot be read: " + m_tree.shown(unknown));
+    if (staged.empty())
+        return plan;
+    const auto head = m_index.ofHead(staged);
+    for (const auto& path : staged)
+        (head.contains(path) ? plan.toReset : plan.toForget).push_back(path);
+    // Only a side of a conflict that HEAD does not have: what is on disk stays, untracked.
+    std::erase_if(plan.toWrite, [&](const std::string& path) {
+        return std::ranges::find(plan.toForget, path) != plan.toForget.end();
+    });
+    return plan;
+}
+
+void GitActions::revert(const Reversion& plan) {
+    if (plan.toWrite.empty() && plan.toReset.empty() && plan.toForget.empty())
+        return;
+    m_tree.refuseObstacles(plan.toWrite);
+    m_tree.refuseReadOnly(plan.toWrite);
+    m_actor.waitForIndex();
+    KeptFiles kept(m_repository);
+    kept.keep(plan.toWrite);
+    orAsItWas(kept, [&] {
+        if (!plan.toReset.empty() || !plan.toForget.empty()) {
+            m_index.put(m_index.ofHead(plan.toReset), plan.toForget);
+            kept.noteIndex();
+        }
+        if (!plan.toWrite.empty())
+            m_actor.run({.arguments = {"restore", "--no-recurse-submodules", "--worktree",
+                                       "--pathspec-from-file=-", "--pathspec-file-nul"},
+                         .input = pathspecsOf(plan.toWrite)});
+    });
+}
+
+void GitActions::revert(const std::vector<Path>& given) {
+    if (given.empty())
+        return;
+    m_tree.refuseOthers(m_tree.relative(given));
+    revert(planReversion(m_tree.look(given)));
+}
+
+void GitActions::discard() {
+    revert(planReversion(m_tree.lookAtAll()));
+    // A merge, or a single commit that is picked or reverted, is a local change as well.
+    for (const char* name : {"MERGE_HEAD", "CHERRY_PICK_HEAD", "REVERT_HEAD"})
+        if (::access((m_repository.gitDir() + "/" + name).c_str(), F_OK) == 0 &&
+            ::access((m_repository.gitDir() + "/rebase-merge").c_str(), F_OK) != 0) {
+            m_actor.run({.arguments = {"reset", "--quiet", "--no-recurse-submodules"}});
+            return;
+        }
+}
+
+void GitActions::makeWritable(const std::vector<Path>& given) {
+    struct Target {
+        FileDescriptor file;
+        mode_t mode;
+    };
+    std::vector<Target> targets;
+    for (const auto& path : m_tree.relative(given)) {
+        // Never through a link: that would be a file of somebody else's.
+        open_how how{};
+        how.flags = O_PATH | O_CLOEXEC | O_NOFOLLOW;
+        how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+        FileDescriptor file(static_cast<int>(
+            ::syscall(SYS_openat2, m_tree.root(), path.c_str(), &how, sizeof how)));
+        struct stat status {};
+        if (!file || ::fstat(file.get(), &status) != 0)
+            throw OperationFailedError(m_tree.shown(path) +
+                                       " cannot be made writable: " + std::strerror(errno));
+        if (S_ISREG(status.st_mode) && (status.st_mode & S_IWUSR) == 0)
+            targets.push_back({std::move(file), status.st_mode});
+    }
+    for (const auto& target : targets) {
+        const auto name = "/proc/self/fd/" + std::to_string(target.file.get());
+        if (::chmod(name.c_str(), (target.mode | S_IWUSR) & 07777) != 0)
+            throw OperationFailedError("a file cannot be made writable: " +
+                                       std::string(std::strerror(errno)));
+    }
+}
+
+bool GitActions::hasConflictMarkers(const std::string& path) {
+    const FileDescriptor file(
+        ::openat(m_tree.root(), path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    const auto content =
+        file ? readSmallFile("/proc/self/fd/" + std::to_string(file.get()), largestWithMarkers)
+             : std::nullopt;
+    if (!content)
+        return false;
+    std::size_t size = 7;
+    Strings parts;
+    NulSplitter("check-attr")
+        .feed(m_git.read({.arguments = {"check-attr", "-z", "--stdin", "conflict-marker-size"},
+                          .input = m_index.nameOf(path) + '\0'}),
+              [&](std::string_view part) { parts.emplace_back(part); });
+    if (std::size_t given = 0;
+        parts.size() == 3 &&
+        std::from_chars(parts[2].data(), parts[2].data() + parts[2].size(), given).ec ==
+            std::errc() &&
+        given > 0 && given < 1000)
+        size = given;
+    // The three that every conflict has, in their order.
+    const char* const order = "<=>";
+    std::size_t next = 0;
+    for (std::size_t start = 0; start < content->size();) {
+        const auto end = std::min(content->find('\n', start), content->size());
+        const std::string_view line(content->data() + start, end - start);
+        if (line.size() >= size && line.find_first_not_of(order[next]) >= size &&
+            (line.size() == size || line[size] == ' ' || line[size] == '\r') && ++next == 3)
+            return true;
+        start = end + 1;
+    }
+    return false;
+}
+
+void GitActions::resolve(const Path& file) {
+    const auto path = m_tree.relative(file);
+    m_tree.refuseOthers({path});
+    const auto items = m_tree.look({file});
+    const auto item = std::ranges::find(items, path, &TreeItem::path);
+    if (item == items.end() || item->state != LocalStatus::Conflicted)
+        throw OperationFailedError(m_tree.shown(path) + " is not in conflict");
+    const auto mode = m_tree.modeOf(path);
+    if (mode && S_ISDIR(*mode))
+        throw OperationFailedError(m_tree.shown(path) +
+                                   " is a folder where the conflict is about a file; settle that "
+                                   "with git itself");
+    if (mode && hasConflictMarkers(path))
+        throw OperationFailedError(m_tree.shown(path) +
+                                   " still holds conflict markers; edit it first, or run git add "
+                                   "if they belong there");
+    m_index.stage({path});
+}
+
+void GitActions::ignore(const Path& file) {
+    const auto path = m_tree.relative(file);
+    if (path.empty())
+        throw OperationFailedError("the working copy's root cannot be ignored");
+    m_tree.refuseOthers({path});
+    const auto items = m_tree.look({file});
+    if (std::ranges::any_of(items, [](const TreeItem& item) {
+            return item.state != LocalStatus::NotUnderSourceControl &&
+                   item.state != LocalStatus::Ignored && item.state != LocalStatus::External;
+        }))
+        throw OperationFailedError(m_tree.shown(path) +
+                                   " is under source control, or holds files that are; ignoring "
+                                   "has no effect on those: remove them first");
+    const auto item = std::ranges::find(items, path, &TreeItem::path);
+    if (item == items.end())
+        throw OperationFailedError(m_tree.shown(path) + " does not exist");
+    if (item->state != LocalStatus::Ignored)
+        addIgnoreRule(m_tree.root(), path, item->isFolder, m_tree.shown(".gitignore"));
+}
+
+void GitActions::checkin(const std::vector<Path>& given, const UString& message) {
+    if (given.empty())
+        return;
+    if (isBlank(message))
+        throw OperationFailedError("a check-in needs a message that says what was changed");
+    m_tree.refuseOthers(m_tree.relative(given));
+    const auto items = m_tree.look(given);
+    Strings changed, toStage, conflicted, ignored, others, unknown;
+    bool hasKept = false;
+    for (const auto& item : items) {
+        switch (item.state) {
+        case LocalStatus::Unmodified:
+            continue;
+        case LocalStatus::NotUnderSourceControl:
+            if (item.isNamed && !item.isFolder) {
+                toStage.push_back(item.path);
+                changed.push_back(item.path);
+            }
+            continue;
+        case LocalStatus::Ignored:
+            if (item.isNamed)
+                ignored.push_back(item.path);
+            continue;
+        case LocalStatus::Conflicted:
+            conflicted.push_back(item.path);
+            continue;
+        case LocalStatus::Unknown:
+            unknown.push_back(item.path);
+            continue;
+        case LocalStatus::External:
+            if (item.staged != '.' || item.onDisk == 'M')
+                changed.push_back(item.path);
+            else if (item.isNamed)
+                others.push_back(item.path);
+            continue;
+        default:
+            hasKept |= item.state == LocalStatus::Deleted && item.isUntrackedToo;
+            changed.push_back(item.path);
+        }
+    }
+    if (!conflicted.empty())
+        throw OperationFailedError("in conflict: " + m_tree.shown(conflicted) +
+                                   "; resolve before checking in");
+    if (!ignored.empty())
+        throw OperationFailedError("ignored by Git: " + m_tree.shown(ignored) +
+                                   "; change the ignore rules first");
+    if (!unknown.empty())
+        throw OperationFailedError("cannot be read: " + m_tree.shown(unknown));
+    if (!others.empty())
+        throw OperationFailedError("nothing to check in: " + m_tree.shown(others) +
+                                   " holds the repository's own commit; check in there first");
+    if (changed.empty())
+        throw OperationFailedError("nothing to check in: " + m_tree.shown(m_tree.relative(given)) +
+                                   (given.size() == 1 ? " is" : " are") + " as in the repository");
+    const auto isThere = [&](const char* name) {
+        return ::access((m_repository.gitDir() + "/" + name).c_str(), F_OK) == 0;
+    };
+    if (isThere("MERGE_HEAD") || isThere("CHERRY_PICK_HEAD") || hasKept)
+        return checkinWhole(items, message);
+
+    m_actor.waitForIndex();
+    KeptFiles kept(m_repository);
+    orAsItWas(kept, [&] {
+        m_index.stage(toStage);
+        kept.noteIndex();
+        commit({"--only", "--pathspec-from-file=-", "--pathspec-file-nul"}, pathspecsOf(changed),
+               message, changed);
+    });
+}
+
+// A merge is committed whole. So is a deletion of a file that is still on disk: given paths, git
+// would commit what lies there.
+void GitActions::checkinWhole(const std::vector<TreeItem>& items, const UString& message) {
+    Strings others, conflicted, toStage, paths;
+    std::set<std::string> asked;
+    for (const auto& item : items)
+        asked.insert(item.path);
+    for (const auto& item : m_tree.lookAtAll()) {
+        if (item.state == LocalStatus::Conflicted)
+            conflicted.push_back(item.path);
+        else if (item.staged != '.' && !asked.contains(item.path))
+            others.push_back(item.path);
+    }
+    const bool isMerge = ::access((m_repository.gitDir() + "/MERGE_HEAD").c_str(), F_OK) == 0;
+    const std::string reason = isMerge ? "Git checks a merge in whole"
+                                       : "Git can check these in only with all that is staged";
+    if (!conflicted.empty())
+        throw OperationFailedError(reason + ", and these are in conflict: " +
+                                   m_tree.shown(conflicted) + "; resolve them first");
+    if (!others.empty())
+        throw OperationFailedError(reason + "; check these in with it: " + m_tree.shown(others));
+    for (const auto& item : items) {
+        const bool isNew = item.state == LocalStatus::NotUnderSourceControl;
+        if (isNew ? item.isNamed && !item.isFolder
+                  : item.onDisk != '.' && item.state != LocalStatus::Deleted)
+            toStage.push_back(item.path);
+        if (item.staged != '.' || item.onDisk != '.' || isNew)
+            paths.push_back(item.path);
+    }
+    m_actor.waitForIndex();
+    KeptFiles kept(m_repository);
+    orAsItWas(kept, [&] {
+        m_index.stage(toStage);
+        kept.noteIndex();
+        commit({}, {}, message, paths);
+    });
+}
+
+void GitActions::commit(const Strings& options, const std::string& input, const UString& message,
+                        const Strings& paths) {
+    const auto commitOf = [&](const char* name) {
+        std::string output;
+        GitRun run{.arguments = {"rev-parse", "--verify", "--quiet", name}};
+        run.consume = [&](std::string_view text) { output += text; };
+        m_git.run({run});
+        return withoutLineEnds(output);
+    };
+    const auto before = commitOf("HEAD^{commit}");
+    Strings arguments = {"commit", "--quiet", "--cleanup=whitespace", "-F", GitAction::messageFile};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    try {
+        m_actor.run({.arguments = arguments, .input = input, .message = toUtf8(message)});
+    } catch (const exception::SourceControlException&) {
+        // It may have failed, or been stopped, between the commit and the new index.
+        m_git.ignoreCancellation();
+        m_actor.ignoreCancellation();
+        if (commitOf("HEAD^{commit}") == before || commitOf("HEAD^") != before)
+            throw;
+        const auto entries = m_index.ofHead(paths);
+        Strings gone;
+        std::ranges::copy_if(paths, std::back_inserter(gone),
+                             [&](const auto& path) { return !entries.contains(path); });
+        m_index.put(entries, gone);
+    }
+}
+
+} // namespace quendo::git

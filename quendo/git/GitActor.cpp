@@ -1,0 +1,218 @@
+#include "quendo/git/GitActor.h"
+
+#include "quendo/exception/AdapterErrors.h"
+#include "quendo/git/Cancellation.h"
+#include "quendo/git/GitAdapter.h"
+#include "quendo/git/GitFailure.h"
+#include "quendo/git/Repository.h"
+#include "quendo/platform/Path.h"
+#include "quendo/platform/UString.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <optional>
+#include <poll.h>
+#include <sys/stat.h>
+#include <system_error>
+
+namespace quendo::git {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr std::chrono::milliseconds lookAtLock{25};
+
+std::string parentOf(const std::string& folder) {
+    const auto slash = folder.rfind('/');
+    return slash == 0 || slash == std::string::npos ? "/" : folder.substr(0, slash);
+}
+
+// "Unable to create '<file>': File exists."
+std::optional<std::string> lockNamedIn(const std::string& errors) {
+    constexpr std::string_view before = "Unable to create '", after = ".lock': File exists";
+    const auto end = errors.find(after);
+    const auto start = end == std::string::npos ? end : errors.rfind(before, end);
+    if (start == std::string::npos)
+        return std::nullopt;
+    const auto name = start + before.size();
+    return errors.substr(name, end + std::string_view(".lock").size() - name);
+}
+
+bool exists(const std::string& file) {
+    struct stat status;
+    return ::lstat(file.c_str(), &status) == 0;
+}
+
+} // namespace
+
+std::string describeLock(const std::string& file) {
+    struct stat status;
+    std::string since;
+    if (::lstat(file.c_str(), &status) == 0) {
+        tm local{};
+        char text[32];
+        ::localtime_r(&status.st_mtim.tv_sec, &local);
+        if (std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local) != 0)
+            since = std::string(" since ") + text;
+    }
+    return "another Git process holds " + Path::fromNative(file).toUtf8() + since +
+           "; try again when it has finished, and only if no Git process is running remove that "
+           "file";
+}
+
+GitActor::GitActor(GitTool& tool, const Repository& repository, const Cancellation& cancellation,
+                   std::function<void(std::string_view)> eachLine,
+                   std::shared_ptr<CredentialProvider> provider)
+    : m_tool(tool), m_repository(repository), m_cancellation(&cancellation),
+      m_eachLine(std::move(eachLine)),
+      m_credentials(provider ? std::make_unique<CredentialServer>(std::move(provider)) : nullptr) {}
+
+GitActor::~GitActor() = default;
+
+void GitActor::ignoreCancellation() {
+    m_never = std::make_unique<const Cancellation>(nullptr);
+    m_cancellation = m_never.get();
+}
+
+std::string GitActor::run(const GitAction& action) {
+    const auto deadline = Clock::now() + m_tool.options().lockLimit;
+    for (;;) {
+        waitForIndex();
+        auto result = runOnce(action);
+        if (result.exitCode == 0)
+            return std::move(result.output);
+        // Somebody else was quicker. git takes the index before it does anything.
+        if (const auto lock = lockNamedIn(result.errors);
+            lock && !result.cancelled && lock->ends_with("/index.lock") && Clock::now() < deadline)
+            continue;
+        fail(action.arguments.front(), result);
+    }
+}
+
+void GitActor::waitForIndex() {
+    const auto deadline = Clock::now() + m_tool.options().lockLimit;
+    const auto lock = m_repository.gitDir() + "/index.lock";
+    while (exists(lock)) {
+        if (Clock::now() >= deadline)
+            throw exception::OperationFailedError(describeLock(lock));
+        pollfd cancelled{m_cancellation->fileDescriptor(), POLLIN, 0};
+        ::poll(&cancelled, 1, static_cast<int>(lookAtLock.count()));
+        m_cancellation->throwIfRequested();
+    }
+}
+
+ActingResult GitActor::runOnce(const GitAction& action) {
+    m_cancellation->throwIfRequested();
+    const auto& folder = m_repository.folder();
+    const FileDescriptor opened(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!opened)
+        throw exception::OperationFailedError(Path::fromNative(folder).toUtf8() +
+                                              " cannot be entered: " + std::strerror(errno));
+    auto settings = action.settings;
+    WhileActing meanwhile;
+    if (m_credentials) {
+        const auto ask = m_credentials->settings();
+        settings.insert(settings.end(), ask.begin(), ask.end());
+        meanwhile.served = m_credentials->descriptor();
+        meanwhile.serve = [this] { m_credentials->serve(); };
+    }
+    // What prints progress ends its lines with a carriage return.
+    std::string line;
+    meanwhile.takeErrors = [&](std::string_view text) {
+        for (const char one : text) {
+            if (one != '\n' && one != '\r') {
+                if (line.size() < 1024)
+                    line += one;
+                continue;
+            }
+            if (!line.empty() && m_eachLine)
+                m_eachLine(presentable(line));
+            line.clear();
+        }
+    };
+    try {
+        return runActing(
+            {
+                .executable = m_tool.executable(),
+                .arguments = action.arguments,
+                .environment = GitTool::actingEnvironment(parentOf(folder), settings),
+                .workingFolder = opened.get(),
+                .input = action.input,
+                .message = action.message,
+                .stallLimit = m_tool.options().actionStallLimit,
+            },
+            *m_cancellation, meanwhile);
+    } catch (const std::system_error& error) {
+        throw exception::ToolError("git cannot be started: " + std::string(error.what()));
+    }
+}
+
+void GitActor::fail(std::string_view command, const ActingResult& result) const {
+    const std::string root = m_repository.rootPath().toUtf8();
+    const auto says = [&](std::string_view words) {
+        return result.errors.find(words) != std::string::npos;
+    };
+    const auto place = [&](std::string_view before) {
+        const auto start = result.errors.find(before);
+        const auto end =
+            start == std::string::npos ? start : result.errors.find('\'', start + before.size());
+        return end == std::string::npos ? std::string("the server")
+                                        : withoutSecrets(result.errors.substr(
+                                              start + before.size(), end - start - before.size()));
+    };
+    if (result.cancelled)
+        throw exception::OperationCancelledError("git " + std::string(command) +
+                                                 " was cancelled in " + root);
+    if (result.stalled)
+        throw exception::ToolError("git " + std::string(command) + " hangs in " + root +
+                                   " and was ended; look for a hook, a filter or a signing "
+                                   "program that waits for something");
+    if (const auto lock = lockNamedIn(result.errors))
+        throw exception::OperationFailedError(describeLock(*lock));
+    if (m_credentials && m_credentials->declined())
+        throw exception::OperationFailedError("no credentials were given for " +
+                                              withoutSecrets(*m_credentials->declined()) +
+                                              ", which asks for them; nothing was changed");
+    if (says("Authentication failed for '"))
+        throw exception::OperationFailedError(
+            place("Authentication failed for '") +
+            " refused the credentials; check user name and password");
+    for (const std::string_view asked :
+         {"could not read Username for '", "could not read Password for '"})
+        if (says(asked))
+            throw exception::OperationFailedError(
+                place(asked) + " asks for credentials, and there is nobody to ask for them; set "
+                               "up a credential helper for Git");
+    if (says("Please tell me who you are"))
+        throw exception::OperationFailedError(
+            "Git does not know who you are; run git config --global user.name NAME and git config "
+            "--global user.email ADDRESS");
+    constexpr int wrongUsage = 129;
+    if (result.exitCode > wrongUsage)
+        throw exception::ToolError("git " + std::string(command) + " was ended by signal " +
+                                   std::to_string(result.exitCode - 128) + " in " + root);
+    const auto words = tellingWords(presentable(result.errors));
+    throw exception::OperationFailedError(
+        "git " + std::string(command) + " failed in " + root + ": " +
+        (words.empty() ? "exit code " + std::to_string(result.exitCode) : words));
+}
+
+std::string GitActor::presentable(std::string text) const {
+    text = m_credentials ? m_credentials->withoutPasswords(std::move(text)) : std::move(text);
+    // Addresses may hold passwords as well: of the remote, of a proxy.
+    for (std::size_t at = 0; (at = text.find("://", at)) != std::string::npos;) {
+        auto start = at;
+        while (start > 0 && std::isalnum(static_cast<unsigned char>(text[start - 1])) != 0)
+            --start;
+        const auto end = std::min(text.find_first_of(" \t\r\n'\"", at), text.size());
+        const auto clean = withoutSecrets(text.substr(start, end - start));
+        text.replace(start, end - start, clean);
+        at = std::max(start + clean.size(), at + 3);
+    }
+    return text;
+}
+
+} // namespace quendo::git

@@ -1,0 +1,117 @@
+#include "quendo/git/GitIndex.h"
+
+#include "quendo/git/GitActor.h"
+#include "quendo/git/GitFailure.h"
+#include "quendo/git/GitRunner.h"
+#include "quendo/git/GitText.h"
+#include "quendo/git/Repository.h"
+
+#include <string_view>
+#include <unordered_set>
+
+namespace quendo::git {
+namespace {
+
+constexpr std::size_t mostArguments = 64; // beyond, everything is listed and the rest left out
+
+} // namespace
+
+std::string pathspecsOf(const std::vector<std::string>& paths) {
+    std::string input;
+    for (const auto& path : paths)
+        input.append(":(top,literal)").append(path).push_back('\0');
+    return input;
+}
+
+std::string GitIndex::nameOf(const std::string& path) const {
+    // Relative to where git runs, which is the root unless core.worktree moved it.
+    const auto& repository = m_git.repository();
+    return repository.folder() == repository.root() ? path : repository.root() + "/" + path;
+}
+
+std::string GitIndex::inputOf(const std::vector<std::string>& paths) const {
+    std::string input;
+    for (const auto& path : paths)
+        input.append(nameOf(path)).push_back('\0');
+    return input;
+}
+
+GitIndex::Entries GitIndex::ofHead(const std::vector<std::string>& paths) {
+    Entries entries;
+    if (paths.empty())
+        return entries;
+    const auto commit =
+        m_git.run({GitRun{.arguments = {"rev-parse", "--verify", "--quiet", "HEAD^{commit}"}}});
+    if (commit.front().exitCode != 0) {
+        if (!commit.front().errors.empty())
+            throwGitFailure(m_git.repository().root(), "rev-parse", commit.front());
+        return entries;
+    }
+    const std::unordered_set<std::string> wanted(paths.begin(), paths.end());
+    GitRun list{.arguments = {"ls-tree", "-r", "-z", "--full-tree", "HEAD"}};
+    if (paths.size() <= mostArguments) {
+        list.arguments.push_back("--");
+        list.arguments.insert(list.arguments.end(), paths.begin(), paths.end());
+    }
+    // "<mode> <type> <object>\t<path>"
+    NulSplitter("ls-tree").feed(m_git.read(list), [&](std::string_view record) {
+        const auto tab = record.find('\t');
+        const auto type = record.find(' '), object = record.find(' ', type + 1);
+        if (tab == std::string_view::npos || object == std::string_view::npos || object > tab ||
+            !isObjectName(record.substr(object + 1, tab - object - 1)))
+            throwGarbage("ls-tree");
+        auto path = std::string(record.substr(tab + 1));
+        if (wanted.contains(path))
+            entries.emplace(std::move(path), std::string(record.substr(0, type)) +
+                                                 std::string(record.substr(object, tab - object)));
+    });
+    return entries;
+}
+
+void GitIndex::stage(const std::vector<std::string>& paths) {
+    if (!paths.empty())
+        m_actor.run(
+            {.arguments = {"update-index", "--add", "--remove", "--replace", "-z", "--stdin"},
+             .input = inputOf(paths)});
+}
+
+void GitIndex::forget(const std::vector<std::string>& paths) {
+    if (!paths.empty())
+        m_actor.run({.arguments = {"update-index", "--force-remove", "-z", "--stdin"},
+                     .input = inputOf(paths)});
+}
+
+void GitIndex::put(const Entries& entries, const std::vector<std::string>& forgotten) {
+    if (entries.empty())
+        return forget(forgotten);
+    // Names are as in the index here, wherever git runs.
+    const auto objectSize = entries.begin()->second.size() - entries.begin()->second.find(' ') - 1;
+    std::string input;
+    for (const auto& path : forgotten)
+        input.append("0 ").append(objectSize, '0').append("\t").append(path).push_back('\0');
+    for (const auto& [path, entry] : entries)
+        input.append(entry).append("\t").append(path).push_back('\0');
+    m_actor.run({.arguments = {"update-index", "-z", "--index-info"}, .input = input});
+}
+
+std::size_t GitIndex::rename(const std::string& source, const std::string& destination) {
+    Entries entries;
+    std::vector<std::string> forgotten;
+    // "<mode> <object> <stage>\t<path>"
+    NulSplitter("ls-files")
+        .feed(m_git.read(
+                  {.arguments = {"ls-files", "-s", "-z", "--full-name", "--", nameOf(source)}}),
+              [&](std::string_view record) {
+                  const auto tab = record.find('\t');
+                  if (tab == std::string_view::npos || tab < 12)
+                      throwGarbage("ls-files");
+                  const std::string path(record.substr(tab + 1));
+                  entries.emplace(destination + path.substr(source.size()),
+                                  std::string(record.substr(0, tab - 2)));
+                  forgotten.push_back(path);
+              });
+    put(entries, forgotten);
+    return forgotten.size();
+}
+
+} // namespace quendo::git

@@ -1,0 +1,301 @@
+#include "quendo/adapter/CMAdapter.h"
+#include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/exception/AdapterErrors.h"
+#include "quendo/git/GitAdapterFactory.h"
+#include "tests/support/Deadline.h"
+#include "tests/support/GitSandbox.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace quendo::git {
+namespace {
+
+namespace fs = std::filesystem;
+using test::writeFile;
+
+/// A real working copy, changed by the adapter and by shell scripts.
+class Copy {
+public:
+    explicit Copy(const GitOptions& options = {}) {
+        m_sandbox.enterEnvironment();
+        m_sandbox.init();
+        // "a" to "d" and "n/x", "n/y" are tracked, "*.o" is ignored.
+        sh("for f in a b c d; do echo $f > $f; done; mkdir n; echo x > n/x; echo y > n/y\n"
+           "echo '*.o' > .gitignore; git add .; git commit -qm start");
+        m_adapter = GitAdapterFactory(options).createAdapter(root(), m_interactor);
+    }
+
+    CMAdapter& adapter() { return *m_adapter; }
+    const std::shared_ptr<CMApplicationInteractor>& interactor() { return m_interactor; }
+    const test::GitSandbox& sandbox() const { return m_sandbox; }
+    Path root() const { return Path::fromNative(m_sandbox.work().native()); }
+    Path at(const std::string& name) const { return root().child(name); }
+    std::vector<Path> all(const std::vector<std::string>& names) const {
+        std::vector<Path> paths;
+        for (const auto& name : names)
+            paths.push_back(at(name));
+        return paths;
+    }
+
+    std::string sh(const std::string& script) const {
+        const auto result = m_sandbox.run({"sh", "-ec", script}, m_sandbox.work());
+        EXPECT_EQ(result.exitCode, 0) << script << "\n" << result.errors << result.output;
+        return result.output;
+    }
+
+    std::string status() const {
+        return m_sandbox.git({"status", "--porcelain", "-uall", "--no-renames"});
+    }
+
+    /// Everything that an operation may change: files, index, commits, states of merges, locks.
+    std::string everything() const {
+        return sh("git status --porcelain -uall --ignored; git ls-files -s; git log --format=%H;"
+                  "find . -path ./.git -prune -o -type f -exec md5sum {} + | sort -k2;"
+                  "find . -path ./.git -prune -o -printf '%p %y %m %l\\n' | sort;"
+                  "ls .git | grep -v -e COMMIT_EDITMSG -e quendo; find .git -name '*.lock';"
+                  "test ! -e .git/quendo || find .git/quendo -type f");
+    }
+
+    /// What the operation says when it refuses; nothing may have changed. Empty if it does not.
+    std::string refusal(const std::function<void(Copy&)>& operation) {
+        const auto before = everything();
+        std::string words;
+        try {
+            operation(*this);
+        } catch (const exception::SourceControlException& error) {
+            words = error.what();
+        }
+        EXPECT_EQ(words.find('\n'), std::string::npos) << words;
+        EXPECT_EQ(everything(), before) << words;
+        return words;
+    }
+
+private:
+    test::GitSandbox m_sandbox;
+    std::shared_ptr<CMApplicationInteractor> m_interactor =
+        std::make_shared<CMApplicationInteractor>();
+    std::unique_ptr<CMAdapter> m_adapter;
+};
+
+using Operation = std::function<void(Copy&)>;
+using Names = std::vector<std::string>;
+
+Operation checkin(const Names& names) {
+    return [=](Copy& copy) { copy.adapter().checkin(copy.all(names), u"#1 is mended"); };
+}
+Operation add(const Names& names) {
+    return [=](Copy& copy) { copy.adapter().addFiles(copy.all(names)); };
+}
+Operation remove(const Names& names) {
+    return [=](Copy& copy) { copy.adapter().removeFiles(copy.all(names)); };
+}
+Operation revert(const Names& names) {
+    return [=](Copy& copy) { copy.adapter().uncheckout(copy.all(names)); };
+}
+Operation move(const std::string& from, const std::string& to) {
+    return [=](Copy& copy) { copy.adapter().moveFile(copy.at(from), copy.at(to)); };
+}
+Operation resolve(const std::string& name) {
+    return [=](Copy& copy) { copy.adapter().resolveConflict(copy.at(name)); };
+}
+Operation ignore(const std::string& name) {
+    return [=](Copy& copy) { copy.adapter().ignoreFile(copy.at(name)); };
+}
+const Operation discard = [](Copy& copy) { copy.adapter().discardChanges(); };
+
+// "a" is in conflict, "b" merges without one, "c" is deleted by us and changed by them.
+const std::string merge = "git checkout -qb side; echo s > a; echo s > b; echo s > c\n"
+                          "git commit -qam side; git checkout -q main; echo m > a\n"
+                          "git rm -q c; git commit -qam main; ! git merge -q side >&2\n";
+
+TEST(GitActionsTest, DoesWhatItMeans) {
+    struct Case {
+        std::string script;
+        Operation operation;
+        std::string status, check; ///< what git says then; a command that must succeed
+    };
+    const Case cases[] = {
+        // Commits just these, leaves other staging alone.
+        {"echo 2 > a; echo 2 > b; git add b; echo new > new; rm c", checkin({"a", "c", "new"}),
+         "M  b\n", "git log -1 --format=%B | grep -qx '#1 is mended'; ! git cat-file -e HEAD:c"},
+        {"echo 2 > a; echo 3 > n/x; echo u > n/u", checkin({"n"}), " M a\n?? n/u\n", ""},
+        {"git rm -q --cached a; echo 2 > b", checkin({"a", "b"}), "?? a\n",
+         "! git cat-file -e HEAD:a; git cat-file -p HEAD:b | grep -q 2"},
+        {merge + "echo r > a; git add a; git rm -q c", checkin({"a", "b", "c"}), "",
+         "git rev-parse -q --verify HEAD^2"},
+        {"", checkin({}), "", "test $(git log --oneline | wc -l) = 1"},
+        // Adds files and nothing below folders.
+        {"mkdir f; echo 1 > f/g; echo 1 > h; ln -s f l; echo 2 > a", add({"f", "h", "l", "a"}),
+         "M  a\nA  h\nA  l\n?? f/g\n", ""},
+        {"git rm -q --cached a; echo 2 > a", add({"a"}), "M  a\n", ""},
+        {"rm -r n; echo f > n", add({"n"}), "A  n\nD  n/x\nD  n/y\n", ""},
+        // Removes from index and disk, and folders left empty.
+        {"", remove({"a", "n/x"}), "D  a\nD  n/x\n", "test ! -e a -a ! -e n/x -a -e n/y"},
+        {"echo u > n/u", remove({"n"}), "D  n/x\nD  n/y\n?? n/u\n", ""},
+        {"rm -r n", remove({"n/x", "n/y"}), "D  n/x\nD  n/y\n", "test ! -e n"},
+        {merge, remove({"c"}), "UU a\nM  b\n", ""},
+        // Moves what is there, or what has been moved.
+        {"echo 2 > a", move("a", "f/g/e"), "D  a\nAM f/g/e\n", "test ! -e a"},
+        {"echo u > n/u", move("n", "m"), "A  m/x\nA  m/y\nD  n/x\nD  n/y\n?? m/u\n", ""},
+        {"", move("a", "A"), "A  A\nD  a\n", "test -e A -a ! -e a"},
+        {"mv a e; echo 2 >> e", move("a", "e"), "D  a\nAM e\n", ""},
+        {"mv n m; echo u > m/u", move("n", "m"), "A  m/x\nA  m/y\nD  n/x\nD  n/y\n?? m/u\n", ""},
+        // Gives changes up, and nothing else.
+        {"echo 2 > a; git add a; echo 3 > a; rm b; git rm -q c; chmod +x d; echo 1 > e; git add e",
+         revert({"a", "b", "c", "d", "e"}), "?? e\n", "test ! -x d; grep -q 1 e"},
+        {"git rm -q --cached a; echo mine > a", revert({"a"}), " M a\n", "grep -q mine a"},
+        {"rm -r n; ln -s x d2; rm a; ln -s b a; git add a d2", revert({"n", "a", "d2"}), "?? d2\n",
+         "test ! -L a"},
+        {merge + "echo edited > a", revert({"a", "c"}), "M  b\n?? c\n", "grep -qx m a"},
+        {merge + "git rm -q --cached b; echo 1 > new; git add new; echo 2 > d; echo 1 > u", discard,
+         " M b\n?? c\n?? new\n?? u\n", "! git rev-parse -q --verify MERGE_HEAD; grep -qx m a"},
+        // Resolves to what is on disk.
+        {merge + "printf '<<<<<<< a\\n>>>>>>> b\\n=======\\n' > a", resolve("a"),
+         "M  a\nM  b\n"
+         "DU c\n",
+         ""},
+        {merge + "rm c", resolve("c"), "UU a\nM  b\n", ""},
+        // Ignores just this.
+        {"mkdir 'q[1]'; echo 1 > 'q[1]/ *!'; echo 1 > q1; printf '*.o' > .gitignore",
+         ignore("q[1]/ *!"), " M .gitignore\n?? q1\n", "git check-ignore -q 'q[1]/ *!'"},
+        {"mkdir f; echo 1 > f/g; echo 1 > '#f '; touch x.o",
+         [](Copy& copy) {
+             ignore("f")(copy);
+             ignore("#f ")(copy);
+             ignore("x.o")(copy);
+         },
+         " M .gitignore\n", "test $(wc -l < .gitignore) = 3"},
+        {"chmod -w a n/x",
+         [](Copy& copy) {
+             copy.adapter().checkout(copy.all({"a", "n"}));
+         },
+         "", "test $(stat -c %a a) = 644 -a $(stat -c %a n/x) = 444"},
+    };
+    for (const auto& one : cases) {
+        Copy copy;
+        copy.sh(one.script.empty() ? ":" : one.script);
+        EXPECT_NO_THROW(one.operation(copy)) << one.script;
+        EXPECT_EQ(copy.status(), one.status) << one.script;
+        copy.sh(one.check.empty() ? ":" : one.check);
+        copy.sh("git fsck --strict 2>&1; test -z \"$(ls .git/quendo 2>/dev/null)\"");
+    }
+}
+
+TEST(GitActionsTest, RefusesWhatItCannotDoWhole) {
+    struct Case {
+        std::string script;
+        Operation operation;
+        std::string words;
+    };
+    const Case cases[] = {
+        {"", checkin({"a"}), "nothing to check in"},
+        {"echo 2 > a; echo 1 > z.o", checkin({"a", "z.o"}), "ignored by Git"},
+        {"echo 2 > a", [](Copy& copy) { copy.adapter().checkin(copy.at("a"), u" \n"); },
+         "needs a message"},
+        {merge, checkin({"a", "b"}), "in conflict"},
+        {merge + "git add a c", checkin({"a"}), "Git checks a merge in whole; check these in"},
+        {"git rm -q --cached a; echo 2 > b; git add b", checkin({"a"}), "with all that is staged"},
+        {"", add({"none"}), "does not exist"},
+        {"echo 1 > z; echo 1 > z.o", add({"z", "z.o"}), "ignored by Git"},
+        {merge + "echo 1 > z", add({"z", "a"}), "in conflict"},
+        {"git init -q f; echo 1 > f/g", add({"f/g"}), "a working copy of its own"},
+        {"mkfifo f", add({"f"}), ""},
+        {"ln -s n l", add({"l/x"}), ""},
+        {"echo 2 > b", remove({"a", "b"}), "exists nowhere else"},
+        {"echo 2 > b; git add b; rm b", remove({"b"}), "exists nowhere else"},
+        {"echo 1 > e; git add e", remove({"e"}), "exists nowhere else"},
+        {merge + "echo edited > a", remove({"a"}), "exists nowhere else"},
+        {"echo 1 > z", remove({"a", "z"}), "not under source control"},
+        {"", remove({"a", "none"}), "not under source control"},
+        {"", move("a", "b"), "exists already"},
+        {"", move("a", "n"), "exists already"},
+        {"", move("n", "n/m"), "into itself"},
+        {"echo 1 > z", move("z", "y"), "not under source control"},
+        {"rm a", move("a", "e"), "do not exist"},
+        {"rm a", move("a", "b"), "under source control already"},
+        {"echo f > f", move("a", "f/g/e"), "is not a folder"},
+        {merge, move("a", "e"), "in conflict"},
+        {"echo 1 > z; echo 2 > a", revert({"a", "z"}), "nothing to go back to"},
+        {"rm a; mkdir a; echo mine > a/u; echo 2 > b", revert({"a", "b"}), "not empty"},
+        {"rm -r n; echo mine > n", revert({"n/x", "n/y"}), "is a file"},
+        {"mv n m; ln -s m n; rm a", discard, "is a symbolic link"},
+        {merge, resolve("a"), "conflict markers"},
+        {"", resolve("a"), "not in conflict"},
+        {"", ignore("a"), "under source control"},
+        {"touch 'l\nl'", ignore("l\nl"), "line end"},
+        {"rm .gitignore; ln -s a .gitignore; touch z", ignore("z"), "not a regular file"},
+        {"", add({"../outside"}), "does not belong"},
+        {"", remove({".git/config"}), "does not belong"},
+        {"ln -s .. l; touch ../other; chmod -w ../other a",
+         [](Copy& copy) {
+             copy.adapter().checkout(copy.all({"a", "l/other"}));
+         },
+         "made writable"},
+        // A hook of each stage, and what it says.
+        {"printf '#!/bin/sh\\necho no: $0 >&2; exit 1\\n' > .git/hooks/pre-commit\n"
+         "chmod +x .git/hooks/pre-commit; echo 2 > a; echo new > new",
+         checkin({"a", "new"}), "no: .git/hooks/pre-commit"},
+        {"printf '#!/bin/sh\\necho no >&2; exit 1\\n' > .git/hooks/prepare-commit-msg\n"
+         "chmod +x .git/hooks/prepare-commit-msg; echo new > new",
+         checkin({"new"}), "no"},
+        {"printf '#!/bin/sh\\ngit add b; echo no >&2; exit 1\\n' > .git/hooks/commit-msg\n"
+         "chmod +x .git/hooks/commit-msg; echo 2 > b; echo new > new",
+         checkin({"new"}), "no"},
+        {"printf '#!/bin/sh\\necho no >&2; exit 1\\n' > .git/hooks/post-checkout\n"
+         "chmod +x .git/hooks/post-checkout; echo 2 > a; git add a; echo 3 > a",
+         revert({"a"}), "no"},
+        {"git config filter.f.smudge false; git config filter.f.clean cat\n"
+         "git config filter.f.required true\n"
+         "echo 'b filter=f' > .git/info/attributes; echo 2 > a; echo 2 > b; git add a",
+         revert({"a", "b"}), "smudge filter f failed"},
+    };
+    for (const auto& one : cases) {
+        Copy copy;
+        copy.sh(one.script.empty() ? ":" : one.script);
+        const auto words = copy.refusal(one.operation);
+        EXPECT_FALSE(words.empty()) << one.script;
+        EXPECT_NE(words.find(one.words), std::string::npos) << one.script << "\n" << words;
+    }
+}
+
+// A git that does one thing and fails before, or without, the rest.
+TEST(GitActionsTest, PutsBackWhatAGitThatFailsHalfWayLeaves) {
+    struct Case {
+        const char *command, *instead;
+        std::string script;
+        Operation operation;
+    };
+    const Case cases[] = {
+        {"restore", "rm -f a b; echo torn > a; exit 1", "echo 2 > a; echo 2 > b; git add b",
+         revert({"a", "b"})},
+        {"restore", "kill -9 $$", "echo 2 > a; git add a", revert({"a"})},
+        {"mv", "mv a e; exit 1", "echo 2 > a", move("a", "e")},
+        {"mv", "mv n f/m; exit 1", "", move("n", "f/m")},
+        {"update-index", "exit 1", "", remove({"a", "n/x"})},
+        {"update-index", "echo garbage; exit 3", "echo 2 > a", add({"a"})},
+        {"commit", "echo garbage; exit 77", "echo new > new", checkin({"new"})},
+    };
+    for (const auto& one : cases) {
+        test::TemporaryFolder folder;
+        const auto git = folder.path() / "git";
+        writeFile(git, std::string("#!/bin/sh\n[ \"$1\" != ") + one.command + " ] || { " +
+                           one.instead + "; }\nexec git \"$@\"\n");
+        fs::permissions(git, fs::perms::owner_all);
+        Copy copy({.executable = git.native()});
+        copy.sh(one.script.empty() ? ":" : one.script);
+        EXPECT_NE(copy.refusal(one.operation), "") << one.command << ": " << one.instead;
+    }
+}
+
+} // namespace
+} // namespace quendo::git
