@@ -15,7 +15,8 @@ GitSandbox::GitSandbox() {
     writeFile(home() / ".gitconfig", "[user]\n\tname = Ada Tester\n\temail = ada@example.org\n"
                                      "[init]\n\tdefaultBranch = main\n"
                                      "[protocol \"file\"]\n\tallow = always\n"
-                                     "[advice]\n\tdetachedHead = false\n");
+                                     "[advice]\n\tdetachedHead = false\n"
+                                     "[gc]\n\tautoDetach = false\n");
     m_environment = {
         {"HOME", home().native()},    {"XDG_CONFIG_HOME", (home() / ".config").native()},
         {"GIT_CONFIG_NOSYSTEM", "1"}, {"GIT_CONFIG_GLOBAL", (home() / ".gitconfig").native()},
