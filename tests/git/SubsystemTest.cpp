@@ -24,6 +24,8 @@ using test::writeFile;
 using testing::HasSubstr;
 using testing::ThrowsMessage;
 
+constexpr std::size_t enough = 1000;
+
 class SubsystemTest : public testing::Test {
 protected:
     SubsystemTest() {
@@ -156,7 +158,7 @@ TEST_F(SubsystemTest, GivesContentAsACheckoutWouldWriteIt) {
         git config --global filter.mine.clean 'tr a-z A-Z'
         git config --global filter.mine.smudge 'tr A-Z a-z'
         printf '1\n2\n' > 'ä
-.crlf'; echo mine > a.mine; echo own > a.own; ln -s 'to nowhere' link; mkdir d; echo old > d/old
+.crlf'; echo mine > a.mine; echo own > a.own; ln -s 'to nowhere' link; mkdir d; echo old > d/old; echo > d/f
         git init -q sub; git -C sub commit -q --allow-empty -m s; git add -A 2>&1
         git commit -q -m one; git config filter.own.smudge cat; git mv d/old d/new
         git commit -q -m two; printf '1\n2\n3\n' > 'ä
@@ -165,7 +167,6 @@ TEST_F(SubsystemTest, GivesContentAsACheckoutWouldWriteIt) {
     const auto adapter = open(sandbox.work());
     EXPECT_FALSE(adapter->getSubsystem(typeid(CMAdapter)).has_value());
     const auto& contents = of<RevisionContent>(*adapter);
-    constexpr std::size_t enough = 1000;
     const auto in = [&](const char* name) { return adapter->getRootFolder().child(name); };
     const auto get = [&](const char* name, const char16_t* revision, std::size_t limit = enough) {
         return contents.getContent(in(name), revision, limit);
@@ -192,6 +193,7 @@ TEST_F(SubsystemTest, GivesContentAsACheckoutWouldWriteIt) {
     EXPECT_THAT([&] { get("sub", u"HEAD"); }, says("is a submodule"));
     EXPECT_THAT([&] { staged("sub"); }, says("is a submodule"));
     EXPECT_THAT([&] { get("d", u"HEAD~"); }, says("is a folder"));
+    EXPECT_THAT([&] { staged("d"); }, says("is a folder"));
     EXPECT_THAT([&] { staged("."); }, says("not a file"));
     EXPECT_THAT([&] { get(".git/HEAD", u"HEAD"); }, says("not a file"));
     EXPECT_THAT([&] { get("link", u"nothing"); }, says("no revision 'nothing'"));
