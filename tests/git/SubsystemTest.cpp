@@ -121,6 +121,22 @@ TEST_F(SubsystemTest, TellsTheBranchAndWhatItFollows) {
     EXPECT_THROW(branch(), exception::DamagedRepositoryError);
 }
 
+TEST_F(SubsystemTest, TellsOneMoment) {
+    script(R"sh(git commit -q --allow-empty -m 1; git checkout -q -b other
+        git commit -q --allow-empty -m 2; git checkout -q main; cat > ../git <<'END'
+#!/bin/sh
+# Others switch the branch between the first two questions.
+[ "$1" != for-each-ref ] || ! mkdir ../once 2>&- || git symbolic-ref HEAD refs/heads/other
+exec git "$@"
+END
+        chmod +x ../git)sh");
+    const auto adapter = GitAdapterFactory({.executable = sandbox.root() / "git"})
+                             .createAdapter(Path::fromNative(sandbox.work().native()), nullptr);
+    const auto state = of<BranchInformation>(*adapter).getBranchState();
+    EXPECT_EQ(toUtf8(state.branch), "other");
+    EXPECT_EQ(toUtf8(state.commit) + "\n", sandbox.git({"rev-parse", "other"}));
+}
+
 TEST_F(SubsystemTest, TellsWhatIsUnderWay) {
     script(R"sh(c() { echo "$1" > f; git add -A; git commit -q -m "$1"; }
         c base; git checkout -q -b side; c s1; c s2; git checkout -q main; c m1; c m2
