@@ -2,6 +2,7 @@
 # noticed by scripts/check-files.
 set(QUENDO_PUBLIC_HEADERS
     quendo/adapter/ApplicationInteractor.h
+    quendo/adapter/BranchInformation.h
     quendo/adapter/CMAdapter.h
     quendo/adapter/CMAdapterDecorator.h
     quendo/adapter/CMAdapterFactory.h
@@ -16,6 +17,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/adapter/MetadataFolder.h
     quendo/adapter/QueryOrigin.h
     quendo/adapter/Revision.h
+    quendo/adapter/RevisionContent.h
     quendo/adapter/SingleThreadedCMAdapter.h
     quendo/adapter/SupportedFeature.h
     quendo/adapter/UserInfo.h
@@ -81,6 +83,7 @@ set(QUENDO_PUBLIC_HEADERS
 # for the factories) and quendo/platform/standard are private without being named.
 set(QUENDO_PRIVATE_HEADERS
     quendo/adapter/DispatchingProgressIndicator.h
+    quendo/adapter/SubsystemType.h
     quendo/adapter/TriggerableStatusDispatcher.h
     quendo/adapter/TriggerableTerminator.h
     quendo/cache/CacheBarrier.h

@@ -1,13 +1,17 @@
 #include "quendo/adapter/CMAdapter.h"
 
+#include "quendo/adapter/BranchInformation.h"
 #include "quendo/adapter/CredentialProvider.h"
+#include "quendo/adapter/RevisionContent.h"
 #include "quendo/exception/AdapterErrors.h"
 
 namespace quendo {
 
 CMAdapter::~CMAdapter() = default;
+BranchInformation::~BranchInformation() = default;
 CredentialProvider::~CredentialProvider() = default;
 Revision::~Revision() = default;
+RevisionContent::~RevisionContent() = default;
 
 void CMAdapter::ignoreFile(const Path& file) {
     throw exception::NotAvailableError(

@@ -1,28 +1,17 @@
 #include "quendo/change_detection/ExternalChangeDetectingCMAdapter.h"
 
 #include "quendo/adapter/CMAdapterDecorator.h"
+#include "quendo/adapter/SubsystemType.h"
 #include "quendo/platform/FolderExternalChangeDetector.h"
 #include "quendo/platform/Logging.h"
 
 #include <stdexcept>
-#include <string_view>
 #include <utility>
 
 namespace quendo {
 namespace {
 
 constexpr std::chrono::milliseconds window{250};
-
-/// By name: what loads the library and the library need not share one type_info.
-bool isSameType(const std::type_info& a, const std::type_info& b) {
-    const auto name = [](const std::type_info& type) {
-        std::string_view text = type.name();
-        if (text.starts_with('*'))
-            text.remove_prefix(1);
-        return text;
-    };
-    return name(a) == name(b);
-}
 
 class ExternalChangeDetectingCMAdapter final : public CMAdapterDecorator {
 public:

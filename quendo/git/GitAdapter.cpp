@@ -1,8 +1,10 @@
 #include "quendo/git/GitAdapter.h"
 
+#include "quendo/adapter/SubsystemType.h"
 #include "quendo/git/Cancellation.h"
 #include "quendo/git/GitActions.h"
 #include "quendo/git/GitActor.h"
+#include "quendo/git/GitBranch.h"
 #include "quendo/git/GitFailure.h"
 #include "quendo/git/GitHistory.h"
 #include "quendo/git/GitRunner.h"
@@ -297,8 +299,25 @@ UString GitAdapter::getInitialCheckinMessage() const {
     });
 }
 
-std::any GitAdapter::getSubsystem(const std::type_info&) {
+std::any GitAdapter::getSubsystem(const std::type_info& type) {
+    if (isSameType(type, typeid(BranchInformation)))
+        return static_cast<BranchInformation*>(this);
+    if (isSameType(type, typeid(RevisionContent)))
+        return static_cast<RevisionContent*>(this);
     return {};
+}
+
+BranchState GitAdapter::getBranchState() const {
+    return withGit([](GitRunner& git) { return readBranchState(git); });
+}
+
+std::optional<std::string> GitAdapter::getContent(const Path& file, const UString& revision,
+                                                  std::size_t limit) const {
+    return withGit([&](GitRunner& git) { return GitHistory(git).content(file, revision, limit); });
+}
+
+std::optional<std::string> GitAdapter::getStagedContent(const Path& file, std::size_t limit) const {
+    return withGit([&](GitRunner& git) { return GitHistory(git).stagedContent(file, limit); });
 }
 
 void GitAdapter::setCredentialProvider(std::weak_ptr<CredentialProvider> provider) {

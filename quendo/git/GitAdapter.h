@@ -1,7 +1,9 @@
 #pragma once
 
+#include "quendo/adapter/BranchInformation.h"
 #include "quendo/adapter/CMAdapter.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/adapter/RevisionContent.h"
 #include "quendo/git/Repository.h"
 
 #include <memory>
@@ -15,7 +17,7 @@ class GitTool;
 /// One Git working copy. Every call runs the user's git and holds nothing between calls but where
 /// the repository's parts lie, so any operation may be called from any thread beside any other;
 /// those that change something go one after the other.
-class GitAdapter final : public CMAdapter {
+class GitAdapter final : public CMAdapter, public BranchInformation, public RevisionContent {
 public:
     GitAdapter(std::shared_ptr<GitTool> tool, Repository repository,
                std::shared_ptr<CMApplicationInteractor> interactor);
@@ -52,6 +54,11 @@ public:
     std::any getSubsystem(const std::type_info& type) override;
     void setCredentialProvider(std::weak_ptr<CredentialProvider> provider) override;
     void ignoreFile(const Path& file) override;
+
+    BranchState getBranchState() const override;
+    std::optional<std::string> getContent(const Path& file, const UString& revision,
+                                          std::size_t limit) const override;
+    std::optional<std::string> getStagedContent(const Path& file, std::size_t limit) const override;
 
 private:
     template <class Work>

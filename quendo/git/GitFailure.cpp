@@ -91,7 +91,8 @@ void throwGitFailure(const std::string& folder, std::string_view command,
                 "bad object", "bad tree", "could not parse HEAD", "unable to parse",
                 "unordered stage entries", "is corrupt", "invalid gitfile", "cannot read object",
                 "missing object", "malformed index", "unexpected line", "bad numeric config",
-                "unable to resolve", "your current branch appears to be broken"))
+                "unable to resolve", "your current branch appears to be broken",
+                "No such ref: HEAD"))
         throw exception::DamagedRepositoryError(root + " is damaged: " + words);
     if (result.exitCode > 128)
         throw exception::ToolError("git " + std::string(command) + " was ended by signal " +

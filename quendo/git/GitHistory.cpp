@@ -305,78 +305,153 @@ void GitHistory::exportTo(const Path& target, const Path& file, const Revision& 
         throw exception::OperationFailedError(target.toUtf8() +
                                               " exists already; remove it or choose another name");
 
-    auto path = relative(revision.path.empty() ? file : revision.path);
+    const auto path = relative(revision.path.empty() ? file : revision.path);
     const auto shown = toUtf8(revision.id);
-    std::string object = toUtf8(revision.contentID), mode;
-    if (object.empty()) {
+    std::optional<Entry> entry;
+    if (revision.contentID.empty()) {
         const auto commit = resolve(shown, shown);
-        // "<mode> <type> <object>\t<path>\0"; --full-tree, as git may run in another folder.
-        const auto entryOf = [&](const std::string& name) {
-            return m_git.read({.arguments = {"ls-tree", "-z", "--full-tree", "--end-of-options",
-                                             commit, "--", name}});
-        };
-        auto entry = entryOf(path);
-        if (entry.empty()) {
+        entry = entryIn(commit, path);
+        if (!entry) {
             // It may have had another name then.
             for (const auto& one : list(file, nullptr))
                 if (toUtf8(one->id) == commit)
-                    path = relative(one->path);
-            entry = entryOf(path);
+                    entry = entryIn(commit, relative(one->path));
         }
-        const auto kind = entry.find(' ');
-        const auto name = kind == std::string::npos ? kind : entry.find(' ', kind + 1);
-        if (entry.empty() || name == std::string::npos)
+        if (!entry)
             throw exception::OperationFailedError(file.toUtf8() + " does not exist in revision " +
                                                   shown);
-        mode = entry.substr(0, kind);
-        if (entry.substr(kind + 1, name - kind - 1) != "blob")
+        if (!entry->isFile())
             throw exception::OperationFailedError(file.toUtf8() + " is not a file in revision " +
                                                   shown + "; export files one by one");
-        object = entry.substr(name + 1, entry.find('\t') - name - 1);
     } else {
-        mode = "100644";
+        entry = Entry{"100644", toUtf8(revision.contentID), path};
+        if (!isObjectName(entry->object))
+            throwGarbage("ls-tree");
         const auto staged = m_git.read(
             {.arguments = {"ls-files", "-z", "-s", "--full-name", "--", pathspec(path)}});
-        NulSplitter("ls-files").feed(staged, [&](std::string_view entry) {
-            if (entry.find(object) != std::string_view::npos)
-                mode = entry.substr(0, 6);
+        NulSplitter("ls-files").feed(staged, [&](std::string_view line) {
+            if (line.find(entry->object) != std::string_view::npos)
+                entry->mode = line.substr(0, 6);
         });
     }
-    if (!isObjectName(object))
-        throwGarbage("ls-tree");
 
-    NewFile output(target, mode == "100755");
-    if (mode == "120000") {
-        runInto(output.descriptor(), {"cat-file", "blob", object});
+    NewFile output(target, entry->mode == "100755");
+    printContent(*entry, file, {.arguments = {}, .outputFile = output.descriptor()});
+    if (entry->isLink())
         output.becomeLink(output.content());
-        output.commit();
-        return;
-    }
-    const auto drivers = FilterDrivers::read(m_git);
-    m_git.setOverrides(drivers.overrides);
-    if (!drivers.withoutSmudge.empty()) {
-        std::vector<std::string> parts;
-        NulSplitter("check-attr")
-            .feed(m_git.read({.arguments = {"check-attr", "-z", "--stdin", "filter"},
-                              .input = pathspec(path) + '\0'}),
-                  [&](std::string_view part) { parts.emplace_back(part); });
-        if (parts.size() == 3 && drivers.withoutSmudge.contains(parts[2]))
-            throw exception::OperationFailedError(
-                file.toUtf8() + " needs the filter '" + toUtf8(toUString(parts[2])) +
-                "', which only the repository itself names; if you trust it, put it into your own "
-                "configuration with git config --global");
-    }
-    runInto(output.descriptor(), {"cat-file", "--filters", "--path=" + path, object});
     output.commit();
 }
 
-void GitHistory::runInto(int file, std::vector<std::string> arguments) {
+std::optional<std::string> GitHistory::content(const Path& file, const UString& revision,
+                                               std::size_t limit) {
+    checkedMetadata();
+    const auto path = relative(file);
+    const auto name = toUtf8(revision);
+    const auto entry = entryIn(resolve(name, name), path);
+    return entry ? std::optional(contentOf(*entry, file, " in revision " + name, limit))
+                 : std::nullopt;
+}
+
+std::optional<std::string> GitHistory::stagedContent(const Path& file, std::size_t limit) {
+    checkedMetadata();
+    const auto entry = stagedEntry(file);
+    return entry ? std::optional(contentOf(*entry, file, " as it is staged", limit)) : std::nullopt;
+}
+
+std::optional<GitHistory::Entry> GitHistory::entryIn(const std::string& commit,
+                                                     const std::string& path) {
+    // "<mode> <type> <object>\t<path>\0"; --full-tree, as git may run in another folder.
+    const auto line = m_git.read(
+        {.arguments = {"ls-tree", "-z", "--full-tree", "--end-of-options", commit, "--", path}});
+    if (line.empty())
+        return std::nullopt;
+    const auto tab = line.find('\t');
+    const auto object = line.rfind(' ', tab);
+    if (tab == std::string::npos || object == std::string::npos ||
+        !isObjectName(std::string_view(line).substr(object + 1, tab - object - 1)))
+        throwGarbage("ls-tree");
+    return Entry{line.substr(0, 6), line.substr(object + 1, tab - object - 1), path};
+}
+
+std::optional<GitHistory::Entry> GitHistory::stagedEntry(const Path& file) {
+    const auto path = relative(file);
+    std::optional<Entry> found;
+    NulSplitter("ls-files")
+        .feed(m_git.read(
+                  {.arguments = {"ls-files", "-z", "-s", "--full-name", "--", pathspec(path)}}),
+              [&](std::string_view line) {
+                  // "<mode> <object> <stage>\t<path>"
+                  const auto tab = line.find('\t');
+                  if (tab == std::string_view::npos || tab < 10 ||
+                      !isObjectName(line.substr(7, tab - 9)))
+                      throwGarbage("ls-files");
+                  if (line.substr(tab + 1) != path)
+                      throw exception::OperationFailedError(
+                          file.toUtf8() + " is a folder; only files have content");
+                  if (line[tab - 1] != '0')
+                      throw exception::OperationFailedError(
+                          file.toUtf8() + " is conflicted, so no version of it is staged");
+                  found = Entry{std::string(line.substr(0, 6)),
+                                std::string(line.substr(7, tab - 9)), path};
+              });
+    return found;
+}
+
+std::string GitHistory::contentOf(const Entry& entry, const Path& file, const std::string& where,
+                                  std::size_t limit) {
+    if (!entry.isFile())
+        throw exception::OperationFailedError(file.toUtf8() + " is a " +
+                                              (entry.mode == "160000" ? "submodule" : "folder") +
+                                              where + "; only files have content");
+    const auto refuse = [&](const std::string& size) {
+        throw exception::OperationFailedError(file.toUtf8() + " has " + size + " bytes" + where +
+                                              ", and " + std::to_string(limit) +
+                                              " is the limit for content in memory");
+    };
+    // Before git loads it: only then is it known how much memory that takes.
+    const auto size = withoutLineEnds(m_git.read({.arguments = {"cat-file", "-s", entry.object}}));
+    std::uint64_t kept = 0;
+    if (std::from_chars(size.data(), size.data() + size.size(), kept).ec != std::errc())
+        throwGarbage("cat-file");
+    if (kept > limit)
+        refuse(size);
+    std::string content;
+    printContent(entry, file, {.arguments = {}, .consume = [&](std::string_view text) {
+                                   if (text.size() > limit - content.size())
+                                       refuse("more than " + std::to_string(limit));
+                                   content += text;
+                               }});
+    return content;
+}
+
+/// @param file for errors
+/// @param run where the content goes; its arguments are set here
+void GitHistory::printContent(const Entry& entry, const Path& file, GitRun run) {
+    if (entry.isLink()) {
+        run.arguments = {"cat-file", "blob", entry.object};
+    } else {
+        const auto drivers = FilterDrivers::read(m_git);
+        drivers.checkSize();
+        m_git.setOverrides(drivers.overrides);
+        if (drivers.hasUsersOwn)
+            m_git.bePatient();
+        if (!drivers.withoutSmudge.empty()) {
+            std::vector<std::string> parts;
+            NulSplitter("check-attr")
+                .feed(m_git.read({.arguments = {"check-attr", "-z", "--stdin", "filter"},
+                                  .input = pathspec(entry.path) + '\0'}),
+                      [&](std::string_view part) { parts.emplace_back(part); });
+            if (parts.size() == 3 && drivers.withoutSmudge.contains(parts[2]))
+                throw exception::OperationFailedError(
+                    file.toUtf8() + " needs the filter '" + toUtf8(toUString(parts[2])) +
+                    "', which only the repository itself names; if you trust it, put it into your "
+                    "own configuration with git config --global");
+        }
+        run.arguments = {"cat-file", "--filters", "--path=" + entry.path, entry.object};
+    }
     // Filtering holds the whole content in memory, however large the file is that was asked for.
-    const auto result =
-        m_git
-            .run({GitRun{
-                .arguments = std::move(arguments), .outputFile = file, .limitMemory = false}})
-            .front();
+    run.limitMemory = false;
+    const auto result = m_git.run({run}).front();
     if (result.exitCode != 0)
         throwGitFailure(m_git.repository().root(), "cat-file", result);
 }

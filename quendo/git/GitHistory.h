@@ -4,7 +4,9 @@
 #include "quendo/platform/Path.h"
 #include "quendo/platform/UString.h"
 
+#include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,6 +14,7 @@
 namespace quendo::git {
 
 class GitRunner;
+struct GitRun;
 
 /// Answers for a file's revisions through the user's git. Threads: used by one.
 class GitHistory {
@@ -25,10 +28,28 @@ public:
     void exportTo(const Path& target, const Path& file, const Revision& revision);
     ConflictRevisions conflictOf(const Path& file);
 
+    /// As RevisionContent has them.
+    std::optional<std::string> content(const Path& file, const UString& revision,
+                                       std::size_t limit);
+    std::optional<std::string> stagedContent(const Path& file, std::size_t limit);
+
 private:
+    /// What a commit or the index holds under a name.
+    struct Entry {
+        std::string mode; ///< of six digits
+        std::string object;
+        std::string path; ///< relative to the root; says which filters the content needs
+
+        bool isLink() const { return mode == "120000"; }
+        bool isFile() const { return mode.starts_with("100") || isLink(); }
+    };
+    std::optional<Entry> entryIn(const std::string& commit, const std::string& path);
+    std::optional<Entry> stagedEntry(const Path& file);
+    void printContent(const Entry& entry, const Path& file, GitRun run);
+    std::string contentOf(const Entry& entry, const Path& file, const std::string& where,
+                          std::size_t limit);
     void checkedMetadata() const;
     std::string pathspec(const std::string& relative) const;
-    void runInto(int file, std::vector<std::string> arguments);
     std::string relative(const Path& file) const;
     std::string resolve(std::string_view name, std::string_view shown);
     bool hasCommits();

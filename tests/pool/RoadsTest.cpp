@@ -1,3 +1,4 @@
+#include "quendo/adapter/BranchInformation.h"
 #include "quendo/cache/CMStatusCacheChanges.h"
 #include "quendo/change_detection/DisableChangeDetection.h"
 #include "quendo/platform/Executor.h"
@@ -120,6 +121,21 @@ TEST(Roads, LeadFromOperationsTheDiskAndForeignCommitsToTheCache) {
     for (const auto* file : {u"a", u"sub/b", u"new"})
         EXPECT_TRUE(followed.comes(file, LocalStatus::Unmodified));
     EXPECT_GT(road.windows, 0);
+}
+
+// The way through all layers to what Git's adapter offers beside the operations of every adapter.
+TEST(Roads, PassAQueryThatRuns) {
+    Road road;
+    const auto folder = road.filledFolder();
+    const auto* branches = std::any_cast<BranchInformation*>(
+        folder->getAdapter().getSubsystem(typeid(BranchInformation)));
+    road.query.isClosed = true;
+    const auto task = folder->getCache().refreshFolder(road.root);
+    test::within(road.query.arrived.get_future());
+    const auto state = branches->getBranchState();
+    road.query.opened.set_value();
+    task->wait();
+    EXPECT_EQ(toUtf8(state.commit) + "\n", road.sandbox.git({"rev-parse", "main"}));
 }
 
 // The first of two guards that goes turns detection on, for files and for the repository.

@@ -52,6 +52,18 @@ void refusedWhy() {
     }
 }
 
+/// Whether both name what is last in the history of the working copy that this runs in.
+bool hasSubsystems() {
+    const auto folder = quendo::getSingletonManagedFolderProvider().provideFor(
+        quendo::Path::fromNative(std::filesystem::current_path().native()));
+    auto& adapter = folder->getAdapter();
+    const auto branch = adapter.getSubsystem(typeid(quendo::BranchInformation));
+    const auto content = adapter.getSubsystem(typeid(quendo::RevisionContent));
+    const auto state = std::any_cast<quendo::BranchInformation*>(branch)->getBranchState();
+    return std::any_cast<quendo::RevisionContent*>(content)->getContent(
+               folder->getRootFolder() / u"same", state.commit, 4) == "one\n";
+}
+
 int main() {
     const auto badPath = [] { quendo::Path(std::u16string_view(u"a\0b", 3)); };
     const auto executor = quendo::createStrandExecutor("border");
@@ -63,7 +75,8 @@ int main() {
                             throws<quendo::ExecutorDeadlockError>(deadlock),
                             throws<shared_quendo::core::VFSChangeEventsError>(refused),
                             throws<quendo::platform::ChangeEventsSubscriptionException>(refusedWhy),
-                            std::holds_alternative<quendo::Git>(type)};
+                            std::holds_alternative<quendo::Git>(type),
+                            hasSubsystems()};
     for (const bool& result : results)
         std::cerr << "check " << &result - results << (result ? " holds\n" : " FAILED\n");
     return std::ranges::count(results, false) != 0;
