@@ -1,9 +1,5 @@
 #include "tests/integration/Scenarios.h"
-
-#include <algorithm>
-#include <cstring>
-#include <fstream>
-#include <stdexcept>
+#include "tests/support/Testing.h"
 
 namespace quendo::test {
 namespace {

@@ -1,11 +1,7 @@
 #pragma once
 
 #include "tests/support/GitSandbox.h"
-
-#include <map>
-#include <string>
-#include <string_view>
-#include <vector>
+#include "tests/support/Testing.h"
 
 namespace quendo::test {
 

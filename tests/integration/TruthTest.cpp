@@ -1,20 +1,12 @@
 #include "tests/integration/Scenarios.h"
+#include "tests/support/Testing.h"
 
 #include <boost/algorithm/hex.hpp>
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-
-#include <algorithm>
-#include <atomic>
-#include <cstdio>
-#include <set>
-#include <sstream>
-#include <thread>
 
 namespace quendo::test {
 namespace {
 
-namespace fs = std::filesystem;
 using nlohmann::json;
 using Words = std::vector<std::string>;
 

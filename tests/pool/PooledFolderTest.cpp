@@ -8,19 +8,11 @@
 #include "quendo/pool/PooledManagedFolder.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/HookedAdapter.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/SteppedDetection.h"
-#include "tests/support/TemporaryFolder.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "tests/support/Testing.h"
 
 namespace quendo {
 namespace {
-
-namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 /// A folder over an adapter without a disk; strands and events as the test says.
 class PooledFolderTest : public testing::Test {

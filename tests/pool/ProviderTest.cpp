@@ -13,24 +13,14 @@
 #include "quendo/pool/GetClients.h"
 #include "quendo/pool/ManagedFolder.h"
 #include "quendo/pool/ManagedFolderProvider.h"
-#include "tests/support/Deadline.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/FakeFolderWatcher.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TemporaryFolder.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "tests/support/Testing.h"
 
 namespace quendo {
 namespace {
 
-namespace fs = std::filesystem;
 using shared_quendo::core::VFSChangeEventsError;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Pair;
 
 /// Working copies "a" and "a/inner" of a made-up system, and a link to "a".
 class ProviderTest : public testing::Test {

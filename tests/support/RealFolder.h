@@ -3,50 +3,26 @@
 #include "quendo/adapter/CMAdapter.h"
 #include "quendo/adapter/CMInteractor.h"
 #include "quendo/cache/CMStatusCache.h"
+#include "quendo/factory/InjectedCMAdapterFactories.h"
 #include "quendo/git/GitAdapterFactory.h"
 #include "quendo/platform/ExecutorService.h"
+#include "quendo/platform/ScopeGuard.h"
 #include "quendo/platform/Services.h"
 #include "quendo/platform/standard/InotifyFolderWatcher.h"
 #include "quendo/platform/standard/SingleThreadExecutor.h"
 #include "quendo/platform/standard/StandardDelayedTaskService.h"
 #include "quendo/platform/standard/StrandPool.h"
 #include "quendo/pool/ManagedFolder.h"
-#include "tests/support/Deadline.h"
+#include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/GitSandbox.h"
 #include "tests/support/HookedAdapter.h"
 #include "tests/support/JoinedThreads.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <condition_variable>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <sys/wait.h>
-#include <utility>
-#include <vector>
+#include "tests/support/SteppedDetection.h"
+#include "tests/support/Testing.h"
 
 /// What tests of managed folders over real Git working copies and real threads share.
 namespace quendo::test {
-
-/// What the process holds: descriptors, watches of the kernel, child processes.
-inline std::vector<long> held() {
-    long watches = 0, descriptors = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
-        ++descriptors;
-        std::ifstream stream(entry.path());
-        for (std::string line; std::getline(stream, line);)
-            watches += line.starts_with("inotify ");
-    }
-    return {descriptors, watches, ::waitpid(-1, nullptr, WNOHANG)};
-}
 
 /// Holds up who passes first after it was closed.
 struct Gate {
@@ -195,6 +171,37 @@ struct FollowedFolder {
     const std::shared_ptr<ManagedFolder> folder;
     const Path root;
     CMStatusCache& cache;
+};
+
+/// A managed folder over a real Git working copy, by real events. All it does runs on the test's
+/// thread, when the test says so.
+struct SteppedFolder {
+    explicit SteppedFolder(const GitSandbox& sandbox,
+                           std::shared_ptr<platform::FolderWatcher> watcher = nullptr)
+        : detection(std::move(watcher)),
+          followed(provider->provideFor(Path::fromNative(sandbox.work().native()))) {
+        followed.cache.refreshFolder(followed.root);
+        settle();
+    }
+    /// All that has happened was answered.
+    /// @return the notices of foreign changes
+    int settle() {
+        for (int quiet = 0, before = 0; quiet < 2; before = queries)
+            quiet = detection.endWindows() != 0 || queries != before ? 0 : quiet + 1;
+        return followed.news->triggers.exchange(0);
+    }
+
+    int queries = 0;
+    const std::shared_ptr<HookedGitFactory> factory = [this] {
+        auto made = std::make_shared<HookedGitFactory>();
+        made->inQuery = [this](const Query&) { ++queries; };
+        return made;
+    }();
+    const scope_guard remove{getInjectedCMAdapterFactoriesInstance().inject(factory)};
+    SteppedDetection detection;
+    const std::unique_ptr<ManagedFolderProvider> provider =
+        createNewManagedFolderProviderInstance();
+    const FollowedFolder followed;
 };
 
 } // namespace quendo::test
