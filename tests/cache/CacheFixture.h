@@ -46,7 +46,7 @@ protected:
                     queries.back() += " " + nameOf(path);
                 inQuery();
             });
-        adapter = made;
+        cachedAdapter = made;
         return std::make_shared<JobCombiningCMStatusCache>(std::move(made), interactor);
     }
     void refresh(const std::string& folder) {
@@ -68,7 +68,7 @@ protected:
     const std::shared_ptr<Interactor> interactor = std::make_shared<Interactor>();
     std::vector<std::string> queries; ///< "files a b", "folder a", and "folder+ a" with the flag
     std::function<void()> inQuery = [] {};
-    std::weak_ptr<void> adapter; ///< of the cache made last
+    std::weak_ptr<void> cachedAdapter; ///< of the cache made last
     std::shared_ptr<JobCombiningCMStatusCache> cache = makeCache();
 };
 

@@ -132,7 +132,7 @@ TEST_F(FaultTest, StoppedOrDestroyedAnywhereLeavesNobodyWaiting) {
                 EXPECT_EQ(failureOf(task), nullptr);
             EXPECT_EQ(queries.size(), place == Queued ? 0U : 1U);
             if (destroy) {
-                EXPECT_TRUE(adapter.expired());
+                EXPECT_TRUE(cachedAdapter.expired());
                 EXPECT_EQ(notices.changed, place > Folders ? 1 : 0)
                     << "those who listen are left alone";
                 continue;

@@ -1,7 +1,11 @@
+#include "quendo/factory/InjectedCMAdapterFactories.h"
+#include "quendo/platform/ScopeGuard.h"
 #include "quendo/platform/standard/InotifyFolderWatcher.h"
+#include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/OwnNamespaces.h"
 #include "tests/support/RandomWork.h"
 #include "tests/support/RealFolder.h"
+#include "tests/support/SteppedDetection.h"
 
 #include <sys/stat.h>
 
@@ -28,9 +32,38 @@ std::string differences(const std::map<Path, FileState>& cached,
     return text;
 }
 
+/// A managed folder over a real Git working copy, by real events. All it does runs on the test's
+/// thread, when the test says so.
+struct SteppedFolder {
+    explicit SteppedFolder(const test::GitSandbox& sandbox,
+                           std::shared_ptr<platform::FolderWatcher> watcher = nullptr)
+        : detection(std::move(watcher)),
+          followed(provider->provideFor(Path::fromNative(sandbox.work().native()))) {
+        followed.cache.refreshFolder(followed.root);
+        settle();
+    }
+    /// All that has happened was answered.
+    void settle() {
+        for (int quiet = 0, before = 0; quiet < 2; before = queries)
+            quiet = detection.endWindows() != 0 || queries != before ? 0 : quiet + 1;
+    }
+
+    int queries = 0;
+    const std::shared_ptr<test::HookedGitFactory> factory = [this] {
+        auto made = std::make_shared<test::HookedGitFactory>();
+        made->inQuery = [this](const test::Query&) { ++queries; };
+        return made;
+    }();
+    const scope_guard remove{getInjectedCMAdapterFactoriesInstance().inject(factory)};
+    test::SteppedDetection detection;
+    const std::unique_ptr<ManagedFolderProvider> provider =
+        createNewManagedFolderProviderInstance();
+    const test::FollowedFolder followed;
+};
+
 /// What is cached beside what a fresh query says, when all that has happened was answered. What is
 /// found by looking from time to time is waited for.
-std::string differencesInTheEnd(test::SteppedFolder& folder, bool isPolled) {
+std::string differencesInTheEnd(SteppedFolder& folder, bool isPolled) {
     for (;;) {
         folder.settle();
         auto text = differences(folder.followed.cached(), folder.followed.asked());
@@ -70,7 +103,7 @@ void follow(const Length& length, const Means& means) {
         sandbox.init();
         test::RandomWork work(sandbox, seed);
         work.act(30);
-        test::SteppedFolder folder(sandbox, means.makeWatcher());
+        SteppedFolder folder(sandbox, means.makeWatcher());
         for (unsigned done = 0; done < length.operations;) {
             const unsigned count = 1 + work.below(6);
             std::string script;

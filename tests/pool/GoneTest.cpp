@@ -1,4 +1,3 @@
-#include "quendo/platform/Executor.h"
 #include "quendo/platform/FolderExternalChangeDetector.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/OwnNamespaces.h"
@@ -163,56 +162,6 @@ TEST_F(GoneDeathTest, Unmounted) {
         ::umount2(copy.c_str(), MNT_DETACH);
         fs::remove_all(sandbox.root());
     });
-}
-
-class Missed : public testing::Test {
-protected:
-    int settle() { return folder.settle(); }
-    /// Adds "a" by what the adapter does then. Its listeners wait for the cache's strand, so it
-    /// runs on another thread. @return as settle()
-    int add(std::function<void()> adds) {
-        folder.factory->adds = std::move(adds);
-        bool hasEnded = false;
-        auto operation = test::onThread([&, strand = createStrandExecutor("end")] {
-            const scope_guard end([&] { strand->post([&] { hasEnded = true; }); });
-            followed.folder->getAdapter().addFiles({followed.root / u"a"});
-        });
-        while (!hasEnded && folder.detection.awaitTask())
-            folder.detection.runStrands();
-        test::within(std::move(operation));
-        return settle();
-    }
-
-    test::GitSandbox sandbox;
-    test::SteppedFolder folder{(test::makeRepository(sandbox), sandbox)};
-    const test::FollowedFolder& followed = folder.followed;
-};
-
-TEST_F(Missed, NothingOfWhatOthersDoAroundAnOperation) {
-    for (int i = 0; i < (test::isLong ? 20 : 3); ++i) {
-        SCOPED_TRACE(i);
-        const auto text = std::to_string(i);
-        test::writeFile(sandbox.work() / "a", "added " + text);
-        settle();
-        const auto addAndChange = [&] {
-            sandbox.git({"add", "a"});
-            test::writeFile(sandbox.work() / "sub/b", "foreign " + text);
-        };
-        EXPECT_EQ(add(addAndChange), 0);
-        EXPECT_TRUE(followed.has(u"sub/b", LocalStatus::Modified));
-
-        // Somebody commits just before an operation.
-        sandbox.commitAll(text);
-        EXPECT_EQ(add([&] { sandbox.git({"update-index", "--refresh"}); }), 1);
-        EXPECT_TRUE(followed.has(u"sub/b", LocalStatus::Unmodified));
-
-        // And just before all detection is turned off.
-        test::writeFile(sandbox.work() / "a", "committed " + text);
-        sandbox.commitAll(text);
-        followed.folder->disable();
-        EXPECT_EQ(settle(), 1);
-        EXPECT_EQ(followed.cached(), followed.asked());
-    }
 }
 
 } // namespace

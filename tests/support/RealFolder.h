@@ -3,22 +3,18 @@
 #include "quendo/adapter/CMAdapter.h"
 #include "quendo/adapter/CMInteractor.h"
 #include "quendo/cache/CMStatusCache.h"
-#include "quendo/factory/InjectedCMAdapterFactories.h"
 #include "quendo/git/GitAdapterFactory.h"
 #include "quendo/platform/ExecutorService.h"
-#include "quendo/platform/ScopeGuard.h"
 #include "quendo/platform/Services.h"
 #include "quendo/platform/standard/InotifyFolderWatcher.h"
 #include "quendo/platform/standard/SingleThreadExecutor.h"
 #include "quendo/platform/standard/StandardDelayedTaskService.h"
 #include "quendo/platform/standard/StrandPool.h"
 #include "quendo/pool/ManagedFolder.h"
-#include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/GitSandbox.h"
 #include "tests/support/HookedAdapter.h"
 #include "tests/support/JoinedThreads.h"
-#include "tests/support/SteppedDetection.h"
 #include "tests/support/Testing.h"
 
 /// What tests of managed folders over real Git working copies and real threads share.
@@ -140,8 +136,6 @@ struct FollowedFolder {
             const std::lock_guard lock(news->mutex);
             news->came.notify_all();
         });
-        folder->getCMInteractor().getStatusDispatcher().connect(
-            [news = news] { ++news->triggers; });
     }
 
     std::map<Path, FileState> cached() const {
@@ -165,43 +159,11 @@ struct FollowedFolder {
     struct News {
         std::mutex mutex;
         std::condition_variable came;
-        std::atomic<int> triggers = 0; ///< that states should be fetched anew
     };
     const std::shared_ptr<News> news = std::make_shared<News>();
     const std::shared_ptr<ManagedFolder> folder;
     const Path root;
     CMStatusCache& cache;
-};
-
-/// A managed folder over a real Git working copy, by real events. All it does runs on the test's
-/// thread, when the test says so.
-struct SteppedFolder {
-    explicit SteppedFolder(const GitSandbox& sandbox,
-                           std::shared_ptr<platform::FolderWatcher> watcher = nullptr)
-        : detection(std::move(watcher)),
-          followed(provider->provideFor(Path::fromNative(sandbox.work().native()))) {
-        followed.cache.refreshFolder(followed.root);
-        settle();
-    }
-    /// All that has happened was answered.
-    /// @return the notices of foreign changes
-    int settle() {
-        for (int quiet = 0, before = 0; quiet < 2; before = queries)
-            quiet = detection.endWindows() != 0 || queries != before ? 0 : quiet + 1;
-        return followed.news->triggers.exchange(0);
-    }
-
-    int queries = 0;
-    const std::shared_ptr<HookedGitFactory> factory = [this] {
-        auto made = std::make_shared<HookedGitFactory>();
-        made->inQuery = [this](const Query&) { ++queries; };
-        return made;
-    }();
-    const scope_guard remove{getInjectedCMAdapterFactoriesInstance().inject(factory)};
-    SteppedDetection detection;
-    const std::unique_ptr<ManagedFolderProvider> provider =
-        createNewManagedFolderProviderInstance();
-    const FollowedFolder followed;
 };
 
 } // namespace quendo::test
