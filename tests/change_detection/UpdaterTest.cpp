@@ -5,7 +5,7 @@
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
 #include "quendo/platform/InstallationService.h"
 #include "tests/support/FakeFolderWatcher.h"
-#include "tests/support/MemoryAdapter.h"
+#include "tests/support/HookedAdapter.h"
 #include "tests/support/SteppedDetection.h"
 #include "tests/support/Testing.h"
 
@@ -166,7 +166,9 @@ TEST_F(UpdaterTest, ManyFoldersAreOneQuery) {
 }
 
 TEST_F(UpdaterTest, LooksBelowTheRootWhenTheFirstQueryHasEnded) {
-    std::filesystem::create_directories(folder.path() / "a/empty");
+    fs::create_directories(folder.path() / "a/empty");
+    fs::create_directory(folder.path() / "no");
+    watcher->refused = at("no"); // which keeps it from nothing else
     const auto copy = std::make_shared<test::MemoryWorkingCopy>(root);
     const std::shared_ptr<CMAdapter> adapter = test::makeMemoryAdapter(copy);
     const auto real = createJobCombiningCache(adapter, std::make_shared<CMApplicationInteractor>());
@@ -179,6 +181,37 @@ TEST_F(UpdaterTest, LooksBelowTheRootWhenTheFirstQueryHasEnded) {
     updater.emplace(real, *adapter); // on a cache that was asked
     detection.runStrands();
     EXPECT_THAT(watched(), ElementsAre(".", "a", "a/empty"));
+}
+
+TEST_F(UpdaterTest, LooksAtEveryAnswerAndSpoilsNoRefresh) {
+    std::vector<std::string> queries;
+    const auto copy = std::make_shared<test::MemoryWorkingCopy>(root);
+    for (const auto* name : {"a/1", "b"})
+        copy->set(at(name), LocalStatus::NotUnderSourceControl);
+    const auto adapter = std::make_shared<test::HookedAdapter>(
+        test::makeMemoryAdapter(copy), [&](const test::Query& query) {
+            queries.push_back(query.paths[0].lexicallyRelative(root).toUtf8());
+        });
+    const auto real = createJobCombiningCache(adapter, std::make_shared<CMApplicationInteractor>());
+    real->setFolderStatusFlag(true);
+    updater.emplace(real, *adapter);
+    real->refreshFolder(root);
+    detection.runStrands();
+    queries.clear();
+    // What it asked for is joined with what somebody cancels, and comes with what it asks for next.
+    watcher->tell(Kind::Appeared, at("a/x"));
+    detection.strand().runOne();
+    real->refreshCMStatuses({at("b")})->cancel();
+    detection.runStrands();
+    watcher->tell(Kind::Changed, at("b"));
+    detection.runStrands();
+    EXPECT_THAT(queries, ElementsAre("b", "a/x", "a"));
+
+    copy->set(at("b"), LocalStatus::Ignored);
+    const auto task = real->refreshFolder(root);
+    detection.strand().refuse(true);
+    detection.runStrands();
+    EXPECT_NO_THROW(task->wait());
 }
 
 TEST_F(UpdaterTest, WatchesNoInstallationAndRemembersARefusedRoot) {
