@@ -6,6 +6,7 @@
 #include "quendo/platform/ChangeEventsSubscriptionException.h"
 #include "quendo/platform/HostArray.h"
 #include "quendo/platform/Services.h"
+#include "quendo/platform/UuidGenerator.h"
 #include "quendo/platform/standard/StandardSettingsService.h"
 #include "quendo/pool/ClientRegisteredManagedFolder.h"
 #include "quendo/pool/FaultyFolder.h"
@@ -175,6 +176,27 @@ TEST_F(ProviderTest, RecordsFaultsAndTriesAgain) {
 
     factory->canManageHook = [](const Path&) -> bool { throw 7; };
     EXPECT_EQ(provider->provideFor(at("a")), nullptr);
+}
+
+TEST_F(ProviderTest, ListsFaultsThatAreRecordedAtTheSameTime) {
+    struct Uuids : platform::UuidGenerator {
+        std::string generate() override {
+            std::exchange(beforeFirst, [] {})();
+            return "one";
+        }
+        std::function<void()> beforeFirst;
+    };
+    factory->createHook = [](const Path&) { return nullptr; };
+    platform::Services services;
+    services.factorySources = std::make_shared<test::FakeSources>(
+        std::vector<std::shared_ptr<CMAdapterFactory>>{factory});
+    const auto uuids = std::make_shared<Uuids>();
+    services.uuids = uuids;
+    const auto own = createNewManagedFolderProviderInstance(services);
+    std::shared_ptr<FaultyFolder> inner;
+    uuids->beforeFirst = [&] { inner = own->provideFaultyFor(at("a/inner")); };
+    const auto outer = own->provideFaultyFor(at("a"));
+    EXPECT_THAT(own->getFaultyFolders(), testing::UnorderedElementsAre(inner, outer));
 }
 
 TEST(FaultyFolder, TellsItsRecordOnceThatItGoes) {
