@@ -159,7 +159,7 @@ TEST(UpdateResponses, WaitForNothingThatNobodyNeedsAndLetTheCacheGo) {
     EXPECT_THAT(queries, ElementsAre("/r/a", "/r/b", "/r/a"));
     const std::weak_ptr<JobCombiningCMStatusCache> lives = cache;
     cache.reset();
-    EXPECT_TRUE(lives.expired());
+    ASSERT_TRUE(lives.expired());
     full();
     nonBlocking();
     ofFiles({a});
