@@ -116,6 +116,18 @@ std::vector<DirectoryEntry> list(const Path& folder) {
     return entries;
 }
 
+/// `slot`, whose failures are not those of the refresh that it is told of.
+template <class Slot>
+auto logging(Slot slot) {
+    return [slot = std::move(slot)](const auto&... arguments) {
+        try {
+            slot(arguments...);
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+        }
+    };
+}
+
 struct CacheUpdateInfo {
     Path root;
     std::set<UString> metadataFileNames;
@@ -203,24 +215,21 @@ public:
         }
         const auto weak = weak_from_this();
         if (m_info->folders != nullptr)
-            m_finishedConnection =
-                m_info->cache->connectTasksFinished([weak](const CMStatusCache::Tasks& tasks) {
+            m_finishedConnection = m_info->cache->connectTasksFinished(
+                logging([weak](const CMStatusCache::Tasks& tasks) {
                     if (const auto self = weak.lock())
                         self->lookAtAnswered(tasks);
-                });
+                }));
         if (auto* changes = dynamic_cast<CMStatusCacheChanges*>(m_info->cache.get()))
-            m_changesConnection = changes->connectChanges([weak](const StatusChanges& changed) {
-                if (const auto self = weak.lock())
-                    self->lookAtChanges(changed);
-            });
-        m_cacheConnection = m_info->cache->connectCacheChanged([weak] {
-            try {
-                if (const auto self = weak.lock())
-                    self->refresh();
-            } catch (...) {
-                QUENDO_LOG_CAUGHT_EXCEPTION();
-            }
-        });
+            m_changesConnection =
+                changes->connectChanges(logging([weak](const StatusChanges& changed) {
+                    if (const auto self = weak.lock())
+                        self->lookAtChanges(changed);
+                }));
+        m_cacheConnection = m_info->cache->connectCacheChanged(logging([weak] {
+            if (const auto self = weak.lock())
+                self->refresh();
+        }));
         refresh();
     }
 
@@ -395,7 +404,7 @@ private:
         const auto& root = m_info->root;
         if (kind == StorageEventKind::ContentsUnknown && root.isBelow(path))
             return respond(kind, root);
-        if (path != root && !path.isBelow(root))
+        if (path != root && (!path.isBelow(root) || m_info->isForbidden(path)))
             return;
         if (kind == StorageEventKind::ContentsUnknown) {
             const auto around = m_info->folders != nullptr ? m_info->outermostUnsure(path) : Path();
@@ -417,9 +426,7 @@ private:
         }
         // The task may have finished before it is noted: then its notice waits here.
         const std::lock_guard lock(m_askedMutex);
-        auto task = m_info->cache->refreshCMStatuses(paths);
-        const auto* key = task.get();
-        m_asked.insert_or_assign(key, Asked{std::move(task), kind, paths});
+        m_asked.push_back({m_info->cache->refreshCMStatuses(paths), kind, paths});
     }
 
     /// On the cache's strand: what was ignored, or another's, and is not so any more, was not
@@ -482,11 +489,15 @@ private:
         }
         std::vector<Asked> answered;
         {
+            // Tasks end in the order in which they were asked for. What ended untold before these,
+            // cancelled with what somebody else had asked for, has been asked for again by now.
+            const std::set<std::shared_ptr<CacheTask>> finished(tasks.begin(), tasks.end());
             const std::lock_guard lock(m_askedMutex);
-            for (const auto& task : tasks) {
-                if (auto node = m_asked.extract(task.get()))
-                    answered.push_back(std::move(node.mapped()));
-            }
+            const auto last = std::find_if(m_asked.rbegin(), m_asked.rend(), [&](const auto& each) {
+                return finished.contains(each.task);
+            });
+            std::move(m_asked.begin(), last.base(), std::back_inserter(answered));
+            m_asked.erase(m_asked.begin(), last.base());
         }
         if (answered.empty())
             return;
@@ -582,7 +593,12 @@ private:
             return false;
         if (!m_info->ignoredAround(path).empty())
             return false;
-        add(path, WithRecursiveChangeEvents::NonRecursive, m_bareWatches);
+        try {
+            add(path, WithRecursiveChangeEvents::NonRecursive, m_bareWatches);
+        } catch (const platform::ChangeEventsSubscriptionException&) {
+            QUENDO_LOG_CAUGHT_EXCEPTION(); // the folders beside it are watched all the same
+            return false;
+        }
         return true;
     }
 
@@ -670,8 +686,8 @@ private:
 
     std::set<Path> m_unfresh; ///< to be refreshed; on the strand only
 
-    std::mutex m_askedMutex;                   ///< not held together with m_lock
-    std::map<const CacheTask*, Asked> m_asked; ///< guarded by m_askedMutex
+    std::mutex m_askedMutex;    ///< not held together with m_lock
+    std::vector<Asked> m_asked; ///< as they were asked for; guarded by m_askedMutex
 };
 
 VFSFileChangeCacheUpdater::VFSFileChangeCacheUpdater(std::shared_ptr<CMStatusCache> cache,

@@ -224,7 +224,9 @@ private:
             const auto hold = m_lock.write();
             std::erase_if(m_faults, [&](const auto& entry) {
                 auto faults = entry.second->getFaults();
-                const bool isDone = faults.empty() && entry.first != location.root;
+                // Who has taken a record out, as below, adds a fault to it in a moment.
+                const bool isDone =
+                    faults.empty() && entry.first != location.root && entry.second.use_count() == 1;
                 std::ranges::move(faults, std::back_inserter(kept));
                 return isDone;
             });

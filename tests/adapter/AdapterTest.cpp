@@ -1,12 +1,9 @@
 #include "quendo/adapter/CMAdapterDecorator.h"
 #include "quendo/adapter/CredentialProvider.h"
 #include "quendo/exception/AdapterErrors.h"
-#include "tests/support/Deadline.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/Testing.h"
 
 #include <any>
-#include <sstream>
 
 namespace quendo {
 namespace {

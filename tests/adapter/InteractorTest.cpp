@@ -1,6 +1,5 @@
 #include "quendo/adapter/CMApplicationInteractor.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/Testing.h"
 
 #include <boost/signals2/signal.hpp>
 

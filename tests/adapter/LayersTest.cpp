@@ -4,50 +4,27 @@
 #include "quendo/adapter/SingleThreadedCMAdapter.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/platform/Executor.h"
-#include "tests/support/Deadline.h"
+#include "tests/support/HookedAdapter.h"
 #include "tests/support/ScriptedAdapter.h"
-#include "tests/support/TemporaryFolder.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <filesystem>
-#include <functional>
-#include <stdexcept>
-#include <string>
+#include "tests/support/Testing.h"
 
 namespace quendo {
 namespace {
 
-using testing::ElementsAre;
+using Called = std::function<void(const std::string&)>;
 
-/// Calls back for every operation that the layers change; does nothing else.
-class Probe : public CMAdapterDecorator {
+/// Calls back for what the layers change; moves files, and does nothing else.
+class Probe : public test::NotingAdapter {
 public:
-    Probe(std::unique_ptr<CMAdapter> adapter, std::function<void(const std::string&)> called)
-        : CMAdapterDecorator(std::move(adapter)), m_called(std::move(called)) {}
+    Probe(std::unique_ptr<CMAdapter> adapter, Called called)
+        : NotingAdapter(std::move(adapter),
+                        [called](const std::string& operation, const Paths& paths) {
+                            called(operation);
+                            if (operation == "moveFile")
+                                fs::rename(paths[0].toNative(), paths[1].toNative());
+                        }),
+          m_called(std::move(called)) {}
 
-    void checkin(const Path&, const UString&) const override { m_called("checkin"); }
-    void checkin(const std::vector<Path>&, const UString&) const override { m_called("checkins"); }
-    void addFiles(const std::vector<Path>&) const override { m_called("add"); }
-    void removeFiles(const std::vector<Path>&) const override { m_called("remove"); }
-    void moveFile(const Path& from, const Path& to) const override {
-        m_called("move");
-        std::filesystem::rename(from.toNative(), to.toNative());
-    }
-    void uncheckout(const std::vector<Path>&) const override { m_called("uncheckout"); }
-    void discardChanges() const override { m_called("discard"); }
-    void checkout(const std::vector<Path>&) const override { m_called("checkout"); }
-    void resolveConflict(const Path&) const override { m_called("resolve"); }
-    std::map<Path, FileState> getStatus(const std::vector<Path>& files) const override {
-        m_called("statuses");
-        return CMAdapterDecorator::getStatus(files);
-    }
-    std::map<Path, FileState> getStatus(const Path& path, bool flag) const override {
-        m_called("status");
-        return CMAdapterDecorator::getStatus(path, flag);
-    }
     std::vector<std::unique_ptr<Revision>>
     listRevisions(const Path&,
                   std::optional<std::reference_wrapper<const Revision>>) const override {
@@ -60,17 +37,21 @@ public:
     }
 
 private:
-    std::function<void(const std::string&)> m_called;
+    const Called m_called;
 };
 
 class LayersTest : public testing::Test {
 protected:
-    std::unique_ptr<CMAdapter> probe(std::function<void(const std::string&)> called) {
+    std::unique_ptr<CMAdapter> probe(const Called& called) {
         test::writeFile(folder.path() / ".fake/format", "1");
         return std::make_unique<Probe>(
-            test::ScriptedAdapterFactory().createAdapter(
-                folder.quendoPath(), std::make_shared<CMApplicationInteractor>()),
-            std::move(called));
+            std::make_unique<test::HookedAdapter>(
+                test::ScriptedAdapterFactory().createAdapter(
+                    folder.quendoPath(), std::make_shared<CMApplicationInteractor>()),
+                [called](const test::Query& query) {
+                    called(query.ofFolder ? "folder" : "files");
+                }),
+            called);
     }
 
     test::TemporaryFolder folder;
@@ -100,8 +81,9 @@ TEST_F(LayersTest, OneThreadRunsWhatTouchesTheWorkingCopyAndNothingElse) {
     EXPECT_EQ(adapter.getStatus(folder.quendoPath(), true).count(other), 1U);
     adapter.listRevisions(file, std::nullopt);
     adapter.getCurrentRevision(file);
-    EXPECT_EQ(queued, "checkin checkins add remove move uncheckout resolve statuses status list ");
-    EXPECT_EQ(direct, "discard checkout current ");
+    EXPECT_EQ(queued, "checkin checkins addFiles removeFiles moveFile uncheckout "
+                      "resolveConflict files folder list ");
+    EXPECT_EQ(direct, "discardChanges checkout current ");
     EXPECT_THROW(executor->runSyncTask([&] { adapter.addFiles(files); }), ExecutorDeadlockError);
 
     // What the caller works for goes along: the query of a cancelled refresh does not begin.
@@ -162,23 +144,26 @@ TEST_F(LayersTest, TellsWhatWasChangedAfterItSucceeded) {
     };
     EXPECT_THAT(told([&] { adapter.checkin(file, u""); }), ElementsAre("checkin", "update"));
     EXPECT_THAT(told([&] { adapter.checkin(files, u""); }), ElementsAre("checkins", "update"));
-    EXPECT_THAT(told([&] { adapter.addFiles(files); }), ElementsAre("add", "files file other"));
-    EXPECT_THAT(told([&] { adapter.addFiles({}); }), ElementsAre("add", "files"));
-    EXPECT_THAT(told([&] { adapter.removeFiles({file}); }), ElementsAre("remove", "files file"));
+    EXPECT_THAT(told([&] { adapter.addFiles(files); }),
+                ElementsAre("addFiles", "files file other"));
+    EXPECT_THAT(told([&] { adapter.addFiles({}); }), ElementsAre("addFiles", "files"));
+    EXPECT_THAT(told([&] { adapter.removeFiles({file}); }),
+                ElementsAre("removeFiles", "files file"));
     EXPECT_THAT(told([&] { adapter.uncheckout({file}); }), ElementsAre("uncheckout", "files file"));
     EXPECT_THAT(told([&] { adapter.checkout({file}); }), ElementsAre("checkout", "files file"));
-    EXPECT_THAT(told([&] { adapter.resolveConflict(file); }), ElementsAre("resolve", "files file"));
-    EXPECT_THAT(told([&] { adapter.discardChanges(); }), ElementsAre("discard"));
-    EXPECT_THAT(told([&] { adapter.getStatus(files); }), ElementsAre("statuses"));
+    EXPECT_THAT(told([&] { adapter.resolveConflict(file); }),
+                ElementsAre("resolveConflict", "files file"));
+    EXPECT_THAT(told([&] { adapter.discardChanges(); }), ElementsAre("discardChanges"));
+    EXPECT_THAT(told([&] { adapter.getStatus(files); }), ElementsAre("files"));
 
     // What the source is is asked before it has gone; a link to a folder counts as one.
     test::writeFile(file.toNative(), "");
     EXPECT_THAT(told([&] { adapter.moveFile(file, other); }),
-                ElementsAre("move", "files file other"));
-    std::filesystem::remove(other.toNative());
-    std::filesystem::create_directory(file.toNative());
+                ElementsAre("moveFile", "files file other"));
+    fs::remove(other.toNative());
+    fs::create_directory(file.toNative());
     EXPECT_THAT(told([&] { adapter.moveFile(file, other); }),
-                ElementsAre("move", "folders file other"));
+                ElementsAre("moveFile", "folders file other"));
 
     fail = true;
     EXPECT_THAT(told([&] { EXPECT_THROW(adapter.removeFiles(files), std::out_of_range); }),
@@ -190,7 +175,7 @@ TEST_F(LayersTest, TellsWhatWasChangedAfterItSucceeded) {
     adapter.addStatusListener([](const std::vector<Path>&) { throw std::domain_error("mine"); });
     adapter.addStatusListener(note("behind"));
     EXPECT_THAT(told([&] { EXPECT_THROW(adapter.addFiles(files), std::domain_error); }),
-                ElementsAre("add"));
+                ElementsAre("addFiles"));
 }
 
 } // namespace

@@ -2,16 +2,9 @@
 
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/cache/JobCombiningCMStatusCache.h"
-#include "tests/support/Deadline.h"
 #include "tests/support/HookedAdapter.h"
-#include "tests/support/MemoryAdapter.h"
-#include "tests/support/SteppedExecutors.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <string>
+#include "tests/support/SteppedDetection.h"
+#include "tests/support/Testing.h"
 
 namespace quendo {
 
@@ -45,13 +38,24 @@ protected:
         while (executors.strand().runOne()) {
         }
     }
+    std::shared_ptr<JobCombiningCMStatusCache> makeCache() {
+        auto made = std::make_shared<test::HookedAdapter>(
+            test::makeMemoryAdapter(copy), [this](const test::Query& query) {
+                queries.push_back(!query.ofFolder ? "files" : query.flag ? "folder+" : "folder");
+                for (const auto& path : query.paths)
+                    queries.back() += " " + nameOf(path);
+                inQuery();
+            });
+        cachedAdapter = made;
+        return std::make_shared<JobCombiningCMStatusCache>(std::move(made), interactor);
+    }
     void refresh(const std::string& folder) {
         const auto task = cache->refreshFolder(at(folder));
         drain();
         task->wait();
     }
 
-    test::SteppedExecutors executors;
+    test::SteppedDetection executors;
     const std::shared_ptr<test::MemoryWorkingCopy> copy =
         std::make_shared<test::MemoryWorkingCopy>(Path(u"/r/copy"));
     struct Interactor : CMApplicationInteractor {
@@ -64,16 +68,8 @@ protected:
     const std::shared_ptr<Interactor> interactor = std::make_shared<Interactor>();
     std::vector<std::string> queries; ///< "files a b", "folder a", and "folder+ a" with the flag
     std::function<void()> inQuery = [] {};
-    std::shared_ptr<JobCombiningCMStatusCache> cache = std::make_shared<JobCombiningCMStatusCache>(
-        std::make_shared<test::HookedAdapter>(
-            test::makeMemoryAdapter(copy),
-            [this](const test::Query& query) {
-                queries.push_back(!query.ofFolder ? "files" : query.flag ? "folder+" : "folder");
-                for (const auto& path : query.paths)
-                    queries.back() += " " + nameOf(path);
-                inQuery();
-            }),
-        interactor);
+    std::weak_ptr<void> cachedAdapter; ///< of the cache made last
+    std::shared_ptr<JobCombiningCMStatusCache> cache = makeCache();
 };
 
 } // namespace quendo

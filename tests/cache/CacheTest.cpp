@@ -2,18 +2,11 @@
 #include "quendo/cache/Stoppable.h"
 #include "quendo/platform/Executor.h"
 #include "tests/cache/CacheFixture.h"
-#include "tests/contract/GitSubject.h"
-#include "tests/contract/ScriptedSubject.h"
-#include "tests/support/GitSandbox.h"
-#include "tests/support/LogCapture.h"
 
 namespace quendo {
 namespace {
 
 using enum LocalStatus;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 
 class CacheTest : public CacheFixture {};
 
@@ -168,26 +161,6 @@ TEST_F(CacheTest, TellsEachStepInOrderOnTheStrand) {
                                   "changed", "finished"));
 }
 
-TEST_F(CacheTest, CountsWhatLiesInFolders) {
-    set("a/b/1", Modified);
-    set("a/b/2", Modified);
-    set("a/c");
-    refresh(".");
-    EXPECT_EQ(cache->getFolderSummary(at("a")).direct[Unmodified], 1U);
-    EXPECT_EQ(cache->getFolderSummary(at("a")).below[Modified], 2U);
-    EXPECT_EQ(cache->getFolderSummary(at("a/b")).direct[Modified], 2U);
-    EXPECT_EQ(cache->getFolderSummary(at("z")), FolderSummary());
-    EXPECT_THAT(cache->getFolders(), UnorderedElementsAre(at("a"), at("a/b")));
-    const auto listing = cache->listStatuses(at("a/b"));
-    EXPECT_EQ(listing.states.size(), 2U);
-    const auto version = cache->getFolderSetVersion();
-    set("a/b/3", Conflicted);
-    refresh("a/b");
-    EXPECT_EQ(cache->getFolderSetVersion(), version);
-    EXPECT_GT(cache->listStatuses(at("a/b")).version, listing.version);
-    EXPECT_EQ(cache->getFolderSummary(copy->root).below.total(), 4U);
-}
-
 TEST_F(CacheTest, TellsHowFreshAStateIs) {
     using enum Freshness::Refresh;
     const auto state = [&](const std::string& name) { return cache->getFreshness(at(name)); };
@@ -241,42 +214,22 @@ TEST_F(CacheTest, TellsHowFreshAStateIs) {
 
 TEST_F(CacheTest, RefusesToWaitWhereItWouldWaitForItself) {
     const auto task = cache->refreshFolder(at("a"));
-    executors.sourceControl().post([&] { EXPECT_THROW(task->wait(), ExecutorDeadlockError); });
-    executors.sourceControl().runOne();
+    getSourceControlExecutor()->post([&] { EXPECT_THROW(task->wait(), ExecutorDeadlockError); });
     boost::signals2::scoped_connection connection = cache->connectCacheChanged([&] {
         connection.disconnect();
         EXPECT_THROW(cache->refreshAll(), ExecutorDeadlockError);
         EXPECT_THROW(task->wait(), ExecutorDeadlockError);
     });
     drain();
-    executors.sourceControl().post([&] { task->wait(); }); // it has ended
-    executors.sourceControl().runOne();
+    getSourceControlExecutor()->post([&] { task->wait(); }); // it has ended
 }
 
-// With the cache's last reference gone, in the middle or before: waiters wake, listeners are left
-// in peace, and the interfaces are found by a cast.
-TEST_F(CacheTest, GoesInTheMiddleOfAJob) {
-    std::shared_ptr<CMStatusCache> base = createJobCombiningCache(
-        std::make_shared<test::HookedAdapter>(test::makeMemoryAdapter(copy),
-                                              [&](const test::Query&) { inQuery(); }),
-        interactor);
+TEST_F(CacheTest, ShowsItsInterfacesByACast) {
+    const auto base = createJobCombiningCache(test::makeMemoryAdapter(copy), interactor);
     EXPECT_NE(dynamic_cast<Stoppable*>(base.get()), nullptr);
     EXPECT_NE(dynamic_cast<CMStatusCacheChanges*>(base.get()), nullptr);
     EXPECT_NE(dynamic_cast<CMStatusCacheFolders*>(base.get()), nullptr);
     EXPECT_NE(dynamic_cast<CMStatusCacheFreshness*>(base.get()), nullptr);
-    int told = 0;
-    base->connectTasksStarted([&](const auto&) { ++told; });
-    base->connectCacheChanged([&] { ++told; });
-    base->connectTasksFinished([&](const auto&) { ++told; });
-    const auto running = base->refreshFolder(at("a"));
-    const auto queued = base->refreshFolder(at("b"));
-    inQuery = [&] {
-        base.reset();
-        queued->wait();
-    };
-    drain();
-    running->wait();
-    EXPECT_EQ(told, 1);
     EXPECT_THROW(createJobCombiningCache(nullptr, interactor), std::invalid_argument);
     EXPECT_THROW(createJobCombiningCache(test::makeMemoryAdapter(copy), nullptr),
                  std::invalid_argument);
@@ -305,59 +258,6 @@ TEST(CacheBarrier, SettlesOnce) {
     EXPECT_THROW(failed.wait(), std::out_of_range);
     EXPECT_THROW(failed.wait(), std::out_of_range);
 }
-
-/// The cache over real adapters, on the real executors.
-class CacheOverAdapter : public testing::TestWithParam<test::ContractSubject (*)()> {};
-
-TEST_P(CacheOverAdapter, AgreesWithTheAdapterAfterEveryRefresh) {
-    test::GitSandbox sandbox;
-    sandbox.enterEnvironment();
-    const auto subject = GetParam()();
-    const auto run = [&](const std::string& script) {
-        const auto result = sandbox.run({"sh", "-euc", subject.script + script}, sandbox.work());
-        ASSERT_EQ(result.exitCode, 0) << result.errors;
-    };
-    std::filesystem::create_directories(sandbox.work());
-    run("create; mkdir -p a/b; echo 1 > a/1; echo 2 > a/b/2; echo 3 > a-3; commit first");
-
-    const auto root = Path::fromNative(sandbox.work().native());
-    const auto interactor = std::make_shared<CMApplicationInteractor>();
-    const std::shared_ptr<CMAdapter> adapter = subject.factory()->createAdapter(root, interactor);
-    const auto cache = createJobCombiningCache(adapter, interactor);
-    cache->setFolderStatusFlag(true);
-    const auto agree = [&] {
-        std::map<Path, FileState> states;
-        for (const auto& path : cache->getCachedFiles())
-            states.emplace(path, cache->getCachedStatus(path).value());
-        EXPECT_EQ(states, adapter->getStatus(root, true));
-    };
-    cache->refreshAll();
-    agree();
-    EXPECT_THAT(cache->getModifiedFiles(), IsEmpty());
-
-    run("echo changed > a/b/2; echo 4 > a/4; add a/4; echo 5 > 5; rm a-3");
-    cache
-        ->refreshCMStatuses(
-            {root.child("a/b/2"), root.child("a/4"), root.child("5"), root.child("a-3")})
-        ->wait();
-    agree();
-    EXPECT_EQ(cache->getModifiedFiles().size(), 3U);
-
-    run("rm -r a; mkdir new; echo 6 > new/6; rm 5");
-    cache->refreshFolder(root.child("a"))->wait();
-    cache->refreshFolder(root.child("new"))->wait();
-    cache->refreshCMStatuses({root.child("5")})->wait();
-    agree();
-
-    run("echo 1 > a-3; commit second");
-    cache->refreshAll();
-    agree();
-}
-
-INSTANTIATE_TEST_SUITE_P(Cache, CacheOverAdapter,
-                         testing::Values([] { return test::scriptedSubject(); },
-                                         [] { return test::gitSubject(); }),
-                         [](const auto& value) { return value.index == 0 ? "Scripted" : "Git"; });
 
 } // namespace
 } // namespace quendo

@@ -1,20 +1,14 @@
 #include "quendo/adapter/FileState.h"
 #include "quendo/cache/TransactionalFileCache.h"
+#include "tests/cache/CheckedContents.h"
 #include "tests/support/Allocations.h"
-#include "tests/support/Deadline.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <random>
-#include <set>
+#include "tests/support/Testing.h"
 
 namespace quendo {
 namespace {
 
 using Store = TransactionalFileCache<FileState>;
-using States = std::map<Path, FileState>;
+using States = test::Contents;
 
 // Undoes what the standard library's hash (MurmurHash64A) does to a block of eight bytes, so that
 // names with one and the same hash can be made as an attacker would.
@@ -57,23 +51,6 @@ std::vector<Path> collidingPaths(std::size_t count) {
         }
     }
     return paths;
-}
-
-/// What the store says of folders, counted anew.
-void expectFoldersToAgree(const Store::Version& version, const States& states) {
-    std::map<Path, FolderSummary> expected;
-    for (const auto& [path, state] : states) {
-        ++expected[path.parentPath()].direct[state.getState()];
-        for (Path folder = path; !folder.empty();)
-            ++expected[folder = folder.parentPath()].below[state.getState()];
-    }
-    std::vector<Path> holding;
-    for (const auto& [folder, summary] : expected) {
-        EXPECT_EQ(version.summaryOf(folder), summary) << folder;
-        if (summary.direct.total() != 0)
-            holding.push_back(folder);
-    }
-    EXPECT_THAT(version.folders(), testing::UnorderedElementsAreArray(holding));
 }
 
 States contentsOf(const Store::Version& version, const Path& folder = {}) {
@@ -151,7 +128,9 @@ TEST(Store, DoesWhatAPlainMapDoes) {
             const auto version = store.version();
             ASSERT_EQ(contentsOf(version), model);
             ASSERT_EQ(version.size(), model.size());
-            expectFoldersToAgree(version, model);
+            test::expectFoldersOf(
+                model, [&](const Path& path) { return version.summaryOf(path); },
+                version.folders());
             EXPECT_EQ(version.folderSetNumber() != previous.folderSetNumber(),
                       foldersOf(version) != foldersOf(previous));
             const auto folder = anyPath();

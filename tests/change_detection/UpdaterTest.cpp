@@ -4,23 +4,17 @@
 #include "quendo/cache/JobCombiningCMStatusCache.h"
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
 #include "quendo/platform/InstallationService.h"
-#include "quendo/platform/standard/StandardEventMgr.h"
 #include "tests/support/FakeFolderWatcher.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/MemoryAdapter.h"
-#include "tests/support/SteppedExecutors.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/HookedAdapter.h"
+#include "tests/support/SteppedDetection.h"
+#include "tests/support/Testing.h"
 
 #include <boost/signals2/signal.hpp>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace quendo {
 namespace {
 
 using Kind = platform::FolderEvent::Kind;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 struct DoneTask : CacheTask {
     void wait() override {}
@@ -85,14 +79,6 @@ struct Installation : platform::InstallationService {
 /// By events that the test gives; on the strand when the test says so.
 class UpdaterTest : public testing::Test {
 protected:
-    struct Executors : platform::ExecutorService {
-        std::shared_ptr<test::SteppedExecutor> strand;
-        std::shared_ptr<Executor> getSourceControlExecutor() override { return nullptr; }
-        std::shared_ptr<Executor> createStrandExecutor(const std::string& name) override {
-            return strand = std::make_shared<test::SteppedExecutor>(name);
-        }
-    };
-
     Path at(const std::string& name) const { return name == "." ? root : root.child(name); }
     void start() {
         updater.emplace(cache,
@@ -100,8 +86,7 @@ protected:
     }
     std::vector<std::string> askedAfter(Kind kind, const std::string& name) {
         watcher->tell(kind, at(name));
-        while (executors->strand->runOne()) {
-        }
+        detection.runStrands();
         return std::exchange(cache->asked, {});
     }
     std::vector<std::string> watched() const {
@@ -121,26 +106,15 @@ protected:
     const Path root = folder.quendoPath();
     const std::shared_ptr<test::FakeFolderWatcher> watcher =
         std::make_shared<test::FakeFolderWatcher>();
-    const std::shared_ptr<platform::StandardEventMgr> events =
-        std::make_shared<platform::StandardEventMgr>(watcher);
-    const std::shared_ptr<Executors> executors = std::make_shared<Executors>();
     const std::shared_ptr<Installation> installation = std::make_shared<Installation>();
-    const platform::ScopedServices scoped{[this] {
-        platform::Services services;
-        services.folderWatcher = watcher;
-        services.events = events;
-        services.fileSystem = events;
-        services.executors = executors;
-        services.installation = installation;
-        return services;
-    }()};
+    test::SteppedDetection detection{watcher, installation};
     std::shared_ptr<PlainCache> cache = std::make_shared<PlainCache>(root);
     std::optional<VFSFileChangeCacheUpdater> updater;
 };
 
 TEST_F(UpdaterTest, WatchesTheFoldersOfCachedFilesAndTheRoot) {
     start();
-    EXPECT_EQ(executors->strand->name(), "CMFileSystemResponse");
+    EXPECT_EQ(detection.strand().name(), "CMFileSystemResponse");
     EXPECT_THAT(watched(), ElementsAre("."));
     hold({"a/1", "a/2", "b/c/3", "."});
     EXPECT_THAT(watched(), ElementsAre(".", "a", "b/c"));
@@ -186,30 +160,58 @@ TEST_F(UpdaterTest, ManyFoldersAreOneQuery) {
         watcher->tell(Kind::ContentsUnknown, at(name));
     EXPECT_THAT(askedAfter(Kind::ContentsUnknown, "m/e"), ElementsAre("folder m"));
     watcher->tell(Kind::ContentsUnknown, at("m/a"));
-    executors->strand->runOne();
+    detection.strand().runOne();
     const auto guard = updater->disable(); // when it is collected already
     EXPECT_THAT(askedAfter(Kind::Changed, "x"), IsEmpty());
 }
 
 TEST_F(UpdaterTest, LooksBelowTheRootWhenTheFirstQueryHasEnded) {
-    std::filesystem::create_directories(folder.path() / "a/empty");
+    fs::create_directories(folder.path() / "a/empty");
+    fs::create_directory(folder.path() / "no");
+    watcher->refused = at("no"); // which keeps it from nothing else
     const auto copy = std::make_shared<test::MemoryWorkingCopy>(root);
     const std::shared_ptr<CMAdapter> adapter = test::makeMemoryAdapter(copy);
     const auto real = createJobCombiningCache(adapter, std::make_shared<CMApplicationInteractor>());
-    const auto cacheStrand = executors->strand;
-    const auto run = [&] {
-        while (cacheStrand->runOne() || executors->strand->runOne()) {
-        }
-    };
     updater.emplace(real, *adapter);
-    run();
+    detection.runStrands();
     EXPECT_THAT(watched(), ElementsAre("."));
     real->refreshFolder(root); // has nothing in it, so the set of folders stays as it is
-    run();
+    detection.runStrands();
     EXPECT_THAT(watched(), ElementsAre(".", "a", "a/empty"));
     updater.emplace(real, *adapter); // on a cache that was asked
-    run();
+    detection.runStrands();
     EXPECT_THAT(watched(), ElementsAre(".", "a", "a/empty"));
+}
+
+TEST_F(UpdaterTest, LooksAtEveryAnswerAndSpoilsNoRefresh) {
+    std::vector<std::string> queries;
+    const auto copy = std::make_shared<test::MemoryWorkingCopy>(root);
+    for (const auto* name : {"a/1", "b"})
+        copy->set(at(name), LocalStatus::NotUnderSourceControl);
+    const auto adapter = std::make_shared<test::HookedAdapter>(
+        test::makeMemoryAdapter(copy), [&](const test::Query& query) {
+            queries.push_back(query.paths[0].lexicallyRelative(root).toUtf8());
+        });
+    const auto real = createJobCombiningCache(adapter, std::make_shared<CMApplicationInteractor>());
+    real->setFolderStatusFlag(true);
+    updater.emplace(real, *adapter);
+    real->refreshFolder(root);
+    detection.runStrands();
+    queries.clear();
+    // What it asked for is joined with what somebody cancels, and comes with what it asks for next.
+    watcher->tell(Kind::Appeared, at("a/x"));
+    detection.strand().runOne();
+    real->refreshCMStatuses({at("b")})->cancel();
+    detection.runStrands();
+    watcher->tell(Kind::Changed, at("b"));
+    detection.runStrands();
+    EXPECT_THAT(queries, ElementsAre("b", "a/x", "a"));
+
+    copy->set(at("b"), LocalStatus::Ignored);
+    const auto task = real->refreshFolder(root);
+    detection.strand().refuse(true);
+    detection.runStrands();
+    EXPECT_NO_THROW(task->wait());
 }
 
 TEST_F(UpdaterTest, WatchesNoInstallationAndRemembersARefusedRoot) {

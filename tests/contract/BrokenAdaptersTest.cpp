@@ -3,10 +3,7 @@
 #include "quendo/exception/AdapterErrors.h"
 #include "tests/contract/AdapterContract.h"
 #include "tests/contract/ScriptedSubject.h"
-#include "tests/support/TemporaryFolder.h"
-
-#include <atomic>
-#include <fstream>
+#include "tests/support/Testing.h"
 
 // Adapters that are right but for one thing, to show that the suite sees it.
 

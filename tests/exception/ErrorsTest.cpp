@@ -1,8 +1,7 @@
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/exception/VFSChangeEventsError.h"
 #include "quendo/platform/Services.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/Testing.h"
 
 namespace quendo::exception {
 namespace {

@@ -4,18 +4,12 @@
 #include "quendo/factory/CMAdapterFactories.h"
 #include "quendo/factory/InjectedCMAdapterFactories.h"
 #include "quendo/git/GitAdapterFactory.h"
-#include "quendo/platform/FactorySources.h"
 #include "quendo/platform/ScopeGuard.h"
 #include "quendo/platform/Services.h"
 #include "quendo/platform/standard/StandardFeatureFlagService.h"
 #include "quendo/platform/standard/StandardSettingsService.h"
-#include "tests/support/Deadline.h"
-#include "tests/support/LogCapture.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <functional>
+#include "tests/support/FakeFactory.h"
+#include "tests/support/Testing.h"
 
 namespace quendo {
 namespace {
@@ -25,54 +19,18 @@ const std::string javaSvn =
 
 using FactoryList = std::vector<std::shared_ptr<CMAdapterFactory>>;
 
-struct FakeFactory : CMAdapterFactory {
-    explicit FakeFactory(
-        std::string id, std::function<bool()> answer = [] { return true; })
-        : m_id(std::move(id)), m_answer(std::move(answer)) {}
-    std::unique_ptr<CMAdapter> createAdapter(const Path&,
-                                             std::shared_ptr<CMApplicationInteractor>) override {
-        return nullptr;
-    }
-    UString getSystemName() const override { return u"Fake"; }
-    bool canManage(const Path& folder) override {
-        ++asked;
-        EXPECT_EQ(folder, Path(u"/folder"));
-        return m_answer();
-    }
-    UString getMetadataName() const override { return u".fake"; }
-    UString getProblem() const override { return {}; }
-    std::string getID() const override { return m_id; }
-
-    const std::string m_id;
-    const std::function<bool()> m_answer;
-    int asked = 0;
-    scope_guard whenDestroyed;
-};
+using test::FakeFactory;
+using test::FakeSources;
 
 auto fake(
     std::string id, std::function<bool()> answer = [] { return true; }) {
-    return std::make_shared<FakeFactory>(std::move(id), std::move(answer));
+    auto made = std::make_shared<FakeFactory>(std::move(id));
+    made->canManageHook = [answer = std::move(answer)](const Path& folder) {
+        EXPECT_EQ(folder, Path(u"/folder"));
+        return answer();
+    };
+    return made;
 }
-
-struct FakeSources : platform::FactorySources {
-    FactoryList getInstalledFactories() override {
-        ++installedAsked;
-        if (failing)
-            throw std::domain_error("installed");
-        return installed;
-    }
-    std::vector<std::unique_ptr<CMAdapterFactory>> getJavaFactories() override {
-        ++javaAsked;
-        std::vector<std::unique_ptr<CMAdapterFactory>> result;
-        for (const auto& id : java)
-            result.push_back(std::make_unique<FakeFactory>(id));
-        return result;
-    }
-    FactoryList installed;
-    std::vector<std::string> java;
-    bool failing = false;
-    int installedAsked = 0, javaAsked = 0;
-};
 
 class Factories : public testing::Test {
 protected:
@@ -220,8 +178,10 @@ TEST(InjectedCMAdapterFactories, RemoverTakesEveryEntryOfItsFactoryOutAndKeepsTh
 TEST(InjectedCMAdapterFactories, RemoverHoldsNothingAndFactoriesDieUnlocked) {
     auto list = std::make_unique<InjectedCMAdapterFactories>();
     auto factory = fake("dies");
-    factory->whenDestroyed =
-        scope_guard([&] { test::within(test::onThread([&] { return list->inject(fake("x")); })); });
+    factory->createHook =
+        [whenDestroyed = std::make_shared<scope_guard>([&] {
+             test::within(test::onThread([&] { return list->inject(fake("x")); }));
+         })](const Path&) { return nullptr; };
     const auto remove = list->inject(std::move(factory));
     EXPECT_EQ(list->getFactories().front()->getID(), "dies");
     remove();

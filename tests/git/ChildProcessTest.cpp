@@ -2,27 +2,19 @@
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/Cancellation.h"
-#include "tests/support/TemporaryFolder.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/Testing.h"
 
 #include <csignal>
 #include <fcntl.h>
-#include <filesystem>
-#include <functional>
 #include <poll.h>
-#include <string>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <system_error>
-#include <thread>
 #include <unistd.h>
 
 namespace quendo::git {
 namespace {
 
 using namespace std::chrono_literals;
-namespace fs = std::filesystem;
 
 class ChildProcessTest : public testing::Test {
 protected:

@@ -3,18 +3,13 @@
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/GitAdapterFactory.h"
 #include "tests/support/GitSandbox.h"
+#include "tests/support/Testing.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
 #include <sys/stat.h>
 
 namespace quendo::git {
 namespace {
 
-namespace fs = std::filesystem;
 using test::readFile;
 using test::writeFile;
 

@@ -5,19 +5,12 @@
 #include "quendo/git/GitRunner.h"
 #include "quendo/git/MetadataFilter.h"
 #include "quendo/git/PorcelainRecord.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <random>
-#include <string>
-#include <string_view>
+#include "tests/support/Testing.h"
 
 namespace quendo::git {
 namespace {
 
 using namespace std::literals;
-using testing::ElementsAre;
 
 TEST(FormatConfigTest, ReadsWhatGitReads) {
     const auto config = FormatConfig::parse("\xEF\xBB\xBF# comment\n"

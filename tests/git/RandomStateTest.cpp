@@ -2,22 +2,10 @@
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/git/GitAdapterFactory.h"
 #include "tests/support/GitSandbox.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <random>
-#include <sstream>
-#include <string>
-#include <vector>
+#include "tests/support/Testing.h"
 
 namespace quendo::git {
 namespace {
-
-namespace fs = std::filesystem;
 
 /// Does to a working copy what people and tools do, at random.
 class Monkey {
@@ -97,12 +85,11 @@ std::vector<std::string> recordsOfGit(const test::GitSandbox& sandbox) {
 }
 
 TEST(RandomStateTest, AgreesWithGitAndWithItself) {
-    const bool isLong = std::getenv("QUENDO_LONG") != nullptr;
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    const unsigned seeds = isLong ? 200 : 1000;
+    const unsigned seeds = test::isLong ? 200 : 1000;
     unsigned compared = 0;
-    for (unsigned seed = 1; seed <= seeds && (isLong || std::chrono::steady_clock::now() < end);
-         ++seed) {
+    for (unsigned seed = 1;
+         seed <= seeds && (test::isLong || std::chrono::steady_clock::now() < end); ++seed) {
         test::GitSandbox sandbox;
         sandbox.enterEnvironment();
         sandbox.init();
@@ -139,7 +126,6 @@ TEST(RandomStateTest, AgreesWithGitAndWithItself) {
             ++compared;
         }
     }
-    RecordProperty("compared", static_cast<int>(compared));
     EXPECT_GT(compared, 5U);
 }
 

@@ -1,7 +1,6 @@
 #include "host/CommandLine.h"
 #include "tests/support/Process.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/Testing.h"
 
 namespace quendo::host {
 namespace {

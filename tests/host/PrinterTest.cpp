@@ -2,14 +2,11 @@
 #include "host/StatusPrinter.h"
 #include "host/VisibleText.h"
 #include "quendo/platform/UString.h"
+#include "tests/support/Testing.h"
 
-#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include <array>
-#include <cstdlib>
 #include <ctime>
-#include <sstream>
 
 namespace quendo::host {
 namespace {

@@ -2,12 +2,9 @@
 #include "host/Interrupts.h"
 #include "host/LogSink.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
+#include "tests/support/Testing.h"
 
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <iostream>
 #include <semaphore>
 

@@ -1,13 +1,8 @@
 #include "tests/support/GitSandbox.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
+#include "tests/support/Testing.h"
 
 namespace quendo::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 class Program : public testing::Test {
 protected:

@@ -1,14 +1,8 @@
 #include "tests/integration/Scenarios.h"
-
-#include <gmock/gmock.h>
-
-#include <future>
-#include <sstream>
+#include "tests/support/Testing.h"
 
 namespace quendo::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 /// One to a line: what is bad, the path asked about (below work() unless empty), the script. With
 /// an asterisk before the path git itself does not mind, and its answer is right as well.

@@ -1,18 +1,14 @@
 #include "tests/integration/Scenarios.h"
+#include "tests/support/Testing.h"
 #include "tests/support/TreeWatch.h"
 
-#include <gmock/gmock.h>
-
-#include <set>
 #include <sys/resource.h>
 #include <unistd.h>
 
 namespace quendo::test {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::string_literals;
-using testing::IsEmpty;
 
 /// Everything that reads, on one repository with a file f.
 void readAll(const GitSandbox& sandbox, const fs::path& root, const std::string& file = "f") {

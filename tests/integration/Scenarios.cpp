@@ -1,9 +1,5 @@
 #include "tests/integration/Scenarios.h"
-
-#include <algorithm>
-#include <cstring>
-#include <fstream>
-#include <stdexcept>
+#include "tests/support/Testing.h"
 
 namespace quendo::test {
 namespace {
@@ -326,28 +322,6 @@ const std::vector<Scenario> table = {
 
 const std::vector<Scenario>& scenarios() {
     return table;
-}
-
-std::vector<std::string_view> requiredCases() {
-    static constexpr std::string_view cases = R"(
-conflict DD|conflict AU|conflict UD|conflict UA|conflict DU|conflict AA|conflict UU|
-operation|staged rename|type change|mode change|symlink|submodule|submodule ignore=none|
-submodule ignore=untracked|submodule ignore=dirty|submodule ignore=all|nested repository|
-nested repository: empty|linked worktree|separate git dir|objects elsewhere|unborn HEAD|
-detached HEAD|sparse checkout: cone|sparse checkout: sparse index|skip-worktree|
-assume-unchanged|intent-to-add|rm --cached|ignore files: nested and negated|info/exclude|
-core.excludesFile|tracked file in an ignored folder|autocrlf|eol attributes|ident|
-working-tree-encoding|filter: of the user|filter: missing|filter: missing but required|
-filter: of the repository alone|names: control, quotes, blanks, globs|names: NFC and NFD|
-names: not UTF-8|path of 4,000 bytes|150 nested folders|same size, same second|split index|
-index v4|untracked cache|fsmonitor extension|SHA-256|unreadable file|unreadable folder|
-FIFO and socket|settings of the user|)";
-    std::vector<std::string_view> result;
-    for (std::size_t at = 1, end; (end = cases.find('|', at)) != cases.npos; at = end + 1) {
-        at += cases[at] == '\n' ? 1 : 0;
-        result.push_back(cases.substr(at, end - at));
-    }
-    return result;
 }
 
 void runScript(const GitSandbox& sandbox, std::string_view script) {

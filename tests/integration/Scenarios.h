@@ -1,17 +1,13 @@
 #pragma once
 
 #include "tests/support/GitSandbox.h"
-
-#include <map>
-#include <string>
-#include <string_view>
-#include <vector>
+#include "tests/support/Testing.h"
 
 namespace quendo::test {
 
 /// One awkward working copy, and what git must say of it for the row to be worth something.
 struct Scenario {
-    /// "case" or "case: variant"; every case of requiredCases() has at least one.
+    /// "case" or "case: variant"
     std::string_view name;
     /// Columns (blank as '.') that must be among git's own records, separated by blanks; "-" when
     /// there must be none: a script that did not make what the row is named for is found out.
@@ -27,9 +23,6 @@ struct Scenario {
 };
 
 const std::vector<Scenario>& scenarios();
-
-/// The cases that the suite must have shown, whatever scenarios() holds.
-std::vector<std::string_view> requiredCases();
 
 /// Runs a scenario's script, or any other that wants the same functions; throws with its words.
 void runScript(const GitSandbox& sandbox, std::string_view script);

@@ -1,22 +1,16 @@
 #include "tests/integration/Scenarios.h"
 #include "tests/support/OwnNamespaces.h"
 #include "tests/support/RandomWork.h"
+#include "tests/support/Testing.h"
 
-#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
-#include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <deque>
-#include <sstream>
 
 namespace quendo::test {
 namespace {
 
-namespace fs = std::filesystem;
 using nlohmann::json;
 
 std::string pathOf(const json& line) {
@@ -123,9 +117,7 @@ private:
 };
 
 TEST(Watch, TellsWhateverHappens) {
-    const bool isLong = std::getenv("QUENDO_LONG") != nullptr;
     const char* only = std::getenv("QUENDO_SEED");
-    std::chrono::duration<double> longest{};
     const unsigned first = only != nullptr ? static_cast<unsigned>(std::atoi(only)) : 1;
     for (unsigned seed = first; seed < first + (only ? 1 : isLong ? 20 : 2); ++seed) {
         const GitSandbox sandbox;
@@ -137,11 +129,8 @@ TEST(Watch, TellsWhateverHappens) {
             const unsigned count = 1 + work.below(6);
             const auto script = work.act(count);
             done += count;
-            const auto start = std::chrono::steady_clock::now();
             watch.expectCaughtUp("seed " + std::to_string(seed) + ", after " +
                                  std::to_string(done) + ":\n" + script);
-            longest = std::max<std::chrono::duration<double>>(
-                longest, std::chrono::steady_clock::now() - start);
         }
         EXPECT_EQ(watch.end(SIGINT), 130);
         // A folder that has just returned may be seen polled before it is watched.
@@ -149,7 +138,6 @@ TEST(Watch, TellsWhateverHappens) {
             EXPECT_THAT(watch.said().back(), testing::EndsWith("is watched by the system again"));
         }
     }
-    std::printf("longest time to be right again: %.2f s\n", longest.count());
 }
 
 TEST(Watch, FollowsARootThatGoesAndReturns) {

@@ -4,17 +4,10 @@
 #include "quendo/pool/PooledManagedFolder.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/HookedAdapter.h"
-#include "tests/support/TemporaryFolder.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "tests/support/Testing.h"
 
 namespace quendo::management {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 
 class Management : public testing::Test {
 protected:

@@ -2,20 +2,12 @@
 #include "quendo/platform/standard/StandardDelayedTaskService.h"
 #include "tests/support/FakeFolderWatcher.h"
 #include "tests/support/SteppedDetection.h"
-#include "tests/support/TemporaryFolder.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <optional>
+#include "tests/support/Testing.h"
 
 namespace quendo {
 namespace {
 
 using Kind = platform::FolderEvent::Kind;
-using testing::UnorderedElementsAre;
-namespace fs = std::filesystem;
 
 class ChangeDetectorTest : public testing::Test {
 protected:

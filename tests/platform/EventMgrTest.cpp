@@ -2,17 +2,12 @@
 
 #include "quendo/platform/ChangeEventsSubscriptionException.h"
 #include "tests/support/FakeFolderWatcher.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "tests/support/Testing.h"
 
 namespace quendo::platform {
 namespace {
 
 using Kind = FolderEvent::Kind;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Pair;
 
 TEST(AbsoluteIRI, BringsEveryFileNameBack) {
     std::string everyByte = "/folder/";

@@ -1,15 +1,9 @@
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/standard/SingleThreadExecutor.h"
 #include "quendo/platform/standard/StrandPool.h"
-#include "tests/support/Deadline.h"
-#include "tests/support/LogCapture.h"
+#include "tests/support/Testing.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <functional>
 #include <pthread.h>
-#include <system_error>
 
 namespace quendo::platform {
 namespace {

@@ -1,32 +1,11 @@
 #include "quendo/platform/FolderDeletionWatcher.h"
 #include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/Services.h"
-#include "tests/support/Deadline.h"
-#include "tests/support/TemporaryFolder.h"
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <filesystem>
-#include <fstream>
-#include <functional>
+#include "tests/support/JoinedThreads.h"
+#include "tests/support/Testing.h"
 
 namespace quendo::platform {
 namespace {
-
-namespace fs = std::filesystem;
-
-/// The open descriptors, and the kernel's watches that belong to them.
-std::pair<int, int> held() {
-    int descriptors = 0, watches = 0;
-    for (const auto& entry : fs::directory_iterator("/proc/self/fdinfo")) {
-        ++descriptors;
-        std::ifstream info(entry.path());
-        for (std::string line; std::getline(info, line);)
-            watches += line.starts_with("inotify ");
-    }
-    return {descriptors, watches};
-}
 
 TEST(FolderDeletion, IsToldOnceHoweverTheFolderGoes) {
     const test::TemporaryFolder temporary;
@@ -80,12 +59,12 @@ TEST(FolderDeletion, IsToldOnceHoweverTheFolderGoes) {
     const auto kept =
         services()->folderWatcher->watch(Path::fromNative(temporary.path().native()),
                                          FolderWatcher::Scope::Itself, [](const FolderEvent&) {});
-    const auto before = held();
+    const auto before = test::held();
     for (std::size_t i = 0; i < ends.size(); ++i) {
         for (int times = 0; times < 100; ++times)
             round(i);
     }
-    EXPECT_EQ(held(), before);
+    EXPECT_EQ(test::held(), before);
     fs::remove_all(parent);
     EXPECT_TRUE(services()->deletionWatchers->watch(path)->isDeleted());
 }

@@ -1,17 +1,8 @@
 #include "quendo/platform/standard/InotifyFolderWatcher.h"
-#include "tests/support/Deadline.h"
-#include "tests/support/TemporaryFolder.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
+#include "tests/support/Testing.h"
 
 namespace quendo::platform {
 namespace {
-
-using testing::ElementsAre;
 
 TEST(FolderLines, StandBetweenWhatHappenedBeforeAndAfter) {
     const test::TemporaryFolder folder;

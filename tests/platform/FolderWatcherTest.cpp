@@ -2,40 +2,27 @@
 #include "quendo/platform/Services.h"
 #include "quendo/platform/standard/FolderListing.h"
 #include "quendo/platform/standard/InotifyFolderWatcher.h"
-#include "tests/support/Deadline.h"
-#include "tests/support/LogCapture.h"
+#include "tests/support/JoinedThreads.h"
 #include "tests/support/OwnNamespaces.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Testing.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <condition_variable>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <mutex>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace quendo::platform {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Kind = FolderEvent::Kind;
 using Means = WatchHealth::Means;
 using Scope = FolderWatcher::Scope;
 using test::onThread;
 using test::within;
-using testing::ElementsAre;
-using testing::HasSubstr;
 
 /// What the callbacks said: "+a", "~a" or "-a" for an entry, "?d" for a folder whose contents are
 /// unknown, paths below the root; and "native d" or "polled d" for its health. The same thing said
@@ -97,28 +84,14 @@ protected:
 
     Watching() {
         options.pollInterval = 1h; // what comes has been told by the system
-        options.startThread = [this](UniqueFunction<void()> body) {
-            std::thread thread(std::move(body));
-            const std::lock_guard lock(m_mutex);
-            m_threads.push_back(std::move(thread));
-        };
+        options.startThread = m_threads.starter();
     }
     ~Watching() override { finish(); }
 
     /// Returns when no thread is left.
     void finish() {
         watches.clear();
-        for (std::vector<std::thread> ending;;) {
-            {
-                const std::lock_guard lock(m_mutex);
-                ending.swap(m_threads);
-            }
-            if (ending.empty())
-                return;
-            for (auto& thread : ending)
-                within(onThread([&] { thread.join(); }));
-            ending.clear();
-        }
+        m_threads.join();
     }
     Path path(const std::string& name) const {
         return Path::fromNative((name == "." ? root : root / name).native());
@@ -150,8 +123,7 @@ protected:
     }
 
 private:
-    std::mutex m_mutex;
-    std::vector<std::thread> m_threads;
+    test::JoinedThreads m_threads;
     int m_fences = 0;
 };
 
@@ -442,10 +414,7 @@ TEST_F(Watching, WithoutAThreadSaysSoAndRecovers) {
 }
 
 TEST_F(Watching, StormOfWatchesLeavesNothingBehind) {
-    const auto descriptors = [] {
-        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-    };
-    const auto before = descriptors();
+    const auto before = test::held();
     fs::create_directories(root / "0/0/0");
     watch("fence");
     watches.clear();
@@ -475,7 +444,7 @@ TEST_F(Watching, StormOfWatchesLeavesNothingBehind) {
         }
     });
     finish();
-    EXPECT_EQ(descriptors(), before);
+    EXPECT_EQ(test::held(), before);
     fs::remove_all(root / "fence");
     untilNow(); // it starts again
 }

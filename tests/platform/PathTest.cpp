@@ -1,10 +1,7 @@
 #include "quendo/platform/Path.h"
 #include "quendo/platform/IsChildFolderQuery.h"
 #include "tests/support/Allocations.h"
-
-#include <gtest/gtest.h>
-
-#include <random>
+#include "tests/support/Testing.h"
 
 namespace quendo {
 namespace {

@@ -1,11 +1,6 @@
 #include "quendo/platform/ReentrantReadWriteLock.h"
-#include "tests/support/Deadline.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Testing.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <optional>
 #include <unistd.h>
 
 namespace quendo {

@@ -8,22 +8,12 @@
 #include "quendo/platform/standard/StandardMessageCatalogue.h"
 #include "quendo/platform/standard/StandardSettingsService.h"
 #include "quendo/platform/standard/StandardUuidGenerator.h"
-#include "tests/support/Deadline.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Testing.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <regex>
 
 namespace quendo::platform {
 namespace {
-
-using testing::HasSubstr;
 
 Services withMarker(bool flag) {
     auto flags = std::make_shared<StandardFeatureFlagService>();

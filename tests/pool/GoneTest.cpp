@@ -1,25 +1,15 @@
-#include "quendo/factory/InjectedCMAdapterFactories.h"
-#include "quendo/platform/Executor.h"
 #include "quendo/platform/FolderExternalChangeDetector.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/OwnNamespaces.h"
 #include "tests/support/RealFolder.h"
-#include "tests/support/SteppedDetection.h"
+#include "tests/support/Testing.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <optional>
 #include <sys/mount.h>
 
 namespace quendo {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-const bool isLong = std::getenv("QUENDO_LONG") != nullptr;
 
 /// A working copy that goes, under a managed folder and real threads.
 class Gone : public testing::Test {
@@ -32,7 +22,7 @@ protected:
     };
 
     void run(const Way& way) {
-        const int rounds = isLong ? 100 : 3;
+        const int rounds = test::isLong ? 100 : 3;
         for (int i = 0; i < rounds && !HasFailure(); ++i) {
             SCOPED_TRACE(i);
             ::umount2(copy.c_str(), MNT_DETACH);
@@ -172,89 +162,6 @@ TEST_F(GoneDeathTest, Unmounted) {
         ::umount2(copy.c_str(), MNT_DETACH);
         fs::remove_all(sandbox.root());
     });
-}
-
-/// A managed folder of which the test says when something is told; by real events.
-class Missed : public testing::Test {
-protected:
-    Missed() {
-        test::makeRepository(sandbox);
-        followed.emplace(provider->provideFor(Path::fromNative(sandbox.work().native())));
-        followed->cache.refreshFolder(followed->root);
-        settle();
-    }
-    /// @return the notices of foreign changes
-    int settle() {
-        while (detection.endWindows() != 0) {
-        }
-        detection.endWindows();
-        return followed->news->triggers.exchange(0);
-    }
-    /// Adds "a" by what the adapter does then. Its listeners wait for the cache's strand, so it
-    /// runs on another thread. @return as settle()
-    int add(std::function<void()> adds) {
-        factory->adds = std::move(adds);
-        bool hasEnded = false;
-        auto operation = test::onThread([&, strand = createStrandExecutor("end")] {
-            const scope_guard end([&] { strand->post([&] { hasEnded = true; }); });
-            followed->folder->getAdapter().addFiles({followed->root / u"a"});
-        });
-        while (!hasEnded && detection.awaitTask())
-            detection.runStrands();
-        test::within(std::move(operation));
-        return settle();
-    }
-
-    test::GitSandbox sandbox;
-    const std::shared_ptr<test::HookedGitFactory> factory =
-        std::make_shared<test::HookedGitFactory>();
-    const scope_guard remove{getInjectedCMAdapterFactoriesInstance().inject(factory)};
-    test::SteppedDetection detection;
-    const std::unique_ptr<ManagedFolderProvider> provider =
-        createNewManagedFolderProviderInstance();
-    std::optional<test::FollowedFolder> followed;
-};
-
-TEST_F(Missed, NothingOfWhatOthersDoAroundAnOperation) {
-    for (int i = 0; i < (isLong ? 20 : 3); ++i) {
-        SCOPED_TRACE(i);
-        const auto text = std::to_string(i);
-        test::writeFile(sandbox.work() / "a", "added " + text);
-        settle();
-        const auto addAndChange = [&] {
-            sandbox.git({"add", "a"});
-            test::writeFile(sandbox.work() / "sub/b", "foreign " + text);
-        };
-        EXPECT_EQ(add(addAndChange), 0);
-        EXPECT_TRUE(followed->has(u"sub/b", LocalStatus::Modified));
-
-        // Somebody commits just before an operation.
-        sandbox.commitAll(text);
-        EXPECT_EQ(add([&] { sandbox.git({"update-index", "--refresh"}); }), 1);
-        EXPECT_TRUE(followed->has(u"sub/b", LocalStatus::Unmodified));
-
-        // And just before all detection is turned off.
-        test::writeFile(sandbox.work() / "a", "committed " + text);
-        sandbox.commitAll(text);
-        followed->folder->disable();
-        EXPECT_EQ(settle(), 1);
-        EXPECT_EQ(followed->cached(), followed->asked());
-    }
-}
-
-TEST_F(Missed, OwnOperationsAndQueriesAreNoForeignChange) {
-    for (int i = 0; i < (isLong ? 50 : 10); ++i) {
-        test::writeFile(sandbox.work() / "a", std::to_string(i));
-        const auto commit = [&] {
-            sandbox.git({"checkout", "-qB", "branch" + std::to_string(i)});
-            sandbox.commitAll("own");
-        };
-        EXPECT_EQ(add(commit), 0) << i;
-        followed->asked();
-        EXPECT_EQ(settle(), 0) << i;
-    }
-    sandbox.git({"branch", "foreign"});
-    EXPECT_EQ(settle(), 1);
 }
 
 } // namespace

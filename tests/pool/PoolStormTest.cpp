@@ -3,28 +3,19 @@
 #include "quendo/platform/standard/InotifyFolderWatcher.h"
 #include "quendo/pool/ManagedFolder.h"
 #include "quendo/pool/ManagedFolderProvider.h"
-#include "tests/support/Deadline.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/JoinedThreads.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Testing.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
 #include <malloc.h>
-#include <mutex>
-#include <random>
 
 namespace quendo {
 namespace {
 
-namespace fs = std::filesystem;
-
 // Who asks for paths of one root at the same time gets the same folder, and is counted in it.
 TEST(PoolStorm, OneFolderForEachRootAtAnyMoment) {
-    const bool isLong = std::getenv("QUENDO_LONG") != nullptr;
-    const int threads = 64, roots = 200, clients = 300, files = 50, asks = isLong ? 2'000 : 60;
+    const int threads = 64, roots = 200, clients = 300, files = 50,
+              asks = test::isLong ? 2'000 : 60;
     const test::TemporaryFolder folder;
     const auto top = folder.quendoPath();
     for (int root = 0; root < roots; ++root)
@@ -37,9 +28,6 @@ TEST(PoolStorm, OneFolderForEachRootAtAnyMoment) {
     platform::InotifyFolderWatcherOptions options;
     options.startThread = watching.starter();
     services.folderWatcher = std::make_shared<platform::InotifyFolderWatcher>(options);
-    const auto descriptors = [] {
-        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-    };
     const auto memory = [] {
         const auto info = ::mallinfo2();
         return info.uordblks + info.hblkhd;
@@ -104,10 +92,10 @@ TEST(PoolStorm, OneFolderForEachRootAtAnyMoment) {
         EXPECT_EQ(made, released);
         std::printf("%d folders were made for %d requests\n", made.load(), threads * asks);
     };
-    const auto before = descriptors();
+    const auto before = test::held();
     storm();
     watching.join();
-    EXPECT_EQ(descriptors(), before);
+    EXPECT_EQ(test::held(), before);
     const auto used = memory();
     storm();
     watching.join();

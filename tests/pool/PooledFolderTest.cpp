@@ -8,19 +8,11 @@
 #include "quendo/pool/PooledManagedFolder.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/HookedAdapter.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/SteppedDetection.h"
-#include "tests/support/TemporaryFolder.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "tests/support/Testing.h"
 
 namespace quendo {
 namespace {
-
-namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 /// A folder over an adapter without a disk; strands and events as the test says.
 class PooledFolderTest : public testing::Test {
@@ -42,6 +34,8 @@ protected:
             test::makeMemoryAdapter(copy), [this](const std::string& operation, const auto&) {
                 if (operation == refused)
                     throw exception::OperationFailedError("refused");
+                if (operation == "uncheckout")
+                    test::writeFile(temporary.path() / "copy/foreign", "");
                 copy->set(at("a"), LocalStatus::Added);
                 copy->set(at("b"), LocalStatus::Added);
             });
@@ -92,6 +86,9 @@ TEST_F(PooledFolderTest, SeesTheFilesOfItsOperations) {
     EXPECT_EQ(folder->getCache().getCachedStatus(at("b"))->getState(), LocalStatus::Added);
     EXPECT_THAT(during([&] { adapter.checkin(std::vector{at("b")}, u"m"); }),
                 ElementsAre("folder ."));
+    EXPECT_THAT(during([&] { adapter.uncheckout({at("b")}); }),
+                testing::Contains(HasSubstr("foreign")))
+        << "what others write meanwhile";
     fs::create_directory(temporary.path() / "copy/d");
     EXPECT_THAT(during([&] { adapter.moveFile(at("d"), at("e")); }),
                 testing::IsSupersetOf({"folder d", "folder e"}));

@@ -6,6 +6,7 @@
 #include "quendo/platform/ChangeEventsSubscriptionException.h"
 #include "quendo/platform/HostArray.h"
 #include "quendo/platform/Services.h"
+#include "quendo/platform/UuidGenerator.h"
 #include "quendo/platform/standard/StandardSettingsService.h"
 #include "quendo/pool/ClientRegisteredManagedFolder.h"
 #include "quendo/pool/FaultyFolder.h"
@@ -13,24 +14,14 @@
 #include "quendo/pool/GetClients.h"
 #include "quendo/pool/ManagedFolder.h"
 #include "quendo/pool/ManagedFolderProvider.h"
-#include "tests/support/Deadline.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/FakeFolderWatcher.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TemporaryFolder.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "tests/support/Testing.h"
 
 namespace quendo {
 namespace {
 
-namespace fs = std::filesystem;
 using shared_quendo::core::VFSChangeEventsError;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Pair;
 
 /// Working copies "a" and "a/inner" of a made-up system, and a link to "a".
 class ProviderTest : public testing::Test {
@@ -185,6 +176,27 @@ TEST_F(ProviderTest, RecordsFaultsAndTriesAgain) {
 
     factory->canManageHook = [](const Path&) -> bool { throw 7; };
     EXPECT_EQ(provider->provideFor(at("a")), nullptr);
+}
+
+TEST_F(ProviderTest, ListsFaultsThatAreRecordedAtTheSameTime) {
+    struct Uuids : platform::UuidGenerator {
+        std::string generate() override {
+            std::exchange(beforeFirst, [] {})();
+            return "one";
+        }
+        std::function<void()> beforeFirst;
+    };
+    factory->createHook = [](const Path&) { return nullptr; };
+    platform::Services services;
+    services.factorySources = std::make_shared<test::FakeSources>(
+        std::vector<std::shared_ptr<CMAdapterFactory>>{factory});
+    const auto uuids = std::make_shared<Uuids>();
+    services.uuids = uuids;
+    const auto own = createNewManagedFolderProviderInstance(services);
+    std::shared_ptr<FaultyFolder> inner;
+    uuids->beforeFirst = [&] { inner = own->provideFaultyFor(at("a/inner")); };
+    const auto outer = own->provideFaultyFor(at("a"));
+    EXPECT_THAT(own->getFaultyFolders(), testing::UnorderedElementsAre(inner, outer));
 }
 
 TEST(FaultyFolder, TellsItsRecordOnceThatItGoes) {

@@ -4,16 +4,13 @@
 #include "quendo/platform/Executor.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/RealFolder.h"
+#include "tests/support/Testing.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <pthread.h>
 
 namespace quendo {
 namespace {
 
-namespace fs = std::filesystem;
 using platform::FolderWatcher;
 
 std::string threadName() {
@@ -164,7 +161,7 @@ TEST(Roads, AreClosedWhileDetectionIsDisabled) {
     EXPECT_TRUE(singleton.getManagedFolders().empty());
 }
 
-const int rounds = std::getenv("QUENDO_LONG") != nullptr ? 100 : 1;
+const int rounds = test::isLong ? 100 : 1;
 
 TEST(Roads, EndInTheMiddle) {
     using Folder = std::shared_ptr<ManagedFolder>;

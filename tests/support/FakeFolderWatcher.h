@@ -2,18 +2,9 @@
 
 #include "quendo/platform/ChangeEventsSubscriptionException.h"
 #include "quendo/platform/FolderWatcher.h"
-#include "tests/support/Deadline.h"
+#include "tests/support/Testing.h"
 
 #include <boost/signals2/signal.hpp>
-
-#include <condition_variable>
-#include <functional>
-#include <list>
-#include <map>
-#include <mutex>
-#include <set>
-#include <utility>
-#include <vector>
 
 namespace quendo::test {
 

@@ -1,15 +1,23 @@
 #pragma once
 
 #include "quendo/platform/standard/ThreadStarter.h"
-#include "tests/support/Deadline.h"
+#include "tests/support/Testing.h"
 
-#include <memory>
-#include <mutex>
-#include <thread>
-#include <utility>
-#include <vector>
+#include <sys/wait.h>
 
 namespace quendo::test {
+
+/// What the process holds: descriptors, watches of the kernel, child processes.
+inline std::vector<long> held() {
+    long watches = 0, descriptors = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fdinfo")) {
+        ++descriptors;
+        std::ifstream stream(entry.path());
+        for (std::string line; std::getline(stream, line);)
+            watches += line.starts_with("inotify ");
+    }
+    return {descriptors, watches, ::waitpid(-1, nullptr, WNOHANG)};
+}
 
 /// Threads that can be waited for.
 class JoinedThreads {

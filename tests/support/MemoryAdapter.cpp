@@ -9,7 +9,7 @@ using Paths = std::vector<Path>;
 using Revisions = std::vector<std::unique_ptr<Revision>>;
 
 [[noreturn]] void notAvailable() {
-    throw exception::NotAvailableError("there is no disk");
+    throw exception::NotAvailableError("the adapter of tests does not do that");
 }
 
 class MemoryAdapter : public CMAdapter {

@@ -1,13 +1,7 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <functional>
+#include "tests/support/Testing.h"
 #include <sched.h>
-#include <string>
 #include <unistd.h>
 
 namespace quendo::test {

@@ -11,42 +11,14 @@
 #include "quendo/platform/standard/StandardDelayedTaskService.h"
 #include "quendo/platform/standard/StrandPool.h"
 #include "quendo/pool/ManagedFolder.h"
-#include "tests/support/Deadline.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/GitSandbox.h"
 #include "tests/support/HookedAdapter.h"
 #include "tests/support/JoinedThreads.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <condition_variable>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <sys/wait.h>
-#include <utility>
-#include <vector>
+#include "tests/support/Testing.h"
 
 /// What tests of managed folders over real Git working copies and real threads share.
 namespace quendo::test {
-
-/// What the process holds: descriptors, watches of the kernel, child processes.
-inline std::vector<long> held() {
-    long watches = 0, descriptors = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
-        ++descriptors;
-        std::ifstream stream(entry.path());
-        for (std::string line; std::getline(stream, line);)
-            watches += line.starts_with("inotify ");
-    }
-    return {descriptors, watches, ::waitpid(-1, nullptr, WNOHANG)};
-}
 
 /// Holds up who passes first after it was closed.
 struct Gate {
@@ -164,8 +136,6 @@ struct FollowedFolder {
             const std::lock_guard lock(news->mutex);
             news->came.notify_all();
         });
-        folder->getCMInteractor().getStatusDispatcher().connect(
-            [news = news] { ++news->triggers; });
     }
 
     std::map<Path, FileState> cached() const {
@@ -189,7 +159,6 @@ struct FollowedFolder {
     struct News {
         std::mutex mutex;
         std::condition_variable came;
-        std::atomic<int> triggers = 0; ///< that states should be fetched anew
     };
     const std::shared_ptr<News> news = std::make_shared<News>();
     const std::shared_ptr<ManagedFolder> folder;

@@ -1,9 +1,10 @@
 #include "tests/support/ScriptedAdapter.h"
 
-#include "quendo/adapter/CMAdapter.h"
+#include "quendo/adapter/CMAdapterDecorator.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/adapter/QueryOrigin.h"
 #include "quendo/exception/AdapterErrors.h"
+#include "tests/support/MemoryAdapter.h"
 #include "tests/support/TemporaryFolder.h"
 
 #include <boost/signals2/connection.hpp>
@@ -32,16 +33,14 @@ bool isFolder(const fs::path& path) {
     return fs::is_directory(fs::symlink_status(path, error));
 }
 
-class ScriptedAdapter : public CMAdapter {
+/// What is not done here is not available.
+class ScriptedAdapter : public CMAdapterDecorator {
 public:
     ScriptedAdapter(const fs::path& root, std::shared_ptr<CMApplicationInteractor> interactor)
-        : m_root(root), m_fake(root / ".fake"), m_interactor(std::move(interactor)) {}
+        : CMAdapterDecorator(makeMemoryAdapter(std::make_shared<MemoryWorkingCopy>(toPath(root)))),
+          m_root(root), m_fake(root / ".fake"), m_interactor(std::move(interactor)) {}
 
     UserInfo getUserInfo() const override { return {u"Ada Tester", u"ada@example.org"}; }
-    MetadataFolder getMetadataFolder() const override {
-        return {toPath(m_fake), [](const Path&) { return true; }};
-    }
-    std::vector<UString> getMetadataFiles() const override { return {}; }
     bool isFeatureSupported(SupportedFeature feature) const override {
         using enum SupportedFeature;
         return std::set{AddFiles, RemoveFiles, ListRevisions, ExportRevision,
@@ -49,13 +48,6 @@ public:
             .contains(feature);
     }
 
-    void checkin(const Path&, const UString&) const override { notAvailable(); }
-    void checkin(const Paths&, const UString&) const override { notAvailable(); }
-    void moveFile(const Path&, const Path&) const override { notAvailable(); }
-    void uncheckout(const Paths&) const override { notAvailable(); }
-    void discardChanges() const override { notAvailable(); }
-    void checkout(const Paths&) const override { notAvailable(); }
-    void resolveConflict(const Path&) const override { notAvailable(); }
     void addFiles(const Paths& files) const override {
         for (const auto& file : files)
             writeFile(m_fake / "added" / relative(file), "");
@@ -118,18 +110,7 @@ public:
         return {side("base"), side("ours"), side("theirs")};
     }
 
-    Path getRootFolder() const override { return toPath(m_root); }
-    std::vector<UString> getForbiddenFileNames() const override { return {u".fake"}; }
-    UString getRepositorySpecifier(const Path&) const override { return u"fake"; }
-    UString getInitialCheckinMessage() const override { return {}; }
-    std::any getSubsystem(const std::type_info&) override { return {}; }
-    void setCredentialProvider(std::weak_ptr<CredentialProvider>) override {}
-
 private:
-    [[noreturn]] void notAvailable() const {
-        throw exception::NotAvailableError(m_root.native() + ": the fake cannot do that");
-    }
-
     fs::path relative(const Path& path) const {
         return fs::path(path.toNative()).lexically_relative(m_root);
     }

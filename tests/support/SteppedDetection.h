@@ -1,16 +1,64 @@
 #pragma once
 
 #include "quendo/platform/DelayedTaskService.h"
+#include "quendo/platform/Executor.h"
+#include "quendo/platform/ExecutorService.h"
 #include "quendo/platform/FolderWatcher.h"
-#include "tests/support/Deadline.h"
-#include "tests/support/SteppedExecutors.h"
-
-#include <condition_variable>
-#include <list>
-#include <memory>
-#include <mutex>
+#include "quendo/platform/InstallationService.h"
+#include "quendo/platform/Services.h"
+#include "tests/support/Testing.h"
 
 namespace quendo::test {
+
+/// An executor whose tasks run when the test says so, on the test's thread.
+class SteppedExecutor final : public Executor {
+public:
+    /// @param posted called after each post
+    explicit SteppedExecutor(
+        std::string name, std::function<void()> posted = [] {})
+        : m_name(std::move(name)), m_posted(std::move(posted)) {}
+
+    void post(Task task) override {
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_refuses)
+                throw std::system_error(EAGAIN, std::generic_category(), "no thread");
+            m_tasks.push_back(std::move(task));
+        }
+        m_posted();
+    }
+    bool isRunningInThisThread() const noexcept override { return current == this; }
+    std::string name() const override { return m_name; }
+
+    /// @return false when there was nothing to run
+    bool runOne() {
+        std::list<Task> task;
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_tasks.empty())
+                return false;
+            task.splice(task.begin(), m_tasks, m_tasks.begin());
+        }
+        const auto* outer = std::exchange(current, this);
+        task.front()();
+        current = outer;
+        return true;
+    }
+    void refuse(bool refuses) { m_refuses = refuses; }
+    std::size_t size() const {
+        const std::lock_guard lock(m_mutex);
+        return m_tasks.size();
+    }
+
+private:
+    static inline thread_local const SteppedExecutor* current = nullptr;
+
+    const std::string m_name;
+    const std::function<void()> m_posted;
+    mutable std::mutex m_mutex;
+    std::list<Task> m_tasks;
+    bool m_refuses = false;
+};
 
 /// While it lives, windows of change detection end when the test says so, and the notifications
 /// come on the test's thread, as does all that runs on strands. Working-copy operations run where
@@ -18,10 +66,12 @@ namespace quendo::test {
 class SteppedDetection {
 public:
     /// @param watcher where events come from; null for the library's own
-    explicit SteppedDetection(std::shared_ptr<platform::FolderWatcher> watcher = nullptr)
+    explicit SteppedDetection(std::shared_ptr<platform::FolderWatcher> watcher = nullptr,
+                              std::shared_ptr<platform::InstallationService> installation = nullptr)
         : m_scoped([&] {
               platform::Services services;
               services.folderWatcher = std::move(watcher);
+              services.installation = std::move(installation);
               services.delayedTasks = m_delays;
               services.executors = m_executors;
               return services;
@@ -49,6 +99,8 @@ public:
         return due.size();
     }
 
+    /// The one made last.
+    SteppedExecutor& strand() const { return *m_executors->strands.back(); }
     void runStrands() {
         for (bool ran = true; std::exchange(ran, false);) {
             for (const auto& strand : m_executors->strands)
@@ -89,10 +141,13 @@ private:
         struct Inline final : Executor {
             void post(Task task) override {
                 const std::lock_guard lock(mutex);
+                const auto* outer = std::exchange(current, this);
                 task();
+                current = outer;
             }
-            bool isRunningInThisThread() const noexcept override { return false; }
+            bool isRunningInThisThread() const noexcept override { return current == this; }
             std::string name() const override { return "SourceControl"; }
+            static inline thread_local const Inline* current = nullptr;
             std::mutex mutex;
         };
         const std::shared_ptr<Executor> sourceControl = std::make_shared<Inline>();

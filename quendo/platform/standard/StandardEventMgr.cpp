@@ -51,17 +51,22 @@ struct StandardEventMgr::State {
 
 class StandardEventMgr::Subscription : public EventSubscription {
 public:
-    Subscription(std::shared_ptr<State> state, Path folder, std::vector<std::string> tags)
+    Subscription(std::shared_ptr<State> state, Path folder, const std::set<StorageEventKind>& kinds,
+                 std::vector<std::string> tags)
         : m_state(std::move(state)), m_folder(std::move(folder)), m_tags(std::move(tags)) {
         const std::lock_guard lock(m_state->mutex);
+        const auto at = m_state->published.find(m_folder);
+        if (at == m_state->published.end() || !std::ranges::includes(at->second.kinds, kinds))
+            throw ChangeEventsSubscriptionException(
+                "The events of " + m_folder.toUtf8() +
+                " are not published: call publishEventsFor() for these kinds first");
         for (const auto& tag : m_tags)
             m_state->tags.try_emplace(tag); // all that can fail, first
         for (const auto& tag : m_tags)
             ++m_state->tags.find(tag)->second;
-        auto& published = m_state->published.find(m_folder)->second;
-        ++published.subscriptions;
-        if (published.unclaimed != 0)
-            --published.unclaimed;
+        ++at->second.subscriptions;
+        if (at->second.unclaimed != 0)
+            --at->second.unclaimed;
     }
     ~Subscription() override {
         watch.reset();
@@ -121,16 +126,7 @@ StandardEventMgr::subscribe(Handler handler, const std::vector<EventType>& types
     std::set<StorageEventKind> kinds;
     for (const auto& type : types)
         kinds.insert(type.kind());
-    {
-        const std::lock_guard lock(m_state->mutex);
-        const auto published = m_state->published.find(folder);
-        if (published == m_state->published.end() ||
-            !std::ranges::includes(published->second.kinds, kinds))
-            throw ChangeEventsSubscriptionException(
-                "The events of " + folder.toUtf8() +
-                " are not published: call publishEventsFor() for these kinds first");
-    }
-    auto subscription = std::make_unique<Subscription>(m_state, folder, userTags);
+    auto subscription = std::make_unique<Subscription>(m_state, folder, kinds, userTags);
     const auto watcher = m_watcher != nullptr ? m_watcher : services()->folderWatcher;
     subscription->watch =
         watcher->watch(folder, FolderWatcher::Scope::Entries,
