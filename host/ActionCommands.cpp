@@ -10,6 +10,8 @@
 #include "quendo/platform/Services.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 
+#include <CLI/App.hpp>
+
 #include <algorithm>
 #include <functional>
 #include <iterator>
@@ -62,6 +64,16 @@ std::string count(const std::string& verb, const std::vector<Path>& files, Predi
 
 } // namespace
 
+CLI::App* AddCommand::describe(CLI::App& program) {
+    auto* app = program.add_subcommand("add", "Put files under source control");
+    app->add_option("PATH", paths, "Files, or folders for all that is untracked in them")
+        ->required();
+    app->footer("Examples:\n"
+                "  quendo add new.c                    one file\n"
+                "  quendo add src                      all that is untracked below src");
+    return app;
+}
+
 void AddCommand::run() const {
     const auto [copy, given] = select(paths, [](const std::string& path) {
         return isFolder(locate(path)) ? WorkingCopy::ofFolder(path) : WorkingCopy::ofFile(path);
@@ -84,6 +96,15 @@ void AddCommand::run() const {
         const auto state = stateOf(states, file);
         return state == LocalStatus::NotUnderSourceControl || state == LocalStatus::Deleted;
     }));
+}
+
+CLI::App* RemoveCommand::describe(CLI::App& program) {
+    auto* app = program.add_subcommand("remove", "Take files out of source control");
+    app->add_option("FILE", files, "The files")->required();
+    app->footer("A file that was only added stays on disk; others are deleted.\n"
+                "Examples:\n"
+                "  quendo remove old.c");
+    return app;
 }
 
 void RemoveCommand::run() const {

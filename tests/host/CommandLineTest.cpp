@@ -1,4 +1,8 @@
 #include "host/CommandLine.h"
+#include "host/CompletionCommand.h"
+#include "host/ExportCommand.h"
+#include "host/LogCommand.h"
+#include "host/StatusCommand.h"
 #include "tests/support/Process.h"
 
 #include <gtest/gtest.h>
@@ -11,9 +15,14 @@ Invocation parse(std::vector<const char*> words) {
     return parseCommandLine(static_cast<int>(words.size()), words.data());
 }
 
+template <class Chosen>
+Chosen parseAs(const std::vector<const char*>& words) {
+    return dynamic_cast<const Chosen&>(*parse(words).command);
+}
+
 StatusCommand parseStatus(std::vector<const char*> words) {
     words.insert(words.begin(), "status");
-    return std::get<StatusCommand>(parse(words).command);
+    return parseAs<StatusCommand>(words);
 }
 
 TEST(CommandLine, TakesPathsAsTheyAre) {
@@ -22,14 +31,14 @@ TEST(CommandLine, TakesPathsAsTheyAre) {
         EXPECT_EQ(parseStatus({path}).folder, path);
     EXPECT_EQ(parseStatus({"--", "--json"}).folder, "--json");
     EXPECT_EQ(parseStatus({}).folder, ".");
-    const auto exported = std::get<ExportCommand>(parse({"export", "a", "log", "c"}).command);
+    const auto exported = parseAs<ExportCommand>({"export", "a", "log", "c"});
     EXPECT_EQ(exported.file + exported.revision + exported.target, "alogc");
 }
 
 TEST(CommandLine, TakesOptionsAnywhere) {
     EXPECT_EQ(parseStatus({"-z", "x", "--porcelain"}).format, StatusFormat::PorcelainNul);
     EXPECT_EQ(parseStatus({"--json"}).format, StatusFormat::Json);
-    EXPECT_EQ(std::get<LogCommand>(parse({"log", "f", "-n", "3"}).command).limit, 3);
+    EXPECT_EQ(parseAs<LogCommand>({"log", "f", "-n", "3"}).limit, 3);
     EXPECT_EQ(parse({"--log", "notice", "status"}).logLevel, platform::Severity::Notice);
     EXPECT_EQ(parse({"log", "--log=detail", "f"}).logLevel, platform::Severity::Detail);
     EXPECT_EQ(parse({"status"}).logLevel, std::nullopt);
@@ -65,7 +74,7 @@ TEST(CommandLine, RefusesWrongUsageInOneLineThatNamesTheHelp) {
 }
 
 TEST(Completion, BashCompletesCommandsAndOptions) {
-    const auto script = std::get<Notice>(parse({"completion", "bash"}).command).text + R"(
+    const auto script = parseAs<CompletionCommand>({"completion", "bash"}).script + R"(
         for words in 'st' 'status --po' '--log notice log --js' 'status --log d' 'completion f'; do
             COMP_WORDS=(quendo $words); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
             _quendo; echo -n "${COMPREPLY[*]} "
