@@ -16,8 +16,26 @@ struct AddCommand : Command {
 };
 
 /// `quendo remove`: takes files out of source control, and from the disk unless they were only
-/// added.
+/// added; of a folder all that is tracked below it.
 struct RemoveCommand : Command {
+    std::vector<std::string> paths;
+    bool dryRun = false;
+
+    CLI::App* describe(CLI::App& program) override;
+    void run() const override;
+};
+
+/// `quendo move`: moves a file or a folder, also into a folder that is there.
+struct MoveCommand : Command {
+    std::string source;
+    std::string destination;
+
+    CLI::App* describe(CLI::App& program) override;
+    void run() const override;
+};
+
+/// `quendo lock`: makes files ready for change.
+struct LockCommand : Command {
     std::vector<std::string> files;
 
     CLI::App* describe(CLI::App& program) override;

@@ -1,10 +1,12 @@
 #include "host/CommandLine.h"
 
 #include "host/ActionCommands.h"
+#include "host/CheckinCommands.h"
 #include "host/CompletionCommand.h"
 #include "host/ExportCommand.h"
 #include "host/ListingCommands.h"
 #include "host/LogCommand.h"
+#include "host/RevertCommands.h"
 #include "host/StatusCommand.h"
 #include "host/WatchCommand.h"
 
@@ -33,14 +35,15 @@ std::vector<std::unique_ptr<Command>> make() {
 
 /// In the order of the help.
 std::vector<std::unique_ptr<Command>> allCommands() {
-    return make<StatusCommand, WatchCommand, AddCommand, RemoveCommand, UntrackedCommand,
+    return make<StatusCommand, WatchCommand, AddCommand, RemoveCommand, MoveCommand, CheckinCommand,
+                RevertCommand, DiscardCommand, ResolveCommand, LockCommand, UntrackedCommand,
                 ClientsCommand, LogCommand, ExportCommand, CompletionCommand>();
 }
 
 } // namespace
 
 Invocation parseCommandLine(int count, const char* const* arguments) {
-    CLI::App app("Shows and explores the source-control state of a working copy.", "quendo");
+    CLI::App app("Shows and changes the source-control state of a working copy.", "quendo");
     app.set_version_flag("--version", "quendo " QUENDO_VERSION, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
     app.require_subcommand(1, 1);
@@ -61,8 +64,10 @@ Invocation parseCommandLine(int count, const char* const* arguments) {
         described->set_help_flag("-h,--help", "Print this help and exit");
         addLog(*described);
         for (auto* option : described->get_options())
-            if (option->get_positional())
+            if (option->get_positional()) {
                 option->type_name("");
+                option->allow_extra_args(false); // or "[a,b]" would be two paths
+            }
         commands[described] = std::move(command);
     }
 
