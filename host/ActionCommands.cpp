@@ -111,10 +111,15 @@ void RemoveCommand::run() const {
         return session.finish(linesOf(files, states, targets.copy.root));
     if (files.empty())
         return session.finish("nothing to remove\n");
-    management::CMActionManager(targets.copy.adapter()).remove(files);
-    const auto kept = std::ranges::count_if(files, [&](const Path& path) {
-        return states.at(path).getState() == LocalStatus::Added && isThere(path);
+    // First what may be refused, so that then nothing has been done.
+    auto ordered = files;
+    const auto added = std::ranges::stable_partition(ordered, [&](const Path& path) {
+        return states.at(path).getState() != LocalStatus::Added;
     });
+    management::CMActionManager manager(targets.copy.adapter());
+    manager.remove({ordered.begin(), added.begin()});
+    manager.remove({added.begin(), added.end()});
+    const auto kept = std::ranges::count_if(added, &isThere);
     session.finish("removed " + countOf(files.size()) +
                    (kept == 0 ? ""
                               : "; " + std::to_string(kept) + (kept == 1 ? " stays" : " stay") +

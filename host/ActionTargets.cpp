@@ -5,6 +5,7 @@
 #include "host/VisibleText.h"
 #include "quendo/platform/UString.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace quendo::host {
@@ -37,7 +38,10 @@ ActionTargets::States ActionTargets::states() const {
     auto states = copy.adapter().getStatus(paths);
     for (std::size_t i = 0; i < paths.size(); ++i) {
         const auto found = states.find(paths[i]);
-        if (found == states.end() && paths[i] != copy.root)
+        // A folder that has gone is still there as what was in it.
+        const auto isWithin = [&](const auto& entry) { return entry.first.isBelow(paths[i]); };
+        if (found == states.end() && paths[i] != copy.root &&
+            std::ranges::none_of(states, isWithin))
             throw HostError(visiblePath(arguments[i]) + " does not exist");
         if (found == states.end() || found->second.getState() != LocalStatus::Unknown)
             continue;

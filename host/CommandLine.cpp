@@ -40,6 +40,20 @@ std::vector<std::unique_ptr<Command>> allCommands() {
                 ClientsCommand, LogCommand, ExportCommand, CompletionCommand>();
 }
 
+/// Where several paths may stand, the parser takes "[a,b]" for two of them. A NUL behind it, which
+/// no argument holds, keeps it from that.
+std::string masked(std::string argument) {
+    if (argument.starts_with('[') && argument.ends_with(']'))
+        argument += '\0';
+    return argument;
+}
+
+std::string unmasked(std::string argument) {
+    if (argument.ends_with('\0'))
+        argument.pop_back();
+    return argument;
+}
+
 } // namespace
 
 Invocation parseCommandLine(int count, const char* const* arguments) {
@@ -64,16 +78,21 @@ Invocation parseCommandLine(int count, const char* const* arguments) {
         described->set_help_flag("-h,--help", "Print this help and exit");
         addLog(*described);
         for (auto* option : described->get_options())
-            if (option->get_positional()) {
+            if (option->get_positional())
                 option->type_name("");
-                option->allow_extra_args(false); // or "[a,b]" would be two paths
-            }
+        for (auto* option : described->get_options())
+            if (option->get_expected_max() > 0)
+                option->transform(&unmasked);
         commands[described] = std::move(command);
     }
+    // The parser wants the last one first.
+    std::vector<std::string> words;
+    for (int i = count; i-- > 1;)
+        words.push_back(masked(arguments[i]));
 
     Invocation result;
     try {
-        app.parse(count, arguments);
+        app.parse(std::move(words));
     } catch (const CLI::CallForHelp&) {
         result.notice = app.help();
         return result;

@@ -47,6 +47,7 @@ true|q move a d|moved a to d/a|A. d/a|D. a
 w n|cd d; q move . ../g/h|moved . to ../g/h|?? n|A. g/h/e|A. g/h/f|D. d/e|D. d/f
 mv a n|q move a n|moved a to n|A. n|D. a
 w a 2; git add a; w a 3; rm b; w n; git add n; git rm -q d/e; w u|q revert a b n d a|reverted 4 files|?? n|?? u
+git rm -qr d|q revert d|reverted 2 files|
 w a 2; w b 2|q revert a|reverted 1 file|.M b
 w u|q revert .|nothing to revert|?? u
 w a 2; git add a; rm d/e; w u|cd d; q discard|discarded the changes of 2 files in $WORK|?? u
@@ -116,11 +117,11 @@ TEST_F(Actions, DryRunNamesEverythingAndChangesNothing) {
 
 TEST_F(Actions, RefuseInOneLineAndLeaveEverything) {
     const GitSandbox sandbox;
-    runScript(
-        sandbox,
-        "i; w .gitignore 'x*'; w a; w b; w d/e; sub s; c; git init -q ../other;"
-        "w ../other/f; mkdir ../plain; w ../plain/f; w u; w x; w xd/f; w ud/f; w b 2;"
-        "w c '<<<<<<< 1\n=======\n>>>>>>> 2\n'; cp c ../c; stages c 1 2 3; w ../bad $'\\xff'");
+    runScript(sandbox,
+              "i; w .gitignore 'x*'; w a; w b; w d/e; sub s; c; git init -q ../other;"
+              "w ../other/f; mkdir ../plain; w ../plain/f; w u; w x; w xd/f; w ud/f; w b 2;"
+              "w c '<<<<<<< 1\n=======\n>>>>>>> 2\n'; stages c 1 2 3; w n; git add n; w "
+              "../bad $'\\xff'");
     const auto before = status(sandbox);
     for (const auto& [arguments, words] : std::vector<std::pair<std::string, std::string>>{
              {"add u gone", "gone does not exist"},
@@ -137,7 +138,7 @@ TEST_F(Actions, RefuseInOneLineAndLeaveEverything) {
              {"remove a x", "x is not under source control"},
              {"remove a ud", "ud is not under source control"},
              {"remove a s", "s is a working copy of its own"},
-             {"remove b", "exists nowhere else"},
+             {"remove n b", "exist"},
              {"remove --dry-run a gone", "gone does not exist"},
              {"move a b", "b exists already"},
              {"move a a", "a cannot be moved to itself"},
