@@ -141,15 +141,15 @@ CLI::App* MoveCommand::describe(CLI::App& program) {
 
 void MoveCommand::run() const {
     const auto from = WorkingCopy::ofPath(source);
-    auto to = locate(destination);
+    auto target = destination;
+    const auto to = locate(destination);
     std::error_code unreadable;
     if (isThere(from.path) && isFolder(to) &&
         !fs::equivalent(from.path.toNative(), to.toNative(), unreadable))
-        to = to / from.path.fileName();
+        target += "/" + from.path.fileName().toNative();
     else if (destination.ends_with('/') && !isThere(to) && !isFolder(from.path))
         throw HostError(visiblePath(destination) + " is not a folder");
-    // The last part of the name need not be there, the folder decides where it belongs.
-    const auto targets = ActionTargets::ofPaths({source, to.toNative()});
+    const auto targets = ActionTargets::ofPaths({source, target});
     if (from.path == targets.paths.back())
         throw HostError(visiblePath(source) + " cannot be moved to itself");
     Session session(from.interactor());
