@@ -93,11 +93,15 @@ void RemoveCommand::run() const {
     Session session(targets.copy.interactor());
     const auto states = targets.states();
     targets.refuseUntracked(states);
+    const std::set<Path> named(targets.paths.begin(), targets.paths.end());
     for (const auto& [path, state] : states) {
         const bool isUnknown = state.getState() == LocalStatus::Unknown;
         const auto* columns = state.findProperty(property::columns);
-        if (isUnknown || (state.getState() == LocalStatus::External && state.isFolder() &&
-                          (columns == nullptr || *columns != u"??")))
+        // One that is not a part of this one is left where it is, unless it is named.
+        const bool isOther = state.findProperty(property::submodule) != nullptr ||
+                             (state.getState() == LocalStatus::External &&
+                              (columns == nullptr || *columns != u"??" || named.contains(path)));
+        if (isUnknown || isOther)
             throw HostError(nameFrom(currentFolder(), targets.copy.root, path) +
                             (isUnknown ? " cannot be read"
                                        : " is a working copy of its own and is not removed"));
@@ -144,8 +148,10 @@ void MoveCommand::run() const {
     auto target = destination;
     const auto to = locate(destination);
     std::error_code unreadable;
-    if (isThere(from.path) && isFolder(to) &&
-        !fs::equivalent(from.path.toNative(), to.toNative(), unreadable))
+    // A file system that knows no case has one folder under both names.
+    const bool isSame =
+        isFolder(from.path) && fs::equivalent(from.path.toNative(), to.toNative(), unreadable);
+    if (isThere(from.path) && isFolder(to) && !isSame)
         target += "/" + from.path.fileName().toNative();
     else if (destination.ends_with('/') && !isThere(to) && !isFolder(from.path))
         throw HostError(visiblePath(destination) + " is not a folder");

@@ -66,19 +66,17 @@ bool isUntracked(const FileState& state) {
 }
 
 bool isChanged(const FileState& state) {
-    switch (state.getState()) {
-    case LocalStatus::NotUnderSourceControl:
-    case LocalStatus::Unmodified:
-    case LocalStatus::Ignored:
-    case LocalStatus::Unknown:
+    if (isUntracked(state) || state.getState() == LocalStatus::Unmodified ||
+        state.getState() == LocalStatus::Unknown)
         return false;
-    case LocalStatus::External:
-        if (const auto* columns = state.findProperty(property::columns))
-            return !columns->starts_with(u'?') && !columns->starts_with(u'!');
+    if (!state.isFolder())
+        return state.getState() != LocalStatus::External;
+    const auto* columns = state.findProperty(property::columns);
+    const auto* inside = state.findProperty(property::submodule);
+    if (columns == nullptr || columns->starts_with(u'?') || columns->starts_with(u'!'))
         return false;
-    default:
-        return true;
-    }
+    return !columns->starts_with(u'.') || inside == nullptr ||
+           inside->find(u"commit") != UString::npos;
 }
 
 std::vector<Path> pathsWhere(const ActionTargets::States& states,

@@ -37,7 +37,7 @@ private:
 bool isUntracked(const FileState& state);
 
 /// Whether it is under source control and differs from the last commit. A working copy that is a
-/// part of this one differs when another of its commits belongs here.
+/// part of this one differs when another of its commits belongs here, whatever else is in it.
 bool isChanged(const FileState& state);
 
 /// The paths of the states that are meant, in the order of the map.

@@ -44,6 +44,7 @@ mkdir g|q add a g|nothing to add|
 w n; git add n; rm b|q remove a n b d|removed 5 files; 1 stays on disk, untracked|?? n|D. a|D. b|D. d/e|D. d/f
 git rm -q --cached a|q remove a|nothing to remove|?? a|D. a
 true|q move a d|moved a to d/a|A. d/a|D. a
+ln -s d l; git add l|q move l d/|moved l to d/l|A. d/l
 w n|cd d; q move . ../g/h|moved . to ../g/h|?? n|A. g/h/e|A. g/h/f|D. d/e|D. d/f
 mv a n|q move a n|moved a to n|A. n|D. a
 w a 2; git add a; w a 3; rm b; w n; git add n; git rm -q d/e; w u|q revert a b n d a|reverted 4 files|?? n|?? u
@@ -60,6 +61,8 @@ w a 2; w ../m m|q checkin --file ../m .|checked in 1 file as $HEAD|
 w a 2|q checkin --message=m a a d|checked in 1 file as $HEAD|
 chmod 444 a; chmod 644 b|q lock a b a && [ $(stat -c %a a) = 644 ]|made 2 files ready for change|
 sub s; c; git -C s commit -q --allow-empty -m 2|q checkin -m m s|checked in 1 file as $HEAD|
+sub s; c; w s/f 2; w a 2|q revert . 's'|reverted 1 file|.M s
+sub s; c; w s/f 2; w a 2|q checkin -m m . s|checked in 1 file as $HEAD|.M s
 sub s; c; w s/f 2|cd s; q revert .|reverted 1 file|
 )sh";
 
@@ -118,7 +121,8 @@ TEST_F(Actions, DryRunNamesEverythingAndChangesNothing) {
 TEST_F(Actions, RefuseInOneLineAndLeaveEverything) {
     const GitSandbox sandbox;
     runScript(sandbox,
-              "i; w .gitignore 'x*'; w a; w b; w d/e; sub s; c; git init -q ../other;"
+              "i; w .gitignore 'x*'; w a; w b; w d/e; sub s; sub s2; c; i nest; w s2/f 2; git init "
+              "-q ../other;"
               "w ../other/f; mkdir ../plain; w ../plain/f; w u; w x; w xd/f; w ud/f; w b 2;"
               "w c '<<<<<<< 1\n=======\n>>>>>>> 2\n'; stages c 1 2 3; w n; git add n; w "
               "../bad $'\\xff'");
@@ -138,6 +142,8 @@ TEST_F(Actions, RefuseInOneLineAndLeaveEverything) {
              {"remove a x", "x is not under source control"},
              {"remove a ud", "ud is not under source control"},
              {"remove a s", "s is a working copy of its own"},
+             {"remove a s2", "s2 is a working copy of its own"},
+             {"remove a nest", "nest is a working copy of its own"},
              {"remove n b", "exist"},
              {"remove --dry-run a gone", "gone does not exist"},
              {"move a b", "b exists already"},
