@@ -1,106 +1,189 @@
 #include "host/ActionCommands.h"
 
+#include "host/ActionTargets.h"
 #include "host/HostError.h"
 #include "host/Session.h"
+#include "host/StatusPrinter.h"
 #include "host/VisibleText.h"
-#include "host/WorkingCopy.h"
 #include "quendo/management/CMActionManager.h"
-#include "quendo/management/ListUntrackedFiles.h"
 #include "quendo/platform/FileUtilities.h"
 #include "quendo/platform/Services.h"
-#include "quendo/pool/ManagedFolderProvider.h"
+
+#include <CLI/App.hpp>
 
 #include <algorithm>
-#include <functional>
-#include <iterator>
-#include <map>
-#include <optional>
+#include <filesystem>
+#include <set>
 
 namespace quendo::host {
 namespace {
 
-struct Selection {
-    WorkingCopy copy;
-    std::vector<Path> paths;
-};
+namespace fs = std::filesystem;
 
-/// The paths, which have to belong to one working copy.
-Selection select(const std::vector<std::string>& arguments,
-                 const std::function<WorkingCopy(const std::string&)>& open) {
-    std::optional<Selection> result;
-    for (const auto& argument : arguments) {
-        auto copy = open(argument);
-        if (result && copy.root != result->copy.root)
-            throw HostError(visiblePath(arguments.front()) + " and " + visiblePath(argument) +
-                            " belong to different working copies: name those of one at a time");
-        auto path = copy.path;
-        if (!result)
-            result.emplace(Selection{std::move(copy), {}});
-        result->paths.push_back(std::move(path));
-    }
-    return std::move(result).value();
+bool isThere(const Path& path) {
+    std::error_code unreadable;
+    return fs::symlink_status(path.toNative(), unreadable).type() != fs::file_type::not_found;
 }
 
+/// Symbolic links are no folders.
 bool isFolder(const Path& path) {
-    const auto files = platform::services()->files;
-    return files->isDirectory(path) && files->canonical(path) == managedPath(path);
-}
-
-using States = std::map<Path, FileState>;
-
-/// Empty for a path that is neither there nor known.
-std::optional<LocalStatus> stateOf(const States& states, const Path& path) {
-    const auto found = states.find(path);
-    return found == states.end() ? std::nullopt : std::optional(found->second.getState());
-}
-
-template <class Predicate>
-std::string count(const std::string& verb, const std::vector<Path>& files, Predicate isMeant) {
-    const auto number = std::ranges::count_if(files, isMeant);
-    return verb + " " + std::to_string(number) + (number == 1 ? " file\n" : " files\n");
+    std::error_code unreadable;
+    return fs::symlink_status(path.toNative(), unreadable).type() == fs::file_type::directory;
 }
 
 } // namespace
 
+CLI::App* AddCommand::describe(CLI::App& program) {
+    auto* app = program.add_subcommand("add", "Put files under source control");
+    app->add_option("PATH", paths, "Files, or folders for all that is untracked in them")
+        ->required();
+    app->footer("Ignored files are refused; of a folder they are left out.\n"
+                "Examples:\n"
+                "  quendo add new.c                    one file\n"
+                "  quendo add src                      all that is untracked below src");
+    return app;
+}
+
 void AddCommand::run() const {
-    const auto [copy, given] = select(paths, [](const std::string& path) {
-        return isFolder(locate(path)) ? WorkingCopy::ofFolder(path) : WorkingCopy::ofFile(path);
-    });
-    Session session(copy.interactor());
+    const auto targets = ActionTargets::ofPaths(paths);
+    Session session(targets.copy.interactor());
+    const auto states = targets.states();
+    const std::set<Path> named(targets.paths.begin(), targets.paths.end());
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        const auto found = states.find(targets.paths[i]);
+        const auto state =
+            found == states.end() ? LocalStatus::Unmodified : found->second.getState();
+        const auto refuse = [&](const char* why) { throw HostError(visiblePath(paths[i]) + why); };
+        if (state == LocalStatus::Ignored)
+            refuse(" is ignored; change the ignore rules first");
+        if (state == LocalStatus::Conflicted)
+            refuse(" is in conflict; edit it, and then: quendo resolve");
+        if (state == LocalStatus::External)
+            refuse(" belongs to a working copy of its own; work on it there");
+    }
     std::vector<Path> files;
-    for (const auto& path : given) {
-        if (isFolder(path))
-            std::ranges::move(management::listUntrackedFiles(path, *copy.folder),
-                              std::back_inserter(files));
-        else
+    for (const auto& [path, state] : states) {
+        const bool isUntrackedFile =
+            state.getState() == LocalStatus::NotUnderSourceControl && !state.isFolder();
+        // What was removed and named is brought back; below a folder only what is still there.
+        const bool isRemovedFile = state.getState() == LocalStatus::Deleted &&
+                                   (named.contains(path) || (isThere(path) && !isFolder(path)));
+        if (isUntrackedFile || isRemovedFile)
             files.push_back(path);
     }
-    const auto states = copy.adapter().getStatus(files);
-    for (std::size_t i = 0; i < given.size(); ++i)
-        if (!isFolder(given[i]) && !stateOf(states, given[i]))
-            throw HostError(visiblePath(paths[i]) + " does not exist");
-    management::CMActionManager(copy.adapter()).add(files, copy.root);
-    session.finish(count("added", files, [&](const Path& file) {
-        const auto state = stateOf(states, file);
-        return state == LocalStatus::NotUnderSourceControl || state == LocalStatus::Deleted;
-    }));
+    if (files.empty())
+        return session.finish("nothing to add\n");
+    management::CMActionManager(targets.copy.adapter()).add(files, targets.copy.root);
+    session.finish("added " + countOf(files.size()) + "\n");
+}
+
+CLI::App* RemoveCommand::describe(CLI::App& program) {
+    auto* app = program.add_subcommand("remove", "Take files out of source control");
+    app->add_option("PATH", paths, "Files, or folders for all that is tracked in them")->required();
+    app->add_flag("--dry-run", dryRun, "Only list what would be removed");
+    app->footer("A file that was only added stays on disk; others are deleted.\n"
+                "Examples:\n"
+                "  quendo remove old.c\n"
+                "  quendo remove --dry-run src         which files that would be");
+    return app;
 }
 
 void RemoveCommand::run() const {
-    const auto [copy, given] = select(files, &WorkingCopy::ofFile);
-    Session session(copy.interactor());
-    const auto states = copy.adapter().getStatus(given);
-    for (std::size_t i = 0; i < given.size(); ++i) {
-        const auto state = stateOf(states, given[i]);
-        if (!state || state == LocalStatus::NotUnderSourceControl || state == LocalStatus::Ignored)
-            throw HostError(visiblePath(files[i]) + " is not under source control");
+    const auto targets = ActionTargets::ofPaths(paths);
+    Session session(targets.copy.interactor());
+    const auto states = targets.states();
+    targets.refuseUntracked(states);
+    const std::set<Path> named(targets.paths.begin(), targets.paths.end());
+    for (const auto& [path, state] : states) {
+        const bool isUnknown = state.getState() == LocalStatus::Unknown;
+        const auto* columns = state.findProperty(property::columns);
+        // One that is not a part of this one is left where it is, unless it is named.
+        const bool isOther = state.findProperty(property::submodule) != nullptr ||
+                             (state.getState() == LocalStatus::External &&
+                              (columns == nullptr || *columns != u"??" || named.contains(path)));
+        if (isUnknown || isOther)
+            throw HostError(nameFrom(currentFolder(), targets.copy.root, path) +
+                            (isUnknown ? " cannot be read"
+                                       : " is a working copy of its own and is not removed"));
     }
-    management::CMActionManager(copy.adapter()).remove(given);
-    session.finish(count("removed", given, [&](const Path& file) {
-        const auto state = stateOf(states, file);
-        return state != LocalStatus::Deleted && state != LocalStatus::External &&
-               state != LocalStatus::Unknown;
-    }));
+    const auto files = pathsWhere(states, [](const FileState& state) {
+        return !state.isFolder() && !isUntracked(state) &&
+               state.getState() != LocalStatus::Deleted &&
+               state.getState() != LocalStatus::External;
+    });
+    if (dryRun)
+        return session.finish(linesOf(files, states, targets.copy.root));
+    if (files.empty())
+        return session.finish("nothing to remove\n");
+    // First what may be refused, so that then nothing has been done.
+    auto ordered = files;
+    const auto added = std::ranges::stable_partition(ordered, [&](const Path& path) {
+        return states.at(path).getState() != LocalStatus::Added;
+    });
+    management::CMActionManager manager(targets.copy.adapter());
+    manager.remove({ordered.begin(), added.begin()});
+    manager.remove({added.begin(), added.end()});
+    const auto kept = std::ranges::count_if(added, &isThere);
+    session.finish("removed " + countOf(files.size()) +
+                   (kept == 0 ? ""
+                              : "; " + std::to_string(kept) + (kept == 1 ? " stays" : " stay") +
+                                    " on disk, untracked") +
+                   "\n");
+}
+
+CLI::App* MoveCommand::describe(CLI::App& program) {
+    auto* app = program.add_subcommand("move", "Move or rename a file or a folder");
+    app->add_option("SOURCE", source, "The file or folder")->required();
+    app->add_option("DESTINATION", destination, "Its new name, or a folder to move it into")
+        ->required();
+    app->footer("What has been moved already, with other means, is only recorded.\n"
+                "Examples:\n"
+                "  quendo move old.c new.c             a new name\n"
+                "  quendo move old.c lib               to lib/old.c, when the folder lib is there");
+    return app;
+}
+
+void MoveCommand::run() const {
+    const auto from = WorkingCopy::ofPath(source);
+    auto target = destination;
+    const auto to = locate(destination);
+    std::error_code unreadable;
+    // A file system that knows no case has one folder under both names.
+    const bool isSame =
+        isFolder(from.path) && fs::equivalent(from.path.toNative(), to.toNative(), unreadable);
+    if (isThere(from.path) && isFolder(to) && !isSame)
+        target += "/" + from.path.fileName().toNative();
+    else if (destination.ends_with('/') && !isThere(to) && !isFolder(from.path))
+        throw HostError(visiblePath(destination) + " is not a folder");
+    const auto targets = ActionTargets::ofPaths({source, target});
+    if (from.path == targets.paths.back())
+        throw HostError(visiblePath(source) + " cannot be moved to itself");
+    Session session(from.interactor());
+    // The current folder may be moved away.
+    const auto name = [&, current = currentFolder()](const Path& path) {
+        return nameFrom(current, from.root, path);
+    };
+    const auto line = "moved " + name(from.path) + " to " + name(targets.paths.back()) + "\n";
+    from.adapter().moveFile(from.path, targets.paths.back());
+    session.finish(line);
+}
+
+CLI::App* LockCommand::describe(CLI::App& program) {
+    auto* app = program.add_subcommand("lock", "Make files ready for change");
+    app->add_option("FILE", files, "The files")->required();
+    app->footer("Git has no locks: files that are read-only become writable.\n"
+                "Examples:\n"
+                "  quendo lock model.bin               a file that Git LFS keeps read-only");
+    return app;
+}
+
+void LockCommand::run() const {
+    const auto targets = ActionTargets::ofFiles(files);
+    Session session(targets.copy.interactor());
+    targets.refuseUntracked(targets.states());
+    const std::set<Path> unique(targets.paths.begin(), targets.paths.end());
+    targets.copy.adapter().checkout({unique.begin(), unique.end()});
+    session.finish("made " + countOf(unique.size()) + " ready for change\n");
 }
 
 } // namespace quendo::host

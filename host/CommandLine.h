@@ -1,17 +1,12 @@
 #pragma once
 
-#include "host/ActionCommands.h"
-#include "host/ExportCommand.h"
-#include "host/ListingCommands.h"
-#include "host/LogCommand.h"
-#include "host/StatusCommand.h"
-#include "host/WatchCommand.h"
+#include "host/Command.h"
 #include "quendo/platform/Logging.h"
 
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <variant>
 
 namespace quendo::host {
 
@@ -21,16 +16,10 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// What is printed and nothing else: a help text, the version, a completion script.
-struct Notice {
-    std::string text;
-};
-
 /// What the command line asks for.
 struct Invocation {
-    std::variant<Notice, StatusCommand, WatchCommand, LogCommand, ExportCommand, AddCommand,
-                 RemoveCommand, UntrackedCommand, ClientsCommand>
-        command;
+    std::unique_ptr<const Command> command; ///< null when only `notice` is asked for
+    std::string notice;                     ///< a help text, or the version
     std::optional<platform::Severity> logLevel;
 };
 

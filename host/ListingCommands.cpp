@@ -10,11 +10,28 @@
 #include "quendo/platform/UString.h"
 #include "quendo/pool/GetClients.h"
 
+#include <CLI/App.hpp>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 
 namespace quendo::host {
+
+CLI::App* UntrackedCommand::describe(CLI::App& program) {
+    auto* app =
+        program.add_subcommand("untracked", "List the files that are not under source control");
+    app->add_option("FOLDER", folder, "The folder to look at (default: this one)");
+    app->add_flag("--json", json, "One JSON object a line");
+    app->add_flag("-z", nul, "For scripts: raw paths from the root, each ended by a NUL");
+    app->footer("Examples:\n"
+                "  quendo untracked src                at or below src\n"
+                "  quendo untracked -z | xargs -0 ls   for a script, at the root");
+    app->final_callback([this] {
+        if (json && nul)
+            throw CLI::ValidationError("--json and -z cannot go together");
+    });
+    return app;
+}
 
 void UntrackedCommand::run() const {
     const auto copy = WorkingCopy::ofFolder(folder);
@@ -34,6 +51,15 @@ void UntrackedCommand::run() const {
         }
     }
     session.finish(output);
+}
+
+CLI::App* ClientsCommand::describe(CLI::App& program) {
+    auto* app = program.add_subcommand("clients", "List managed folders and their clients");
+    app->add_option("FOLDER", folders, "Folders to be managed meanwhile");
+    app->footer("Every process manages folders of its own: only those named here are listed.\n"
+                "Examples:\n"
+                "  quendo clients . ~/other            both working copies");
+    return app;
 }
 
 void ClientsCommand::run() const {

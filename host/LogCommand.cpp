@@ -8,10 +8,26 @@
 #include "quendo/platform/FileUtilities.h"
 #include "quendo/platform/Services.h"
 
+#include <CLI/App.hpp>
+
 #include <algorithm>
+#include <limits>
 #include <span>
 
 namespace quendo::host {
+
+CLI::App* LogCommand::describe(CLI::App& program) {
+    auto* app = program.add_subcommand("log", "List the revisions of a file, newest first");
+    app->add_option("FILE", file, "The file; it may have been deleted")->required();
+    app->add_option("-n", limit, "At most N revisions")
+        ->option_text("N")
+        ->check(CLI::Range(1, std::numeric_limits<int>::max()).description(""));
+    app->add_flag("--json", json, "One JSON object a line");
+    app->footer("Examples:\n"
+                "  quendo log README.md                every revision, across renames\n"
+                "  quendo log -n 1 --json README.md    the last one, for a program");
+    return app;
+}
 
 void LogCommand::run() const {
     const auto copy = WorkingCopy::ofFile(file);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "host/Command.h"
 #include "host/StatusPrinter.h"
 
 #include <string>
@@ -9,12 +10,13 @@ namespace quendo::host {
 enum class StatusFormat { Human, Json, Porcelain, PorcelainNul };
 
 /// `quendo status`: the states at or below a folder.
-struct StatusCommand {
+struct StatusCommand : Command {
     std::string folder = ".";
     StatusFormat format = StatusFormat::Human;
     StatusSelection selection;
 
-    void run() const;
+    CLI::App* describe(CLI::App& program) override;
+    void run() const override;
 };
 
 } // namespace quendo::host

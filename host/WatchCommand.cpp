@@ -16,6 +16,8 @@
 #include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/Services.h"
 
+#include <CLI/App.hpp>
+
 #include <array>
 #include <condition_variable>
 #include <deque>
@@ -161,6 +163,21 @@ private:
 };
 
 } // namespace
+
+CLI::App* WatchCommand::describe(CLI::App& program) {
+    auto* app =
+        program.add_subcommand("watch", "Show what differs, and then every change as it happens");
+    app->add_option("PATH", folder, "The folder to watch (default: this one)");
+    app->add_flag("--all", selection.all, "Unmodified paths as well");
+    app->add_flag("--ignored", selection.ignored, "Ignored paths as well");
+    app->add_flag("--json", json, "One JSON object a line");
+    app->footer("It goes on until it is interrupted (Ctrl-C). What keeps it from telling the\n"
+                "truth stands on standard error.\n"
+                "Examples:\n"
+                "  quendo watch                        this folder\n"
+                "  quendo watch --json src             for a program");
+    return app;
+}
 
 void WatchCommand::run() const {
     const auto copy = WorkingCopy::ofFolder(folder);

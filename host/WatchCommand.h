@@ -1,5 +1,6 @@
 #pragma once
 
+#include "host/Command.h"
 #include "host/StatusPrinter.h"
 
 #include <string>
@@ -9,12 +10,13 @@ namespace quendo::host {
 /// `quendo watch`: the states at or below a folder, and then every change as it happens, until it
 /// is interrupted. On standard error it says when it cannot tell: the working copy has gone, it
 /// cannot be refreshed, or folders of it are not watched by the system.
-struct WatchCommand {
+struct WatchCommand : Command {
     std::string folder = ".";
     bool json = false;
     StatusSelection selection;
 
-    void run() const;
+    CLI::App* describe(CLI::App& program) override;
+    void run() const override;
 };
 
 } // namespace quendo::host

@@ -114,4 +114,17 @@ WorkingCopy WorkingCopy::ofFile(const std::string& file) {
     return open(path.parentPath(), path, file);
 }
 
+WorkingCopy WorkingCopy::ofPath(const std::string& path) {
+    const Path place = locate(path);
+    struct stat about {};
+    if (::lstat(place.toNative().c_str(), &about) != 0 || !S_ISDIR(about.st_mode))
+        return ofFile(path);
+    auto own = ofFolder(path);
+    const Path current = currentFolder();
+    if (own.root != own.path || current == own.root || current.isBelow(own.root) ||
+        !getSingletonManagedFolderProvider().provideFor(own.root.parentPath(), clientId))
+        return own;
+    return open(own.path.parentPath(), own.path, path);
+}
+
 } // namespace quendo::host

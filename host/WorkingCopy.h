@@ -12,7 +12,7 @@ namespace quendo::host {
 
 /// A path given on the command line and the managed folder of the working copy that it belongs to.
 ///
-/// Both functions throw HostError, naming the path as it was given, for one that cannot be used;
+/// These functions throw HostError, naming the path as it was given, for one that cannot be used;
 /// and what the provider throws for a working copy that cannot be opened.
 struct WorkingCopy {
     std::shared_ptr<ManagedFolder> folder;
@@ -31,6 +31,11 @@ struct WorkingCopy {
     /// @param file anything but a folder, even if it is not on disk any more. A symbolic link is
     ///             meant itself.
     static WorkingCopy ofFile(const std::string& file);
+
+    /// @param path a file as above, or a folder. A folder that is a working copy of its own within
+    ///             another one is meant as a part of that one, unless the program was started in
+    ///             it.
+    static WorkingCopy ofPath(const std::string& path);
 };
 
 /// The client that the program is for the library.

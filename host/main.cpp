@@ -5,8 +5,6 @@
 
 #include <exception>
 #include <new>
-#include <type_traits>
-#include <variant>
 
 namespace quendo::host {
 namespace {
@@ -29,14 +27,10 @@ int runProgram(int count, char** arguments) {
         prepareStandardStreams();
         const auto invocation = parseCommandLine(count, arguments);
         setUpLog(invocation.logLevel);
-        std::visit(
-            [](const auto& command) {
-                if constexpr (std::is_same_v<decltype(command), const Notice&>)
-                    writeOutput(command.text);
-                else
-                    command.run();
-            },
-            invocation.command);
+        if (invocation.command)
+            invocation.command->run();
+        else
+            writeOutput(invocation.notice);
         return done;
     } catch (const UsageError& error) {
         writeError(error.what());

@@ -1,4 +1,10 @@
 #include "host/CommandLine.h"
+#include "host/ActionCommands.h"
+#include "host/CheckinCommands.h"
+#include "host/CompletionCommand.h"
+#include "host/ExportCommand.h"
+#include "host/LogCommand.h"
+#include "host/StatusCommand.h"
 #include "tests/support/Process.h"
 #include "tests/support/Testing.h"
 
@@ -10,9 +16,14 @@ Invocation parse(std::vector<const char*> words) {
     return parseCommandLine(static_cast<int>(words.size()), words.data());
 }
 
+template <class Chosen>
+Chosen parseAs(const std::vector<const char*>& words) {
+    return dynamic_cast<const Chosen&>(*parse(words).command);
+}
+
 StatusCommand parseStatus(std::vector<const char*> words) {
     words.insert(words.begin(), "status");
-    return std::get<StatusCommand>(parse(words).command);
+    return parseAs<StatusCommand>(words);
 }
 
 TEST(CommandLine, TakesPathsAsTheyAre) {
@@ -21,17 +32,24 @@ TEST(CommandLine, TakesPathsAsTheyAre) {
         EXPECT_EQ(parseStatus({path}).folder, path);
     EXPECT_EQ(parseStatus({"--", "--json"}).folder, "--json");
     EXPECT_EQ(parseStatus({}).folder, ".");
-    const auto exported = std::get<ExportCommand>(parse({"export", "a", "log", "c"}).command);
+    const auto exported = parseAs<ExportCommand>({"export", "a", "log", "c"});
     EXPECT_EQ(exported.file + exported.revision + exported.target, "alogc");
+    const std::vector<const char*> awkward = {"add", "--",    "[a,b]", "[]",  "{}",  "%%",
+                                              "",    "--log", "-x",    "a,b", "\xff"};
+    EXPECT_EQ(parseAs<AddCommand>(awkward).paths,
+              std::vector<std::string>(awkward.begin() + 2, awkward.end()));
 }
 
 TEST(CommandLine, TakesOptionsAnywhere) {
     EXPECT_EQ(parseStatus({"-z", "x", "--porcelain"}).format, StatusFormat::PorcelainNul);
     EXPECT_EQ(parseStatus({"--json"}).format, StatusFormat::Json);
-    EXPECT_EQ(std::get<LogCommand>(parse({"log", "f", "-n", "3"}).command).limit, 3);
+    EXPECT_EQ(parseAs<LogCommand>({"log", "f", "-n", "3"}).limit, 3);
     EXPECT_EQ(parse({"--log", "notice", "status"}).logLevel, platform::Severity::Notice);
     EXPECT_EQ(parse({"log", "--log=detail", "f"}).logLevel, platform::Severity::Detail);
     EXPECT_EQ(parse({"status"}).logLevel, std::nullopt);
+    const auto checkin = parseAs<CheckinCommand>({"checkin", "a", "-m", "[x]", "b"});
+    EXPECT_EQ(checkin.message, "[x]");
+    EXPECT_EQ(checkin.paths, (std::vector<std::string>{"a", "b"}));
 }
 
 TEST(CommandLine, RefusesWrongUsageInOneLineThatNamesTheHelp) {
@@ -44,7 +62,14 @@ TEST(CommandLine, RefusesWrongUsageInOneLineThatNamesTheHelp) {
         {" completion", {{"tcsh"}}},
         {" watch", {{"a", "b"}, {"--porcelain"}}},
         {" add", {{}, {"--all", "f"}}},
-        {" remove", {{}}},
+        {" remove", {{}, {"--nope", "f"}}},
+        {" move", {{}, {"a"}, {"a", "b", "c"}}},
+        {" checkin", {{"f"}, {"-m", "m"}, {"f", "-m"}, {"-m", "m", "-F", "f", "f"}}},
+        {" checkin", {{"-m", "a", "-m", "b", "f"}}},
+        {" revert", {{}}},
+        {" discard", {{"a", "b"}}},
+        {" resolve", {{}, {"--dry-run", "f"}}},
+        {" lock", {{}}},
         {" untracked", {{"a", "b"}, {"--json", "-z"}}},
         {" clients", {{"--json"}}},
     };
@@ -64,13 +89,14 @@ TEST(CommandLine, RefusesWrongUsageInOneLineThatNamesTheHelp) {
 }
 
 TEST(Completion, BashCompletesCommandsAndOptions) {
-    const auto script = std::get<Notice>(parse({"completion", "bash"}).command).text + R"(
-        for words in 'st' 'status --po' '--log notice log --js' 'status --log d' 'completion f'; do
+    const auto script = parseAs<CompletionCommand>({"completion", "bash"}).script + R"(
+        for words in 'ch' 'remove --d' 'st' 'status --po' '--log notice log --js' 'status --log d' 'completion f'; do
             COMP_WORDS=(quendo $words); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
             _quendo; echo -n "${COMPREPLY[*]} "
         done)";
     const auto result = test::runProcess({"bash", "-euc", script}, {});
-    EXPECT_EQ(result.output, "status --porcelain --json detail fish ") << result.errors;
+    EXPECT_EQ(result.output, "checkin --dry-run status --porcelain --json detail fish ")
+        << result.errors;
 }
 
 } // namespace

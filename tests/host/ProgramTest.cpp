@@ -79,19 +79,6 @@ TEST_F(Program, ListsWhatIsUntracked) {
               "$'" + (m_sandbox.work() / "a/b/n\\nl").native() + "'\n");
 }
 
-TEST_F(Program, AddsAndRemovesNothingYet) {
-    shell("touch new; mkdir d empty; touch d/new; git init -q ../other; touch ../other/f");
-    for (const char* arguments : {"add new", "add d", "add a/file d/new", "remove a/file"})
-        expectRefusal(std::string("q ") + arguments, "is not available yet for Git");
-    for (const char* verb : {"add ", "remove "})
-        expectRefusal(std::string("q ") + verb + "a/file ../other/f", "different working copies");
-    expectRefusal("q add new gone", "gone does not exist");
-    expectRefusal("q remove a/file new", "new is not under source control");
-    expectRefusal("q remove a", "a is a folder");
-    EXPECT_EQ(shell("q add empty a/file").output, "added 0 files\n");
-    EXPECT_EQ(shell("git status --porcelain").output, "?? d/\n?? new\n");
-}
-
 TEST_F(Program, ListsTheClientsOfWorkingCopies) {
     const auto listed = shell("git init -q ../other; q clients . a ../other").output;
     const auto root = [](const auto& path) { return "root: " + path.native() + "\n"; };

@@ -1,0 +1,227 @@
+#include "tests/integration/Scenarios.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <sstream>
+
+namespace quendo::test {
+namespace {
+
+/// A working copy that the program changes.
+class Actions : public testing::Test {
+protected:
+    /// Runs a script in work(); q runs the program, other functions are those of scenarios.
+    static ProcessResult shell(const GitSandbox& sandbox, const std::string& script) {
+        return sandbox.run({"bash", "-c", "q() { \"$0\" \"$@\"; }\n" + script, QUENDO_PROGRAM},
+                           sandbox.work());
+    }
+
+    /// What git says, a record a line, and makes sure that the program says the same.
+    static std::string status(const GitSandbox& sandbox) {
+        auto records =
+            recordsIn(sandbox.git({"status", "--porcelain", "-z", "-uall", "--no-renames"}), '\0');
+        std::ranges::sort(records);
+        auto shown = recordsIn(
+            runQuendo(sandbox, {"status", "--porcelain", "-z", sandbox.work().native()}).output);
+        std::ranges::sort(shown);
+        EXPECT_EQ(shown, records);
+        std::string text;
+        for (const auto& [columns, path] : records)
+            text += (text.empty() ? "" : "|") + columns + " " + path;
+        return text;
+    }
+};
+
+/// One to a line: what is there beside the files a, b, d/e and d/f, which are checked in; the
+/// command; the line that it prints; the state after it.
+constexpr std::string_view effects = R"sh(
+w n|q add n|added 1 file|A. n
+w d/n; w d/g/m; w d/x.o; w .git/info/exclude '*.o'|q add d a|added 2 files|A. d/g/m|A. d/n
+git rm -q a; git rm -q --cached b d/e|q add a b d|added 3 files|
+ln -s d l; w n|cd d; q add ../l ../n|added 2 files|A. l|A. n
+mkdir g|q add a g|nothing to add|
+w n; git add n; rm b|q remove a n b d|removed 5 files; 1 stays on disk, untracked|?? n|D. a|D. b|D. d/e|D. d/f
+git rm -q --cached a|q remove a|nothing to remove|?? a|D. a
+true|q move a d|moved a to d/a|A. d/a|D. a
+ln -s d l; git add l|q move l d/|moved l to d/l|A. d/l
+w n|cd d; q move . ../g/h|moved . to ../g/h|?? n|A. g/h/e|A. g/h/f|D. d/e|D. d/f
+mv a n|q move a n|moved a to n|A. n|D. a
+w a 2; git add a; w a 3; rm b; w n; git add n; git rm -q d/e; w u|q revert a b n d a|reverted 4 files|?? n|?? u
+git rm -qr d|q revert d|reverted 2 files|
+w a 2; w b 2|q revert a|reverted 1 file|.M b
+w u|q revert .|nothing to revert|?? u
+w a 2; git add a; rm d/e; w u|cd d; q discard|discarded the changes of 2 files in $WORK|?? u
+w a 2|cd /; q discard "$OLDPWD/a"|discarded the changes of 1 file in $WORK|
+w u|q discard|nothing to discard in $WORK|?? u
+stages a 1 2 3; w a 2; stages b 1 3; rm b|q resolve a b|resolved 2 files|D. b|M. a
+w a 2; w b 2; git add b; w n; w u|q checkin -m m a n|checked in 2 files as $HEAD|?? u|M. b
+w a 2; rm d/e; git rm -q d/f; w d/u|echo m | q checkin -F - d|checked in 2 files as $HEAD|.M a|?? d/u
+w a 2; w ../m m|q checkin --file ../m .|checked in 1 file as $HEAD|
+w a 2|q checkin --message=m a a d|checked in 1 file as $HEAD|
+chmod 444 a; chmod 644 b|q lock a b a && [ $(stat -c %a a) = 644 ]|made 2 files ready for change|
+sub s; c; git -C s commit -q --allow-empty -m 2|q checkin -m m s|checked in 1 file as $HEAD|
+sub s; c; w s/f 2; w a 2|q revert . 's'|reverted 1 file|.M s
+sub s; c; w s/f 2; w a 2|q checkin -m m . s|checked in 1 file as $HEAD|.M s
+sub s; c; w s/f 2|cd s; q revert .|reverted 1 file|
+)sh";
+
+TEST_F(Actions, DoWhatTheySayInOneLine) {
+    std::istringstream lines{std::string(effects.substr(1))};
+    for (std::string line; std::getline(lines, line);) {
+        SCOPED_TRACE(line);
+        // A pipe within a command has blanks around it.
+        std::vector<std::string> parts{""};
+        for (std::size_t at = 0; at < line.size(); ++at)
+            if (line[at] == '|' && parts.size() < 4 && line[at + 1] != ' ')
+                parts.emplace_back();
+            else
+                parts.back() += line[at];
+        const GitSandbox sandbox;
+        runScript(sandbox, "i; w a; w b; w d/e; w d/f; c base; " + parts[0]);
+        const auto done = shell(sandbox, parts[1]);
+        EXPECT_EQ(done.exitCode, 0);
+        EXPECT_EQ(done.errors, "");
+        const auto expand = [&](const std::string& name, const std::string& value) {
+            if (const auto at = parts[2].find(name); at != std::string::npos)
+                parts[2].replace(at, name.size(), value);
+        };
+        expand("$WORK", sandbox.work().native());
+        if (parts[2].find("$HEAD") != std::string::npos) {
+            expand("$HEAD", sandbox.git({"rev-parse", "HEAD"}).substr(0, 10));
+            EXPECT_EQ(sandbox.git({"log", "-1", "--format=%B"}), "m\n\n");
+        }
+        EXPECT_EQ(done.output, parts[2] + "\n");
+        EXPECT_EQ(status(sandbox), parts[3]);
+    }
+}
+
+TEST_F(Actions, DryRunNamesEverythingAndChangesNothing) {
+    const GitSandbox sandbox;
+    runScript(sandbox, "i; for f in a b $'n\\nl' d/e d/f g; do w \"$f\"; done; c; w a 2; rm b; w n;"
+                       "git add n; w u; git rm -q d/e; w $'n\\nl' 2; git rm -q --cached g; sub s;"
+                       "git commit -qm s s .gitmodules; git -C s commit -q --allow-empty -m 2");
+    const auto before = status(sandbox);
+    const std::string changed = "../a\n../b\ne\n../g\n../n\n$'../n\\nl'\n";
+    for (const auto& [arguments, names] : std::vector<std::pair<std::string, std::string>>{
+             {"revert ..", changed},
+             {"revert e ../b", "../b\ne\n"},
+             {"discard", changed},
+             {"remove ../a f ../n . ../a", "../a\nf\n../n\n"},
+             {"revert f", ""}}) {
+        const auto result = shell(sandbox, "cd d; q " + arguments + " --dry-run");
+        EXPECT_EQ(result.errors, "") << arguments;
+        EXPECT_EQ(result.output, names) << arguments;
+    }
+    EXPECT_EQ(status(sandbox), before);
+    EXPECT_EQ(shell(sandbox, "q discard").output.substr(0, 34),
+              "discarded the changes of 6 files i");
+}
+
+TEST_F(Actions, RefuseInOneLineAndLeaveEverything) {
+    const GitSandbox sandbox;
+    runScript(sandbox,
+              "i; w .gitignore 'x*'; w a; w b; w d/e; sub s; sub s2; c; i nest; w s2/f 2; git init "
+              "-q ../other;"
+              "w ../other/f; mkdir ../plain; w ../plain/f; w u; w x; w xd/f; w ud/f; w b 2;"
+              "w c '<<<<<<< 1\n=======\n>>>>>>> 2\n'; stages c 1 2 3; w n; git add n; w "
+              "../bad $'\\xff'");
+    const auto before = status(sandbox);
+    for (const auto& [arguments, words] : std::vector<std::pair<std::string, std::string>>{
+             {"add u gone", "gone does not exist"},
+             {"add u ''", "an empty path"},
+             {"add u x", "x is ignored"},
+             {"add u xd", "xd is ignored"},
+             {"add u xd/f", "xd/f is ignored"},
+             {"add c", "c is in conflict"},
+             {"add s", "s belongs to a working copy of its own"},
+             {"add u ../other/f", "u and ../other/f belong to different working copies"},
+             {"add ../plain/f", "../plain/f is not in a working copy"},
+             {"add .git/config", "belongs to the metadata"},
+             {"remove a u", "u is not under source control"},
+             {"remove a x", "x is not under source control"},
+             {"remove a ud", "ud is not under source control"},
+             {"remove a s", "s is a working copy of its own"},
+             {"remove a s2", "s2 is a working copy of its own"},
+             {"remove a nest", "nest is a working copy of its own"},
+             {"remove n b", "exist"},
+             {"remove --dry-run a gone", "gone does not exist"},
+             {"move a b", "b exists already"},
+             {"move a a", "a cannot be moved to itself"},
+             {"move a gone/", "gone/ is not a folder"},
+             {"move a ../plain/g", "../plain/g is not in a working copy"},
+             {"move gone g", "not under source control"},
+             {"move u g", "not under source control"},
+             {"move d d/f", "cannot be moved into itself"},
+             {"revert b u", "u is not under source control"},
+             {"revert b gone", "gone does not exist"},
+             {"revert b s", "s; work on them there"},
+             {"discard ../plain", "../plain is not in a working copy"},
+             {"resolve c", "c still holds conflict markers"},
+             {"resolve c a", "a is not in conflict"},
+             {"resolve d", "d is a folder"},
+             {"checkin -m '' b", "needs a message"},
+             {"checkin -m $'\\n \\n' b", "needs a message"},
+             {"checkin -m $'\\xff' b", "not text in UTF-8"},
+             {"checkin -F ../bad b", "not text in UTF-8"},
+             {"checkin -F ../gone b", "cannot read the message from ../gone: No such file"},
+             {"checkin -F d b", "cannot read the message from d: Is a directory"},
+             {"checkin -m m c", "in conflict"},
+             {"checkin -m m b x", "ignored"},
+             {"checkin -m m a", "nothing to check in"},
+             {"checkin -m m ud", "ud holds nothing that is under source control"},
+             {"checkin -m m b gone", "gone does not exist"},
+             {"lock u", "u is not under source control"},
+             {"lock d", "d is a folder"},
+         }) {
+        const auto result = shell(sandbox, "q " + arguments);
+        EXPECT_EQ(notRefused(result), "") << arguments;
+        EXPECT_THAT(result.errors, testing::HasSubstr(words)) << arguments;
+    }
+    EXPECT_EQ(status(sandbox), before);
+    EXPECT_EQ(sandbox.git({"rev-list", "--count", "HEAD"}), "1\n");
+}
+
+TEST_F(Actions, TakeNamesAsTheyAre) {
+    const GitSandbox sandbox;
+    const std::string names =
+        R"('a b' $'n\nl' -dash :colon '*' '[x,y]' $'\xff' '{}' '%%' ':(top)')";
+    const auto run = [&](const std::string& script, const std::string& output) {
+        const auto result = shell(sandbox, "set -- " + names + "\n" + script);
+        EXPECT_EQ(result.output, output) << script << result.errors;
+        return status(sandbox);
+    };
+    const std::string mine = "git rev-parse --short=10 HEAD";
+    runScript(sandbox, "i; w x; w y; w z; c; w x 2; w y 2; w z 2");
+    const auto others = status(sandbox);
+    run("for f; do echo 1 > \"./$f\"; done; q add -- \"$@\"", "added 10 files\n");
+    run("q checkin -m one -- \"$@\" | sed 's/ as .*//'", "checked in 10 files\n");
+    EXPECT_EQ(status(sandbox), others);
+    run("for f; do echo 2 > \"./$f\"; done; q revert --dry-run -- \"$@\"",
+        "%%\n*\n-dash\n:(top)\n:colon\n[x,y]\na b\n$'n\\nl'\n{}\n$'\\xff'\n");
+    EXPECT_EQ(run("q revert -- \"$@\"", "reverted 10 files\n"), others);
+    run("for f; do q move -- \"$f\" \"d/$f\" > ../out || exit; done; cat ../out; q revert .| tail "
+        "-c1; cd d; "
+        "for f; do [ -e \"./$f\" ] || echo \"no $f\"; done",
+        "moved :(top) to d/:(top)\n\n");
+    EXPECT_THAT(status(sandbox), testing::HasSubstr("?? d/[x,y]"));
+    run("q remove -- \"$@\" && q checkin -m two -- \"$@\" | sed 's/ as .*//'",
+        "removed 10 files\nchecked in 10 files\n");
+}
+
+TEST_F(Actions, InterruptedCheckinEndsItsGitAndChangesNothing) {
+    const GitSandbox sandbox;
+    // The FIFO is open for as long as the hook or its child lives.
+    runScript(sandbox, "i; w a; c; w a 2; mkfifo ../alive; w .git/hooks/pre-commit '#!/bin/sh\n"
+                       "exec 9> ../alive; sleep 1000 & echo >&9; wait'; chmod +x .git/hooks/*");
+    const auto result = shell(sandbox, R"sh(
+        set -m; "$0" checkin -m m a & exec 8< ../alive; read -r started <&8; kill -INT $!; wait $!
+        code=$?; timeout 20 cat <&8 && exit $code)sh");
+    EXPECT_EQ(result.exitCode, 130) << result.errors;
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(status(sandbox), ".M a");
+    EXPECT_EQ(sandbox.git({"rev-list", "--count", "HEAD"}), "1\n");
+}
+
+} // namespace
+} // namespace quendo::test
