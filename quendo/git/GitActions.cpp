@@ -83,8 +83,10 @@ void GitActions::orAsItWas(KeptFiles& kept, Work&& work) {
         try {
             m_git.ignoreCancellation();
             m_actor.ignoreCancellation();
-            m_actor.waitForIndex();
-            undoInIndex(kept);
+            if (kept.hasOtherIndex()) {
+                m_actor.waitForIndex();
+                undoInIndex(kept);
+            }
         } catch (const std::exception& other) {
             problem = other.what();
         }

@@ -204,6 +204,10 @@ std::string KeptFiles::fileOf(const char* name) const {
     return m_repository.gitDir() + "/" + parentFolder + "/" + m_name + "/" + name;
 }
 
+bool KeptFiles::hasOtherIndex() const {
+    return !(stampOf(AT_FDCWD, m_repository.gitDir() + "/" + indexName) == m_indexBefore);
+}
+
 std::string KeptFiles::indexFile() const {
     return fileOf(keptIndex);
 }

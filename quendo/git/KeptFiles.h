@@ -44,6 +44,8 @@ public:
     bool noteIndexIf(
         const std::function<bool(const std::string& noted, const std::string& now)>& isOurs);
 
+    /// Whether the index is another than the one that was kept.
+    bool hasOtherIndex() const;
     /// The index as it was kept; need not exist.
     std::string indexFile() const;
     /// From now on restore() does nothing to the index: it is as it should be.
