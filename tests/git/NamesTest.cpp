@@ -131,7 +131,8 @@ TEST(NamesTest, ManyFilesInOneCall) {
         operation(copy);
         const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - start;
         if (isLong)
-            std::cout << what << " of " << count << " files: " << passed.count() << " s\n";
+            std::cout << what << " of " << count << " files: " << passed.count() << " s"
+                      << std::endl;
     };
     const auto write = [&](const std::string& content) {
         for (const auto& name : names)
@@ -146,17 +147,16 @@ TEST(NamesTest, ManyFilesInOneCall) {
     timed("checkin", checkin(names));
     EXPECT_EQ(copy.status(), " M a\n");
     write("333");
-    copy.sh("git add .");
+    timed("addFiles", add(names));
     write("4444");
     timed("uncheckout", revert(names));
-    EXPECT_EQ(copy.status(), "M  a\n");
+    EXPECT_EQ(copy.status(), " M a\n");
     EXPECT_EQ(test::readFile(copy.folder() / names[0]), "22" + names[0]);
     timed("removeFiles", remove(names));
     EXPECT_EQ(copy.sh("git diff --cached --name-only --diff-filter=D | wc -l"), count + "\n");
-    copy.sh("test ! -e d0; git reset -q --hard; rm -r d0; git fsck 2>&1");
-    Names few(names.begin(), names.begin() + 1500);
-    timed("uncheckout of what is missing", revert(few));
-    EXPECT_EQ(copy.status(), "");
+    copy.sh("test ! -e d0");
+    timed("uncheckout", revert(names));
+    EXPECT_EQ(copy.status(), " M a\n");
 }
 
 // Where a repository lies and how it keeps its index makes no difference.
