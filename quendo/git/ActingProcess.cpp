@@ -90,7 +90,18 @@ void stop(const StartedChild& child) {
             signalProcess(one, signal);
     };
     tell(SIGTERM);
-    waitForEnd(child, timeToStop);
+    // git ends at once and its hooks with it; what those started may have locks to take away too.
+    const auto limit = Clock::now() + timeToStop;
+    const auto left = [&] {
+        return std::max(std::chrono::milliseconds(0),
+                        std::chrono::ceil<std::chrono::milliseconds>(limit - Clock::now()));
+    };
+    waitForEnd(child, left());
+    for (const auto& one : descendants) {
+        pollfd ended{one.get(), POLLIN, 0};
+        if (one)
+            ::poll(&ended, 1, static_cast<int>(left().count()));
+    }
     tell(SIGKILL);
     if (!waitForEnd(child, patience))
         throw exception::ToolError("git is stuck in the system and cannot be ended");

@@ -22,6 +22,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <unordered_set>
 
 namespace quendo::git {
 namespace {
@@ -30,6 +31,9 @@ using exception::OperationFailedError;
 using Strings = std::vector<std::string>;
 
 constexpr std::size_t largestWithMarkers = 64U << 20U;
+// git's commands for people compare each path given with each entry of the index. Beyond this many,
+// others do the same.
+constexpr std::size_t mostPathspecs = 1000;
 
 bool isBlank(const UString& text) {
     return text.find_first_not_of(std::u16string_view(u" \t\r\n")) == UString::npos;
@@ -41,15 +45,53 @@ GitActions::GitActions(GitRunner& git, GitActor& actor)
     : m_git(git), m_actor(actor), m_repository(git.repository()), m_tree(git), m_index(git, actor) {
 }
 
+// What failed may have written the index; so may another git that ran beside it, and what that did
+// must stay. When the entries are not those that this operation left, its own alone are put back.
+void GitActions::undoInIndex(KeptFiles& kept) {
+    GitIndex::Entries noted, now;
+    const bool isOurs = kept.noteIndexIf([&](const auto& notedFile, const auto& nowFile) {
+        noted = m_index.ofFile(notedFile);
+        now = m_index.ofFile(nowFile);
+        return noted == now;
+    });
+    if (isOurs || (noted.empty() && now.empty()))
+        return;
+    const auto before = m_index.ofFile(kept.indexFile());
+    const auto entryIn = [](const GitIndex::Entries& entries, const std::string& path) {
+        const auto found = entries.find(path);
+        return found == entries.end() ? std::string() : found->second;
+    };
+    GitIndex::Entries back;
+    Strings forgotten;
+    for (const auto& [path, entry] : before)
+        if (entryIn(noted, path) != entry && entryIn(now, path) == entryIn(noted, path))
+            back.emplace(path, entry);
+    for (const auto& [path, entry] : noted)
+        if (!before.contains(path) && entryIn(now, path) == entry)
+            forgotten.push_back(path);
+    m_index.put(back, forgotten);
+    kept.leaveIndex();
+}
+
 // Does it whole, or puts back what `kept` keeps.
 template <class Work>
 void GitActions::orAsItWas(KeptFiles& kept, Work&& work) {
     try {
         work();
     } catch (const std::exception& error) {
-        // What failed held the index while it ran; whatever is there now came from it.
-        kept.noteIndex();
-        const auto problem = kept.restore();
+        std::string problem;
+        try {
+            m_git.ignoreCancellation();
+            m_actor.ignoreCancellation();
+            if (kept.hasOtherIndex()) {
+                m_actor.waitForIndex();
+                undoInIndex(kept);
+            }
+        } catch (const std::exception& other) {
+            problem = other.what();
+        }
+        const auto rest = kept.restore();
+        problem += (problem.empty() || rest.empty() ? "" : "; ") + rest;
         if (problem.empty())
             throw;
         throw OperationFailedError(std::string(error.what()) + "; after that, " + problem);
@@ -70,9 +112,13 @@ void GitActions::add(const std::vector<Path>& given) {
         return;
     m_tree.refuseOthers(paths);
 
+    // check-ignore takes no names literally, so none may start with a colon.
+    constexpr std::string_view here = "./";
     std::string input;
-    for (const auto& path : paths)
-        input.append(m_index.nameOf(path)).push_back('\0');
+    for (const auto& path : paths) {
+        const auto name = m_index.nameOf(path);
+        input.append(name.starts_with('/') ? "" : here).append(name).push_back('\0');
+    }
     std::string ignored, conflicted;
     GitRun ignoredRun{
         .arguments = {"check-ignore", "-z", "--stdin"}, .input = input, .literalPathspecs = false};
@@ -87,8 +133,8 @@ void GitActions::add(const std::vector<Path>& given) {
         throwGitFailure(m_repository.root(), "ls-files", results[1]);
     Strings refused;
     NulSplitter("check-ignore").feed(ignored, [&](std::string_view name) {
-        refused.emplace_back(name.starts_with('/') ? name.substr(m_repository.root().size() + 1)
-                                                   : name);
+        refused.emplace_back(
+            name.substr(name.starts_with('/') ? m_repository.root().size() + 1 : here.size()));
     });
     if (!refused.empty())
         throw OperationFailedError("ignored by Git: " + m_tree.shown(refused) +
@@ -125,13 +171,14 @@ void GitActions::remove(const std::vector<Path>& given) {
     m_tree.refuseOthers(names);
     const auto items = m_tree.look(given);
     Strings entries, onDisk, untracked, others, unique, unknown;
-    for (const auto& name : names) {
-        const auto isAtOrBelow = [&](const TreeItem& item) {
-            return item.path == name || name.empty() || item.path.starts_with(name + "/");
-        };
-        if (std::ranges::none_of(items, isAtOrBelow))
+    Strings found;
+    for (const auto& item : items)
+        found.push_back(item.path);
+    const auto folders = parentsOf(found);
+    const std::unordered_set<std::string> files(found.begin(), found.end());
+    for (const auto& name : names)
+        if (name.empty() ? items.empty() : !files.contains(name) && !folders.contains(name))
             untracked.push_back(name);
-    }
     for (const auto& item : items) {
         switch (item.state) {
         case LocalStatus::NotUnderSourceControl:
@@ -349,9 +396,8 @@ GitActions::Reversion GitActions::planReversion(const std::vector<TreeItem>& ite
     for (const auto& path : staged)
         (head.contains(path) ? plan.toReset : plan.toForget).push_back(path);
     // Only a side of a conflict that HEAD does not have: what is on disk stays, untracked.
-    std::erase_if(plan.toWrite, [&](const std::string& path) {
-        return std::ranges::find(plan.toForget, path) != plan.toForget.end();
-    });
+    const std::unordered_set<std::string> forgotten(plan.toForget.begin(), plan.toForget.end());
+    std::erase_if(plan.toWrite, [&](const auto& path) { return forgotten.contains(path); });
     return plan;
 }
 
@@ -368,7 +414,9 @@ void GitActions::revert(const Reversion& plan) {
             m_index.put(m_index.ofHead(plan.toReset), plan.toForget);
             kept.noteIndex();
         }
-        if (!plan.toWrite.empty())
+        if (plan.toWrite.size() > mostPathspecs)
+            m_index.writeOut(plan.toWrite);
+        else if (!plan.toWrite.empty())
             m_actor.run({.arguments = {"restore", "--no-recurse-submodules", "--worktree",
                                        "--pathspec-from-file=-", "--pathspec-file-nul"},
                          .input = pathspecsOf(plan.toWrite)});
@@ -551,7 +599,8 @@ void GitActions::checkin(const std::vector<Path>& given, const UString& message)
     const auto isThere = [&](const char* name) {
         return ::access((m_repository.gitDir() + "/" + name).c_str(), F_OK) == 0;
     };
-    if (isThere("MERGE_HEAD") || isThere("CHERRY_PICK_HEAD") || hasKept)
+    if (isThere("MERGE_HEAD") || isThere("CHERRY_PICK_HEAD") || hasKept ||
+        (changed.size() > mostPathspecs && !isMoreStagedThan(items)))
         return checkinWhole(items, message);
 
     m_actor.waitForIndex();
@@ -561,6 +610,15 @@ void GitActions::checkin(const std::vector<Path>& given, const UString& message)
         kept.noteIndex();
         commit({"--only", "--pathspec-from-file=-", "--pathspec-file-nul"}, pathspecsOf(changed),
                message, changed);
+    });
+}
+
+bool GitActions::isMoreStagedThan(const std::vector<TreeItem>& items) {
+    std::unordered_set<std::string> asked;
+    for (const auto& item : items)
+        asked.insert(item.path);
+    return std::ranges::any_of(m_tree.lookAtAll(), [&](const TreeItem& item) {
+        return item.staged != '.' && !asked.contains(item.path);
     });
 }
 

@@ -42,6 +42,7 @@ private:
         std::vector<std::string> toForget; ///< entries of the index that HEAD does not have
     };
 
+    void undoInIndex(KeptFiles& kept);
     template <class Work>
     void orAsItWas(KeptFiles& kept, Work&& work);
     Reversion planReversion(const std::vector<TreeItem>& items);
@@ -49,6 +50,7 @@ private:
     bool isInConflictSides(const std::string& path);
     void commit(const std::vector<std::string>& options, const std::string& input,
                 const UString& message, const std::vector<std::string>& paths);
+    bool isMoreStagedThan(const std::vector<TreeItem>& items);
     void checkinWhole(const std::vector<TreeItem>& items, const UString& message);
     void moveOnDisk(const std::string& source, const std::string& destination);
     bool hasConflictMarkers(const std::string& path);

@@ -24,6 +24,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds lookAtLock{25};
+constexpr std::size_t longestLine = 64U << 10U;
 
 std::string parentOf(const std::string& folder) {
     const auto slash = folder.rfind('/');
@@ -39,6 +40,13 @@ std::optional<std::string> lockNamedIn(const std::string& errors) {
         return std::nullopt;
     const auto name = start + before.size();
     return errors.substr(name, end + std::string_view(".lock").size() - name);
+}
+
+// Another git committed between the first look and the last step.
+bool headHasMoved(const std::string& errors) {
+    const auto says = [&](std::string_view words) { return errors.find(words) != errors.npos; };
+    return says("cannot lock ref 'HEAD': ") &&
+           (says(" but expected ") || says("reference already exists"));
 }
 
 bool exists(const std::string& file) {
@@ -77,25 +85,32 @@ void GitActor::ignoreCancellation() {
     m_cancellation = m_never.get();
 }
 
+GitActor::Time GitActor::lockDeadline() const {
+    return Clock::now() + m_tool.options().lockLimit;
+}
+
 std::string GitActor::run(const GitAction& action) {
-    const auto deadline = Clock::now() + m_tool.options().lockLimit;
+    const auto deadline = lockDeadline();
     for (;;) {
-        waitForIndex();
+        waitForIndex(deadline);
         auto result = runOnce(action);
         if (result.exitCode == 0)
             return std::move(result.output);
-        // Somebody else was quicker. git takes the index before it does anything.
-        if (const auto lock = lockNamedIn(result.errors);
-            lock && !result.cancelled && lock->ends_with("/index.lock") && Clock::now() < deadline)
+        // Somebody else was quicker. git takes the index before it does anything, but looks at HEAD
+        // before that, and does not overwrite it then.
+        const auto lock = lockNamedIn(result.errors);
+        const bool isLate = (lock && lock->ends_with("/index.lock")) || headHasMoved(result.errors);
+        if (isLate && !result.cancelled && Clock::now() < deadline)
             continue;
         fail(action.arguments.front(), result);
     }
 }
 
-void GitActor::waitForIndex() {
-    const auto deadline = Clock::now() + m_tool.options().lockLimit;
+void GitActor::waitForIndex(Time deadline) {
     const auto lock = m_repository.gitDir() + "/index.lock";
-    while (exists(lock)) {
+    for (bool isFirst = true; exists(lock); isFirst = false) {
+        if (isFirst)
+            tell("waiting for another Git process that holds " + Path::fromNative(lock).toUtf8());
         if (Clock::now() >= deadline)
             throw exception::OperationFailedError(describeLock(lock));
         pollfd cancelled{m_cancellation->fileDescriptor(), POLLIN, 0};
@@ -112,6 +127,9 @@ ActingResult GitActor::runOnce(const GitAction& action) {
         throw exception::OperationFailedError(Path::fromNative(folder).toUtf8() +
                                               " cannot be entered: " + std::strerror(errno));
     auto settings = action.settings;
+    const auto lockLimit = std::to_string(m_tool.options().lockLimit.count());
+    settings.push_back({"core.filesRefLockTimeout", lockLimit});
+    settings.push_back({"core.packedRefsTimeout", lockLimit});
     WhileActing meanwhile;
     if (m_credentials) {
         const auto ask = m_credentials->settings();
@@ -119,22 +137,26 @@ ActingResult GitActor::runOnce(const GitAction& action) {
         meanwhile.served = m_credentials->descriptor();
         meanwhile.serve = [this] { m_credentials->serve(); };
     }
-    // What prints progress ends its lines with a carriage return.
+    // What prints progress ends its lines with a carriage return. A line of an absurd length is
+    // dropped and not cut: a part of a password is not recognised as one.
     std::string line;
+    const auto endLine = [&] {
+        if (!line.empty() && line.size() < longestLine)
+            tell(line);
+        line.clear();
+    };
     meanwhile.takeErrors = [&](std::string_view text) {
         for (const char one : text) {
             if (one != '\n' && one != '\r') {
-                if (line.size() < 1024)
+                if (line.size() < longestLine)
                     line += one;
                 continue;
             }
-            if (!line.empty() && m_eachLine)
-                m_eachLine(presentable(line));
-            line.clear();
+            endLine();
         }
     };
     try {
-        return runActing(
+        auto result = runActing(
             {
                 .executable = m_tool.executable(),
                 .arguments = action.arguments,
@@ -145,9 +167,20 @@ ActingResult GitActor::runOnce(const GitAction& action) {
                 .stallLimit = m_tool.options().actionStallLimit,
             },
             *m_cancellation, meanwhile);
+        endLine();
+        return result;
     } catch (const std::system_error& error) {
         throw exception::ToolError("git cannot be started: " + std::string(error.what()));
     }
+}
+
+void GitActor::tell(std::string line) const {
+    constexpr std::size_t mostTold = 1024;
+    if (!m_eachLine)
+        return;
+    line = presentable(std::move(line));
+    line.resize(std::min(line.size(), mostTold));
+    m_eachLine(line);
 }
 
 void GitActor::fail(std::string_view command, const ActingResult& result) const {
@@ -175,7 +208,8 @@ void GitActor::fail(std::string_view command, const ActingResult& result) const 
     if (m_credentials && m_credentials->declined())
         throw exception::OperationFailedError("no credentials were given for " +
                                               withoutSecrets(*m_credentials->declined()) +
-                                              ", which asks for them; nothing was changed");
+                                              ", which asks for them; try again and give them, or "
+                                              "set up a credential helper for Git");
     if (says("Authentication failed for '"))
         throw exception::OperationFailedError(
             place("Authentication failed for '") +

@@ -4,6 +4,7 @@
 #include "quendo/git/CredentialServer.h"
 #include "quendo/git/GitTool.h"
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -51,12 +52,17 @@ public:
 
     /// Waits until no other git holds the index, or throws as run() does: for an operation that
     /// does something before it runs git.
-    void waitForIndex();
+    void waitForIndex() { waitForIndex(lockDeadline()); }
 
     /// What git prints for people, fit for a message: without passwords.
     std::string presentable(std::string text) const;
 
 private:
+    using Time = std::chrono::steady_clock::time_point;
+
+    Time lockDeadline() const;
+    void waitForIndex(Time deadline);
+    void tell(std::string line) const;
     ActingResult runOnce(const GitAction& action);
     [[noreturn]] void fail(std::string_view command, const ActingResult& result) const;
 

@@ -6,6 +6,7 @@
 #include "quendo/git/GitText.h"
 #include "quendo/git/Repository.h"
 
+#include <algorithm>
 #include <string_view>
 #include <unordered_set>
 
@@ -81,17 +82,51 @@ void GitIndex::forget(const std::vector<std::string>& paths) {
                      .input = inputOf(paths)});
 }
 
+void GitIndex::writeOut(const std::vector<std::string>& paths) {
+    m_actor.run({.arguments = {"checkout-index", "--quiet", "--force", "--index", "-z", "--stdin"},
+                 .input = inputOf(paths)});
+}
+
 void GitIndex::put(const Entries& entries, const std::vector<std::string>& forgotten) {
     if (entries.empty())
         return forget(forgotten);
     // Names are as in the index here, wherever git runs.
-    const auto objectSize = entries.begin()->second.size() - entries.begin()->second.find(' ') - 1;
+    const auto& first = entries.begin()->second;
+    const auto object = first.find(' ') + 1;
+    const auto objectSize = std::min(first.find(' ', object), first.size()) - object;
     std::string input;
     for (const auto& path : forgotten)
         input.append("0 ").append(objectSize, '0').append("\t").append(path).push_back('\0');
-    for (const auto& [path, entry] : entries)
-        input.append(entry).append("\t").append(path).push_back('\0');
+    for (const auto& [path, sides] : entries) {
+        // With several, all that is there goes first.
+        if (sides.find('\n') != std::string::npos)
+            input.append("0 ").append(objectSize, '0').append("\t").append(path).push_back('\0');
+        for (std::size_t start = 0; start <= sides.size();) {
+            const auto end = std::min(sides.find('\n', start), sides.size());
+            input.append(sides, start, end - start).append("\t").append(path).push_back('\0');
+            start = end + 1;
+        }
+    }
     m_actor.run({.arguments = {"update-index", "-z", "--index-info"}, .input = input});
+}
+
+GitIndex::Entries GitIndex::ofFile(const std::string& file) {
+    Entries entries;
+    // "<mode> <object> <side>\t<path>"; a path in conflict has several.
+    NulSplitter("ls-files")
+        .feed(m_git.read({.arguments = {"ls-files", "-s", "-z", "--full-name", ":/"},
+                          .indexFile = file,
+                          .literalPathspecs = false}),
+              [&](std::string_view record) {
+                  const auto tab = record.find('\t');
+                  if (tab == std::string_view::npos || tab < 12)
+                      throwGarbage("ls-files");
+                  auto& entry = entries[std::string(record.substr(tab + 1))];
+                  const bool isOnly = record[tab - 1] == '0';
+                  entry.append(entry.empty() ? "" : "\n");
+                  entry.append(record.substr(0, isOnly ? tab - 2 : tab));
+              });
+    return entries;
 }
 
 std::size_t GitIndex::rename(const std::string& source, const std::string& destination) {

@@ -17,8 +17,12 @@ class GitIndex {
 public:
     GitIndex(GitRunner& git, GitActor& actor) : m_git(git), m_actor(actor) {}
 
-    /// Entries as "<mode> <object>", by path; none for a path that has none.
+    /// Entries as "<mode> <object>", and " <side>" of a conflict, by path; none for a path that has
+    /// none.
     using Entries = std::unordered_map<std::string, std::string>;
+
+    /// Those of an index file, with the number of their sides; empty when there is none.
+    Entries ofFile(const std::string& file);
 
     /// Those of HEAD; empty before the first commit.
     Entries ofHead(const std::vector<std::string>& paths);
@@ -28,6 +32,9 @@ public:
 
     /// Takes entries out.
     void forget(const std::vector<std::string>& paths);
+
+    /// Writes files as the index has them.
+    void writeOut(const std::vector<std::string>& paths);
 
     /// Puts `entries` in, and takes `forgotten` out.
     void put(const Entries& entries, const std::vector<std::string>& forgotten);

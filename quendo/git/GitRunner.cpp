@@ -73,6 +73,8 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
             };
             if (one.asSubmodule)
                 plan.environment.emplace_back("GIT_DIR=.git");
+            if (!one.indexFile.empty())
+                plan.environment.push_back("GIT_INDEX_FILE=" + one.indexFile);
             children.push_back(std::make_unique<ChildProcess>(plan, one.consume));
             waited.push_back(children.back().get());
         }

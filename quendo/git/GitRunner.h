@@ -18,6 +18,7 @@ class Repository;
 struct GitRun {
     std::vector<std::string> arguments;
     std::string input = {};              ///< for standard input
+    std::string indexFile = {};          ///< in place of the repository's own, if set
     std::string folder = {};             ///< where; the repository's own folder when empty
     bool asSubmodule = false;            ///< as git itself looks into one: whoever owns it
     bool keepFileTimes = false;          ///< also where the repository's own index is not split

@@ -198,8 +198,6 @@ std::vector<std::string> GitTool::actingEnvironment(const std::string& ceiling,
                                           });
     std::vector<ConfigOverride> all = {
         {"color.ui", "false"},
-        {"core.filesRefLockTimeout", "5000"},
-        {"core.packedRefsTimeout", "5000"},
     };
     all.insert(all.end(), overrides.begin(), overrides.end());
     addSettings(environment, all);

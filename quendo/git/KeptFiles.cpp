@@ -22,6 +22,8 @@ namespace {
 
 constexpr const char* parentFolder = "quendo";
 constexpr const char* keptIndex = "index";
+constexpr const char* notedIndex = "index-noted";
+constexpr const char* newIndex = "index-new";
 constexpr const char* listName = "list";
 constexpr const char* indexName = "index";
 constexpr const char* indexLock = "index.lock";
@@ -152,8 +154,11 @@ void KeptFiles::keep(const std::vector<std::string>& paths) {
     std::string list;
     for (const auto& path : paths) {
         struct stat status;
-        if (::fstatat(m_root.get(), path.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
-            (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)))
+        if (::fstatat(m_root.get(), path.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            noteAbsent(path);
+            continue;
+        }
+        if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
             continue;
         const auto name = std::to_string(m_files.size());
         if (!linkOrCopy(m_root.get(), path, m_folder.get(), name))
@@ -171,8 +176,59 @@ void KeptFiles::keep(const std::vector<std::string>& paths) {
                                               std::string(std::strerror(errno)));
 }
 
-void KeptFiles::noteIndex() {
-    m_indexAfter = stampOf(AT_FDCWD, m_repository.gitDir() + "/" + indexName);
+void KeptFiles::noteAbsent(const std::string& path) {
+    if (errno != ENOENT)
+        return;
+    m_absentFiles.insert(path);
+    struct stat status;
+    for (auto slash = path.rfind('/'); slash != std::string::npos && slash != 0;
+         slash = path.rfind('/', slash - 1)) {
+        auto folder = path.substr(0, slash);
+        if (m_absentFolders.contains(folder) ||
+            ::fstatat(m_root.get(), folder.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+            return;
+        m_absentFolders.insert(std::move(folder));
+    }
+}
+
+// What stands there now is what git wrote before it failed. Of folders only those that are empty
+// go.
+void KeptFiles::removeWhatWasAbsent() const {
+    for (const auto& path : m_absentFiles)
+        ::unlinkat(m_root.get(), path.c_str(), 0);
+    for (auto folder = m_absentFolders.rbegin(); folder != m_absentFolders.rend(); ++folder)
+        ::unlinkat(m_root.get(), folder->c_str(), AT_REMOVEDIR);
+}
+
+std::string KeptFiles::fileOf(const char* name) const {
+    return m_repository.gitDir() + "/" + parentFolder + "/" + m_name + "/" + name;
+}
+
+bool KeptFiles::hasOtherIndex() const {
+    return !(stampOf(AT_FDCWD, m_repository.gitDir() + "/" + indexName) == m_indexBefore);
+}
+
+std::string KeptFiles::indexFile() const {
+    return fileOf(keptIndex);
+}
+
+bool KeptFiles::noteIndexIf(
+    const std::function<bool(const std::string& noted, const std::string& now)>& isOurs) {
+    const auto index = m_repository.gitDir() + "/" + indexName;
+    const auto stamp = stampOf(AT_FDCWD, index);
+    if (stamp == m_indexAfter)
+        return true;
+    // git replaces an index and never writes into one, so a link of it stays as it is.
+    ::unlinkat(m_folder.get(), newIndex, 0);
+    const bool isCopied = stamp.size < 0 || linkOrCopy(AT_FDCWD, index, m_folder.get(), newIndex);
+    if (!isCopied || !(stampOf(AT_FDCWD, index) == stamp) ||
+        (isOurs && !isOurs(fileOf(m_hasNoted ? notedIndex : keptIndex), fileOf(newIndex))))
+        return false;
+    ::unlinkat(m_folder.get(), notedIndex, 0);
+    ::renameat(m_folder.get(), newIndex, m_folder.get(), notedIndex);
+    m_hasNoted = true;
+    m_indexAfter = stamp;
+    return true;
 }
 
 bool KeptFiles::putBack(const File& file, const std::string& name) const {
@@ -184,7 +240,8 @@ bool KeptFiles::putBack(const File& file, const std::string& name) const {
         return true;
     if (errno != EXDEV)
         return false;
-    const auto beside = file.path + "." + m_name;
+    const auto slash = file.path.rfind('/') + 1;
+    const auto beside = file.path.substr(0, slash) + "." + m_name;
     return copyFile(m_folder.get(), name, m_root.get(), beside) &&
            ::renameat(m_root.get(), beside.c_str(), m_root.get(), file.path.c_str()) == 0;
 }
@@ -192,7 +249,7 @@ bool KeptFiles::putBack(const File& file, const std::string& name) const {
 std::string KeptFiles::restoreIndex() {
     const auto& gitDir = m_repository.gitDir();
     const auto index = gitDir + "/" + indexName, lock = gitDir + "/" + indexLock;
-    if (stampOf(AT_FDCWD, index) == m_indexBefore)
+    if (m_leavesIndex || stampOf(AT_FDCWD, index) == m_indexBefore)
         return {};
     const std::string where = Path::fromNative(index).toUtf8();
     // The lock is taken as git takes it: by making its file, where there must be none.
@@ -224,6 +281,7 @@ std::string KeptFiles::restoreIndex() {
 
 std::string KeptFiles::restore() {
     std::string problem;
+    removeWhatWasAbsent();
     std::size_t lost = 0;
     for (std::size_t i = 0; i < m_files.size(); ++i)
         if (!putBack(m_files[i], std::to_string(i))) {

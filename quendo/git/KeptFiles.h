@@ -2,6 +2,8 @@
 
 #include "quendo/git/FileDescriptor.h"
 
+#include <functional>
+#include <set>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -28,17 +30,29 @@ public:
     KeptFiles(const KeptFiles&) = delete;
     KeptFiles& operator=(const KeptFiles&) = delete;
 
-    /// Keeps what stands at each path: regular files and symbolic links; nothing else, and nothing
-    /// where nothing is.
+    /// Keeps what stands at each path: regular files and symbolic links, and that nothing stands
+    /// there; nothing else.
     /// @throws exception::OperationFailedError when one cannot be kept
     void keep(const std::vector<std::string>& paths);
 
-    /// Call it when the operation has done all it does to the index, or to a part of it: only an
-    /// index as it is now is put back by restore().
-    void noteIndex();
+    /// Call it when the operation has changed the index: only an index that it left so is put back
+    /// by restore().
+    void noteIndex() { noteIndexIf({}); }
+    /// The same, if `isOurs` says so of two index files: as noted last, and as it is now. Neither
+    /// need exist.
+    /// @return whether it did
+    bool noteIndexIf(
+        const std::function<bool(const std::string& noted, const std::string& now)>& isOurs);
 
-    /// Puts back everything that is not as it was kept: files, the folders that they lie in, and
-    /// the index unless another git has changed it meanwhile or holds it.
+    /// Whether the index is another than the one that was kept.
+    bool hasOtherIndex() const;
+    /// The index as it was kept; need not exist.
+    std::string indexFile() const;
+    /// From now on restore() does nothing to the index: it is as it should be.
+    void leaveIndex() noexcept { m_leavesIndex = true; }
+
+    /// Puts back everything that is not as it was kept: files, the folders that they lie in, that
+    /// nothing was there, and the index unless another git has changed it meanwhile or holds it.
     /// @return empty when all is as it was; else what is not, in words, and where it is kept
     std::string restore();
 
@@ -59,6 +73,9 @@ private:
     static Stamp stampOf(int folder, const std::string& path);
     void keepOne(int source, const std::string& path, const std::string& name) const;
     bool putBack(const File& file, const std::string& name) const;
+    std::string fileOf(const char* name) const;
+    void noteAbsent(const std::string& path);
+    void removeWhatWasAbsent() const;
     std::string restoreIndex();
     void dropOldOnes() const;
 
@@ -68,8 +85,11 @@ private:
     std::string m_name; ///< of the folder, within the metadata
     FileDescriptor m_folder;
     std::vector<File> m_files; ///< kept under their positions as names
+    std::set<std::string> m_absentFiles, m_absentFolders;
     Stamp m_indexBefore;
     Stamp m_indexAfter;
+    bool m_hasNoted = false; ///< a copy of the index as noted
+    bool m_leavesIndex = false;
     bool m_isNeeded = false; ///< something could not be put back
 };
 

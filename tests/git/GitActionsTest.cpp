@@ -1,117 +1,11 @@
-#include "quendo/adapter/CMAdapter.h"
-#include "quendo/adapter/CMApplicationInteractor.h"
-#include "quendo/exception/AdapterErrors.h"
-#include "quendo/git/GitAdapterFactory.h"
-#include "tests/support/Deadline.h"
-#include "tests/support/GitSandbox.h"
+#include "tests/git/Copy.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <functional>
-#include <future>
 #include <string>
-#include <sys/stat.h>
-#include <vector>
 
 namespace quendo::git {
 namespace {
-
-namespace fs = std::filesystem;
-using test::writeFile;
-
-/// A real working copy, changed by the adapter and by shell scripts.
-class Copy {
-public:
-    explicit Copy(const GitOptions& options = {}) {
-        m_sandbox.enterEnvironment();
-        m_sandbox.init();
-        // "a" to "d" and "n/x", "n/y" are tracked, "*.o" is ignored.
-        sh("for f in a b c d; do echo $f > $f; done; mkdir n; echo x > n/x; echo y > n/y\n"
-           "echo '*.o' > .gitignore; git add .; git commit -qm start");
-        m_adapter = GitAdapterFactory(options).createAdapter(root(), m_interactor);
-    }
-
-    CMAdapter& adapter() { return *m_adapter; }
-    const std::shared_ptr<CMApplicationInteractor>& interactor() { return m_interactor; }
-    const test::GitSandbox& sandbox() const { return m_sandbox; }
-    Path root() const { return Path::fromNative(m_sandbox.work().native()); }
-    Path at(const std::string& name) const { return root().child(name); }
-    std::vector<Path> all(const std::vector<std::string>& names) const {
-        std::vector<Path> paths;
-        for (const auto& name : names)
-            paths.push_back(at(name));
-        return paths;
-    }
-
-    std::string sh(const std::string& script) const {
-        const auto result = m_sandbox.run({"sh", "-ec", script}, m_sandbox.work());
-        EXPECT_EQ(result.exitCode, 0) << script << "\n" << result.errors << result.output;
-        return result.output;
-    }
-
-    std::string status() const {
-        return m_sandbox.git({"status", "--porcelain", "-uall", "--no-renames"});
-    }
-
-    /// Everything that an operation may change: files, index, commits, states of merges, locks.
-    std::string everything() const {
-        return sh("git status --porcelain -uall --ignored; git ls-files -s; git log --format=%H;"
-                  "find . -path ./.git -prune -o -type f -exec md5sum {} + | sort -k2;"
-                  "find . -path ./.git -prune -o -printf '%p %y %m %l\\n' | sort;"
-                  "ls .git | grep -v -e COMMIT_EDITMSG -e quendo; find .git -name '*.lock';"
-                  "test ! -e .git/quendo || find .git/quendo -type f");
-    }
-
-    /// What the operation says when it refuses; nothing may have changed. Empty if it does not.
-    std::string refusal(const std::function<void(Copy&)>& operation) {
-        const auto before = everything();
-        std::string words;
-        try {
-            operation(*this);
-        } catch (const exception::SourceControlException& error) {
-            words = error.what();
-        }
-        EXPECT_EQ(words.find('\n'), std::string::npos) << words;
-        EXPECT_EQ(everything(), before) << words;
-        return words;
-    }
-
-private:
-    test::GitSandbox m_sandbox;
-    std::shared_ptr<CMApplicationInteractor> m_interactor =
-        std::make_shared<CMApplicationInteractor>();
-    std::unique_ptr<CMAdapter> m_adapter;
-};
-
-using Operation = std::function<void(Copy&)>;
-using Names = std::vector<std::string>;
-
-Operation checkin(const Names& names) {
-    return [=](Copy& copy) { copy.adapter().checkin(copy.all(names), u"#1 is mended"); };
-}
-Operation add(const Names& names) {
-    return [=](Copy& copy) { copy.adapter().addFiles(copy.all(names)); };
-}
-Operation remove(const Names& names) {
-    return [=](Copy& copy) { copy.adapter().removeFiles(copy.all(names)); };
-}
-Operation revert(const Names& names) {
-    return [=](Copy& copy) { copy.adapter().uncheckout(copy.all(names)); };
-}
-Operation move(const std::string& from, const std::string& to) {
-    return [=](Copy& copy) { copy.adapter().moveFile(copy.at(from), copy.at(to)); };
-}
-Operation resolve(const std::string& name) {
-    return [=](Copy& copy) { copy.adapter().resolveConflict(copy.at(name)); };
-}
-Operation ignore(const std::string& name) {
-    return [=](Copy& copy) { copy.adapter().ignoreFile(copy.at(name)); };
-}
-const Operation discard = [](Copy& copy) { copy.adapter().discardChanges(); };
 
 // "a" is in conflict, "b" merges without one, "c" is deleted by us and changed by them.
 const std::string merge = "git checkout -qb side; echo s > a; echo s > b; echo s > c\n"
@@ -286,12 +180,8 @@ TEST(GitActionsTest, PutsBackWhatAGitThatFailsHalfWayLeaves) {
         {"commit", "echo garbage; exit 77", "echo new > new", checkin({"new"})},
     };
     for (const auto& one : cases) {
-        test::TemporaryFolder folder;
-        const auto git = folder.path() / "git";
-        writeFile(git, std::string("#!/bin/sh\n[ \"$1\" != ") + one.command + " ] || { " +
-                           one.instead + "; }\nexec git \"$@\"\n");
-        fs::permissions(git, fs::perms::owner_all);
-        Copy copy({.executable = git.native()});
+        const OtherGit git(one.command, one.instead);
+        Copy copy({.executable = git.path().native()});
         copy.sh(one.script.empty() ? ":" : one.script);
         EXPECT_NE(copy.refusal(one.operation), "") << one.command << ": " << one.instead;
     }

@@ -1,0 +1,277 @@
+#include "quendo/adapter/CredentialProvider.h"
+#include "quendo/adapter/Revision.h"
+#include "quendo/git/CredentialServer.h"
+#include "tests/git/Copy.h"
+#include "tests/support/Deadline.h"
+#include "tests/support/GitServer.h"
+#include "tests/support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <mutex>
+#include <optional>
+#include <poll.h>
+#include <stdexcept>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace quendo::git {
+namespace {
+
+namespace fs = std::filesystem;
+
+class Provider : public CredentialProvider {
+public:
+    using Answer = std::function<std::optional<Credentials>(const CredentialRequest&)>;
+    explicit Provider(Answer answer) : m_answer(std::move(answer)) {}
+
+    std::optional<Credentials> getCredentials(const CredentialRequest& request) override {
+        asked.push_back(request);
+        threads.push_back(std::this_thread::get_id());
+        return m_answer(request);
+    }
+
+    std::vector<CredentialRequest> asked;
+    std::vector<std::thread::id> threads;
+
+private:
+    const Answer m_answer;
+};
+
+const std::string password = "Ge/heim#" + std::to_string(::getpid()) + "@x";
+const std::string inAddress = "Ge%2Fheim%23" + std::to_string(::getpid()) + "%40x";
+
+bool isSecret(const std::string& text) {
+    return text.find(password) != std::string::npos || text.find(inAddress) != std::string::npos;
+}
+
+/// What holds the password: arguments and environments of all processes.
+std::vector<std::string> leaksInProcesses() {
+    std::vector<std::string> leaks;
+    std::error_code gone;
+    for (const auto& entry : fs::directory_iterator("/proc", gone))
+        for (const char* name : {"cmdline", "environ"}) {
+            std::ifstream file(entry.path() / name);
+            if (isSecret({std::istreambuf_iterator<char>(file), {}}))
+                leaks.push_back(entry.path() / name);
+        }
+    return leaks;
+}
+
+/// A clone that has the commit and none of the files' contents, of a server that wants a password.
+class Clone {
+public:
+    explicit Clone(const std::string& user = "")
+        : m_server(m_served.path(), "ada", password,
+                   [this] {
+                       const auto found = leaksInProcesses();
+                       const std::lock_guard lock(m_lock);
+                       m_leaks.insert(m_leaks.end(), found.begin(), found.end());
+                   }),
+          copy({.lockLimit = std::chrono::milliseconds(50)}, script(user)) {
+        leaks(); // git clone was given it in an argument
+    }
+
+    const std::string& host() const { return m_server.host(); }
+    int asked() const { return m_server.asked(); }
+
+    /// While git waited for the server; since the last call.
+    std::vector<std::string> leaks() {
+        const std::lock_guard lock(m_lock);
+        return std::exchange(m_leaks, {});
+    }
+
+private:
+    std::mutex m_lock;
+    std::vector<std::string> m_leaks;
+    const test::TemporaryFolder m_served;
+    test::GitServer m_server;
+
+    std::string script(const std::string& user) const {
+        const auto bare = m_served.path().native() + "/r.git";
+        return "mkdir ../first; (cd ../first; " + std::string(Copy::usual) +
+               "); git clone -q --bare ../first " + bare + "; rm -r ../first\ngit -C " + bare +
+               " config uploadpack.allowFilter true; git clone -q --filter=blob:none --no-checkout "
+               "http://ada:" +
+               inAddress + "@" + m_server.host() +
+               "/r.git . 2>&1; git read-tree HEAD; git remote set-url origin http://" + user +
+               m_server.host() + "/r.git";
+    }
+
+public:
+    Copy copy;
+};
+
+Credentials right() {
+    return {u"ada", toUString(password)};
+}
+
+TEST(CredentialsTest, AreAskedForOnceAndStandNowhere) {
+    for (const std::string user : {"", "ada@"}) {
+        test::LogCapture log;
+        Clone clone(user);
+        Copy& copy = clone.copy;
+        // It fetches for itself, and shows what it can see.
+        copy.sh("cat > .git/hooks/post-checkout <<'EOF'\n#!/bin/sh\ngit cat-file -p HEAD:b >&2\n"
+                "(env; ls -l /proc/self/fd; cat /proc/$PPID/cmdline) > ../seen\nEOF\n"
+                "chmod +x .git/hooks/post-checkout");
+        std::vector<std::string> told;
+        copy.onProgress([&](const UString& message) { told.push_back(toUtf8(message)); });
+        const auto provider = std::make_shared<Provider>([](auto&) { return right(); });
+        copy.adapter().setCredentialProvider(provider);
+        const auto before = clone.asked();
+        EXPECT_NO_THROW(revert({"a", "n/x"})(copy));
+        EXPECT_GT(clone.asked(), before + 3);
+        EXPECT_EQ(copy.status(), " D .gitignore\n D b\n D c\n D d\n D n/y\n");
+        ASSERT_EQ(provider->asked.size(), 1U);
+        EXPECT_EQ(provider->asked[0].url, toUString("http://" + clone.host()));
+        EXPECT_EQ(provider->asked[0].userName, user.empty() ? u"" : u"ada");
+        EXPECT_EQ(provider->threads[0], std::this_thread::get_id());
+        EXPECT_EQ(std::ranges::count(told, "b"), 1) << "the hook has fetched";
+
+        EXPECT_EQ(clone.leaks(), std::vector<std::string>());
+        for (const auto& record : log.records())
+            EXPECT_FALSE(isSecret(record.message)) << record.message;
+        for (const auto& line : told)
+            EXPECT_FALSE(isSecret(line)) << line;
+        for (const auto& entry : fs::recursive_directory_iterator(copy.sandbox().root()))
+            EXPECT_FALSE(entry.is_regular_file() && isSecret(test::readFile(entry.path())))
+                << entry.path();
+        // The socket has gone.
+        const auto seen = test::readFile(copy.sandbox().root() / "seen");
+        const auto socket = seen.find("--socket '") + 10;
+        ASSERT_GT(socket, 10U);
+        const fs::path folder =
+            fs::path(seen.substr(socket, seen.find('\'', socket) - socket)).parent_path();
+        EXPECT_FALSE(folder.empty() || fs::exists(folder)) << folder;
+    }
+}
+
+TEST(CredentialsTest, ReadingNeverAsks) {
+    Clone clone;
+    Copy& copy = clone.copy;
+    copy.sh("echo 2 > a; echo 2 > n/x 2>/dev/null || { mkdir n; echo 2 > n/x; }");
+    const auto provider = std::make_shared<Provider>([](auto&) { return right(); });
+    copy.adapter().setCredentialProvider(provider);
+    const auto before = clone.asked();
+    const auto read = [&](const auto& question) {
+        try {
+            question();
+        } catch (const exception::SourceControlException& error) {
+            EXPECT_STRNE(error.what(), "");
+        }
+    };
+    read([&] { copy.adapter().getStatus(copy.root(), true); });
+    read([&] { copy.adapter().getStatus(copy.all({"a", "n/x"})); });
+    read([&] {
+        const auto list = copy.adapter().listRevisions(copy.at("a"), std::nullopt);
+        copy.adapter().exportRevision(copy.at("a"), *list.at(0),
+                                      Path::fromNative(copy.sandbox().root().native() + "/out"));
+    });
+    EXPECT_EQ(clone.asked(), before);
+    EXPECT_TRUE(provider->asked.empty());
+}
+
+TEST(CredentialsTest, AnswersThatDoNotHelpAreSaidAndChangeNothing) {
+    const auto none = [](auto&) { return std::optional<Credentials>(); };
+    struct Case {
+        std::shared_ptr<Provider> provider;
+        bool isKept;
+        std::string words;
+    };
+    const auto with = [](Provider::Answer answer) { return std::make_shared<Provider>(answer); };
+    const std::string nobody = "set up a credential helper";
+    Case cases[] = {
+        {with([](auto&) {
+             return Credentials{u"ada", u"wrong-4711"};
+         }),
+         true, "refused"},
+        {nullptr, true, nobody},
+        {with(none), false, nobody},
+        {with(none), true, "no credentials were given"},
+        {with([](auto&) -> std::optional<Credentials> {
+             throw std::runtime_error("it is " + password);
+         }),
+         true, "no credentials were given"},
+        {with([](auto&) {
+             return Credentials{u"ada", toUString(password) + u"\nx=y"};
+         }),
+         true, "no credentials were given"},
+        {with([](auto&) {
+             return Credentials{UString(u"a\0da", 4), toUString(password)};
+         }),
+         true, "no credentials were given"},
+    };
+    Clone clone;
+    test::LogCapture log;
+    for (auto& one : cases) {
+        clone.copy.adapter().setCredentialProvider(one.provider);
+        if (!one.isKept)
+            one.provider.reset();
+        const auto words = clone.copy.refusal(revert({"a", "n/x"}));
+        EXPECT_NE(words.find(one.words), std::string::npos) << words;
+        EXPECT_NE(words.find("http://" + clone.host()), std::string::npos) << words;
+        EXPECT_FALSE(isSecret(words) || words.find("4711") != std::string::npos) << words;
+        EXPECT_TRUE(!one.provider || one.provider->asked.size() == 1) << words;
+    }
+    EXPECT_EQ(clone.leaks(), std::vector<std::string>());
+    for (const auto& record : log.records())
+        EXPECT_FALSE(isSecret(record.message)) << record.message;
+    // A wrong password in the remote's address itself.
+    clone.copy.sh("git remote set-url origin http://ada:wrong-4711@" + clone.host() + "/r.git");
+    const auto words = clone.copy.refusal(revert({"a"}));
+    EXPECT_NE(words.find("refused the credentials"), std::string::npos) << words;
+    EXPECT_EQ(words.find("4711"), std::string::npos) << words;
+}
+
+TEST(CredentialsTest, TheUsersOwnHelperComesFirst) {
+    Clone clone;
+    clone.copy.sh(
+        "git config --global credential.helper '!f() { echo username=ada; echo password=" +
+        password + "; }; f'");
+    const auto provider = std::make_shared<Provider>([](auto&) { return right(); });
+    clone.copy.adapter().setCredentialProvider(provider);
+    EXPECT_NO_THROW(revert({"a"})(clone.copy));
+    EXPECT_TRUE(provider->asked.empty());
+}
+
+TEST(CredentialsTest, NobodyElseCanAsk) {
+    CredentialServer server(std::make_shared<Provider>([](auto&) { return right(); }));
+    const auto helper = server.settings().at(0).value;
+    const auto start = helper.find("--socket '") + 10;
+    const auto socket = helper.substr(start, helper.find('\'', start) - start);
+    struct stat status {};
+    ASSERT_EQ(::stat(fs::path(socket).parent_path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0700U);
+    EXPECT_EQ(status.st_uid, ::geteuid());
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "SKIPPED: only root can become another user";
+    // Even when the folder is open.
+    ASSERT_EQ(::chmod(fs::path(socket).parent_path().c_str(), 0777), 0);
+    ASSERT_EQ(::chmod(socket.c_str(), 0777), 0);
+    for (const bool isOther : {true, false}) {
+        auto answer = test::onThread([&] {
+            std::vector<std::string> command{"git", "credential-cache", "--socket", socket, "get"};
+            if (isOther)
+                command.insert(command.begin(), {"setpriv", "--reuid=65534", "--clear-groups"});
+            return test::runProcess(command,
+                                    {.workingFolder = "/", .environment = {{"HOME", "/"}}});
+        });
+        pollfd asked{server.descriptor(), POLLIN, 0};
+        ASSERT_EQ(::poll(&asked, 1, 60'000), 1);
+        server.serve();
+        EXPECT_EQ(isSecret(test::within(std::move(answer)).output), !isOther);
+    }
+}
+
+} // namespace
+} // namespace quendo::git
