@@ -2,6 +2,7 @@
 
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/Repository.h"
+#include "quendo/git/WorkingTree.h"
 #include "quendo/platform/Path.h"
 
 #include <array>
@@ -152,8 +153,12 @@ void KeptFiles::keep(const std::vector<std::string>& paths) {
     std::string list;
     for (const auto& path : paths) {
         struct stat status;
-        if (::fstatat(m_root.get(), path.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
-            (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)))
+        if (::fstatat(m_root.get(), path.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (errno == ENOENT || errno == ENOTDIR)
+                m_absent.push_back(path);
+            continue;
+        }
+        if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
             continue;
         const auto name = std::to_string(m_files.size());
         if (!linkOrCopy(m_root.get(), path, m_folder.get(), name))
@@ -163,6 +168,9 @@ void KeptFiles::keep(const std::vector<std::string>& paths) {
         m_files.push_back({path, stampOf(m_root.get(), path)});
         list += name + "\t" + path + "\n";
     }
+    for (const auto& folder : parentsOf(m_absent))
+        if (::faccessat(m_root.get(), folder.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0)
+            m_absentFolders.insert(folder);
     const FileDescriptor file(
         ::openat(m_folder.get(), listName, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     if (!file || !writeAll(file.get(), list.data(), list.size()))
@@ -231,6 +239,13 @@ std::string KeptFiles::restore() {
                 problem = Path::fromNative(m_files[i].path).toUtf8() +
                           " could not be put back: " + std::strerror(errno);
         }
+    for (const auto& path : m_absent)
+        if (::unlinkat(m_root.get(), path.c_str(), 0) != 0 && errno != ENOENT && errno != ENOTDIR &&
+            problem.empty())
+            problem = Path::fromNative(path).toUtf8() +
+                      " could not be taken away again: " + std::strerror(errno);
+    for (auto folder = m_absentFolders.rbegin(); folder != m_absentFolders.rend(); ++folder)
+        ::unlinkat(m_root.get(), folder->c_str(), AT_REMOVEDIR);
     if (lost > 1)
         problem += " (and " + std::to_string(lost - 1) + " more)";
     if (const auto index = restoreIndex(); !index.empty())

@@ -2,6 +2,7 @@
 
 #include "quendo/git/FileDescriptor.h"
 
+#include <set>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -28,8 +29,8 @@ public:
     KeptFiles(const KeptFiles&) = delete;
     KeptFiles& operator=(const KeptFiles&) = delete;
 
-    /// Keeps what stands at each path: regular files and symbolic links; nothing else, and nothing
-    /// where nothing is.
+    /// Keeps what stands at each path: regular files and symbolic links, and nothing else. Where
+    /// nothing is, that is kept: what the operation writes there goes again.
     /// @throws exception::OperationFailedError when one cannot be kept
     void keep(const std::vector<std::string>& paths);
 
@@ -67,7 +68,9 @@ private:
     FileDescriptor m_metadata;
     std::string m_name; ///< of the folder, within the metadata
     FileDescriptor m_folder;
-    std::vector<File> m_files; ///< kept under their positions as names
+    std::vector<File> m_files;             ///< kept under their positions as names
+    std::vector<std::string> m_absent;     ///< paths at which nothing was
+    std::set<std::string> m_absentFolders; ///< those above them that were not there either
     Stamp m_indexBefore;
     Stamp m_indexAfter;
     bool m_isNeeded = false; ///< something could not be put back
