@@ -10,6 +10,7 @@
 #include "tests/support/HookedAdapter.h"
 #include "tests/support/OwnNamespaces.h"
 #include "tests/support/RandomWork.h"
+#include "tests/support/States.h"
 #include "tests/support/SteppedDetection.h"
 
 #include <gmock/gmock.h>
@@ -22,26 +23,6 @@
 
 namespace quendo {
 namespace {
-
-std::string differences(const std::map<Path, FileState>& cached,
-                        const std::map<Path, FileState>& asked) {
-    std::string text;
-    const auto tell = [&](const char* what, const auto& from, const auto& other) {
-        for (const auto& [path, state] : from) {
-            const auto found = other.find(path);
-            // A folder without files is answered when it is asked for, but in no folder's answer.
-            if (&from == &cached && found == other.end() && state.isFolder() &&
-                test::isWithoutFiles(path.toNative()))
-                continue;
-            if (found == other.end() || !(found->second == state))
-                text += std::string(what) + " " + std::string(toString(state.getState())) +
-                        (state.isFolder() ? " folder " : " ") + path.toUtf8() + "\n";
-        }
-    };
-    tell("cached:", cached, asked);
-    tell("asked:", asked, cached);
-    return text;
-}
 
 /// A cache that follows a real Git working copy by real events. All it does runs on the test's
 /// thread, when the test says so.
@@ -67,7 +48,7 @@ public:
     std::string differencesInTheEnd(bool isPolled) {
         for (;;) {
             settle();
-            auto text = differences(cached(), m_adapter->getStatus(m_root, true));
+            auto text = test::differences(cached(), m_adapter->getStatus(m_root, true));
             if (text.empty() || !isPolled || !m_detection.awaitTask())
                 return text;
         }
