@@ -68,24 +68,14 @@ private:
             name += std::string("/") + names[below(4)];
         return name;
     }
-    /// Most of them there, or known to Git.
-    Path anyPath() {
-        const auto& states = m_states;
-        if (states.size() < 2 || below(4) == 0)
-            return m_root.child(anyName());
-        auto chosen = states.begin();
-        for (int tries = 0; tries < 3; ++tries) { // what is unmodified only now and then
-            chosen = std::next(states.begin(), 1 + below(static_cast<unsigned>(states.size()) - 1));
-            if (chosen->second.getState() != LocalStatus::Unmodified)
-                break;
-        }
-        return chosen->first;
-    }
-    Paths anyPaths() {
+    /// One that is in such a state, as a rule.
+    Path anyPath(const std::set<LocalStatus>& fitting) {
         Paths paths;
-        for (unsigned count = 1 + below(4); count > 0; --count)
-            paths.push_back(anyPath());
-        return paths;
+        for (const auto& [path, state] : m_states)
+            if (path != m_root && (fitting.contains(state.getState()) || below(8) == 0))
+                paths.push_back(path);
+        return paths.empty() || below(6) == 0 ? m_root.child(anyName())
+                                              : paths[below(static_cast<unsigned>(paths.size()))];
     }
 
     // Many make no sense, and are refused.
@@ -124,33 +114,43 @@ private:
 
     std::string operate() {
         auto& adapter = m_followed->folder->getAdapter();
-        const auto paths = anyPaths();
-        const auto one = paths.front(), to = below(3) ? m_root.child(anyName()) : anyPath();
+        using enum LocalStatus;
+        Paths paths;
+        Path one, to;
         struct Operation {
             const char* name;
+            std::set<LocalStatus> fitting;
             std::function<void()> run;
-            bool isWhole = true;  ///< what it refuses it leaves as it was
-            bool keepsAll = true; ///< gives no content up
+            bool isInSteps = false; ///< what was done before a refusal stays done
+            bool keepsAll = true;   ///< gives no content up
         };
-        const bool isSingle = paths.size() == 1;
+        const std::set<LocalStatus> changed{Modified, Missing, Added, Deleted};
         const Operation operations[] = {
-            {"checkin", [&] { adapter.checkin(paths, u"some"); }},
-            {"checkin of one", [&] { adapter.checkin(one, u"# one"); }},
-            {"add", [&] { adapter.addFiles(paths); }},
-            {"remove", [&] { adapter.removeFiles(paths); }},
-            {"move", [&] { adapter.moveFile(one, to); }},
-            {"move", [&] { adapter.moveFile(one, to); }},
-            {"uncheckout", [&] { adapter.uncheckout(paths); }, true, false},
-            {"discard", [&] { adapter.discardChanges(); }, true, false},
-            {"resolve", [&] { adapter.resolveConflict(one); }},
-            {"checkout", [&] { adapter.checkout(paths); }},
-            {"ignore", [&] { m_raw->ignoreFile(one); }},
-            {"managed add", [&] { management::CMActionManager(adapter).add(paths, m_root); },
-             isSingle},
-            {"managed remove", [&] { management::CMActionManager(adapter).remove(paths); },
-             isSingle},
+            {"checkin", changed, [&] { adapter.checkin(paths, u"some"); }},
+            {"checkin of one", changed, [&] { adapter.checkin(one, u"# one"); }},
+            {"add", {NotUnderSourceControl, Modified}, [&] { adapter.addFiles(paths); }},
+            {"remove", {Unmodified, Missing}, [&] { adapter.removeFiles(paths); }},
+            {"move", {Unmodified, Modified, Added}, [&] { adapter.moveFile(one, to); }},
+            {"moved", {Missing}, [&] { adapter.moveFile(one, to); }},
+            {"uncheckout", changed, [&] { adapter.uncheckout(paths); }, false, false},
+            {"discard", {}, [&] { adapter.discardChanges(); }, false, false},
+            {"resolve", {Conflicted}, [&] { adapter.resolveConflict(one); }},
+            {"checkout", {Unmodified, Modified}, [&] { adapter.checkout(paths); }},
+            {"ignore", {NotUnderSourceControl}, [&] { m_raw->ignoreFile(one); }},
+            {"managed add",
+             {NotUnderSourceControl, Deleted},
+             [&] { management::CMActionManager(adapter).add(paths, m_root); },
+             true},
+            {"managed remove",
+             {Unmodified, Added},
+             [&] { management::CMActionManager(adapter).remove(paths); },
+             true},
         };
         const auto& operation = operations[below(std::size(operations))];
+        for (unsigned count = 1 + below(3); count > 0; --count)
+            paths.push_back(anyPath(operation.fitting));
+        one = paths.front();
+        to = below(3) ? m_root.child(anyName()) : anyPath({NotUnderSourceControl});
         m_steps += operation.name;
         for (const auto& path : paths)
             m_steps += " " + path.toUtf8();
@@ -169,7 +169,9 @@ private:
         const Picture after(m_sandbox, m_sandbox.work());
         if (!words.empty()) {
             const auto change = before.changeTo(after);
-            return !operation.isWhole || change.empty() ? "" : "refused, and yet:\n" + change;
+            return (operation.isInSteps && paths.size() > 1) || change.empty()
+                       ? ""
+                       : "refused, and yet:\n" + change;
         }
         return lost(before, after, operation.keepsAll);
     }
