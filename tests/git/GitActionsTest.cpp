@@ -152,6 +152,9 @@ TEST(GitActionsTest, RefusesWhatItCannotDoWhole) {
          "git config filter.f.required true\n"
          "echo 'b filter=f' > .git/info/attributes; echo 2 > a; echo 2 > b; git add a",
          revert({"a", "b"}), "smudge filter f failed"},
+        {"git config filter.f.smudge false; git config filter.f.required true\n"
+         "echo 'n/y filter=f' > .git/info/attributes; rm -r a n",
+         revert({"a", "n"}), "smudge filter f failed"},
     };
     for (const auto& one : cases) {
         Copy copy;

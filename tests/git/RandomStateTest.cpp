@@ -2,6 +2,7 @@
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/git/GitAdapterFactory.h"
 #include "tests/support/GitSandbox.h"
+#include "tests/support/States.h"
 #include "tests/support/Testing.h"
 
 namespace quendo::git {
@@ -57,33 +58,6 @@ private:
     std::mt19937 m_random;
 };
 
-// "XY path" of both, sorted; blank columns as '.'.
-std::vector<std::string> recordsOf(const std::map<Path, FileState>& states, const Path& root) {
-    std::vector<std::string> records;
-    for (const auto& [path, state] : states)
-        for (const auto& one : state.getProperties())
-            if (one.getName() == property::columns) {
-                const auto columns = toUtf8(one.getValue());
-                const bool slash = state.isFolder() && (columns == "??" || columns == "!!");
-                records.push_back(columns + " " + path.lexicallyRelative(root).toNative() +
-                                  (slash ? "/" : ""));
-            }
-    std::ranges::sort(records);
-    return records;
-}
-
-std::vector<std::string> recordsOfGit(const test::GitSandbox& sandbox) {
-    std::istringstream output(sandbox.git({"--no-optional-locks", "status", "--porcelain=v1", "-z",
-                                           "-uall", "--ignored=matching", "--no-renames"}));
-    std::vector<std::string> records;
-    for (std::string record; std::getline(output, record, '\0');) {
-        std::replace(record.begin(), record.begin() + 2, ' ', '.');
-        records.push_back(record);
-    }
-    std::ranges::sort(records);
-    return records;
-}
-
 TEST(RandomStateTest, AgreesWithGitAndWithItself) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     const unsigned seeds = test::isLong ? 200 : 1000;
@@ -101,7 +75,7 @@ TEST(RandomStateTest, AgreesWithGitAndWithItself) {
             monkey.act(12);
             const auto label = "seed " + std::to_string(seed) + ", round " + std::to_string(round);
             const auto whole = adapter->getStatus(root, true);
-            ASSERT_EQ(recordsOf(whole, root), recordsOfGit(sandbox)) << label;
+            ASSERT_EQ(test::recordsOf(whole, root), test::recordsOfGit(sandbox)) << label;
             // Any part answers as the whole does; a folder with all that is below it.
             std::vector<Path> asked;
             for (unsigned i = 1 + monkey.below(4); i > 0; --i)

@@ -5,32 +5,13 @@
 #include "tests/support/OwnNamespaces.h"
 #include "tests/support/RandomWork.h"
 #include "tests/support/RealFolder.h"
+#include "tests/support/States.h"
 #include "tests/support/SteppedDetection.h"
 
 #include <sys/stat.h>
 
 namespace quendo {
 namespace {
-
-std::string differences(const std::map<Path, FileState>& cached,
-                        const std::map<Path, FileState>& asked) {
-    std::string text;
-    const auto tell = [&](const char* what, const auto& from, const auto& other) {
-        for (const auto& [path, state] : from) {
-            const auto found = other.find(path);
-            // A folder without files is answered when it is asked for, but in no folder's answer.
-            if (&from == &cached && found == other.end() && state.isFolder() &&
-                test::isWithoutFiles(path.toNative()))
-                continue;
-            if (found == other.end() || !(found->second == state))
-                text += std::string(what) + " " + std::string(toString(state.getState())) +
-                        (state.isFolder() ? " folder " : " ") + path.toUtf8() + "\n";
-        }
-    };
-    tell("cached:", cached, asked);
-    tell("asked:", asked, cached);
-    return text;
-}
 
 /// A managed folder over a real Git working copy, by real events. All it does runs on the test's
 /// thread, when the test says so.
@@ -66,7 +47,7 @@ struct SteppedFolder {
 std::string differencesInTheEnd(SteppedFolder& folder, bool isPolled) {
     for (;;) {
         folder.settle();
-        auto text = differences(folder.followed.cached(), folder.followed.asked());
+        auto text = test::differences(folder.followed.cached(), folder.followed.asked());
         if (text.empty() || !isPolled || !folder.detection.awaitTask())
             return text;
     }

@@ -97,7 +97,7 @@ struct Road {
 TEST(Roads, LeadFromOperationsTheDiskAndForeignCommitsToTheCache) {
     Road road;
     road.write("sub/b", "2");
-    road.write("new", "");
+    road.write("new/file", "");
     const test::FollowedFolder followed(road.provider->provideFor(road.root));
     EXPECT_EQ(road.provider->provideFor(road.root / u"sub/b")->getUUID(),
               followed.folder->getUUID());
@@ -107,15 +107,16 @@ TEST(Roads, LeadFromOperationsTheDiskAndForeignCommitsToTheCache) {
     EXPECT_TRUE(followed.has(u"new", LocalStatus::NotUnderSourceControl));
     EXPECT_EQ(followed.cached(), followed.asked());
 
-    followed.folder->getAdapter().addFiles({road.root / u"new"});
-    EXPECT_TRUE(followed.has(u"new", LocalStatus::Added));
+    followed.folder->getAdapter().addFiles({road.root / u"new/file"});
+    EXPECT_TRUE(followed.has(u"new/file", LocalStatus::Added));
+    EXPECT_TRUE(followed.has(u"new", LocalStatus::Unmodified)) << "it holds something tracked";
     road.awaitEvents();
     EXPECT_EQ(road.windows, 0) << "an own operation counts as a foreign change";
 
     road.write("a", "2");
     EXPECT_TRUE(followed.comes(u"a", LocalStatus::Modified));
     road.sandbox.commitAll("foreign");
-    for (const auto* file : {u"a", u"sub/b", u"new"})
+    for (const auto* file : {u"a", u"sub/b", u"new/file"})
         EXPECT_TRUE(followed.comes(file, LocalStatus::Unmodified));
     EXPECT_GT(road.windows, 0);
 }
