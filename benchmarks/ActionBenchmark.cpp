@@ -20,7 +20,7 @@ namespace {
 using namespace quendo;
 using namespace quendo::benchmark;
 
-std::string git(const BigRepository& repository, std::vector<std::string> arguments) {
+std::string runGit(const BigRepository& repository, std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "git");
     const auto result = test::runProcess(
         arguments, {repository.sandbox().work(), repository.sandbox().environment()});
@@ -118,46 +118,46 @@ int main(int argc, char** argv) try {
     const BigRepository repository(files, folders);
     std::printf("%zu files in %zu folders, medians of %zu; milliseconds\n", files, folders, runs);
     const auto status = [&](const std::string& file) {
-        git(repository, {"status", "--porcelain", "--", file});
+        runGit(repository, {"status", "--porcelain", "--", file});
     };
     const auto edit = [&](const std::string& file) {
         static unsigned counter = 0;
-        git(repository, {"reset", "-q"});
+        runGit(repository, {"reset", "-q"});
         overwrite(file, "int x" + std::to_string(++counter % 10) + ";\n");
     };
     const Kind kinds[] = {
         {"add: addFiles of one file",
          [&](const std::string& file) {
-             git(repository, {"rm", "-q", "--cached", "--ignore-unmatch", "--", file});
+             runGit(repository, {"rm", "-q", "--cached", "--ignore-unmatch", "--", file});
              overwrite(file, "new\n");
          },
          LocalStatus::Deleted, LocalStatus::Modified,
          [](CMAdapter& adapter, const Path& path) { adapter.addFiles({path}); },
          [&](const std::string& file) {
-             git(repository, {"add", "--", file});
+             runGit(repository, {"add", "--", file});
              status(file);
          }},
         {"revert: uncheckout of one file", edit, LocalStatus::Modified, LocalStatus::Unmodified,
          [](CMAdapter& adapter, const Path& path) { adapter.uncheckout({path}); },
          [&](const std::string& file) {
-             git(repository, {"restore", "--", file});
+             runGit(repository, {"restore", "--", file});
              status(file);
          }},
         {"checkin: of one file", edit, LocalStatus::Modified, LocalStatus::Unmodified,
          [](CMAdapter& adapter, const Path& path) { adapter.checkin(path, u"change"); },
          [&](const std::string& file) {
-             git(repository, {"commit", "-q", "-m", "change", "--", file});
+             runGit(repository, {"commit", "-q", "-m", "change", "--", file});
              status(file);
          }},
         {"remove: removeFiles of one file",
          [&](const std::string& file) {
-             git(repository, {"reset", "-q"});
-             git(repository, {"checkout", "-q", "HEAD", "--", file});
+             runGit(repository, {"reset", "-q"});
+             runGit(repository, {"checkout", "-q", "HEAD", "--", file});
          },
          LocalStatus::Unmodified, LocalStatus::Deleted,
          [](CMAdapter& adapter, const Path& path) { adapter.removeFiles({path}); },
          [&](const std::string& file) {
-             git(repository, {"rm", "-q", "--", file});
+             runGit(repository, {"rm", "-q", "--", file});
              status(file);
          }},
     };
