@@ -571,13 +571,13 @@ void GitActions::checkin(const std::vector<Path>& given, const UString& message)
         case LocalStatus::Unknown:
             unknown.push_back(item.path);
             continue;
-        case LocalStatus::External:
-            if (item.staged != '.' || item.onDisk == 'M')
-                changed.push_back(item.path);
-            else if (item.isNamed)
-                others.push_back(item.path);
-            continue;
         default:
+            // Of a submodule only its commit can be checked in here.
+            if (item.isFolder && item.staged == '.' && item.onDisk != 'D' && !item.hasNewCommit) {
+                if (item.isNamed)
+                    others.push_back(item.path);
+                continue;
+            }
             hasKept |= item.state == LocalStatus::Deleted && item.isUntrackedToo;
             changed.push_back(item.path);
         }

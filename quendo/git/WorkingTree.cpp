@@ -114,6 +114,8 @@ std::vector<TreeItem> WorkingTree::itemsOf(const std::map<Path, FileState>& stat
         for (const auto& one : state.getProperties()) {
             if (one.getName() == property::why)
                 item.why = toUtf8(one.getValue());
+            if (one.getName() == property::submodule)
+                item.hasNewCommit = one.getValue().find(u"commit") != UString::npos;
             if (one.getName() != property::columns || one.getValue().size() != 2)
                 continue;
             if (isFirst && one.getValue() != u"??" && one.getValue() != u"!!") {

@@ -25,6 +25,7 @@ struct TreeItem {
     char staged = '.';    ///< git's two columns
     char onDisk = '.';
     bool isUntrackedToo = false; ///< removed from the index and still there
+    bool hasNewCommit = false;   ///< a submodule at another commit than the index says
     std::string why;             ///< for LocalStatus::Unknown
 };
 

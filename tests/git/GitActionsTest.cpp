@@ -99,6 +99,10 @@ TEST(GitActionsTest, RefusesWhatItCannotDoWhole) {
         {merge, checkin({"a", "b"}), "in conflict"},
         {merge + "git add a c", checkin({"a"}), "Git checks a merge in whole; check these in"},
         {"git rm -q --cached a; echo 2 > b; git add b", checkin({"a"}), "with all that is staged"},
+        {"git init -q ../s; git -C ../s commit -q --allow-empty -m s; git submodule --quiet add "
+         "../s s\n"
+         "git commit -qm sub; echo 2 > s/f; git -C s add f",
+         checkin({"s"}), "check in there first"},
         {"", add({"none"}), "does not exist"},
         {"echo 1 > z; echo 1 > z.o", add({"z", "z.o"}), "ignored by Git"},
         {merge + "echo 1 > z", add({"z", "a"}), "in conflict"},
