@@ -13,6 +13,7 @@
 #include "quendo/git/MetadataFilter.h"
 #include "quendo/git/SmallFile.h"
 #include "quendo/platform/Logging.h"
+#include "quendo/platform/ScopeGuard.h"
 
 #include <algorithm>
 #include <chrono>
@@ -80,9 +81,19 @@ template <class Work>
 void GitAdapter::act(const UString& message, Work&& work) const {
     const Cancellation cancellation(m_interactor.get());
     constexpr std::chrono::milliseconds lookAtCancellation{50};
-    std::unique_lock acting(m_acting, std::defer_lock);
-    while (!acting.try_lock_for(lookAtCancellation))
-        cancellation.throwIfRequested();
+    {
+        std::unique_lock lock(m_lock);
+        while (m_isActing) {
+            m_hasActed.wait_for(lock, lookAtCancellation);
+            cancellation.throwIfRequested();
+        }
+        m_isActing = true;
+    }
+    const scope_guard end([this] {
+        const std::lock_guard lock(m_lock);
+        m_isActing = false;
+        m_hasActed.notify_one();
+    });
     m_repository.checkMetadataFiles();
     double fraction = 0;
     const auto advance = [&](const UString& now) {

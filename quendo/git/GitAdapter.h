@@ -6,6 +6,7 @@
 #include "quendo/adapter/RevisionContent.h"
 #include "quendo/git/Repository.h"
 
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 
@@ -72,8 +73,9 @@ private:
     const std::shared_ptr<GitTool> m_tool;
     const Repository m_repository;
     const std::shared_ptr<CMApplicationInteractor> m_interactor;
-    mutable std::timed_mutex m_acting; ///< held by the operation that changes something
     mutable std::mutex m_lock;
+    mutable bool m_isActing = false; ///< an operation changes something; guarded by m_lock
+    mutable std::condition_variable m_hasActed;
     std::weak_ptr<CredentialProvider> m_credentialProvider; ///< guarded by m_lock
 };
 
