@@ -590,7 +590,7 @@ void GitActions::checkin(const std::vector<Path>& given, const UString& message)
                                    "; change the ignore rules first");
     if (!unknown.empty())
         throw OperationFailedError("cannot be read: " + m_tree.shown(unknown));
-    if (!others.empty())
+    if (changed.empty() && !others.empty())
         throw OperationFailedError("nothing to check in: " + m_tree.shown(others) +
                                    " holds the repository's own commit; check in there first");
     if (changed.empty())

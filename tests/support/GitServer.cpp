@@ -39,11 +39,18 @@ void sendAll(int connection, std::string_view text) {
     }
 }
 
+std::vector<std::string> currentEnvironment() {
+    std::vector<std::string> variables;
+    for (char** entry = environ; *entry != nullptr; ++entry)
+        variables.emplace_back(*entry);
+    return variables;
+}
+
 } // namespace
 
 GitServer::GitServer(const std::filesystem::path& folder, const std::string& user,
                      const std::string& password, std::function<void()> onRequest)
-    : m_folder(folder), m_onRequest(std::move(onRequest)),
+    : m_folder(folder), m_onRequest(std::move(onRequest)), m_environment(currentEnvironment()),
       m_expected("Basic " + base64(user + ":" + password)),
       m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_in address{};
@@ -127,7 +134,8 @@ void GitServer::answer(int connection) {
                          {"QUERY_STRING", target.substr(std::min(question + 1, target.size()))},
                          {"CONTENT_TYPE", headers["content-type"]},
                          {"HTTP_CONTENT_ENCODING", headers["content-encoding"]},
-                         {"GIT_PROTOCOL", headers["git-protocol"]}}});
+                         {"GIT_PROTOCOL", headers["git-protocol"]}},
+         .inherited = m_environment});
     const auto status = result.output.starts_with("Status: ")
                             ? result.output.substr(8, result.output.find("\r\n") - 8)
                             : std::string("200 OK");

@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace quendo::test {
 
@@ -34,7 +35,8 @@ private:
     const std::filesystem::path m_folder;
     const std::function<void()> m_onRequest;
     const TemporaryFolder m_scratch;
-    std::string m_expected; ///< the header that lets somebody in
+    const std::vector<std::string> m_environment; ///< as it was when the server began
+    std::string m_expected;                       ///< the header that lets somebody in
     std::string m_host;
     std::atomic<int> m_asked{0}, m_served{0};
     int m_socket = -1;

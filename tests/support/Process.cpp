@@ -54,8 +54,13 @@ pid_t start(const std::vector<std::string>& command, const ProcessOptions& optio
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+    std::vector<char*> inherited;
+    for (const auto& variable : options.inherited)
+        inherited.push_back(const_cast<char*>(variable.c_str()));
+    inherited.push_back(nullptr);
     pid_t pid = -1;
-    errno = posix_spawnp(&pid, "env", &actions, &attributes, pointers.data(), environ);
+    errno = posix_spawnp(&pid, "env", &actions, &attributes, pointers.data(),
+                         options.inherited.empty() ? environ : inherited.data());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     checked(errno == 0 ? 0 : -1, "posix_spawnp");

@@ -21,6 +21,9 @@ struct ProcessOptions {
     std::filesystem::path workingFolder;
     std::map<std::string, std::string> environment; ///< set beside what is inherited
     std::chrono::milliseconds deadline{60'000};
+    /// What is inherited, as NAME=VALUE, in place of this process's own; when not empty. For
+    /// threads beside one that changes that.
+    std::vector<std::string> inherited = {};
 };
 
 /// Runs a program, with nothing to read, and waits for it; not for what it leaves behind. The
