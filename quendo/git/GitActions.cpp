@@ -336,7 +336,7 @@ void GitActions::moveOnDisk(const std::string& from, const std::string& to) {
 
 GitActions::Reversion GitActions::planReversion(const std::vector<TreeItem>& items) {
     Reversion plan;
-    Strings staged, conflicted, untracked, unknown, others;
+    Strings staged, untracked, unknown, others;
     for (const auto& item : items) {
         switch (item.state) {
         case LocalStatus::Unmodified:
@@ -365,7 +365,6 @@ GitActions::Reversion GitActions::planReversion(const std::vector<TreeItem>& ite
                 plan.toWrite.push_back(item.path);
             continue;
         case LocalStatus::Conflicted:
-            conflicted.push_back(item.path);
             staged.push_back(item.path);
             plan.toWrite.push_back(item.path);
             continue;
@@ -392,9 +391,10 @@ GitActions::Reversion GitActions::planReversion(const std::vector<TreeItem>& ite
         throw OperationFailedError("cannot be read: " + m_tree.shown(unknown));
     if (staged.empty())
         return plan;
-    const auto head = m_index.ofHead(staged);
+    plan.toReset = m_index.ofHead(staged);
     for (const auto& path : staged)
-        (head.contains(path) ? plan.toReset : plan.toForget).push_back(path);
+        if (!plan.toReset.contains(path))
+            plan.toForget.push_back(path);
     // Only a side of a conflict that HEAD does not have: what is on disk stays, untracked.
     const std::unordered_set<std::string> forgotten(plan.toForget.begin(), plan.toForget.end());
     std::erase_if(plan.toWrite, [&](const auto& path) { return forgotten.contains(path); });
@@ -411,7 +411,7 @@ void GitActions::revert(const Reversion& plan) {
     kept.keep(plan.toWrite);
     orAsItWas(kept, [&] {
         if (!plan.toReset.empty() || !plan.toForget.empty()) {
-            m_index.put(m_index.ofHead(plan.toReset), plan.toForget);
+            m_index.put(plan.toReset, plan.toForget);
             kept.noteIndex();
         }
         if (plan.toWrite.size() > mostPathspecs)

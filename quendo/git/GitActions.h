@@ -38,7 +38,7 @@ public:
 private:
     struct Reversion {
         std::vector<std::string> toWrite;  ///< files to be written as in HEAD
-        std::vector<std::string> toReset;  ///< entries of the index to be as in HEAD
+        GitIndex::Entries toReset;         ///< HEAD's entries for the index
         std::vector<std::string> toForget; ///< entries of the index that HEAD does not have
     };
 
