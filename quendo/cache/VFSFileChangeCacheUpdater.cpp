@@ -26,6 +26,7 @@
 #include <set>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -56,6 +57,11 @@
 // comes back has no entry until it is asked for. And a file in an ignored tree is answered when it
 // is asked for, though the tree is one entry. So when a path has been answered, the outermost such
 // folder around it, or the ignored one, is asked for too.
+//
+// What the user's own operation changes is answered with no event, and for its files only. So after
+// every update the folders around what came under control or left it are asked for, each alone,
+// where what the cache holds of them does not fit what it holds below them. Only a change leads to
+// such a question, and only to one further up: an answer that still does not fit ends it.
 //
 // Bursts. Requests for folders join one that waits already (CMStatusCacheFreshness), but two that
 // lie beside each other are two queries, and a query of much costs little more than one of a
@@ -158,6 +164,59 @@ struct CacheUpdateInfo {
         const auto below = folders->getFolderSummary(folder).below;
         return below.total() !=
                below[LocalStatus::NotUnderSourceControl] + below[LocalStatus::Ignored];
+    }
+
+    /// Whether the entry of `folder` cannot be right by what is cached below it: something tracked
+    /// in an untracked folder, nothing tracked in a tracked one, anything in a file.
+    bool isMisfit(const Path& folder) const {
+        const auto state = cache->getCachedStatus(folder);
+        if (!state)
+            return false;
+        if (!state->isFolder())
+            return holdsBelow(folder);
+        // What is removed makes no folder a tracked one.
+        const auto below = folders->getFolderSummary(folder).below;
+        const auto tracked = below[LocalStatus::Unmodified] + below[LocalStatus::Modified] +
+                             below[LocalStatus::Missing] + below[LocalStatus::Added] +
+                             below[LocalStatus::Conflicted];
+        switch (state->getState()) {
+        case LocalStatus::NotUnderSourceControl:
+        case LocalStatus::Ignored:
+            return tracked != 0;
+        case LocalStatus::Unmodified:
+            return tracked + below[LocalStatus::External] + below[LocalStatus::Unknown] == 0;
+        default:
+            return false;
+        }
+    }
+
+    /// The folders above what came under control or left it, but for the root, that are misfits.
+    std::vector<Path> misfitsAround(const StatusChanges& changed) const {
+        enum class Kind { None, Tracked, Other };
+        const auto kindOf = [](const std::optional<FileState>& state) {
+            if (!state)
+                return Kind::None;
+            switch (state->getState()) {
+            case LocalStatus::NotUnderSourceControl:
+            case LocalStatus::Ignored:
+            case LocalStatus::Deleted:
+                return Kind::Other;
+            default:
+                return Kind::Tracked;
+            }
+        };
+        std::vector<Path> misfits;
+        std::unordered_set<Path> seen;
+        for (const auto& change : changed.changes) {
+            if (kindOf(change.before) == kindOf(change.after))
+                continue;
+            for (Path folder = change.path.parentPath();
+                 folder.isBelow(root) && seen.insert(folder).second; folder = folder.parentPath()) {
+                if (isMisfit(folder))
+                    misfits.push_back(folder);
+            }
+        }
+        return misfits;
     }
 
     /// The innermost folder around `path` that the cache holds as ignored, or empty.
@@ -430,7 +489,7 @@ private:
     }
 
     /// On the cache's strand: what was ignored, or another's, and is not so any more, was not
-    /// watched.
+    /// watched; and entries of folders may no longer fit.
     void lookAtChanges(const StatusChanges& changed) {
         const auto isAside = [](const std::optional<FileState>& state) {
             return state && state->isFolder() &&
@@ -445,7 +504,14 @@ private:
                 ignored.push_back(change.path);
         }
         lookIntoLater({}, std::move(folders));
-        if (m_info->folders == nullptr || ignored.empty())
+        if (m_info->folders == nullptr)
+            return;
+        if (auto misfits = m_info->misfitsAround(changed); !misfits.empty())
+            m_executor->post([info = m_info, misfits = std::move(misfits)] {
+                if (info->enabled)
+                    info->cache->refreshCMStatuses(misfits);
+            });
+        if (ignored.empty())
             return;
         for (const auto& change : changed.changes) {
             if (change.after)

@@ -15,8 +15,9 @@ class CMStatusCache;
 /// has the cache ask again for what changes there. VFSFileChangeCacheUpdater.cpp tells how.
 ///
 /// A changed file is asked for alone; a changed metadata file (CMAdapter::getMetadataFiles) brings
-/// its folder. Nothing is watched when the working copy is the host's installation folder or that
-/// one's parent.
+/// its folder. Whoever had a path refreshed, the folders above it follow where they have to: one
+/// that got its first tracked file or lost its last is asked for too. Nothing is watched when the
+/// working copy is the host's installation folder or that one's parent.
 ///
 /// Threads: any. Destroying it ends all watching, and waits for nothing but a handler under way,
 /// which is short.

@@ -214,6 +214,47 @@ TEST_F(UpdaterTest, LooksAtEveryAnswerAndSpoilsNoRefresh) {
     EXPECT_NO_THROW(task->wait());
 }
 
+TEST_F(UpdaterTest, AsksForFoldersThatDoNotFitWhatIsInThem) {
+    std::vector<std::string> queries;
+    const auto copy = std::make_shared<test::MemoryWorkingCopy>(root);
+    const auto set = [&](const std::string& name, LocalStatus status) {
+        copy->states.insert_or_assign(at(name), FileState(status, name.back() == 'd'));
+    };
+    for (const auto* name : {"ad", "ad/bd", "ad/bd/1", "ad/bd/2"})
+        set(name, LocalStatus::NotUnderSourceControl);
+    for (const auto* name : {"cd", "cd/1"})
+        set(name, LocalStatus::Unmodified);
+    const auto adapter = std::make_shared<test::HookedAdapter>(
+        test::makeMemoryAdapter(copy), [&](const test::Query& query) {
+            auto& asked = queries.emplace_back();
+            for (const auto& path : query.paths)
+                asked += path.lexicallyRelative(root).toUtf8() + " ";
+        });
+    const auto real = createJobCombiningCache(adapter, std::make_shared<CMApplicationInteractor>());
+    real->setFolderStatusFlag(true);
+    updater.emplace(real, *adapter);
+    real->refreshFolder(root);
+    detection.runStrands();
+    const auto askedAfterOwn = [&](const std::string& name, LocalStatus status) {
+        queries.clear();
+        set(name, status);
+        real->refreshCMStatuses({at(name)});
+        detection.runStrands();
+        return queries;
+    };
+
+    for (const auto* name : {"ad", "ad/bd"})
+        set(name, LocalStatus::Unmodified);
+    EXPECT_THAT(askedAfterOwn("ad/bd/1", LocalStatus::Added), ElementsAre("ad/bd/1 ", "ad/bd ad "));
+    EXPECT_EQ(real->getCachedStatus(at("ad"))->getState(), LocalStatus::Unmodified);
+    EXPECT_THAT(askedAfterOwn("ad/bd/1", LocalStatus::Modified), ElementsAre("ad/bd/1 "));
+
+    // An answer that still does not fit is no reason to ask again.
+    EXPECT_THAT(askedAfterOwn("cd/1", LocalStatus::Deleted), ElementsAre("cd/1 ", "cd "));
+    EXPECT_THAT(askedAfterOwn("cd/1", LocalStatus::Deleted), ElementsAre("cd/1 "));
+    EXPECT_THAT(askedAfterOwn("cd", LocalStatus::Modified), ElementsAre("cd "));
+}
+
 TEST_F(UpdaterTest, WatchesNoInstallationAndRemembersARefusedRoot) {
     watcher->refused = root;
     start();

@@ -32,8 +32,8 @@ struct Gate {
     std::promise<void> arrived, opened;
 };
 
-/// Git, but that the test sees every query before git does, and adds files itself: Git's adapter
-/// cannot do that yet. Outlives its adapters.
+/// Git, but that the test sees every query before git does, and comes before files are added.
+/// Outlives its adapters.
 class HookedGitFactory : public git::GitAdapterFactory {
 public:
     HookedAdapter::Hook inQuery = [](const Query&) {};
@@ -43,11 +43,21 @@ public:
     createAdapter(const Path& folder,
                   std::shared_ptr<CMApplicationInteractor> interactor) override {
         return std::make_unique<HookedAdapter>(
-            std::make_unique<NotingAdapter>(
-                GitAdapterFactory::createAdapter(folder, std::move(interactor)),
-                [this](const std::string&, const auto&) { adds(); }),
+            std::make_unique<Adapter>(
+                GitAdapterFactory::createAdapter(folder, std::move(interactor)), *this),
             [this](const Query& query) { inQuery(query); });
     }
+
+private:
+    struct Adapter : CMAdapterDecorator {
+        Adapter(std::unique_ptr<CMAdapter> adapter, const HookedGitFactory& hooks)
+            : CMAdapterDecorator(std::move(adapter)), factory(hooks) {}
+        void addFiles(const std::vector<Path>& files) const override {
+            factory.adds();
+            CMAdapterDecorator::addFiles(files);
+        }
+        const HookedGitFactory& factory;
+    };
 };
 
 /// A repository with the files "a" and "sub/b".
