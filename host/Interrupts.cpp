@@ -59,11 +59,18 @@ Interrupts::Interrupts(std::shared_ptr<CMInteractor> interactor)
         if (::sigaction(number, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
             ::sigaction(number, &action, nullptr);
     }
+    // The thread takes them: the caller's may be where a signal must wait.
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+        ::sigaddset(&signals, number);
+    ::pthread_sigmask(SIG_BLOCK, &signals, &m_maskBefore);
 }
 
 Interrupts::~Interrupts() {
     // The handler stays, so that a late signal still gives the exit code that is promised.
     atOnce.store(true);
+    ::pthread_sigmask(SIG_SETMASK, &m_maskBefore, nullptr);
     wake();
     m_thread.join();
     ::close(wakeEvent.exchange(-1));

@@ -2,13 +2,15 @@
 
 #include "quendo/adapter/CMInteractor.h"
 
+#include <csignal>
 #include <memory>
 #include <thread>
 
 namespace quendo::host {
 
 /// While it lives, Ctrl-C (and a request to terminate or a hang-up) stops the source-control work
-/// of an interactor instead of the process; a second one ends the process at once. One at a time.
+/// of an interactor instead of the process; a second one ends the process at once. One at a time,
+/// destroyed on the thread that made it: that one blocks these signals meanwhile.
 class Interrupts {
 public:
     explicit Interrupts(std::shared_ptr<CMInteractor> interactor);
@@ -28,6 +30,7 @@ private:
 
     const std::shared_ptr<CMInteractor> m_interactor;
     std::thread m_thread;
+    sigset_t m_maskBefore; ///< of the thread that made it
 };
 
 } // namespace quendo::host
