@@ -112,7 +112,8 @@ void GitActions::add(const std::vector<Path>& given) {
         return;
     m_tree.refuseOthers(paths);
 
-    // check-ignore takes no names literally, so none may start with a colon.
+    // check-ignore takes no names literally, so none may start with a colon. With the index it
+    // would compare each name with each entry.
     constexpr std::string_view here = "./";
     std::string input;
     for (const auto& path : paths) {
@@ -120,8 +121,9 @@ void GitActions::add(const std::vector<Path>& given) {
         input.append(name.starts_with('/') ? "" : here).append(name).push_back('\0');
     }
     std::string ignored, conflicted;
-    GitRun ignoredRun{
-        .arguments = {"check-ignore", "-z", "--stdin"}, .input = input, .literalPathspecs = false};
+    GitRun ignoredRun{.arguments = {"check-ignore", "--no-index", "-z", "--stdin"},
+                      .input = input,
+                      .literalPathspecs = false};
     ignoredRun.consume = [&](std::string_view text) { ignored += text; };
     GitRun conflictedRun{.arguments = {"ls-files", "-u", "-z", "--full-name"}};
     conflictedRun.consume = [&](std::string_view text) { conflicted += text; };
@@ -136,6 +138,14 @@ void GitActions::add(const std::vector<Path>& given) {
         refused.emplace_back(
             name.substr(name.starts_with('/') ? m_repository.root().size() + 1 : here.size()));
     });
+    if (!refused.empty()) {
+        // What is tracked is not ignored, whatever the rules say.
+        std::unordered_set<std::string> tracked;
+        NulSplitter("ls-files")
+            .feed(m_git.read({.arguments = {"ls-files", "-z", "--full-name"}}),
+                  [&](std::string_view path) { tracked.emplace(path); });
+        std::erase_if(refused, [&](const auto& path) { return tracked.contains(path); });
+    }
     if (!refused.empty())
         throw OperationFailedError("ignored by Git: " + m_tree.shown(refused) +
                                    "; change the ignore rules first, or run git add --force");

@@ -31,7 +31,8 @@ TEST(GitActionsTest, DoesWhatItMeans) {
         // Adds files and nothing below folders.
         {"mkdir f; echo 1 > f/g; echo 1 > h; ln -s f l; echo 2 > a", add({"f", "h", "l", "a"}),
          "M  a\nA  h\nA  l\n?? f/g\n", ""},
-        {"git rm -q --cached a; echo 2 > a", add({"a"}), "M  a\n", ""},
+        {"git rm -q --cached a; echo 2 > a; echo 1 > z.o; git add -f z.o; echo 2 > z.o",
+         add({"a", "z.o"}), "M  a\nA  z.o\n", ""},
         {"rm -r n; echo f > n", add({"n"}), "A  n\nD  n/x\nD  n/y\n", ""},
         // Removes from index and disk, and folders left empty.
         {"", remove({"a", "n/x"}), "D  a\nD  n/x\n", "test ! -e a -a ! -e n/x -a -e n/y"},
