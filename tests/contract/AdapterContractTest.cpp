@@ -1,15 +1,11 @@
 #include "tests/contract/AdapterContract.h"
 
 #include "tests/contract/GitSubject.h"
-#include "tests/contract/ScriptedSubject.h"
 #include "tests/support/GitSandbox.h"
+#include "tests/support/Testing.h"
 
 namespace quendo::test {
 namespace {
-
-TEST(AdapterContract, HoldsForTheScriptedAdapter) {
-    EXPECT_THAT(checkAdapterContract(scriptedSubject()), testing::IsEmpty());
-}
 
 TEST(AdapterContract, HoldsForGit) {
     GitSandbox sandbox;

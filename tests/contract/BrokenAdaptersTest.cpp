@@ -2,7 +2,8 @@
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "tests/contract/AdapterContract.h"
-#include "tests/contract/ScriptedSubject.h"
+#include "tests/contract/GitSubject.h"
+#include "tests/support/GitSandbox.h"
 #include "tests/support/Testing.h"
 
 // Adapters that are right but for one thing, to show that the suite sees it.
@@ -70,20 +71,20 @@ struct LeavesHalfAnExport : Broken {
 };
 
 template <class Adapter>
-struct BrokenFactory : ScriptedAdapterFactory {
+struct BrokenFactory : git::GitAdapterFactory {
     explicit BrokenFactory(Spoil folders = {}, Spoil lists = {})
         : m_folders(std::move(folders)), m_lists(std::move(lists)) {}
     std::unique_ptr<CMAdapter> createAdapter(const Path& folder, Interactor interactor) override {
-        return std::make_unique<Adapter>(ScriptedAdapterFactory::createAdapter(folder, interactor),
+        return std::make_unique<Adapter>(git::GitAdapterFactory::createAdapter(folder, interactor),
                                          interactor, m_folders, m_lists);
     }
     const Spoil m_folders, m_lists;
 };
 
-struct AnswersForDamagedOnes : ScriptedAdapterFactory {
+struct AnswersForDamagedOnes : git::GitAdapterFactory {
     std::unique_ptr<CMAdapter> createAdapter(const Path& folder, Interactor interactor) override {
         try {
-            return ScriptedAdapterFactory::createAdapter(folder, interactor);
+            return git::GitAdapterFactory::createAdapter(folder, interactor);
         } catch (const exception::DamagedRepositoryError&) {
             return createAdapter(folder.parentPath(), interactor);
         }
@@ -91,8 +92,10 @@ struct AnswersForDamagedOnes : ScriptedAdapterFactory {
 };
 
 TEST(BrokenAdapters, AreFoundOut) {
+    GitSandbox sandbox;
+    sandbox.enterEnvironment();
     const auto expectViolation = [](const std::string& rule, auto factory) {
-        EXPECT_THAT(checkAdapterContract(scriptedSubject(factory)),
+        EXPECT_THAT(checkAdapterContract(gitSubject(factory)),
                     testing::Contains(testing::StartsWith(rule + ": ")));
     };
     const auto spoilFolders = [&](const char* rule, Spoil spoil) {

@@ -5,9 +5,11 @@
 
 namespace quendo::test {
 
-/// Git, in the environment of a GitSandbox.
-inline ContractSubject gitSubject() {
-    return {std::make_shared<git::GitAdapterFactory>, R"sh(
+/// Git, through these factories, in the environment of a GitSandbox.
+inline ContractSubject gitSubject(std::function<std::shared_ptr<CMAdapterFactory>()> factory = [] {
+    return std::make_shared<git::GitAdapterFactory>();
+}) {
+    return {std::move(factory), R"sh(
 create() { git init -q -b main; }
 commit() { git add -A; git commit -q --allow-empty -m "$1"; }
 add() { git --literal-pathspecs add -- "$1"; }

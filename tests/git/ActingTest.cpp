@@ -253,37 +253,5 @@ TEST(ActingTest, LeavesWhatAnotherGitStagedMeanwhile) {
     }
 }
 
-TEST(ActingTest, ManyAtOnceEachDoTheirPart) {
-    constexpr int adapters = 8, rounds = 3;
-    Copy copy;
-    std::atomic<int> made{0};
-    test::onThreads(adapters, [&](int i) {
-        const auto adapter =
-            GitAdapterFactory({.lockLimit = deadline}).createAdapter(copy.root(), nullptr);
-        const auto name = "f" + std::to_string(i);
-        const std::vector<Path> file{copy.at(name)};
-        const auto path = copy.folder() / name;
-        for (int round = 0; round < rounds; ++round) {
-            try {
-                test::writeFile(path, "content " + std::to_string(round));
-                adapter->addFiles(file);
-                adapter->checkin(file, toUString(name + " " + std::to_string(round)));
-                ++made;
-                test::writeFile(path, "changed");
-                adapter->uncheckout(file);
-                EXPECT_EQ(test::readFile(path), "content " + std::to_string(round));
-            } catch (const exception::SourceControlException& error) {
-                ADD_FAILURE() << name << ": " << error.what();
-            }
-        }
-    });
-    EXPECT_EQ(copy.status(), "");
-    EXPECT_EQ(copy.sh("git log --oneline | wc -l"), std::to_string(made + 1) + "\n");
-    copy.sh("git fsck --strict 2>&1; test -z \"$(ls .git/quendo)\"");
-    for (int i = 0; i < adapters; ++i)
-        EXPECT_EQ(copy.sh("git log --oneline --format=%s f" + std::to_string(i) + " | wc -l"),
-                  std::to_string(rounds) + "\n");
-}
-
 } // namespace
 } // namespace quendo::git

@@ -223,5 +223,33 @@ TEST_F(Actions, InterruptedCheckinEndsItsGitAndChangesNothing) {
     EXPECT_EQ(sandbox.git({"rev-list", "--count", "HEAD"}), "1\n");
 }
 
+TEST_F(Actions, EightAtOnceEachDoTheirPartOrSayWhyNot) {
+    const GitSandbox sandbox;
+    runScript(sandbox, "i; w a; c");
+    const auto result = shell(sandbox, R"sh(
+        work() {
+            for round in 1 2 3; do
+                echo $round > f$1; q add f$1 && q checkin -m "f$1" f$1 || continue
+                echo x > f$1; q revert f$1 && [ $(< f$1) = $round ]
+            done
+        }
+        for k in 1 2 3 4 5 6 7 8; do work $k > ../out$k 2> ../err$k & done; wait
+        cat ../out? | grep -c '^checked in 1 file'; git log --grep '^f' --oneline | wc -l
+        for k in 1 2 3 4 5 6 7 8; do git log --grep "^f$k" --name-only --format=%b; done | sort -u |
+            tr -d '\n'; echo; cat ../err? | grep -v '\.lock'; ls -A .git/quendo; git fsck --strict)sh");
+    std::istringstream told(result.output);
+    int succeeded = 0, commits = 0;
+    std::string files;
+    told >> succeeded >> commits >> files;
+    EXPECT_EQ(succeeded, commits) << result.errors;
+    EXPECT_GT(commits, 0);
+    EXPECT_LE(commits, 24);
+    EXPECT_EQ(result.output,
+              std::to_string(commits) + "\n" + std::to_string(commits) + "\n" + files + "\n")
+        << "what went wrong is not told";
+    EXPECT_TRUE(commits < 24 || files == "f1f2f3f4f5f6f7f8") << files;
+    std::cout << commits << " of 24 check-ins succeeded" << std::endl;
+}
+
 } // namespace
 } // namespace quendo::test
