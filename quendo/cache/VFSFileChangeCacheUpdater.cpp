@@ -24,6 +24,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <unordered_set>
@@ -205,14 +206,20 @@ struct CacheUpdateInfo {
                 return Kind::Tracked;
             }
         };
+        const auto parentOf = [](std::u16string_view text) {
+            const auto last = text.rfind(u'/');
+            return last == text.npos ? std::u16string_view() : text.substr(0, last);
+        };
         std::vector<Path> misfits;
-        std::unordered_set<Path> seen;
+        std::unordered_set<std::u16string_view> seen; // the first answer changes everything
         for (const auto& change : changed.changes) {
             if (kindOf(change.before) == kindOf(change.after))
                 continue;
-            for (Path folder = change.path.parentPath();
-                 folder.isBelow(root) && seen.insert(folder).second; folder = folder.parentPath()) {
-                if (isMisfit(folder))
+            for (auto text = parentOf(change.path.string());
+                 text.size() > root.string().size() && seen.insert(text).second;
+                 text = parentOf(text)) {
+                const Path folder(text);
+                if (folder.isBelow(root) && isMisfit(folder))
                     misfits.push_back(folder);
             }
         }
