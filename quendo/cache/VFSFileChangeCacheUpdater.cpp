@@ -51,7 +51,8 @@
 //
 // What an event brings. The handler, on the delivery thread, only posts a task to a strand. The
 // task asks for the path, or, for a metadata file, for its folder. When the events of a folder were
-// lost, or its tree was moved, all of it is asked for.
+// lost, or its tree was moved, all of it is asked for; of everything, where the strand could not
+// take an event.
 //
 // What else an answer may change. Where entries come or go, entries of folders may as well: a
 // folder that holds nothing under control is reported or not by what else it holds, and one that
@@ -140,6 +141,7 @@ struct CacheUpdateInfo {
     std::set<UString> metadataFileNames;
     std::shared_ptr<CMStatusCache> cache;
     std::atomic<bool> enabled{true};
+    std::atomic<bool> hasLost{false}; ///< an event
 
     // Interfaces of the cache, where it has them.
     CMStatusCacheFolders* folders = nullptr;
@@ -447,19 +449,32 @@ private:
             const auto executor = weakExecutor.lock();
             if (executor == nullptr)
                 return;
-            executor->post([weak, kind, path] {
-                try {
-                    const auto self = weak.lock();
-                    if (self != nullptr && self->m_info->folders != nullptr &&
-                        kind != StorageEventKind::Changed)
-                        self->followFolder(kind, path);
-                    if (self != nullptr && self->m_info->enabled)
-                        self->respond(kind, path);
-                } catch (...) {
-                    QUENDO_LOG_CAUGHT_EXCEPTION();
-                }
-            });
+            try {
+                executor->post([weak, kind, path] {
+                    try {
+                        if (const auto self = weak.lock())
+                            self->take(kind, path);
+                    } catch (...) {
+                        QUENDO_LOG_CAUGHT_EXCEPTION();
+                    }
+                });
+            } catch (...) {
+                QUENDO_LOG_CAUGHT_EXCEPTION();
+                info->hasLost = true; // there is no thread to be had: told with the next event
+            }
         };
+    }
+
+    /// On the strand.
+    void take(StorageEventKind kind, const Path& path) {
+        if (m_info->folders != nullptr && kind != StorageEventKind::Changed)
+            followFolder(kind, path);
+        if (!m_info->enabled)
+            return;
+        if (m_info->hasLost.exchange(false))
+            respond(StorageEventKind::ContentsUnknown, m_info->root);
+        else
+            respond(kind, path);
     }
 
     /// On the strand.

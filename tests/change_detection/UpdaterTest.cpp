@@ -136,6 +136,11 @@ TEST_F(UpdaterTest, AsksForWhatChangedWhileItIsNotDisabled) {
     EXPECT_THAT(askedAfter(Kind::Changed, "x"), ElementsAre("files x"));
     EXPECT_THAT(askedAfter(Kind::Vanished, "x"), ElementsAre("files x"));
     EXPECT_THAT(askedAfter(Kind::ContentsUnknown, "."), ElementsAre("folder ."));
+    detection.strand().refuse(true);
+    EXPECT_THAT(askedAfter(Kind::Changed, "x"), IsEmpty());
+    detection.strand().refuse(false);
+    EXPECT_THAT(askedAfter(Kind::Changed, "y"), ElementsAre("folder .")) << "x was lost";
+    EXPECT_THAT(askedAfter(Kind::Changed, "y"), ElementsAre("files y"));
 
     auto first = updater->disable(), second = updater->disable();
     EXPECT_THAT(askedAfter(Kind::Changed, "x"), IsEmpty());
