@@ -243,6 +243,19 @@ TEST_F(Watching, ComesBackWithoutAWatchedParent) {
     heard.until("+nowhere/a");
 }
 
+// What came before anybody was there to tell of it is found when its parent is watched.
+TEST_F(Watching, FindsWhatIsThereWhenAParentIsWatched) {
+    for (const auto* name : {"a/b", "a/b/c", "a/d"})
+        watch(name);
+    fs::create_directories(root / "a/b/c");
+    EXPECT_EQ(means("a/b"), Means::Polled);
+    watch("a");
+    for (const auto* name : {"?a/b", "native a/b", "?a/b/c", "native a/b/c"})
+        heard.until(name);
+    EXPECT_EQ(means("a/d"), Means::Polled);
+    EXPECT_THAT(untilNow(), testing::IsEmpty());
+}
+
 TEST_F(Watching, SubscribersAndSpellingsShareAFolder) {
     fs::create_directories(root / "real/d");
     fs::create_directory_symlink("real", root / "link");

@@ -46,8 +46,9 @@
 // lost) the record is visited: the watch is added anew by path. The kernel gives the number of the
 // old watch if it is the same folder, and then nothing was missed. Another number means another
 // folder, whose contents nobody has heard of: ContentsUnknown. And no number means that the folder
-// is polled until it has one. Numbers are not used twice, so what the kernel still says about
-// watches that were given up finds no record and means nothing.
+// is polled until it has one: until the round finds it, or its parent says that it came, or a
+// parent is watched by which it has come already. Numbers are not used twice, so what the kernel
+// still says about watches that were given up finds no record and means nothing.
 //
 // The kernel tells that a folder was deleted when its last user closes it, and a shell whose
 // working folder it is may be such a user for days. Its parent hears of it at once. Therefore a
@@ -206,7 +207,8 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
         int watch = -1;
         std::uint32_t mask = 0; ///< what `watch` was asked for
         bool isRemote = false;
-        std::string reason; ///< why `watch` is -1
+        std::string reason;     ///< why `watch` is -1
+        bool isAwaited = false; ///< there is no folder at its path
         WatchHealth health;
         bool isCounted = false;               ///< in `notNative`
         std::optional<FolderListing> listing; ///< of the last round that polled it
@@ -302,6 +304,7 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     int startSession();
     bool arm(const std::shared_ptr<Record>& record);
     void widen(const std::shared_ptr<Record>& record);
+    void armAwaitedBelow(const Path& folder);
     void detach(Record& record) noexcept;
     std::uint32_t maskOf(const Record& record) const;
     void setHealth(Record& record, WatchHealth health);
@@ -356,6 +359,8 @@ InotifyFolderWatcher::Impl::watch(const Path& folder, Scope scope, Callback call
                 widen(parent->second);
             arm(record);
             updateHealth(*record);
+            if (record->watch >= 0)
+                armAwaitedBelow(folder);
         } else {
             widen(record);
         }
@@ -481,6 +486,7 @@ bool InotifyFolderWatcher::Impl::arm(const std::shared_ptr<Record>& record) {
     }
     if (number < 0)
         record->reason = error == EAGAIN ? noThreadReason : reasonOf(error);
+    record->isAwaited = error == ENOENT || error == ENOTDIR;
     if (error == ENOSPC && !std::exchange(limitReached, true))
         notice = "Folders are polled instead of watched, the first of them " +
                  record->folder.toUtf8() + ": " + record->reason;
@@ -504,6 +510,17 @@ void InotifyFolderWatcher::Impl::widen(const std::shared_ptr<Record>& record) {
     if (arm(record)) {
         suspects.push_back(record);
         wake();
+    }
+}
+
+/// Watches what came below `folder` before that was watched: its coming is told by nobody.
+void InotifyFolderWatcher::Impl::armAwaitedBelow(const Path& folder) {
+    for (const auto& record : recordsFrom(folder)) {
+        suspects.reserve(suspects.size() + 1);
+        if (record->isAwaited && arm(record)) {
+            suspects.push_back(record);
+            wake();
+        }
     }
 }
 
