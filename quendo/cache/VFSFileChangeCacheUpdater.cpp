@@ -63,7 +63,8 @@
 // What the user's own operation changes is answered with no event, and for its files only. So after
 // every update the folders around what came under control or left it are asked for, each alone,
 // where what the cache holds of them does not fit what it holds below them. Only a change leads to
-// such a question, and only to one further up: an answer that still does not fit ends it.
+// such a question, and only to one further up: an answer that still does not fit ends it. And a
+// file below which something is cached, as it takes a folder's place, is asked for with that.
 //
 // Bursts. Requests for folders join one that waits already (CMStatusCacheFreshness), but two that
 // lie beside each other are two queries, and a query of much costs little more than one of a
@@ -170,19 +171,14 @@ struct CacheUpdateInfo {
     }
 
     /// Whether the entry of `folder` cannot be right by what is cached below it: something tracked
-    /// in an untracked folder, nothing tracked in a tracked one, anything in a file.
-    bool isMisfit(const Path& folder) const {
-        const auto state = cache->getCachedStatus(folder);
-        if (!state)
-            return false;
-        if (!state->isFolder())
-            return holdsBelow(folder);
+    /// in an untracked folder, nothing tracked in a tracked one.
+    bool isMisfit(const Path& folder, LocalStatus status) const {
         // What is removed makes no folder a tracked one.
         const auto below = folders->getFolderSummary(folder).below;
         const auto tracked = below[LocalStatus::Unmodified] + below[LocalStatus::Modified] +
                              below[LocalStatus::Missing] + below[LocalStatus::Added] +
                              below[LocalStatus::Conflicted];
-        switch (state->getState()) {
+        switch (status) {
         case LocalStatus::NotUnderSourceControl:
         case LocalStatus::Ignored:
             return tracked != 0;
@@ -193,8 +189,18 @@ struct CacheUpdateInfo {
         }
     }
 
-    /// The folders above what came under control or left it, but for the root, that are misfits.
-    std::vector<Path> misfitsAround(const StatusChanges& changed) const {
+    struct Misfits {
+        std::vector<Path> alone; ///< to be asked for with nothing below them
+        std::vector<Path> whole; ///< files that hold something
+    };
+
+    /// The misfits among what came under control or left it, and the folders above it but for the
+    /// root.
+    Misfits misfitsAround(const StatusChanges& changed) const {
+        const auto added = std::ranges::count_if(
+            changed.changes, [](const auto& change) { return change.after && !change.before; });
+        if (static_cast<std::size_t>(added) >= folders->getFolderSummary(root).below.total())
+            return {}; // all that is cached is of one answer
         enum class Kind { None, Tracked, Other };
         const auto kindOf = [](const std::optional<FileState>& state) {
             if (!state)
@@ -212,17 +218,24 @@ struct CacheUpdateInfo {
             const auto last = text.rfind(u'/');
             return last == text.npos ? std::u16string_view() : text.substr(0, last);
         };
-        std::vector<Path> misfits;
-        std::unordered_set<std::u16string_view> seen; // the first answer changes everything
+        Misfits misfits;
+        std::unordered_set<std::u16string_view> seen;
         for (const auto& change : changed.changes) {
             if (kindOf(change.before) == kindOf(change.after))
                 continue;
+            if (change.after && !change.after->isFolder() && holdsBelow(change.path))
+                misfits.whole.push_back(change.path);
             for (auto text = parentOf(change.path.string());
                  text.size() > root.string().size() && seen.insert(text).second;
                  text = parentOf(text)) {
                 const Path folder(text);
-                if (folder.isBelow(root) && isMisfit(folder))
-                    misfits.push_back(folder);
+                const auto state = cache->getCachedStatus(folder);
+                if (!state || !folder.isBelow(root))
+                    continue;
+                if (state->isFolder() && isMisfit(folder, state->getState()))
+                    misfits.alone.push_back(folder);
+                else if (!state->isFolder() && holdsBelow(folder))
+                    misfits.whole.push_back(folder);
             }
         }
         return misfits;
@@ -528,10 +541,16 @@ private:
         lookIntoLater({}, std::move(folders));
         if (m_info->folders == nullptr)
             return;
-        if (auto misfits = m_info->misfitsAround(changed); !misfits.empty())
-            m_executor->post([info = m_info, misfits = std::move(misfits)] {
-                if (info->enabled)
-                    info->cache->refreshCMStatuses(misfits);
+        if (auto misfits = m_info->misfitsAround(changed);
+            !misfits.alone.empty() || !misfits.whole.empty())
+            m_executor->post([weak = weak_from_this(), misfits = std::move(misfits)] {
+                const auto self = weak.lock();
+                if (self == nullptr || !self->m_info->enabled)
+                    return;
+                if (!misfits.alone.empty())
+                    self->m_info->cache->refreshCMStatuses(misfits.alone);
+                for (const auto& path : misfits.whole)
+                    self->refreshSoon(path);
             });
         if (ignored.empty())
             return;

@@ -258,6 +258,15 @@ TEST_F(UpdaterTest, AsksForFoldersThatDoNotFitWhatIsInThem) {
     EXPECT_THAT(askedAfterOwn("cd/1", LocalStatus::Deleted), ElementsAre("cd/1 ", "cd "));
     EXPECT_THAT(askedAfterOwn("cd/1", LocalStatus::Deleted), ElementsAre("cd/1 "));
     EXPECT_THAT(askedAfterOwn("cd", LocalStatus::Modified), ElementsAre("cd "));
+
+    // A file takes the place of a folder, whose files leave the index with that.
+    set("e/1", LocalStatus::Missing);
+    askedAfterOwn("e/1", LocalStatus::Missing);
+    askedAfterOwn("e", LocalStatus::NotUnderSourceControl);
+    EXPECT_TRUE(real->getCachedStatus(at("e/1")));
+    copy->erase(at("e/1"));
+    EXPECT_THAT(askedAfterOwn("e", LocalStatus::Added), ElementsAre("e ", "e "));
+    EXPECT_FALSE(real->getCachedStatus(at("e/1")));
 }
 
 TEST_F(UpdaterTest, WatchesNoInstallationAndRemembersARefusedRoot) {
