@@ -225,20 +225,6 @@ private:
     std::array<boost::signals2::scoped_connection, 2> m_connections;
 };
 
-/// Runs `storm(seed)` for a few seconds, or for many seeds.
-template <class Storm>
-void forSeeds(Storm storm) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    for (unsigned seed = 1; test::isLong ? seed <= 1000 : std::chrono::steady_clock::now() < end;
-         ++seed) {
-        std::printf("seed %u\n", seed); // what hangs ends the process
-        std::fflush(stdout);
-        storm(seed);
-        if (testing::Test::HasFailure())
-            return;
-    }
-}
-
 /// Strands that cannot be had a thread for at random.
 struct UnwillingExecutors : platform::ExecutorService {
     std::shared_ptr<Executor> getSourceControlExecutor() override {
@@ -271,7 +257,14 @@ TEST(StormTest, CachesAgreeWithTheAdapterAfterwardsAndLeaveNobodyWaiting) {
     services.executors = executors;
     const platform::ScopedServices scoped(services);
     std::atomic<int> stopped = 0, refused = 0;
-    forSeeds([&](unsigned seed) {
+    // For a few seconds, or for many seeds.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    const auto isOver = [&](unsigned seed) {
+        return test::isLong ? seed > 1000 : std::chrono::steady_clock::now() >= end;
+    };
+    for (unsigned seed = 1; !isOver(seed) && !HasFailure(); ++seed) {
+        std::printf("seed %u\n", seed); // what hangs ends the process
+        std::fflush(stdout);
         executors->areWilling = false;
         auto shared = std::make_shared<World>(seed);
         auto& world = *shared;
@@ -336,7 +329,7 @@ TEST(StormTest, CachesAgreeWithTheAdapterAfterwardsAndLeaveNobodyWaiting) {
         caches = {};
         shared.reset();
         test::within(std::move(gone));
-    });
+    }
     EXPECT_GT(stopped, 0);
     EXPECT_GT(refused, 0);
 }
