@@ -27,7 +27,8 @@ protected:
         };
         folder->getCache().setFolderStatusFlag(true);
         folder->getCache().refreshFolder(root);
-        run();
+        while (!run().empty()) { // what was made just now is asked for once more
+        }
     }
 
     Path at(const std::string& name) const { return root.child(name); }
