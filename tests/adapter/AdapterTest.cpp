@@ -1,23 +1,15 @@
 #include "quendo/adapter/CMAdapterDecorator.h"
+#include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/adapter/CredentialProvider.h"
 #include "quendo/exception/AdapterErrors.h"
+#include "tests/support/MemoryAdapter.h"
 #include "tests/support/Testing.h"
 
 #include <any>
+#include <boost/signals2/signal.hpp>
 
 namespace quendo {
 namespace {
-
-using Files = std::vector<Path>;
-using Names = std::vector<UString>;
-using States = std::map<Path, FileState>;
-using Revisions = std::vector<std::unique_ptr<Revision>>;
-using One = std::unique_ptr<Revision>;
-using From = std::optional<std::reference_wrapper<const Revision>>;
-using P = const Path&;
-using L = const Files&;
-using R = const Revision&;
-using T = const UString&;
 
 template <class... Words>
 std::string line(const Words&... words) {
@@ -26,69 +18,25 @@ std::string line(const Words&... words) {
     return text.str();
 }
 
-/// Notes each call with its arguments, those that come by reference by their addresses.
-struct Recorder : CMAdapter {
-    explicit Recorder(std::vector<std::string>& calls) : m_calls(calls) {}
-    ~Recorder() override { note("end"); }
-    template <class... Words>
-    void note(const Words&... words) const {
-        m_calls.push_back(line(words...));
-    }
-    std::vector<std::string>& m_calls;
-    const MetadataFolder folder{Path(u"/root"), {}};
-    const FileState state{LocalStatus::Modified};
-
-    UserInfo getUserInfo() const override { return note("user"), UserInfo{u"n", u"e"}; }
-    MetadataFolder getMetadataFolder() const override { return note("metadata"), folder; }
-    Names getMetadataFiles() const override { return note("files"), Names{u"m"}; }
-    bool isFeatureSupported(SupportedFeature f) const override { return note(int(f)), true; }
-    void checkin(P p, T t) const override { note("checkin", &p, &t); }
-    void checkin(L l, T t) const override { note("checkin", &l, &t); }
-    void addFiles(L l) const override { note("add", &l); }
-    void removeFiles(L l) const override { note("remove", &l); }
-    void moveFile(P p, P q) const override { note("move", &p, &q); }
-    void uncheckout(L l) const override { note("uncheckout", &l); }
-    void discardChanges() const override { note("discard"); }
-    void checkout(L) const override { throw std::length_error("back end"); }
-    void resolveConflict(P p) const override { note("resolve", &p); }
-    States getStatus(L l) const override { return note("status", &l), States{{l[0], state}}; }
-    States getStatus(P p, bool r) const override {
-        return note("status", &p, r), States{{p, state}};
-    }
-    Revisions listRevisions(P p, From f) const override {
-        return note(&p, &f->get()), Revisions(2);
-    }
-    One findRevision(P p, T t) const override { return note(&p, &t), One(new Revision); }
-    One getCurrentRevision(P p) const override { return note("current", &p), One(new Revision); }
-    Revisions getParentRevisions(R r) const override { return note("parents", &r), Revisions(3); }
-    void exportRevision(P p, R r, P q) const override { note("export", &p, &r, &q); }
-    ConflictRevisions getConflictRevisions(P p) const override {
-        return note("sides", &p), ConflictRevisions{One(new Revision), {}, {}};
-    }
-    Path getRootFolder() const override { return note("root"), folder.folder; }
-    Names getForbiddenFileNames() const override { return note("forbidden"), Names{u"f"}; }
-    UString getRepositorySpecifier(P p) const override { return note("specifier", &p), u"s"; }
-    UString getInitialCheckinMessage() const override { return note("message"), u"i"; }
-    std::any getSubsystem(const std::type_info& t) override { return note("subsystem", &t), 7; }
-    void setCredentialProvider(std::weak_ptr<CredentialProvider> w) override {
-        note(w.lock().get());
-    }
-    void ignoreFile(P) override { ADD_FAILURE() << "the decorator is asked"; }
-};
-
 TEST(CMAdapterDecorator, ForwardsEachCallOnceAndUnchangedThroughTwoLayers) {
     EXPECT_THROW(CMAdapterDecorator(nullptr), std::invalid_argument);
     const Path a(u"/a"), b(u"/b");
-    const Files files{a, b};
-    const UString text = u"text";
-    const Revision revision;
+    const std::vector<Path> files{a, b};
+    Revision revision;
+    revision.id = u"id";
+    const auto copy = std::make_shared<test::MemoryWorkingCopy>(Path(u"/"));
+    copy->set(a, LocalStatus::NotUnderSourceControl);
+    copy->inCall = [](const std::string& name, const auto&) {
+        if (name == "checkout")
+            throw std::length_error("back end");
+    };
     struct Provider : CredentialProvider {
         std::optional<Credentials> getCredentials(const CredentialRequest&) override { return {}; }
     };
     const auto provider = std::make_shared<Provider>();
     const auto callAll = [&](CMAdapter& adapter) {
-        adapter.checkin(a, text);
-        adapter.checkin(files, text);
+        adapter.checkin(a, u"text");
+        adapter.checkin(files, u"texts");
         adapter.addFiles(files);
         adapter.removeFiles(files);
         adapter.moveFile(a, b);
@@ -103,22 +51,21 @@ TEST(CMAdapterDecorator, ForwardsEachCallOnceAndUnchangedThroughTwoLayers) {
             toUtf8(adapter.getMetadataFiles().at(0)),
             adapter.isFeatureSupported(SupportedFeature::Checkout),
             adapter.getStatus(files).begin()->first, adapter.getStatus(a, true).begin()->first,
-            adapter.listRevisions(a, revision).size(), adapter.findRevision(a, text) != nullptr,
-            adapter.getCurrentRevision(a) != nullptr, adapter.getParentRevisions(revision).size(),
+            adapter.getStatus(a, false).size(), adapter.listRevisions(a, revision).size(),
+            adapter.findRevision(a, u"text") != nullptr, adapter.getCurrentRevision(a) != nullptr,
+            adapter.getParentRevisions(revision).size(),
             adapter.getConflictRevisions(a).base != nullptr, adapter.getRootFolder(),
             toUtf8(adapter.getForbiddenFileNames().at(0)),
             toUtf8(adapter.getRepositorySpecifier(a)), toUtf8(adapter.getInitialCheckinMessage()),
             std::any_cast<int>(adapter.getSubsystem(typeid(int))));
     };
-    std::vector<std::string> direct, through;
-    const auto expected = callAll(*std::make_unique<Recorder>(direct));
-    {
-        CMAdapterDecorator decorator(
-            std::make_unique<CMAdapterDecorator>(std::make_unique<Recorder>(through)));
-        EXPECT_EQ(callAll(decorator), expected);
-        EXPECT_THROW(decorator.ignoreFile(a), exception::NotAvailableError);
-    }
-    EXPECT_EQ(through, direct);
+    const auto expected = callAll(*test::makeMemoryAdapter(copy));
+    const auto calls = copy->takeCalls();
+    CMAdapterDecorator decorator(
+        std::make_unique<CMAdapterDecorator>(test::makeMemoryAdapter(copy)));
+    EXPECT_EQ(callAll(decorator), expected);
+    EXPECT_EQ(copy->takeCalls(), calls);
+    EXPECT_THROW(decorator.ignoreFile(a), exception::NotAvailableError) << "not passed on";
 }
 
 TEST(FileProperty, EqualTextsShareOneAllocationWhileInUse) {
@@ -153,6 +100,59 @@ TEST(FileState, ComparesByContentAndFindsTheFirstProperty) {
     ASSERT_NE(state.findProperty(property::columns), nullptr);
     EXPECT_EQ(*state.findProperty(property::columns), u"D.");
     EXPECT_EQ(state.findProperty(u"none"), nullptr);
+}
+
+TEST(Interactor, FacesReachOneAnother) {
+    CMApplicationInteractor interactor;
+    ApplicationInteractor& work = interactor;
+    CMInteractor& host = interactor;
+    host.getTerminationTrigger().trigger(); // nobody listens
+
+    std::string heard;
+    const auto listener = [&](const std::string& mark) {
+        return [&heard, mark](const auto&...) { heard += mark; };
+    };
+    const auto stop = work.getTerminator().connect(listener("stop "));
+    host.getStatusDispatcher().connect(listener("dispatched "));
+    work.getStatusTrigger().connect(listener("triggered "));
+    host.getProgressDispatcher().connect([&](const UString& text, double part) {
+        heard += toUtf8(text) + std::to_string(int(part * 10));
+    });
+    host.getTerminationTrigger().trigger();
+    work.getTerminator().trigger();
+    work.getStatusTrigger().trigger();
+    work.getProgressIndicator().report(u"beyond", 1.5);
+    EXPECT_EQ(heard, "stop stop dispatched triggered beyond15");
+    stop.disconnect();
+    work.getTerminator().connect([] { throw std::runtime_error("listener"); });
+    work.getTerminator().connect(listener("behind"));
+    EXPECT_THROW(host.getTerminationTrigger().trigger(), std::runtime_error);
+    EXPECT_THAT(heard, testing::EndsWith("15"))
+        << "none after the one that threw, nor who has gone";
+}
+
+TEST(Interactor, AKeyHoldsOneConnection) {
+    auto interactor = std::make_unique<CMApplicationInteractor>();
+    auto& terminator = interactor->getTerminator();
+    std::string heard;
+    const auto listener = [&](char mark) { return [&heard, mark] { heard += mark; }; };
+    const auto first = terminator.connect(listener('a'));
+    terminator.keepConnection("key", first);
+    terminator.keepConnection("other", terminator.connect(listener('b')));
+    terminator.keepConnection("key", terminator.connect(listener('c')));
+    EXPECT_FALSE(first.connected());
+    terminator.trigger();
+    EXPECT_EQ(heard, "bc");
+    terminator.removeConnection("unknown");
+    terminator.removeConnection("key");
+    terminator.trigger();
+    EXPECT_EQ(heard, "bcb");
+
+    boost::signals2::signal<void()> elsewhere;
+    const auto foreign = elsewhere.connect(listener('d'));
+    terminator.keepConnection("foreign", foreign);
+    interactor.reset();
+    EXPECT_FALSE(foreign.connected()) << "keyed connections go with the interactor";
 }
 
 } // namespace

@@ -2,15 +2,18 @@
 
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/cache/JobCombiningCMStatusCache.h"
-#include "tests/support/HookedAdapter.h"
+#include "tests/support/MemoryAdapter.h"
 #include "tests/support/SteppedDetection.h"
-#include "tests/support/Testing.h"
 
 namespace quendo {
 
 /// A cache over a working copy in memory whose strand runs when the test says so, on its thread.
 class CacheFixture : public testing::Test {
 protected:
+    CacheFixture() {
+        copy->inCall = [this](const auto&...) { inQuery(); };
+    }
+
     Path at(const std::string& name) const {
         return name == "." ? copy->root : copy->root.child(name);
     }
@@ -39,15 +42,9 @@ protected:
         }
     }
     std::shared_ptr<JobCombiningCMStatusCache> makeCache() {
-        auto made = std::make_shared<test::HookedAdapter>(
-            test::makeMemoryAdapter(copy), [this](const test::Query& query) {
-                queries.push_back(!query.ofFolder ? "files" : query.flag ? "folder+" : "folder");
-                for (const auto& path : query.paths)
-                    queries.back() += " " + nameOf(path);
-                inQuery();
-            });
-        cachedAdapter = made;
-        return std::make_shared<JobCombiningCMStatusCache>(std::move(made), interactor);
+        const std::shared_ptr<CMAdapter> adapter = test::makeMemoryAdapter(copy);
+        cachedAdapter = adapter;
+        return std::make_shared<JobCombiningCMStatusCache>(adapter, interactor);
     }
     void refresh(const std::string& folder) {
         const auto task = cache->refreshFolder(at(folder));
@@ -66,7 +63,7 @@ protected:
         std::function<void()> asked = [] {};
     };
     const std::shared_ptr<Interactor> interactor = std::make_shared<Interactor>();
-    std::vector<std::string> queries; ///< "files a b", "folder a", and "folder+ a" with the flag
+    std::vector<std::string>& queries = copy->calls;
     std::function<void()> inQuery = [] {};
     std::weak_ptr<void> cachedAdapter; ///< of the cache made last
     std::shared_ptr<JobCombiningCMStatusCache> cache = makeCache();

@@ -2,10 +2,8 @@
 #include "quendo/cache/FileCacheUpdateJob.h"
 #include "quendo/cache/FolderCacheUpdateJob.h"
 #include "quendo/exception/AdapterErrors.h"
-#include "quendo/platform/Executor.h"
 #include "tests/cache/CacheFixture.h"
 #include "tests/support/Allocations.h"
-#include "tests/support/Testing.h"
 
 namespace quendo {
 namespace {
@@ -31,8 +29,14 @@ protected:
         }
         return tasks;
     }
-
-    std::vector<std::string> take() { return std::exchange(queries, {}); }
+    /// The queries that these become, all of which have succeeded.
+    std::vector<std::string> queriesOf(const std::string& requests) {
+        const auto tasks = submit(requests);
+        drain();
+        for (const auto& task : tasks)
+            task->wait();
+        return copy->takeCalls();
+    }
 };
 
 // What is queued together, and the queries that it becomes.
@@ -54,12 +58,7 @@ TEST_F(CombiningTest, JoinsWhatFollowsDirectlyAndFits) {
         {"f:.fake,a,b/.lock/c d:.fake/x", {"files a"}},
     };
     for (const auto& [requests, expected] : rows) {
-        SCOPED_TRACE(requests);
-        const auto tasks = submit(requests);
-        drain();
-        for (const auto& task : tasks)
-            task->wait();
-        EXPECT_EQ(take(), expected);
+        EXPECT_EQ(queriesOf(requests), expected) << requests;
     }
 }
 
@@ -82,7 +81,7 @@ TEST_F(CombiningTest, TenThousandRequestsBehindARunningJobAreOneQuery) {
         executors.strand().runOne();
         allocations.push_back(test::allocationCount - before);
         ASSERT_EQ(queries.size(), 2U);
-        EXPECT_EQ(std::ranges::count(take()[1], ' '), count);
+        EXPECT_EQ(std::ranges::count(copy->takeCalls()[1], ' '), count);
         EXPECT_EQ(executors.strand().size(), 0U);
         for (const auto& task : tasks)
             task->wait();
@@ -108,15 +107,11 @@ TEST_F(CombiningTest, JoinsInPlaceAsByMakingNewJobs) {
                                                       std::make_shared<RefreshLedger>());
     };
     const auto told = [&](CacheUpdateJob& job) {
-        test::HookedAdapter adapter(test::makeMemoryAdapter(copy), [&](const test::Query& query) {
-            queries.push_back(query.flag ? "+" : "-");
-            for (const auto& path : query.paths)
-                queries.back() += " " + nameOf(path);
-        });
+        const auto adapter = test::makeMemoryAdapter(copy);
         TransactionalFileCache<FileState> files;
         job.start();
-        job.run(adapter, *interactor, files);
-        return take();
+        job.run(*adapter, *interactor, files);
+        return copy->takeCalls();
     };
     for (const auto& names : std::vector<std::vector<std::string>>{
              {"f:a", "f:b", "f:a", "f:c"}, {"d+:a/x", "d-:a", "d-:a/y"}, {"d-:a", "d+:a/x"}}) {
@@ -148,7 +143,7 @@ TEST_F(CombiningTest, SkipsWhatIsCancelledAndAsksForTheOthersLater) {
     drain();
     for (const auto& task : tasks)
         task->wait();
-    EXPECT_THAT(take(), IsEmpty());
+    EXPECT_THAT(copy->takeCalls(), IsEmpty());
     EXPECT_EQ(signalsGiven, 0);
     EXPECT_EQ(cache->getFreshness(at("a")).refresh, Freshness::Refresh::Owed);
     EXPECT_EQ(cache->getFreshness(at("c")).refresh, Freshness::Refresh::None);
@@ -156,13 +151,9 @@ TEST_F(CombiningTest, SkipsWhatIsCancelledAndAsksForTheOthersLater) {
     EXPECT_EQ(cache->getFreshness(at("x/z")).refresh, Freshness::Refresh::None);
 
     set("d", LocalStatus::Added);
-    submit("f:e");
-    drain();
-    EXPECT_THAT(take(), ElementsAre("files e", "files a b d"));
+    EXPECT_THAT(queriesOf("f:e"), ElementsAre("files e", "files a b d"));
     EXPECT_EQ(cached("d"), LocalStatus::Added);
-    submit("d:z f:e");
-    drain();
-    EXPECT_THAT(take(), ElementsAre("folder z", "folder x/y", "files e"));
+    EXPECT_THAT(queriesOf("d:z f:e"), ElementsAre("folder z", "folder x/y", "files e"));
     EXPECT_EQ(cache->getFreshness(at("x/y/z")).refresh, Freshness::Refresh::None);
 }
 
@@ -180,20 +171,14 @@ TEST_F(CombiningTest, AsksAgainForWhatFailed) {
         for (const auto& task : failed)
             EXPECT_THROW(task->wait(), std::out_of_range);
     }
-    take();
-    const auto tasks = submit("f:c d:z");
-    drain();
-    for (const auto& task : tasks)
-        task->wait();
-    EXPECT_THAT(take(), ElementsAre("files c", "files a b", "folder z", "folder x", "folder y"));
+    copy->takeCalls();
+    EXPECT_THAT(queriesOf("f:c d:z"),
+                ElementsAre("files c", "files a b", "folder z", "folder x", "folder y"));
     const auto freshness = cache->getFreshness(at("x"));
     EXPECT_EQ(freshness.refresh, Freshness::Refresh::Owed);
     EXPECT_THROW(std::rethrow_exception(freshness.failure), std::out_of_range);
     failing.clear();
-    submit("d:."); // covers all of it
-    submit("f:c");
-    drain();
-    EXPECT_THAT(take(), ElementsAre("folder .", "files c"));
+    EXPECT_THAT(queriesOf("d:. f:c"), ElementsAre("folder .", "files c")) << "covers all of it";
     EXPECT_EQ(cache->getFreshness(at("a")).failure, nullptr);
     EXPECT_EQ(cache->getFreshness(at("x")).refresh, Freshness::Refresh::None);
 }
@@ -229,7 +214,7 @@ TEST_F(CombiningTest, StopsTheQueryThatRunsAndNoOther) {
     drain();
     next[0]->wait();
     EXPECT_EQ(heard.size(), 3U);
-    EXPECT_THAT(take(), ElementsAre("files a b g", "files c", "files g"));
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files a b g", "files c", "files g"));
 
     // Between the test for cancelled tasks and the query: the query is not begun.
     inQuery = [] {};
@@ -238,7 +223,7 @@ TEST_F(CombiningTest, StopsTheQueryThatRunsAndNoOther) {
     drain();
     for (const auto& task : next)
         EXPECT_THROW(task->wait(), exception::OperationCancelledError);
-    EXPECT_THAT(take(), IsEmpty());
+    EXPECT_THAT(copy->takeCalls(), IsEmpty());
     cancelling.disconnect();
 
     // When the answer is in the cache it is too late; but what is owed waits for the next job.
@@ -249,9 +234,8 @@ TEST_F(CombiningTest, StopsTheQueryThatRunsAndNoOther) {
     next[0]->wait();
     EXPECT_EQ(cached("e"), LocalStatus::Unmodified);
     late.disconnect();
-    submit("f:e");
-    drain();
-    EXPECT_THAT(take(), ElementsAre("files e", "files e", "files h"));
+    copy->takeCalls();
+    EXPECT_THAT(queriesOf("f:e"), ElementsAre("files e", "files h"));
 }
 
 // A cancel between the first test and the handlers is seen by the second.
@@ -260,7 +244,7 @@ TEST_F(CombiningTest, SeesACancelThatComesBeforeTheHandlers) {
     interactor->asked = [&] { tasks[0]->cancel(); };
     drain();
     tasks[0]->wait();
-    EXPECT_THAT(take(), IsEmpty());
+    EXPECT_THAT(copy->takeCalls(), IsEmpty());
 }
 
 // A cancel that comes at the end of its job is over before the next one's query begins, for the
@@ -287,7 +271,7 @@ TEST_F(CombiningTest, LetsNoCancelReachIntoTheNextJob) {
     release.set_value();
     test::within(std::move(strand));
     test::within(std::move(cancelling));
-    EXPECT_THAT(take(), ElementsAre("files a", "signal over", "folder b"));
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files a", "signal over", "folder b"));
 }
 
 } // namespace

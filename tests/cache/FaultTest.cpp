@@ -59,7 +59,8 @@ protected:
         inQuery = [] {};
         refresh(".");
         EXPECT_EQ(contents(), copy->states);
-        EXPECT_EQ(cache->getFreshness(copy->root).refresh, Refresh::None);
+        EXPECT_EQ(cache->getFreshness(a).refresh, Refresh::None);
+        EXPECT_EQ(cache->getFreshness(a).failure, nullptr);
         EXPECT_EQ(notices.started, notices.finished);
     }
 
@@ -78,6 +79,7 @@ TEST_F(FaultTest, WhatIsThrownReachesEveryWaiterAndItsPathsAreOwed) {
             const bool fails = place<Finished, merges = place> Started;
             const auto thrower = [&](const auto&...) { std::rethrow_exception(thrown); };
             renew();
+            const auto before = cache->getFreshness(a).answeredAt;
             const boost::signals2::scoped_connection connection =
                 place == Started    ? cache->connectTasksStarted(thrower)
                 : place == Changes  ? cache->connectChanges(thrower)
@@ -96,6 +98,7 @@ TEST_F(FaultTest, WhatIsThrownReachesEveryWaiterAndItsPathsAreOwed) {
             const auto freshness = cache->getFreshness(a);
             EXPECT_EQ(freshness.refresh, merges ? Refresh::None : Refresh::Owed);
             EXPECT_EQ(freshness.failure, merges ? nullptr : thrown);
+            EXPECT_EQ(freshness.answeredAt != before, merges);
             connection.disconnect();
             refreshUndisturbed();
         }

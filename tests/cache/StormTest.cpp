@@ -5,9 +5,9 @@
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/ExecutorService.h"
 #include "quendo/platform/Services.h"
+#include "quendo/platform/standard/StrandPool.h"
 #include "tests/cache/CheckedContents.h"
-#include "tests/support/HookedAdapter.h"
-#include "tests/support/Testing.h"
+#include "tests/support/MemoryAdapter.h"
 
 namespace quendo {
 namespace {
@@ -42,7 +42,9 @@ private:
 /// One working copy, and an adapter that fails and hangs at random while it is wild.
 class World : public std::enable_shared_from_this<World> {
 public:
-    explicit World(unsigned seed) : m_dice(seed) {}
+    explicit World(unsigned seed) : m_dice(seed) {
+        copy.inCall = [this](const auto&...) { query(); };
+    }
     ~World() { m_gone.set_value(); }
 
     /// Ready when every cache has let go of its adapter, and the test of the world.
@@ -51,10 +53,7 @@ public:
     std::shared_ptr<Cache> makeCache() {
         auto cache = std::make_shared<Cache>(
             std::make_shared<SingleThreadedCMAdapter>(
-                getSourceControlExecutor(),
-                std::make_unique<test::HookedAdapter>(
-                    test::makeMemoryAdapter(copy),
-                    [self = shared_from_this()](const auto&) { self->query(); })),
+                getSourceControlExecutor(), test::makeMemoryAdapter({shared_from_this(), &copy})),
             interactor);
         cache->connectTasksStarted([self = shared_from_this()](const Tasks& tasks) {
             const std::lock_guard lock(self->m_mutex);
@@ -65,7 +64,7 @@ public:
 
     void change(Dice& dice) {
         const auto file = dice.file();
-        dice.oneIn(3) ? copy->erase(file) : copy->set(file, LocalStatus(dice.below(8)));
+        dice.oneIn(3) ? copy.erase(file) : copy.set(file, LocalStatus(dice.below(8)));
     }
 
     /// Ends queries that hang, until the end.
@@ -89,8 +88,7 @@ public:
         m_changed.notify_all();
     }
 
-    const std::shared_ptr<test::MemoryWorkingCopy> copy =
-        std::make_shared<test::MemoryWorkingCopy>(root);
+    test::MemoryWorkingCopy copy{root};
     const std::shared_ptr<CMApplicationInteractor> interactor =
         std::make_shared<CMApplicationInteractor>();
     std::atomic<int> stopped{0};
@@ -227,52 +225,28 @@ private:
     std::array<boost::signals2::scoped_connection, 2> m_connections;
 };
 
-/// Runs `storm(seed)` for a few seconds, or for many seeds.
-template <class Storm>
-void forSeeds(Storm storm) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    for (unsigned seed = 1; test::isLong ? seed <= 1000 : std::chrono::steady_clock::now() < end;
-         ++seed) {
-        std::printf("seed %u\n", seed); // what hangs ends the process
-        std::fflush(stdout);
-        storm(seed);
-        if (testing::Test::HasFailure())
-            return;
-    }
-}
-
 /// Strands that cannot be had a thread for at random.
 struct UnwillingExecutors : platform::ExecutorService {
-    struct Unwilling : Executor {
-        Unwilling(std::shared_ptr<Executor> executor, unsigned seed, std::atomic<bool>& willing)
-            : wrapped(std::move(executor)), dice(seed), areWilling(willing) {}
-        void post(Task task) override {
-            {
-                const std::lock_guard lock(mutex);
-                if (!areWilling && dice.oneIn(8))
-                    throw std::system_error(EAGAIN, std::generic_category());
-            }
-            wrapped->post(std::move(task));
-        }
-        bool isRunningInThisThread() const noexcept override {
-            return wrapped->isRunningInThisThread();
-        }
-        std::string name() const override { return wrapped->name(); }
-
-        const std::shared_ptr<Executor> wrapped;
-        std::mutex mutex;
-        Dice dice;
-        const std::atomic<bool>& areWilling;
-    };
     std::shared_ptr<Executor> getSourceControlExecutor() override {
         return standard->getSourceControlExecutor();
     }
     std::shared_ptr<Executor> createStrandExecutor(const std::string& name) override {
-        return std::make_shared<Unwilling>(standard->createStrandExecutor(name), ++made,
-                                           areWilling);
+        // A pool of its own, in which every pause ends the thread.
+        return platform::StrandPool(
+                   {std::chrono::milliseconds(0), [this](auto body) { start(std::move(body)); }})
+            .createStrand(name);
+    }
+    void start(UniqueFunction<void()> body) {
+        {
+            const std::lock_guard lock(mutex);
+            if (!areWilling && dice.oneIn(4))
+                throw std::system_error(EAGAIN, std::generic_category());
+        }
+        platform::startDetachedThread(std::move(body));
     }
     const std::shared_ptr<platform::ExecutorService> standard = platform::services()->executors;
-    std::atomic<unsigned> made{0};
+    std::mutex mutex;
+    Dice dice{1};
     std::atomic<bool> areWilling = false;
 };
 
@@ -283,7 +257,14 @@ TEST(StormTest, CachesAgreeWithTheAdapterAfterwardsAndLeaveNobodyWaiting) {
     services.executors = executors;
     const platform::ScopedServices scoped(services);
     std::atomic<int> stopped = 0, refused = 0;
-    forSeeds([&](unsigned seed) {
+    // For a few seconds, or for many seeds.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    const auto isOver = [&](unsigned seed) {
+        return test::isLong ? seed > 1000 : std::chrono::steady_clock::now() >= end;
+    };
+    for (unsigned seed = 1; !isOver(seed) && !HasFailure(); ++seed) {
+        std::printf("seed %u\n", seed); // what hangs ends the process
+        std::fflush(stdout);
         executors->areWilling = false;
         auto shared = std::make_shared<World>(seed);
         auto& world = *shared;
@@ -340,7 +321,7 @@ TEST(StormTest, CachesAgreeWithTheAdapterAfterwardsAndLeaveNobodyWaiting) {
             cache->setFolderStatusFlag(true);
             cache->refreshAll();
         }));
-        EXPECT_EQ(test::checkedContents(*cache, root), world.copy->states);
+        EXPECT_EQ(test::checkedContents(*cache, root), world.copy.states);
         EXPECT_EQ(test::checkedContents(*cache, root), replay);
         EXPECT_EQ(wrong, 0);
         stopped += world.stopped;
@@ -348,7 +329,7 @@ TEST(StormTest, CachesAgreeWithTheAdapterAfterwardsAndLeaveNobodyWaiting) {
         caches = {};
         shared.reset();
         test::within(std::move(gone));
-    });
+    }
     EXPECT_GT(stopped, 0);
     EXPECT_GT(refused, 0);
 }

@@ -1,13 +1,9 @@
 #include "quendo/adapter/CMApplicationInteractor.h"
-#include "quendo/cache/CMStatusCache.h"
-#include "quendo/cache/CMStatusCacheFreshness.h"
 #include "quendo/cache/JobCombiningCMStatusCache.h"
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
-#include "quendo/platform/InstallationService.h"
 #include "tests/support/FakeFolderWatcher.h"
-#include "tests/support/HookedAdapter.h"
+#include "tests/support/MemoryAdapter.h"
 #include "tests/support/SteppedDetection.h"
-#include "tests/support/Testing.h"
 
 #include <boost/signals2/signal.hpp>
 
@@ -15,11 +11,6 @@ namespace quendo {
 namespace {
 
 using Kind = platform::FolderEvent::Kind;
-
-struct DoneTask : CacheTask {
-    void wait() override {}
-    void cancel() override {}
-};
 
 /// A cache of somebody else's, without further interfaces; it notes what is asked of it.
 struct PlainCache : CMStatusCache {
@@ -32,7 +23,7 @@ struct PlainCache : CMStatusCache {
 
     std::shared_ptr<CacheTask> note(const std::string& what) {
         asked.push_back(what);
-        return std::make_shared<DoneTask>();
+        return nullptr;
     }
     boost::signals2::connection connectCacheChanged(const ChangedSlot& slot) override {
         return changed.connect(slot);
@@ -42,9 +33,7 @@ struct PlainCache : CMStatusCache {
     std::shared_ptr<CacheTask> refreshFolder(const Path& folder) override {
         return note("folder " + folder.lexicallyRelative(root).toUtf8());
     }
-    std::shared_ptr<CacheTask> loadFolder(const Path& folder) override {
-        return note("load " + folder.lexicallyRelative(root).toUtf8());
-    }
+    std::shared_ptr<CacheTask> loadFolder(const Path&) override { return note("load"); }
     std::shared_ptr<CacheTask> refreshCMStatuses(const std::vector<Path>& paths) override {
         std::string what = "files";
         for (const auto& path : paths)
@@ -61,16 +50,6 @@ struct PlainCache : CMStatusCache {
     void stop() override {}
 };
 
-/// One that can share requests.
-struct SharingCache : PlainCache, CMStatusCacheFreshness {
-    using PlainCache::PlainCache;
-    Freshness getFreshness(const Path&) const override { return {}; }
-    std::shared_ptr<CacheTask> requireFreshFile(const Path&) override { return nullptr; }
-    std::shared_ptr<CacheTask> requireFreshFolder(const Path& folder) override {
-        return refreshFolder(folder);
-    }
-};
-
 struct Installation : platform::InstallationService {
     std::optional<Path> folder;
     std::optional<Path> getRootFolder() const override { return folder; }
@@ -80,9 +59,14 @@ struct Installation : platform::InstallationService {
 class UpdaterTest : public testing::Test {
 protected:
     Path at(const std::string& name) const { return name == "." ? root : root.child(name); }
-    void start() {
-        updater.emplace(cache,
-                        *test::makeMemoryAdapter(std::make_shared<test::MemoryWorkingCopy>(root)));
+    void start() { updater.emplace(cache, *adapter); }
+    /// On a cache that is asked for the root then.
+    void startReal() {
+        real->setFolderStatusFlag(true);
+        updater.emplace(real, *adapter);
+        real->refreshFolder(root);
+        detection.runStrands();
+        copy->takeCalls();
     }
     std::vector<std::string> askedAfter(Kind kind, const std::string& name) {
         watcher->tell(kind, at(name));
@@ -108,6 +92,11 @@ protected:
         std::make_shared<test::FakeFolderWatcher>();
     const std::shared_ptr<Installation> installation = std::make_shared<Installation>();
     test::SteppedDetection detection{watcher, installation};
+    const std::shared_ptr<test::MemoryWorkingCopy> copy =
+        std::make_shared<test::MemoryWorkingCopy>(root);
+    const std::shared_ptr<CMAdapter> adapter = test::makeMemoryAdapter(copy);
+    const std::shared_ptr<CMStatusCache> real =
+        createJobCombiningCache(adapter, std::make_shared<CMApplicationInteractor>());
     std::shared_ptr<PlainCache> cache = std::make_shared<PlainCache>(root);
     std::optional<VFSFileChangeCacheUpdater> updater;
 };
@@ -156,27 +145,28 @@ TEST_F(UpdaterTest, AsksForWhatChangedWhileItIsNotDisabled) {
 }
 
 TEST_F(UpdaterTest, ManyFoldersAreOneQuery) {
-    cache = std::make_shared<SharingCache>(root);
-    start();
-    hold({"m/a/1", "m/b/1", "m/c/1", "m/d/1", "m/e/1"});
-    watcher->tell(Kind::ContentsUnknown, at("m/a"));
-    EXPECT_THAT(askedAfter(Kind::ContentsUnknown, "m/b"), ElementsAre("folder m/a", "folder m/b"));
-    for (const auto* name : {"m/a", "m/b", "m/c", "m/d"})
-        watcher->tell(Kind::ContentsUnknown, at(name));
-    EXPECT_THAT(askedAfter(Kind::ContentsUnknown, "m/e"), ElementsAre("folder m"));
+    const char* folders[] = {"m/a", "m/b", "m/c", "m/d", "m/e"};
+    for (const auto* name : folders)
+        copy->set(at(name) / u"file", LocalStatus::Unmodified);
+    startReal();
+    const auto askedFor = [&](std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i)
+            watcher->tell(Kind::ContentsUnknown, at(folders[i]));
+        detection.runStrands();
+        return copy->takeCalls();
+    };
+    EXPECT_THAT(askedFor(2), ElementsAre("folder+ m/a", "folder+ m/b"));
+    EXPECT_THAT(askedFor(5), ElementsAre("folder+ m"));
     watcher->tell(Kind::ContentsUnknown, at("m/a"));
     detection.strand().runOne();
     const auto guard = updater->disable(); // when it is collected already
-    EXPECT_THAT(askedAfter(Kind::Changed, "x"), IsEmpty());
+    EXPECT_THAT(askedFor(0), IsEmpty());
 }
 
 TEST_F(UpdaterTest, LooksBelowTheRootWhenTheFirstQueryHasEnded) {
     fs::create_directories(folder.path() / "a/empty");
     fs::create_directory(folder.path() / "no");
     watcher->refused = at("no"); // which keeps it from nothing else
-    const auto copy = std::make_shared<test::MemoryWorkingCopy>(root);
-    const std::shared_ptr<CMAdapter> adapter = test::makeMemoryAdapter(copy);
-    const auto real = createJobCombiningCache(adapter, std::make_shared<CMApplicationInteractor>());
     updater.emplace(real, *adapter);
     detection.runStrands();
     EXPECT_THAT(watched(), ElementsAre("."));
@@ -189,20 +179,9 @@ TEST_F(UpdaterTest, LooksBelowTheRootWhenTheFirstQueryHasEnded) {
 }
 
 TEST_F(UpdaterTest, LooksAtEveryAnswerAndSpoilsNoRefresh) {
-    std::vector<std::string> queries;
-    const auto copy = std::make_shared<test::MemoryWorkingCopy>(root);
     for (const auto* name : {"a/1", "b"})
         copy->set(at(name), LocalStatus::NotUnderSourceControl);
-    const auto adapter = std::make_shared<test::HookedAdapter>(
-        test::makeMemoryAdapter(copy), [&](const test::Query& query) {
-            queries.push_back(query.paths[0].lexicallyRelative(root).toUtf8());
-        });
-    const auto real = createJobCombiningCache(adapter, std::make_shared<CMApplicationInteractor>());
-    real->setFolderStatusFlag(true);
-    updater.emplace(real, *adapter);
-    real->refreshFolder(root);
-    detection.runStrands();
-    queries.clear();
+    startReal();
     // What it asked for is joined with what somebody cancels, and comes with what it asks for next.
     watcher->tell(Kind::Appeared, at("a/x"));
     detection.strand().runOne();
@@ -210,7 +189,7 @@ TEST_F(UpdaterTest, LooksAtEveryAnswerAndSpoilsNoRefresh) {
     detection.runStrands();
     watcher->tell(Kind::Changed, at("b"));
     detection.runStrands();
-    EXPECT_THAT(queries, ElementsAre("b", "a/x", "a"));
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files b", "files a/x", "folder+ a"));
 
     copy->set(at("b"), LocalStatus::Ignored);
     const auto task = real->refreshFolder(root);
@@ -220,8 +199,6 @@ TEST_F(UpdaterTest, LooksAtEveryAnswerAndSpoilsNoRefresh) {
 }
 
 TEST_F(UpdaterTest, AsksForFoldersThatDoNotFitWhatIsInThem) {
-    std::vector<std::string> queries;
-    const auto copy = std::make_shared<test::MemoryWorkingCopy>(root);
     const auto set = [&](const std::string& name, LocalStatus status) {
         copy->states.insert_or_assign(at(name), FileState(status, name.back() == 'd'));
     };
@@ -229,35 +206,25 @@ TEST_F(UpdaterTest, AsksForFoldersThatDoNotFitWhatIsInThem) {
         set(name, LocalStatus::NotUnderSourceControl);
     for (const auto* name : {"cd", "cd/1"})
         set(name, LocalStatus::Unmodified);
-    const auto adapter = std::make_shared<test::HookedAdapter>(
-        test::makeMemoryAdapter(copy), [&](const test::Query& query) {
-            auto& asked = queries.emplace_back();
-            for (const auto& path : query.paths)
-                asked += path.lexicallyRelative(root).toUtf8() + " ";
-        });
-    const auto real = createJobCombiningCache(adapter, std::make_shared<CMApplicationInteractor>());
-    real->setFolderStatusFlag(true);
-    updater.emplace(real, *adapter);
-    real->refreshFolder(root);
-    detection.runStrands();
+    startReal();
     const auto askedAfterOwn = [&](const std::string& name, LocalStatus status) {
-        queries.clear();
         set(name, status);
         real->refreshCMStatuses({at(name)});
         detection.runStrands();
-        return queries;
+        return copy->takeCalls();
     };
 
     for (const auto* name : {"ad", "ad/bd"})
         set(name, LocalStatus::Unmodified);
-    EXPECT_THAT(askedAfterOwn("ad/bd/1", LocalStatus::Added), ElementsAre("ad/bd/1 ", "ad/bd ad "));
+    EXPECT_THAT(askedAfterOwn("ad/bd/1", LocalStatus::Added),
+                ElementsAre("files ad/bd/1", "files ad/bd ad"));
     EXPECT_EQ(real->getCachedStatus(at("ad"))->getState(), LocalStatus::Unmodified);
-    EXPECT_THAT(askedAfterOwn("ad/bd/1", LocalStatus::Modified), ElementsAre("ad/bd/1 "));
+    EXPECT_THAT(askedAfterOwn("ad/bd/1", LocalStatus::Modified), ElementsAre("files ad/bd/1"));
 
     // An answer that still does not fit is no reason to ask again.
-    EXPECT_THAT(askedAfterOwn("cd/1", LocalStatus::Deleted), ElementsAre("cd/1 ", "cd "));
-    EXPECT_THAT(askedAfterOwn("cd/1", LocalStatus::Deleted), ElementsAre("cd/1 "));
-    EXPECT_THAT(askedAfterOwn("cd", LocalStatus::Modified), ElementsAre("cd "));
+    EXPECT_THAT(askedAfterOwn("cd/1", LocalStatus::Deleted), ElementsAre("files cd/1", "files cd"));
+    EXPECT_THAT(askedAfterOwn("cd/1", LocalStatus::Deleted), ElementsAre("files cd/1"));
+    EXPECT_THAT(askedAfterOwn("cd", LocalStatus::Modified), ElementsAre("files cd"));
 
     // A file takes the place of a folder, whose files leave the index with that.
     set("e/1", LocalStatus::Missing);
@@ -265,7 +232,7 @@ TEST_F(UpdaterTest, AsksForFoldersThatDoNotFitWhatIsInThem) {
     askedAfterOwn("e", LocalStatus::NotUnderSourceControl);
     EXPECT_TRUE(real->getCachedStatus(at("e/1")));
     copy->erase(at("e/1"));
-    EXPECT_THAT(askedAfterOwn("e", LocalStatus::Added), ElementsAre("e ", "e "));
+    EXPECT_THAT(askedAfterOwn("e", LocalStatus::Added), ElementsAre("files e", "folder e"));
     EXPECT_FALSE(real->getCachedStatus(at("e/1")));
 }
 

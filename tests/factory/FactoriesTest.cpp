@@ -1,5 +1,3 @@
-#include "quendo/adapter/CMAdapter.h"
-#include "quendo/adapter/CMAdapterFactory.h"
 #include "quendo/factory/AllCMAdapterFactoryProvider.h"
 #include "quendo/factory/CMAdapterFactories.h"
 #include "quendo/factory/InjectedCMAdapterFactories.h"
@@ -9,7 +7,6 @@
 #include "quendo/platform/standard/StandardFeatureFlagService.h"
 #include "quendo/platform/standard/StandardSettingsService.h"
 #include "tests/support/FakeFactory.h"
-#include "tests/support/Testing.h"
 
 namespace quendo {
 namespace {

@@ -1,9 +1,7 @@
-#include "quendo/cache/CMStatusCache.h"
 #include "quendo/management/CMActionManager.h"
 #include "quendo/management/ListUntrackedFiles.h"
 #include "quendo/pool/PooledManagedFolder.h"
-#include "tests/support/FakeFactory.h"
-#include "tests/support/HookedAdapter.h"
+#include "tests/support/MemoryAdapter.h"
 #include "tests/support/Testing.h"
 
 namespace quendo::management {
@@ -11,6 +9,18 @@ namespace {
 
 class Management : public testing::Test {
 protected:
+    Management() {
+        for (const auto& [name, status] : states)
+            copy->set(at(name), status);
+        copy->inCall = [this](const std::string& name, const std::vector<Path>& paths) {
+            if (failing == name)
+                throw std::runtime_error("no answer");
+            for (const auto& path : paths)
+                if (const auto result = results.find(name); result != results.end())
+                    copy->set(path, result->second);
+        };
+    }
+
     Path at(const std::string& name) const { return root.child(name); }
     std::vector<Path> all() const {
         std::vector<Path> files;
@@ -18,20 +28,13 @@ protected:
             files.push_back(at(name));
         return files;
     }
-    std::unique_ptr<CMAdapter> makeAdapter() {
-        for (const auto& [name, status] : states)
-            copy->set(at(name), status);
-        return std::make_unique<test::NotingAdapter>(
-            test::makeMemoryAdapter(copy), [this](const std::string& operation, const auto& paths) {
-                std::string text = operation;
-                for (const auto& path : paths) {
-                    text += " " + path.lexicallyRelative(root).toUtf8();
-                    copy->set(path, operation == "addFiles"     ? LocalStatus::Added
-                                    : operation == "uncheckout" ? LocalStatus::NotUnderSourceControl
-                                                                : LocalStatus::Deleted);
-                }
-                called.push_back(text);
-            });
+    /// What was done since the last time, without the queries.
+    std::vector<std::string> done() {
+        auto calls = copy->takeCalls();
+        std::erase_if(calls, [](const auto& call) {
+            return call.starts_with("files ") || call.starts_with("folder");
+        });
+        return calls;
     }
 
     const test::TemporaryFolder folder;
@@ -53,40 +56,39 @@ protected:
         {"new", LocalStatus::NotUnderSourceControl},
         {"new/0", LocalStatus::NotUnderSourceControl},
     };
-    std::vector<std::string> called;
+    const std::map<std::string, LocalStatus> results{
+        {"addFiles", LocalStatus::Added},
+        {"uncheckout", LocalStatus::NotUnderSourceControl},
+        {"removeFiles", LocalStatus::Deleted},
+    };
+    std::string failing;
+    const std::unique_ptr<CMAdapter> adapter = test::makeMemoryAdapter(copy);
+    CMActionManager manager{*adapter};
 };
 
 TEST_F(Management, AddsWhatEachStateCallsFor) {
     test::writeFile(folder.path() / "6-there", "");
-    const auto adapter = makeAdapter();
-    CMActionManager manager(*adapter);
     auto files = all();
     std::erase(files, at("new")); // its file brings it
     files.push_back(at("0"));
     manager.add(files, root);
     // The one that was un-scheduled is untracked now, and added by the second pass.
-    EXPECT_THAT(called, ElementsAre("uncheckout 6", "addFiles 6-there", "addFiles 0 6 new new/0"));
-    called.clear();
+    EXPECT_THAT(done(), ElementsAre("uncheckout 6", "addFiles 6-there", "addFiles 0 6 new new/0"));
     manager.add({at("1"), at("elsewhere")}, root);
-    EXPECT_THAT(called, IsEmpty());
+    EXPECT_THAT(done(), IsEmpty());
     copy->set(at("1"), LocalStatus::Deleted);
     manager.add({at("1")}, root);
-    EXPECT_THAT(called, ElementsAre("uncheckout 1", "addFiles", "addFiles 1"));
+    EXPECT_THAT(done(), ElementsAre("uncheckout 1", "addFiles", "addFiles 1"));
 }
 
 TEST_F(Management, RemovesWhatEachStateCallsFor) {
-    const auto adapter = makeAdapter();
-    CMActionManager manager(*adapter);
     manager.remove(all());
-    EXPECT_THAT(called, ElementsAre("uncheckout 5", "removeFiles 1 3 4 7"));
-    called.clear();
+    EXPECT_THAT(done(), ElementsAre("uncheckout 5", "removeFiles 1 3 4 7"));
     manager.remove({at("2"), at("8")});
-    EXPECT_THAT(called, IsEmpty());
+    EXPECT_THAT(done(), IsEmpty());
 }
 
 TEST_F(Management, ConditionalActionsTakeOnlyWhatWasAskedFor) {
-    const auto adapter = makeAdapter();
-    CMActionManager manager(*adapter);
     std::vector<Path> chosen;
     const auto any = [](LocalStatus) { return true; };
     const auto choose = [&](const std::vector<Path>& paths) { chosen = paths; };
@@ -101,18 +103,9 @@ TEST_F(Management, ConditionalActionsTakeOnlyWhatWasAskedFor) {
 }
 
 TEST_F(Management, ListsUntrackedFilesOfTheCacheOrTheAdapter) {
-    int queries = 0;
-    bool failing = false;
-    copy->states.emplace(at("new"), FileState(LocalStatus::NotUnderSourceControl, true));
-    PooledManagedFolder managed(
-        std::make_unique<test::HookedAdapter>(makeAdapter(),
-                                              [&](const test::Query&) {
-                                                  ++queries;
-                                                  if (failing)
-                                                      throw std::runtime_error("no answer");
-                                              }),
-        u"Fake", "fake", std::make_shared<CMApplicationInteractor>());
     copy->states.insert_or_assign(at("new"), FileState(LocalStatus::NotUnderSourceControl, true));
+    PooledManagedFolder managed(test::makeMemoryAdapter(copy), u"Fake", "fake",
+                                std::make_shared<CMApplicationInteractor>());
     EXPECT_THAT(listUntrackedFiles(root, managed), ElementsAre(at("0"), at("new/0")));
     EXPECT_THAT(listUntrackedFiles(at("new"), managed), ElementsAre(at("new/0")));
     EXPECT_THAT(managed.getCache().getCachedFiles(), IsEmpty());
@@ -120,7 +113,7 @@ TEST_F(Management, ListsUntrackedFilesOfTheCacheOrTheAdapter) {
     EXPECT_THAT(listUntrackedFiles(at("new"), managed), ElementsAre(at("new/0")));
     EXPECT_THAT(listUntrackedFiles(root, managed), UnorderedElementsAre(at("0"), at("new/0")));
     EXPECT_THAT(listUntrackedFiles(at("3"), managed), IsEmpty());
-    failing = true;
+    failing = "folder+";
     EXPECT_THROW(listUntrackedFiles(root, managed), std::runtime_error);
 }
 

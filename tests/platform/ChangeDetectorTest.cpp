@@ -2,7 +2,6 @@
 #include "quendo/platform/standard/StandardDelayedTaskService.h"
 #include "tests/support/FakeFolderWatcher.h"
 #include "tests/support/SteppedDetection.h"
-#include "tests/support/Testing.h"
 
 namespace quendo {
 namespace {
@@ -20,6 +19,10 @@ protected:
     }
     Path at(const std::string& name) const { return root.child(name); }
     void tell(Kind kind, const std::string& name) { watcher->tell(kind, at(name)); }
+    int toldAfter(Kind kind, const std::string& name) {
+        tell(kind, name);
+        return told();
+    }
     /// How often was told since the last call.
     int told() {
         detection.endWindows();
@@ -53,8 +56,7 @@ TEST_F(ChangeDetectorTest, TellsOnceForAWindowAndNothingWithoutAChange) {
             tell(Kind::Changed, "index");
         throw std::out_of_range("mine");
     };
-    tell(Kind::Changed, "index");
-    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(toldAfter(Kind::Changed, "index"), 1);
     EXPECT_EQ(told(), 1); // a change during the callback brings the next
     EXPECT_EQ(told(), 0);
 }
@@ -69,15 +71,12 @@ TEST_F(ChangeDetectorTest, WatchesTheTreeAsItIs) {
     EXPECT_EQ(told(), 0);
 
     test::writeFile(folder.path() / "new/inner/file", "");
-    tell(Kind::Appeared, "new");
-    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(toldAfter(Kind::Appeared, "new"), 1);
     fs::remove_all(folder.path() / "a");
-    tell(Kind::Vanished, "a");
-    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(toldAfter(Kind::Vanished, "a"), 1);
     EXPECT_THAT(watcher->watched(),
                 UnorderedElementsAre(root, at("a b"), at("new"), at("new/inner")));
-    tell(Kind::Changed, "new/inner/file");
-    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(toldAfter(Kind::Changed, "new/inner/file"), 1);
 
     // The folder goes, unseen below, and comes back as another.
     fs::remove_all(folder.path());
@@ -91,8 +90,7 @@ TEST_F(ChangeDetectorTest, WatchesTheTreeAsItIs) {
     // A host that refuses a folder later keeps the others alive; one that refuses at once is heard.
     watcher->refused = at("late");
     fs::create_directories(folder.path() / "late");
-    tell(Kind::Appeared, "late");
-    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(toldAfter(Kind::Appeared, "late"), 1);
     EXPECT_THAT(watcher->watched(), UnorderedElementsAre(root, at("new")));
     EXPECT_THROW(makeDetector(), platform::ChangeEventsSubscriptionException);
     detector.reset();
@@ -121,8 +119,7 @@ TEST_F(ChangeDetectorTest, DisregardsWhatHappenedBetweenTheLines) {
     const auto off = detector->disable();
     EXPECT_EQ(told(), 1);
     // Of what is found by looking nobody knows when it happened.
-    tell(Kind::Changed, "index");
-    EXPECT_EQ(told(), 0);
+    EXPECT_EQ(toldAfter(Kind::Changed, "index"), 0);
     watcher->tell(Kind::Changed, at("index"), true);
     EXPECT_EQ(told(), 1);
 
@@ -130,11 +127,9 @@ TEST_F(ChangeDetectorTest, DisregardsWhatHappenedBetweenTheLines) {
     // off again.
     auto second = detector->disable(), third = detector->disable();
     second.release();
-    tell(Kind::Changed, "index");
-    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(toldAfter(Kind::Changed, "index"), 1);
     third.release();
-    tell(Kind::Changed, "index");
-    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(toldAfter(Kind::Changed, "index"), 1);
 }
 
 TEST_F(ChangeDetectorTest, StaysOnWhenNoLineCanBeDrawn) {
@@ -142,22 +137,19 @@ TEST_F(ChangeDetectorTest, StaysOnWhenNoLineCanBeDrawn) {
     watcher->fails = true;
     EXPECT_THROW((void)detector->disable(), std::bad_alloc);
     watcher->fails = false;
-    tell(Kind::Changed, "index");
-    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(toldAfter(Kind::Changed, "index"), 1);
 
     auto guard = detector->disable();
     watcher->fails = true;
     guard.release();
     watcher->fails = false;
-    tell(Kind::Changed, "index");
-    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(toldAfter(Kind::Changed, "index"), 1);
 
     // Nobody looks into a folder that is new when the line of the release is late: what is in it
     // may have come afterwards.
     guard = detector->disable();
     fs::create_directory(folder.path() / "own");
-    tell(Kind::Appeared, "own");
-    EXPECT_EQ(told(), 0);
+    EXPECT_EQ(toldAfter(Kind::Appeared, "own"), 0);
     watcher->isHeld = true;
     tell(Kind::Changed, "index");
     guard.release();

@@ -1,8 +1,6 @@
 #include "quendo/platform/standard/StandardEventMgr.h"
 
-#include "quendo/platform/ChangeEventsSubscriptionException.h"
 #include "tests/support/FakeFolderWatcher.h"
-#include "tests/support/Testing.h"
 
 namespace quendo::platform {
 namespace {
@@ -79,20 +77,12 @@ TEST_F(EventMgrTest, RefusesWhatItCannotDo) {
     EXPECT_THROW(
         manager.publishEventsFor(Folder(folder), all, WithRecursiveChangeEvents::Recursive),
         ChangeEventsSubscriptionException);
-    try {
-        (void)manager.subscribe(nothing, types, {""});
-        FAIL();
-    } catch (const std::logic_error& error) {
-        EXPECT_STREQ(error.what(), "cannot add user tags.");
-    }
+    EXPECT_THAT([&] { (void)manager.subscribe(nothing, types, {""}); },
+                testing::ThrowsMessage<std::logic_error>("cannot add user tags."));
     EXPECT_THROW((void)manager.subscribe(nothing, {}, {}), std::logic_error);
     EXPECT_EQ(EventType::baseType(2), "eventmgr::BaseEvent");
-    try {
-        EventType::baseType(3);
-        FAIL();
-    } catch (const std::out_of_range& error) {
-        EXPECT_STREQ(error.what(), "eventmgr::BaseEvent has no base types.");
-    }
+    EXPECT_THAT([] { EventType::baseType(3); }, testing::ThrowsMessage<std::out_of_range>(
+                                                    "eventmgr::BaseEvent has no base types."));
     // A refusal of the watcher reaches the caller and leaves nothing behind.
     watcher->refused = folder;
     EXPECT_THROW((void)subscribe({"a"}), ChangeEventsSubscriptionException);

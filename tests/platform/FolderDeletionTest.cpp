@@ -2,7 +2,6 @@
 #include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/Services.h"
 #include "tests/support/JoinedThreads.h"
-#include "tests/support/Testing.h"
 
 namespace quendo::platform {
 namespace {

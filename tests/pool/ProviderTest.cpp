@@ -1,22 +1,16 @@
-#include "quendo/adapter/CMAdapter.h"
 #include "quendo/change_detection/DisableChangeDetection.h"
-#include "quendo/exception/SourceControlException.h"
 #include "quendo/exception/VFSChangeEventsError.h"
 #include "quendo/factory/InjectedCMAdapterFactories.h"
-#include "quendo/platform/ChangeEventsSubscriptionException.h"
 #include "quendo/platform/HostArray.h"
 #include "quendo/platform/Services.h"
 #include "quendo/platform/UuidGenerator.h"
 #include "quendo/platform/standard/StandardSettingsService.h"
 #include "quendo/pool/ClientRegisteredManagedFolder.h"
-#include "quendo/pool/FaultyFolder.h"
 #include "quendo/pool/FaultyFolderRecord.h"
 #include "quendo/pool/GetClients.h"
-#include "quendo/pool/ManagedFolder.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/FakeFolderWatcher.h"
-#include "tests/support/Testing.h"
 
 namespace quendo {
 namespace {
@@ -64,8 +58,7 @@ protected:
         std::make_shared<platform::StandardSettingsService>();
     const std::unique_ptr<ManagedFolderProvider> provider = [this] {
         platform::Services services;
-        services.factorySources = std::make_shared<test::FakeSources>(
-            std::vector<std::shared_ptr<CMAdapterFactory>>{factory});
+        services.factorySources = std::make_shared<test::FakeSources>(factory);
         services.folderWatcher = watcher;
         services.settings = settings;
         return createNewManagedFolderProviderInstance(services);
@@ -133,12 +126,8 @@ TEST_F(ProviderTest, RecordsFaultsAndTriesAgain) {
         EXPECT_EQ(fault->getFolder(), at("a/x"));
         EXPECT_EQ(fault->getClientId(), "ide");
         EXPECT_THAT(provider->getFaultyFolders(), testing::Contains(fault));
-        try {
-            provider->provideFor(at("a/x"));
-            ADD_FAILURE() << "nothing was thrown";
-        } catch (const std::exception& error) {
-            EXPECT_THAT(error.what(), HasSubstr(text));
-        }
+        EXPECT_THAT([&] { provider->provideFor(at("a/x")); },
+                    testing::ThrowsMessage<std::exception>(HasSubstr(text)));
         EXPECT_NE(kept.front()->getUUID(), kept.back()->getUUID());
         EXPECT_THAT(listed(), IsEmpty());
     };
@@ -188,8 +177,7 @@ TEST_F(ProviderTest, ListsFaultsThatAreRecordedAtTheSameTime) {
     };
     factory->createHook = [](const Path&) { return nullptr; };
     platform::Services services;
-    services.factorySources = std::make_shared<test::FakeSources>(
-        std::vector<std::shared_ptr<CMAdapterFactory>>{factory});
+    services.factorySources = std::make_shared<test::FakeSources>(factory);
     const auto uuids = std::make_shared<Uuids>();
     services.uuids = uuids;
     const auto own = createNewManagedFolderProviderInstance(services);

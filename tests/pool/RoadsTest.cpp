@@ -1,10 +1,8 @@
 #include "quendo/adapter/BranchInformation.h"
 #include "quendo/cache/CMStatusCacheChanges.h"
 #include "quendo/change_detection/DisableChangeDetection.h"
-#include "quendo/platform/Executor.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/RealFolder.h"
-#include "tests/support/Testing.h"
 
 #include <pthread.h>
 
@@ -23,7 +21,7 @@ std::string threadName() {
 struct Road {
     Road() {
         test::makeRepository(sandbox);
-        real.factory->inQuery = [this](const test::Query&) { query.pass(); };
+        real.factory->inQuery = [this] { query.pass(); };
         real.factory->adds = [this] { add.pass(); };
         real.inWindow = [this] {
             if (++windows == 1)
@@ -90,33 +88,6 @@ struct Road {
     std::unique_ptr<FolderWatcher::Watch> ownWatch;
     std::unique_ptr<ManagedFolderProvider> provider;
 };
-
-TEST(Roads, LeadFromOperationsTheDiskAndForeignCommitsToTheCache) {
-    Road road;
-    road.write("sub/b", "2");
-    road.write("new/file", "");
-    const test::FollowedFolder followed(road.provider->provideFor(road.root));
-    EXPECT_EQ(road.provider->provideFor(road.root / u"sub/b")->getUUID(),
-              followed.folder->getUUID());
-    followed.cache.refreshAll();
-    EXPECT_TRUE(followed.has(u"a", LocalStatus::Unmodified));
-    EXPECT_TRUE(followed.has(u"sub/b", LocalStatus::Modified));
-    EXPECT_TRUE(followed.has(u"new", LocalStatus::NotUnderSourceControl));
-    EXPECT_EQ(followed.cached(), followed.asked());
-
-    followed.folder->getAdapter().addFiles({road.root / u"new/file"});
-    EXPECT_TRUE(followed.has(u"new/file", LocalStatus::Added));
-    EXPECT_TRUE(followed.comes(u"new", LocalStatus::Unmodified)) << "it holds something tracked";
-    road.awaitEvents();
-    EXPECT_EQ(road.windows, 0) << "an own operation counts as a foreign change";
-
-    road.write("a", "2");
-    EXPECT_TRUE(followed.comes(u"a", LocalStatus::Modified));
-    road.sandbox.commitAll("foreign");
-    for (const auto* file : {u"a", u"sub/b", u"new/file"})
-        EXPECT_TRUE(followed.comes(file, LocalStatus::Unmodified));
-    EXPECT_GT(road.windows, 0);
-}
 
 // The way through all layers to what Git's adapter offers beside the operations of every adapter.
 TEST(Roads, PassAQueryThatRuns) {

@@ -49,8 +49,8 @@ private:
 };
 
 struct FakeSources : platform::FactorySources {
-    explicit FakeSources(std::vector<std::shared_ptr<CMAdapterFactory>> factories = {})
-        : installed(std::move(factories)) {}
+    template <class... Factories>
+    explicit FakeSources(const Factories&... factories) : installed{factories...} {}
     std::vector<std::shared_ptr<CMAdapterFactory>> getInstalledFactories() override {
         ++installedAsked;
         return failing ? throw std::domain_error("installed") : installed;

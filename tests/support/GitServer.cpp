@@ -7,7 +7,6 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
-#include <map>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <system_error>
@@ -96,28 +95,24 @@ void GitServer::answer(int connection) {
     if (!readUntil([&] { return request.find("\r\n\r\n") != std::string::npos; }))
         return;
     const auto bodyStart = request.find("\r\n\r\n") + 4;
-    std::map<std::string, std::string> headers;
-    auto line = request.find("\r\n") + 2;
-    while (line + 2 < bodyStart) {
-        const auto end = request.find("\r\n", line), colon = request.find(": ", line);
-        auto name = request.substr(line, colon - line);
-        std::ranges::transform(name, name.begin(), [](char c) {
-            return static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        });
-        headers[name] = request.substr(colon + 2, end - colon - 2);
-        line = end + 2;
-    }
-    const auto length = std::strtoul(headers["content-length"].c_str(), nullptr, 10);
+    const auto head = request.substr(0, bodyStart);
+    const auto header = [&](const std::string& name) {
+        const auto found = head.find("\r\n" + name + ": ");
+        if (found == std::string::npos)
+            return std::string();
+        const auto value = found + name.size() + 4;
+        return head.substr(value, head.find("\r\n", value) - value);
+    };
+    const auto length = std::strtoul(header("Content-Length").c_str(), nullptr, 10);
     if (!readUntil([&] { return request.size() >= bodyStart + length; }))
         return;
     ++m_asked;
     if (m_onRequest)
         m_onRequest();
-    if (headers["authorization"] != m_expected)
+    if (header("Authorization") != m_expected)
         return sendAll(connection, "HTTP/1.1 401 Unauthorized\r\nConnection: close\r\n"
                                    "WWW-Authenticate: Basic realm=\"test\"\r\n"
                                    "Content-Length: 0\r\n\r\n");
-    ++m_served;
     const auto method = request.substr(0, request.find(' '));
     const auto target =
         request.substr(method.size() + 1, request.find(' ', method.size() + 1) - method.size() - 1);
@@ -132,9 +127,9 @@ void GitServer::answer(int connection) {
                          {"REQUEST_METHOD", method},
                          {"PATH_INFO", target.substr(0, question)},
                          {"QUERY_STRING", target.substr(std::min(question + 1, target.size()))},
-                         {"CONTENT_TYPE", headers["content-type"]},
-                         {"HTTP_CONTENT_ENCODING", headers["content-encoding"]},
-                         {"GIT_PROTOCOL", headers["git-protocol"]}},
+                         {"CONTENT_TYPE", header("Content-Type")},
+                         {"HTTP_CONTENT_ENCODING", header("Content-Encoding")},
+                         {"GIT_PROTOCOL", header("Git-Protocol")}},
          .inherited = m_environment});
     const auto status = result.output.starts_with("Status: ")
                             ? result.output.substr(8, result.output.find("\r\n") - 8)

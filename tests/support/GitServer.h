@@ -24,9 +24,8 @@ public:
 
     /// "127.0.0.1:<port>"
     const std::string& host() const { return m_host; }
-    /// Requests so far; and those of them that were let in.
+    /// Requests so far.
     int asked() const { return m_asked; }
-    int served() const { return m_served; }
 
 private:
     void serve();
@@ -38,7 +37,7 @@ private:
     const std::vector<std::string> m_environment; ///< as it was when the server began
     std::string m_expected;                       ///< the header that lets somebody in
     std::string m_host;
-    std::atomic<int> m_asked{0}, m_served{0};
+    std::atomic<int> m_asked{0};
     int m_socket = -1;
     std::thread m_thread;
 };

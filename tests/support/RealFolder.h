@@ -1,6 +1,6 @@
 #pragma once
 
-#include "quendo/adapter/CMAdapter.h"
+#include "quendo/adapter/CMAdapterDecorator.h"
 #include "quendo/adapter/CMInteractor.h"
 #include "quendo/cache/CMStatusCache.h"
 #include "quendo/git/GitAdapterFactory.h"
@@ -13,9 +13,7 @@
 #include "quendo/pool/ManagedFolder.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/GitSandbox.h"
-#include "tests/support/HookedAdapter.h"
 #include "tests/support/JoinedThreads.h"
-#include "tests/support/Testing.h"
 
 /// What tests of managed folders over real Git working copies and real threads share.
 namespace quendo::test {
@@ -36,16 +34,13 @@ struct Gate {
 /// Outlives its adapters.
 class HookedGitFactory : public git::GitAdapterFactory {
 public:
-    HookedAdapter::Hook inQuery = [](const Query&) {};
-    std::function<void()> adds = [] {};
+    std::function<void()> inQuery = [] {}, adds = [] {};
 
     std::unique_ptr<CMAdapter>
     createAdapter(const Path& folder,
                   std::shared_ptr<CMApplicationInteractor> interactor) override {
-        return std::make_unique<HookedAdapter>(
-            std::make_unique<Adapter>(
-                GitAdapterFactory::createAdapter(folder, std::move(interactor)), *this),
-            [this](const Query& query) { inQuery(query); });
+        return std::make_unique<Adapter>(
+            GitAdapterFactory::createAdapter(folder, std::move(interactor)), *this);
     }
 
 private:
@@ -55,6 +50,14 @@ private:
         void addFiles(const std::vector<Path>& files) const override {
             factory.adds();
             CMAdapterDecorator::addFiles(files);
+        }
+        std::map<Path, FileState> getStatus(const std::vector<Path>& files) const override {
+            factory.inQuery();
+            return CMAdapterDecorator::getStatus(files);
+        }
+        std::map<Path, FileState> getStatus(const Path& path, bool flag) const override {
+            factory.inQuery();
+            return CMAdapterDecorator::getStatus(path, flag);
         }
         const HookedGitFactory& factory;
     };
@@ -128,8 +131,7 @@ private:
         options.pollInterval = std::chrono::milliseconds(5);
         options.startThread = starter;
         platform::Services made;
-        made.factorySources =
-            std::make_shared<FakeSources>(std::vector<std::shared_ptr<CMAdapterFactory>>{factory});
+        made.factorySources = std::make_shared<FakeSources>(factory);
         made.folderWatcher = std::make_shared<Watcher>(*this, std::move(options));
         made.delayedTasks = std::make_shared<Delays>(*this, starter);
         made.executors = std::make_shared<Executors>(starter);

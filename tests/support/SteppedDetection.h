@@ -77,11 +77,6 @@ public:
               return services;
           }()) {}
 
-    void awaitWindow() {
-        std::unique_lock lock(m_delays->mutex);
-        m_delays->came.wait_until(lock, byDeadline(), [&] { return !m_delays->tasks.empty(); });
-    }
-
     /// Ends the windows that are open, after all that has happened was told, and runs what that
     /// brings. @return how many there were
     std::size_t endWindows() {
@@ -122,10 +117,8 @@ private:
         void runAfter(std::chrono::milliseconds, UniqueFunction<void()> task) override {
             const std::lock_guard lock(mutex);
             tasks.push_back(std::move(task));
-            came.notify_all();
         }
         std::mutex mutex;
-        std::condition_variable came;
         std::list<UniqueFunction<void()>> tasks;
     };
     struct Executors : platform::ExecutorService {
@@ -137,20 +130,13 @@ private:
                 came.notify_all();
             }));
         }
-        /// Runs its tasks where they are posted.
-        struct Inline final : Executor {
-            void post(Task task) override {
-                const std::lock_guard lock(mutex);
-                const auto* outer = std::exchange(current, this);
-                task();
-                current = outer;
-            }
-            bool isRunningInThisThread() const noexcept override { return current == this; }
-            std::string name() const override { return "SourceControl"; }
-            static inline thread_local const Inline* current = nullptr;
-            std::mutex mutex;
-        };
-        const std::shared_ptr<Executor> sourceControl = std::make_shared<Inline>();
+        /// Runs its tasks where they are posted, one at a time.
+        const std::shared_ptr<SteppedExecutor> sourceControl =
+            std::make_shared<SteppedExecutor>("SourceControl", [this] {
+                const std::lock_guard lock(working);
+                sourceControl->runOne();
+            });
+        std::mutex working;
         std::mutex mutex;
         std::condition_variable came;
         bool posted = false; ///< since it was waited for
