@@ -3,30 +3,14 @@
 #include "quendo/git/CredentialServer.h"
 #include "quendo/git/SmallFile.h"
 #include "tests/git/Copy.h"
-#include "tests/support/Deadline.h"
 #include "tests/support/GitServer.h"
-#include "tests/support/LogCapture.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <functional>
-#include <mutex>
-#include <optional>
 #include <poll.h>
-#include <stdexcept>
-#include <string>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
-#include <utility>
-#include <vector>
 
 namespace quendo::git {
 namespace {
-
-namespace fs = std::filesystem;
 
 class Provider : public CredentialProvider {
 public:

@@ -1,9 +1,5 @@
 #include "tests/git/Copy.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-
 namespace quendo::git {
 namespace {
 

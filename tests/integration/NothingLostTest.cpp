@@ -1,24 +1,11 @@
-#include "quendo/adapter/CMAdapter.h"
-#include "quendo/adapter/CMApplicationInteractor.h"
-#include "quendo/exception/SourceControlException.h"
-#include "quendo/git/GitAdapterFactory.h"
 #include "quendo/git/ProcessActivity.h"
-#include "tests/integration/Picture.h"
-#include "tests/support/Deadline.h"
+#include "tests/git/Copy.h"
 #include "tests/support/OwnNamespaces.h"
 
-#include <gmock/gmock.h>
-
-#include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <fcntl.h>
-#include <fstream>
 #include <linux/capability.h>
 #include <poll.h>
-#include <random>
-#include <set>
-#include <sstream>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -27,10 +14,7 @@
 namespace quendo::test {
 namespace {
 
-namespace fs = std::filesystem;
 using Strings = std::vector<std::string>;
-
-const bool isLong = std::getenv("QUENDO_LONG") != nullptr;
 
 struct Operation {
     std::string name;
@@ -51,7 +35,7 @@ std::vector<Operation> operationsOn(int count) {
             {"remove", "", {"n"}},
             {"move", "echo untracked > n/u", {"n", "to/a/folder"}},
             {"checkin", change + "echo new > n/new", {"n", "n/new"}},
-            {"uncheckout", change + "echo more >> n/2.s", {"n"}}};
+            {"revert", change + "echo more >> n/2.s", {"n"}}};
 }
 
 /// Files of more than a page each.
@@ -118,10 +102,12 @@ TEST(NothingLost, WhenTheHostIsKilled) {
                operation.prepare,
            count);
         const auto before = contents(sandbox, false);
-        Strings command{QUENDO_ONE_OPERATION, sandbox.work().native(), operation.name};
+        Strings command{QUENDO_PROGRAM, operation.name};
         command.insert(command.end(), operation.files.begin(), operation.files.end());
+        if (operation.name == "checkin")
+            command.emplace_back("--message=some");
         const auto start = std::chrono::steady_clock::now();
-        RunningProcess host(command, {sandbox.root(), sandbox.environment()});
+        RunningProcess host(command, {sandbox.work(), sandbox.environment()});
         const int handle = static_cast<int>(::syscall(SYS_pidfd_open, host.id(), 0));
         auto& whole = length[operation.name];
         if (whole.count() == 0) { // once to its end
@@ -153,16 +139,15 @@ TEST(NothingLost, WhenTheHostIsKilled) {
         EXPECT_EQ(sh(sandbox, sandbox.work(), "find .git -name '*.lock'", 0), "") << about;
         const auto status = sandbox.git({"status", "--porcelain", "-uall"});
         Strings lost;
-        const auto after = contents(sandbox, operation.name == "uncheckout");
+        const auto after = contents(sandbox, operation.name == "revert");
         // A revert that was done has given up what it was to.
-        if (operation.name != "uncheckout" || !status.empty())
+        if (operation.name != "revert" || !status.empty())
             std::ranges::set_difference(before, after, std::back_inserter(lost));
         EXPECT_THAT(lost, testing::IsEmpty()) << about << "\n" << status;
         EXPECT_EQ(sandbox.tryGit({"fsck", "--strict"}).exitCode, 0) << about;
         // The next operation finds nothing in its way.
         writeFile(sandbox.work() / "next", about);
-        const auto next = sandbox.run(
-            {QUENDO_ONE_OPERATION, sandbox.work().native(), "add", "next"}, sandbox.root());
+        const auto next = sandbox.run({QUENDO_PROGRAM, "add", "next"}, sandbox.work());
         EXPECT_EQ(next.exitCode, 0) << about << next.errors;
     }
     std::printf("%d of %d kills before the end, %d while git ran\n", unfinished, kills, inGit);
@@ -183,15 +168,14 @@ public:
         for (std::size_t i = 0; i < damages.size() && !testing::Test::HasFailure(); ++i) {
             prepare(operation);
             damages[i]();
-            const Picture before(m_sandbox, m_folder);
+            const auto before = git::everything(m_sandbox, m_folder);
             const auto words = perform(operation);
             const auto about = operation.name + ", damage " + std::to_string(i) + ": " + words;
-            const Picture after(m_sandbox, m_folder);
             if (words.empty()) {
                 EXPECT_EQ(outcome(), wanted) << about;
             } else {
                 ++refused;
-                EXPECT_EQ(before.changeTo(after), "") << about;
+                EXPECT_EQ(git::everything(m_sandbox, m_folder), before) << about;
                 EXPECT_EQ(words.find('\n'), words.npos) << about;
             }
             ++tried;

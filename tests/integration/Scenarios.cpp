@@ -339,6 +339,21 @@ ProcessResult runQuendo(const GitSandbox& sandbox, const std::vector<std::string
     return sandbox.run(command, sandbox.root(), variables);
 }
 
+ProcessResult shell(const GitSandbox& sandbox, const std::string& script) {
+    return sandbox.run({"bash", "-c", "q() { \"$0\" \"$@\"; }\n" + script, QUENDO_PROGRAM},
+                       sandbox.work());
+}
+
+void expectRefusals(const GitSandbox& sandbox,
+                    const std::vector<std::pair<std::string, std::string>>& rows) {
+    for (const auto& [command, words] : rows) {
+        const auto result = shell(sandbox, command);
+        EXPECT_EQ(notRefused(result), "") << command;
+        EXPECT_TRUE(result.errors.starts_with("quendo: ")) << result.errors;
+        EXPECT_THAT(result.errors, HasSubstr(words)) << command;
+    }
+}
+
 std::map<std::string, std::string> withGit(const GitSandbox& sandbox, const std::string& script) {
     runScript(sandbox, "w ../bin/git \"#!/bin/sh\nREAL=$(command -v git)\n\"; chmod +x ../bin/git");
     std::ofstream(sandbox.root() / "bin/git", std::ios::app) << script << "\n";
