@@ -166,34 +166,26 @@ TEST(CredentialsTest, ReadingNeverAsks) {
 }
 
 TEST(CredentialsTest, AnswersThatDoNotHelpAreSaidAndChangeNothing) {
-    const auto none = [](auto&) { return std::optional<Credentials>(); };
     struct Case {
         std::shared_ptr<Provider> provider;
         bool isKept;
         std::string words;
     };
-    const auto with = [](Provider::Answer answer) { return std::make_shared<Provider>(answer); };
-    const std::string nobody = "set up a credential helper";
+    const auto giving = [](std::optional<Credentials> given) {
+        return std::make_shared<Provider>([=](auto&) { return given; });
+    };
+    const auto failing = std::make_shared<Provider>(
+        [](auto&) -> std::optional<Credentials> { throw std::runtime_error("it is " + password); });
+    const auto secret = toUString(password);
+    const std::string nobody = "set up a credential helper", none = "no credentials were given";
     Case cases[] = {
-        {with([](auto&) {
-             return Credentials{u"ada", u"wrong-4711"};
-         }),
-         true, "refused"},
+        {giving(Credentials{u"ada", u"wrong-4711"}), true, "refused"},
         {nullptr, true, nobody},
-        {with(none), false, nobody},
-        {with(none), true, "no credentials were given"},
-        {with([](auto&) -> std::optional<Credentials> {
-             throw std::runtime_error("it is " + password);
-         }),
-         true, "no credentials were given"},
-        {with([](auto&) {
-             return Credentials{u"ada", toUString(password) + u"\nx=y"};
-         }),
-         true, "no credentials were given"},
-        {with([](auto&) {
-             return Credentials{UString(u"a\0da", 4), toUString(password)};
-         }),
-         true, "no credentials were given"},
+        {giving({}), false, nobody},
+        {giving({}), true, none},
+        {failing, true, none},
+        {giving(Credentials{u"ada", secret + u"\nx=y"}), true, none},
+        {giving(Credentials{UString(u"a\0da", 4), secret}), true, none},
     };
     Clone clone;
     test::LogCapture log;

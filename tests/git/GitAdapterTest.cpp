@@ -93,7 +93,9 @@ TEST(GitAdapterTest, FollowsAFileThroughItsHistory) {
 TEST(GitAdapterTest, FindsItsPartsWhereverTheyLie) {
     Copy copy({}, "git init -q; git commit -q --allow-empty -m one; git worktree add -q ../linked\n"
                   "ln -s work ../alias; git init -q --separate-git-dir ../apart ../separate");
-    const auto beside = [&](const std::string& name) { return copy.at("../" + name); };
+    const auto beside = [&](const std::string& name) {
+        return Path::fromNative((copy.sandbox().root() / name).native());
+    };
     const auto open = [&](const std::string& name) {
         return GitAdapterFactory().createAdapter(beside(name), copy.interactor());
     };
