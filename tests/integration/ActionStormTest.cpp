@@ -210,15 +210,8 @@ private:
                                           " says " + testing::PrintToString(records) + "\n";
         };
         auto wrong = compare("the adapter", recordsOf(m_states, m_root)) + partsThatDiffer();
-        if (withProgram) {
-            const auto result = runQuendo(
-                m_sandbox, {"status", "--porcelain", "-z", "--ignored", m_sandbox.work().native()});
-            std::vector<std::string> printed;
-            for (const auto& [columns, path] : recordsIn(result.output))
-                printed.push_back(columns + " " + path);
-            std::ranges::sort(printed);
-            wrong += result.errors + compare("the program", printed);
-        }
+        if (withProgram)
+            wrong += compare("the program", recordsOfQuendo(m_sandbox));
         if (!wrong.empty())
             return wrong;
         // All that has happened on the disk has been told; what it brings is waited for.

@@ -1,19 +1,17 @@
 #include "tests/integration/Scenarios.h"
+#include "tests/support/States.h"
+
+#include <boost/algorithm/string/join.hpp>
 
 namespace quendo::test {
 namespace {
 
-/// What git says, and makes sure that the program says the same.
+/// What git says but of ignored files, and makes sure that the program says the same of all.
 std::string status(const GitSandbox& sandbox) {
-    auto records = recordsIn(sandbox.git({"status", "--porcelain", "-z", "-uall", "--no-renames"}));
-    std::ranges::sort(records);
-    auto shown = recordsIn(shell(sandbox, "q status --porcelain -z").output);
-    std::ranges::sort(shown);
-    EXPECT_EQ(shown, records);
-    std::string text;
-    for (const auto& [columns, path] : records)
-        text += (text.empty() ? "" : "|") + columns + " " + path;
-    return text;
+    auto records = recordsOfGit(sandbox);
+    EXPECT_EQ(recordsOfQuendo(sandbox), records);
+    std::erase_if(records, [](const auto& record) { return record.starts_with("!!"); });
+    return boost::algorithm::join(records, "|");
 }
 
 /// One to a line: what is there beside the files a, b, d/e and d/f, which are checked in; the

@@ -366,4 +366,14 @@ Records recordsIn(std::string_view output, char end, std::size_t columns) {
     return result;
 }
 
+std::vector<std::string> recordsOfQuendo(const GitSandbox& sandbox) {
+    std::vector<std::string> records;
+    const auto result = shell(sandbox, "q status --porcelain -z --ignored");
+    for (const auto& [columns, path] : recordsIn(result.output))
+        records.push_back(columns + " " + path);
+    std::ranges::sort(records);
+    EXPECT_EQ(result.errors, "");
+    return records;
+}
+
 } // namespace quendo::test

@@ -52,4 +52,7 @@ using Records = std::vector<Record>;
 /// The records that the program or git printed; throws for what is none.
 Records recordsIn(std::string_view output, char end = '\0', std::size_t columns = 2);
 
+/// "XY path" of each record that the program prints about work(), ignored ones too; sorted.
+std::vector<std::string> recordsOfQuendo(const GitSandbox& sandbox);
+
 } // namespace quendo::test
