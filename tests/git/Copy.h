@@ -125,6 +125,9 @@ inline Operation remove(const Names& names) {
 inline Operation revert(const Names& names) {
     return [=](Copy& copy) { copy.adapter().uncheckout(copy.all(names)); };
 }
+inline Operation checkout(const Names& names) {
+    return [=](Copy& copy) { copy.adapter().checkout(copy.all(names)); };
+}
 inline Operation move(const std::string& from, const std::string& to) {
     return [=](Copy& copy) { copy.adapter().moveFile(copy.at(from), copy.at(to)); };
 }

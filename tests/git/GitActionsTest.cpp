@@ -65,11 +65,8 @@ TEST(GitActionsTest, DoesWhatItMeans) {
                  ignore(name)(copy);
          },
          " M .gitignore\n", "test $(wc -l < .gitignore) = 3"},
-        {"chmod -w a n/x",
-         [](Copy& copy) {
-             copy.adapter().checkout(copy.all({"a", "n"}));
-         },
-         "", "test $(stat -c %a a) = 644 -a $(stat -c %a n/x) = 444"},
+        {"chmod -w a n/x", checkout({"a", "n"}), "",
+         "test $(stat -c %a a) = 644 -a $(stat -c %a n/x) = 444"},
     };
     for (const auto& one : cases) {
         Copy copy;
@@ -130,10 +127,7 @@ TEST(GitActionsTest, RefusesWhatItCannotDoWhole) {
         {"rm .gitignore; ln -s a .gitignore; touch z", ignore("z"), "not a regular file"},
         {"", add({"../outside"}), "does not belong"},
         {"", remove({".git/config"}), "does not belong"},
-        {"ln -s .. l; touch ../other; chmod -w ../other a",
-         [](Copy& copy) {
-             copy.adapter().checkout(copy.all({"a", "l/other"}));
-         },
+        {"ln -s .. l; touch ../other; chmod -w ../other a", checkout({"a", "l/other"}),
          "made writable"},
         // A hook of each stage, and what it says.
         {"printf '#!/bin/sh\\necho no: $0 >&2; exit 1\\n' > .git/hooks/pre-commit\n"

@@ -8,7 +8,6 @@
 #include <poll.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 
 namespace quendo::test {
@@ -160,8 +159,20 @@ public:
     explicit Trial(const GitSandbox& sandbox, fs::path folder)
         : m_sandbox(sandbox), m_folder(std::move(folder)) {}
 
-    /// Does it well first, then after each `damage`: whole then, or not at all.
-    void run(const Operation& operation, const std::vector<std::function<void()>>& damages) {
+    using Damages = std::vector<std::function<void()>>;
+    /// Does each operation well first, then after each damage: whole then, or not at all.
+    void run(const Damages& damages) {
+        for (const auto& operation : operationsOn(count))
+            run(operation, damages);
+        std::printf("%d operations, %d refused\n", m_tried, m_refused);
+        EXPECT_GT(m_refused, 5);
+        EXPECT_LT(m_refused, m_tried);
+    }
+
+private:
+    static constexpr int count = 30;
+
+    void run(const Operation& operation, const Damages& damages) {
         prepare(operation);
         EXPECT_EQ(perform(operation), "");
         const auto wanted = outcome();
@@ -174,18 +185,13 @@ public:
             if (words.empty()) {
                 EXPECT_EQ(outcome(), wanted) << about;
             } else {
-                ++refused;
+                ++m_refused;
                 EXPECT_EQ(git::everything(m_sandbox, m_folder), before) << about;
                 EXPECT_EQ(words.find('\n'), words.npos) << about;
             }
-            ++tried;
+            ++m_tried;
         }
     }
-    int tried = 0, refused = 0;
-
-private:
-    static constexpr int count = 30;
-
     void prepare(const Operation& operation) const {
         // The template is made once; what was unwritable is made writable before it goes.
         sh(m_sandbox, m_sandbox.root(),
@@ -227,6 +233,7 @@ private:
 
     const GitSandbox& m_sandbox;
     const fs::path m_folder;
+    int m_tried = 0, m_refused = 0;
 };
 
 TEST(NothingLostDeathTest, WhenTheDiskIsFull) {
@@ -237,7 +244,7 @@ TEST(NothingLostDeathTest, WhenTheDiskIsFull) {
         fs::create_directory(disk);
         if (::mount("none", disk.c_str(), "tmpfs", 0, "size=4m") != 0)
             skipForWantOfRights();
-        std::vector<std::function<void()>> damages;
+        Trial::Damages damages;
         for (off_t pages = 0; pages <= 64; pages += isLong || pages < 3 ? 1 : pages / 2)
             damages.push_back([file = (disk / "fill").native(), pages] {
                 const int filler =
@@ -249,12 +256,7 @@ TEST(NothingLostDeathTest, WhenTheDiskIsFull) {
                 EXPECT_EQ(::ftruncate(filler, size - pages * 4096), 0);
                 ::close(filler);
             });
-        Trial trial(sandbox, disk / "work");
-        for (const auto& operation : operationsOn(30))
-            trial.run(operation, damages);
-        std::printf("%d operations, %d refused\n", trial.tried, trial.refused);
-        EXPECT_GT(trial.refused, 5);
-        EXPECT_LT(trial.refused, trial.tried);
+        Trial(sandbox, disk / "work").run(damages);
         ::umount2(disk.c_str(), MNT_DETACH);
     });
 }
@@ -269,7 +271,7 @@ TEST(NothingLostDeathTest, WhenPermissionsAreMissing) {
         ::syscall(SYS_capset, &header, none);
         GitSandbox sandbox;
         sandbox.enterEnvironment();
-        std::vector<std::function<void()>> damages;
+        Trial::Damages damages;
         for (const char* damage :
              {"chmod a-w n", "chmod a-w .", "chmod a-w .git", "chmod a-w .git/objects",
               "chmod -R a-w .git/objects", "chmod a-w .git/index", "chmod a-w n/*",
@@ -277,11 +279,7 @@ TEST(NothingLostDeathTest, WhenPermissionsAreMissing) {
               "mkdir .git/quendo; chmod a-w .git/quendo", "chmod 0 .git/index", "chmod a-x n",
               "mkdir to; chmod a-w to"})
             damages.push_back([&, damage] { sh(sandbox, sandbox.work(), damage, 0); });
-        Trial trial(sandbox, sandbox.work());
-        for (const auto& operation : operationsOn(30))
-            trial.run(operation, damages);
-        std::printf("%d operations, %d refused\n", trial.tried, trial.refused);
-        EXPECT_GT(trial.refused, 5);
+        Trial(sandbox, sandbox.work()).run(damages);
         fs::permissions(sandbox.work(), fs::perms::owner_all);
     });
 }
