@@ -174,7 +174,8 @@ TEST(ActingTest, SaysWhatIsWrongWithGit) {
             EXPECT_NE(words.find(one.words), std::string::npos) << command << words;
         }
     for (const auto& [change, words] :
-         {std::pair("rm ", "there is no git at"), {"echo echo git version 2.30.9 > ", "too old"}}) {
+         {std::pair("rm ", "there is no git at"),
+          {"printf '#!/bin/sh\\necho git version 2.30.9\\n' > ", "too old"}}) {
         const OtherGit git("none", "");
         Copy copy({.executable = git.path().native()});
         copy.sh("echo 2 > a; " + (change + git.path().native()));
