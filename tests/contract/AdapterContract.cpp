@@ -5,14 +5,9 @@
 #include "quendo/adapter/QueryOrigin.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "tests/support/Process.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Testing.h"
 #include "tests/support/TreeWatch.h"
 
-#include <algorithm>
-#include <fstream>
-#include <future>
-#include <mutex>
-#include <sstream>
 #include <sys/stat.h>
 
 // One working copy is put into every state at once, and almost all rules are questions about it.
@@ -22,7 +17,6 @@
 namespace quendo::test {
 namespace {
 
-namespace fs = std::filesystem;
 using States = std::map<Path, FileState>;
 using enum LocalStatus;
 

@@ -1,21 +1,10 @@
 #include "quendo/adapter/QueryOrigin.h"
 #include "quendo/git/FileDescriptor.h"
 #include "tests/git/Copy.h"
-#include "tests/support/Deadline.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <filesystem>
-#include <fstream>
-#include <memory>
 #include <poll.h>
-#include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
-#include <utility>
-#include <vector>
 
 namespace quendo::git {
 namespace {
@@ -46,7 +35,7 @@ std::string filter(const std::string& kind) {
 class Processes {
 public:
     /// Those whose numbers stand in this file.
-    explicit Processes(const std::filesystem::path& file) {
+    explicit Processes(const fs::path& file) {
         std::ifstream stream(file);
         for (pid_t pid = 0; stream >> pid;)
             m_handles.emplace_back(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
@@ -102,7 +91,7 @@ TEST(ActingTest, StopsAllThatItStartedAndLeavesEverythingAsItWas) {
         ASSERT_NE(started, nullptr) << one.script;
         EXPECT_EQ(started->count(), 3U) << one.script;
         EXPECT_TRUE(started->haveEnded()) << one.script;
-        EXPECT_FALSE(std::filesystem::exists(copy.sandbox().root() / "lock")) << one.script;
+        EXPECT_FALSE(fs::exists(copy.sandbox().root() / "lock")) << one.script;
         copy.sh("test -z \"$(find .git -name '*.lock' -o -path '*/quendo/*')\"");
     }
 }
@@ -184,19 +173,13 @@ TEST(ActingTest, SaysWhatIsWrongWithGit) {
             const auto words = copy.refusal(operation);
             EXPECT_NE(words.find(one.words), std::string::npos) << command << words;
         }
-    for (const std::string now : {"", "#!/bin/sh\necho git version 2.30.9\n"}) {
+    for (const auto& [change, words] :
+         {std::pair("rm ", "there is no git at"),
+          {"printf '#!/bin/sh\\necho git version 2.30.9\\n' > ", "too old"}}) {
         const OtherGit git("none", "");
         Copy copy({.executable = git.path().native()});
-        copy.sh("echo 2 > a");
-        std::filesystem::remove(git.path());
-        if (!now.empty())
-            test::writeFile(git.path(), now);
-        std::filesystem::exists(git.path())
-            ? std::filesystem::permissions(git.path(), std::filesystem::perms::owner_all)
-            : void();
-        const auto words = copy.refusal(checkin({"a"}));
-        EXPECT_NE(words.find(now.empty() ? "there is no git at" : "too old"), std::string::npos)
-            << words;
+        copy.sh("echo 2 > a; " + (change + git.path().native()));
+        EXPECT_THAT(copy.refusal(checkin({"a"})), HasSubstr(words));
     }
 }
 

@@ -1,14 +1,11 @@
 #include "quendo/git/ChildProcess.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
-#include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/Cancellation.h"
 #include "tests/support/Testing.h"
 
 #include <csignal>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace quendo::git {
@@ -24,11 +21,9 @@ protected:
         plan.arguments = {"-c", script};
         ChildProcess child(plan, consumer);
         ChildProcess* const children[] = {&child};
-        ChildProcess::waitForAll(children, cancellation, stallLimit, eachRound);
+        ChildProcess::waitForAll(children, cancellation, stallLimit);
         return child.result();
     }
-
-    int numberIn(const char* file) const { return std::stoi(test::readFile(folder.path() / file)); }
 
     test::TemporaryFolder folder;
     FileDescriptor opened{::open(folder.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)};
@@ -41,7 +36,6 @@ protected:
     std::string output;
     std::function<void(std::string_view)> consumer = [this](auto text) { output += text; };
     std::chrono::milliseconds stallLimit = 20s;
-    std::function<void()> eachRound;
 };
 
 TEST_F(ChildProcessTest, GivesOutputErrorsAndExitCode) {
@@ -76,21 +70,6 @@ TEST_F(ChildProcessTest, InheritsNothingButWhatItIsGiven) {
     EXPECT_EQ(output, "0\nSigIgn:\t0000000000000000\n");
 }
 
-TEST_F(ChildProcessTest, EndsWithItsChildrenWhenCancelled) {
-    eachRound = [&] {
-        if (fs::exists(folder.path() / "ready"))
-            interactor.getTerminationTrigger().trigger();
-    };
-    EXPECT_THROW(
-        shell("echo $$ > self; sh -c 'echo $$ > child; touch ready; exec sleep 600' & wait"),
-        exception::OperationCancelledError);
-    EXPECT_NE(::kill(numberIn("self"), 0), 0);
-    // Its child was killed as well; that somebody has reaped it already is not said.
-    const FileDescriptor child(static_cast<int>(::syscall(SYS_pidfd_open, numberIn("child"), 0)));
-    pollfd ended{child.get(), POLLIN, 0};
-    EXPECT_TRUE(!child || ::poll(&ended, 1, 60'000) == 1);
-}
-
 TEST_F(ChildProcessTest, NoticesHangsOfEveryKind) {
     const auto stall = [&](const std::string& script, std::chrono::milliseconds limit) {
         stallLimit = limit;
@@ -111,17 +90,6 @@ TEST_F(ChildProcessTest, NoticesHangsOfEveryKind) {
     EXPECT_EQ(stall("cat fifo; true", 300ms), "hang");
     // What the child leaves behind does not keep its pipes open.
     EXPECT_EQ(stall("sleep 600 & setsid sleep 3 & exit 0", 60s), "ended");
-}
-
-TEST_F(ChildProcessTest, KeepsFileTimes) {
-    const auto file = folder.path() / "file";
-    test::writeFile(file, "x");
-    const auto before = fs::file_time_type::clock::now() - 24h;
-    fs::last_write_time(file, before);
-    plan.keepFileTimes = true;
-    const auto touched = shell("touch file");
-    EXPECT_EQ(touched.exitCode, 0) << touched.errors;
-    EXPECT_EQ(fs::last_write_time(file), before);
 }
 
 } // namespace

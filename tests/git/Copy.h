@@ -5,18 +5,20 @@
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/GitAdapterFactory.h"
 #include "tests/support/GitSandbox.h"
-
-#include <boost/signals2/connection.hpp>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <functional>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
+#include "tests/support/Testing.h"
 
 namespace quendo::git {
+
+/// Everything that an operation may change: files, index, commits, states of merges, locks.
+inline std::string everything(const test::GitSandbox& sandbox, const fs::path& folder) {
+    const auto script =
+        "git --no-optional-locks status --porcelain -uall --ignored; git ls-files -s\n"
+        "git log --format=%H; cat .git/HEAD; find .git -name '*.lock'; find .git/quendo -type f\n"
+        "find . -path ./.git -prune -o -type f -exec md5sum {} + | sort -k2\n"
+        "find . -path ./.git -prune -o -printf '%p %y %m %l\\n' | sort\n"
+        "ls .git | grep -v -e COMMIT_EDITMSG -e quendo";
+    return sandbox.run({"sh", "-c", script}, folder).output;
+}
 
 /// A real working copy, changed by the adapter and by shell scripts.
 class Copy {
@@ -34,8 +36,7 @@ public:
         m_sandbox.enterEnvironment();
         const auto made = m_sandbox.run({"sh", "-ec", script}, m_sandbox.work());
         EXPECT_EQ(made.exitCode, 0) << script << "\n" << made.errors;
-        const auto opened =
-            std::filesystem::exists(this->folder() / ".git") ? this->folder() : m_sandbox.work();
+        const auto opened = fs::exists(this->folder() / ".git") ? this->folder() : m_sandbox.work();
         m_adapter = GitAdapterFactory(options).createAdapter(Path::fromNative(opened.native()),
                                                              m_interactor);
     }
@@ -43,7 +44,7 @@ public:
     CMAdapter& adapter() { return *m_adapter; }
     const std::shared_ptr<CMApplicationInteractor>& interactor() { return m_interactor; }
     const test::GitSandbox& sandbox() const { return m_sandbox; }
-    std::filesystem::path folder() const {
+    fs::path folder() const {
         const auto folder = m_sandbox.work() / m_folder;
         return m_folder.empty() ? m_sandbox.work() : folder.lexically_normal();
     }
@@ -72,19 +73,9 @@ public:
             [heard = std::move(heard)](const UString& message, double) { heard(message); });
     }
 
-    /// Everything that an operation may change: files, index, commits, states of merges, locks.
-    std::string everything() const {
-        return sh(
-            "git status --porcelain -uall --ignored; git ls-files -s; git log --format=%H || :;"
-            "find . -path ./.git -prune -o -type f -exec md5sum {} + | sort -k2;"
-            "find . -path ./.git -prune -o -printf '%p %y %m %l\\n' | sort;"
-            "ls .git | grep -v -e COMMIT_EDITMSG -e quendo; find .git -name '*.lock';"
-            "test ! -e .git/quendo || find .git/quendo -type f");
-    }
-
     /// What the operation says when it refuses; nothing may have changed. Empty if it does not.
     std::string refusal(const std::function<void(Copy&)>& operation) {
-        const auto before = everything();
+        const auto before = everything(m_sandbox, folder());
         std::string words;
         try {
             operation(*this);
@@ -92,7 +83,7 @@ public:
             words = error.what();
         }
         EXPECT_EQ(words.find('\n'), std::string::npos) << words;
-        EXPECT_EQ(everything(), before) << words;
+        EXPECT_EQ(everything(m_sandbox, folder()), before) << words;
         return words;
     }
 
@@ -111,9 +102,9 @@ public:
     OtherGit(const std::string& command, const std::string& instead) {
         test::writeFile(path(), "#!/bin/sh\n[ \"$1\" != " + command + " ] || { " + instead +
                                     "; }\nexec git \"$@\"\n");
-        std::filesystem::permissions(path(), std::filesystem::perms::owner_all);
+        fs::permissions(path(), fs::perms::owner_all);
     }
-    std::filesystem::path path() const { return m_folder.path() / "git"; }
+    fs::path path() const { return m_folder.path() / "git"; }
 
 private:
     test::TemporaryFolder m_folder;
@@ -133,6 +124,9 @@ inline Operation remove(const Names& names) {
 }
 inline Operation revert(const Names& names) {
     return [=](Copy& copy) { copy.adapter().uncheckout(copy.all(names)); };
+}
+inline Operation checkout(const Names& names) {
+    return [=](Copy& copy) { copy.adapter().checkout(copy.all(names)); };
 }
 inline Operation move(const std::string& from, const std::string& to) {
     return [=](Copy& copy) { copy.adapter().moveFile(copy.at(from), copy.at(to)); };

@@ -1,9 +1,5 @@
 #include "tests/git/Copy.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-
 namespace quendo::git {
 namespace {
 
@@ -65,16 +61,12 @@ TEST(GitActionsTest, DoesWhatItMeans) {
          ignore("q[1]/ *!"), " M .gitignore\n?? q1\n", "git check-ignore -q 'q[1]/ *!'"},
         {"mkdir f; echo 1 > f/g; echo 1 > '#f '; touch x.o",
          [](Copy& copy) {
-             ignore("f")(copy);
-             ignore("#f ")(copy);
-             ignore("x.o")(copy);
+             for (const char* name : {"f", "#f ", "x.o"})
+                 ignore(name)(copy);
          },
          " M .gitignore\n", "test $(wc -l < .gitignore) = 3"},
-        {"chmod -w a n/x",
-         [](Copy& copy) {
-             copy.adapter().checkout(copy.all({"a", "n"}));
-         },
-         "", "test $(stat -c %a a) = 644 -a $(stat -c %a n/x) = 444"},
+        {"chmod -w a n/x", checkout({"a", "n"}), "",
+         "test $(stat -c %a a) = 644 -a $(stat -c %a n/x) = 444"},
     };
     for (const auto& one : cases) {
         Copy copy;
@@ -135,10 +127,7 @@ TEST(GitActionsTest, RefusesWhatItCannotDoWhole) {
         {"rm .gitignore; ln -s a .gitignore; touch z", ignore("z"), "not a regular file"},
         {"", add({"../outside"}), "does not belong"},
         {"", remove({".git/config"}), "does not belong"},
-        {"ln -s .. l; touch ../other; chmod -w ../other a",
-         [](Copy& copy) {
-             copy.adapter().checkout(copy.all({"a", "l/other"}));
-         },
+        {"ln -s .. l; touch ../other; chmod -w ../other a", checkout({"a", "l/other"}),
          "made writable"},
         // A hook of each stage, and what it says.
         {"printf '#!/bin/sh\\necho no: $0 >&2; exit 1\\n' > .git/hooks/pre-commit\n"
@@ -180,12 +169,9 @@ TEST(GitActionsTest, PutsBackWhatAGitThatFailsHalfWayLeaves) {
     const Case cases[] = {
         {"restore", "rm -f a b; echo torn > a; exit 1", "echo 2 > a; echo 2 > b; git add b",
          revert({"a", "b"})},
-        {"restore", "kill -9 $$", "echo 2 > a; git add a", revert({"a"})},
         {"mv", "mv a e; exit 1", "echo 2 > a", move("a", "e")},
         {"mv", "mv n f/m; exit 1", "", move("n", "f/m")},
         {"update-index", "exit 1", "", remove({"a", "n/x"})},
-        {"update-index", "echo garbage; exit 3", "echo 2 > a", add({"a"})},
-        {"commit", "echo garbage; exit 77", "echo new > new", checkin({"new"})},
     };
     for (const auto& one : cases) {
         const OtherGit git(one.command, one.instead);

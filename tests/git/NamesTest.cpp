@@ -1,14 +1,5 @@
 #include "tests/git/Copy.h"
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <iostream>
-#include <string>
-#include <vector>
-
 namespace quendo::git {
 namespace {
 
@@ -118,44 +109,35 @@ TEST(NamesTest, PathsNearlyAsLongAsTheSystemTakes) {
 
 // As many as somebody who reformats a whole project has.
 TEST(NamesTest, ManyFilesInOneCall) {
-    const bool isLong = std::getenv("QUENDO_LONG") != nullptr;
-    const int folders = isLong ? 50 : 2, each = 1000;
+    const int folders = test::isLong ? 50 : 2, each = 1000;
     Names names;
     for (int i = 0; i < folders; ++i)
         for (int j = 0; j < each; ++j)
             names.push_back("d" + std::to_string(i) + "/sub/file" + std::to_string(j));
     Copy copy;
     const auto count = std::to_string(names.size());
-    const auto timed = [&](const char* what, const Operation& operation) {
-        const auto start = std::chrono::steady_clock::now();
-        operation(copy);
-        const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - start;
-        if (isLong)
-            std::cout << what << " of " << count << " files: " << passed.count() << " s"
-                      << std::endl;
-    };
     const auto write = [&](const std::string& content) {
         for (const auto& name : names)
             test::writeFile(copy.folder() / name, content + name);
     };
     write("1");
-    timed("addFiles", add(names));
+    add(names)(copy);
     EXPECT_EQ(copy.sh("git diff --cached --name-only | wc -l"), count + "\n");
-    timed("checkin", checkin(names));
+    checkin(names)(copy);
     write("22");
     copy.sh("echo 2 > a");
-    timed("checkin", checkin(names));
+    checkin(names)(copy);
     EXPECT_EQ(copy.status(), " M a\n");
     write("333");
-    timed("addFiles", add(names));
+    add(names)(copy);
     write("4444");
-    timed("uncheckout", revert(names));
+    revert(names)(copy);
     EXPECT_EQ(copy.status(), " M a\n");
     EXPECT_EQ(test::readFile(copy.folder() / names[0]), "22" + names[0]);
-    timed("removeFiles", remove(names));
+    remove(names)(copy);
     EXPECT_EQ(copy.sh("git diff --cached --name-only --diff-filter=D | wc -l"), count + "\n");
     copy.sh("test ! -e d0");
-    timed("uncheckout", revert(names));
+    revert(names)(copy);
     EXPECT_EQ(copy.status(), " M a\n");
 }
 

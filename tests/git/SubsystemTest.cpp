@@ -1,57 +1,27 @@
 #include "quendo/adapter/BranchInformation.h"
-#include "quendo/adapter/CMAdapter.h"
-#include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/adapter/QueryOrigin.h"
 #include "quendo/adapter/RevisionContent.h"
-#include "quendo/exception/AdapterErrors.h"
-#include "quendo/git/GitAdapterFactory.h"
-#include "tests/support/GitSandbox.h"
+#include "tests/git/Copy.h"
 #include "tests/support/TreeWatch.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
-#include <sys/stat.h>
 
 namespace quendo::git {
 namespace {
-
-namespace fs = std::filesystem;
-using exception::OperationFailedError;
-using test::writeFile;
-using testing::HasSubstr;
-using testing::ThrowsMessage;
 
 constexpr std::size_t enough = 1000;
 
 class SubsystemTest : public testing::Test {
 protected:
-    SubsystemTest() {
-        sandbox.enterEnvironment();
-        sandbox.init();
-    }
-
-    std::unique_ptr<CMAdapter> open(const fs::path& folder) {
-        return GitAdapterFactory().createAdapter(Path::fromNative(folder.native()),
-                                                 std::make_shared<CMApplicationInteractor>());
-    }
     template <class Subsystem>
     static Subsystem& of(CMAdapter& adapter) {
         return *std::any_cast<Subsystem*>(adapter.getSubsystem(typeid(Subsystem)));
     }
 
-    void script(const std::string& commands) const {
-        const auto result = sandbox.run({"bash", "-ec", commands}, sandbox.work());
-        ASSERT_EQ(result.exitCode, 0) << commands << result.errors << result.output;
-    }
-
     /// What a working copy is on, in words.
-    std::string branchAt(const fs::path& folder) {
-        const auto state = of<BranchInformation>(*open(folder)).getBranchState();
+    std::string branchAt(const std::string& folder) {
+        const auto adapter = GitAdapterFactory().createAdapter(copy.at(folder), copy.interactor());
+        const auto state = of<BranchInformation>(*adapter).getBranchState();
         EXPECT_EQ(toUtf8(state.commit) + (state.commit.empty() ? "" : "\n"),
-                  sandbox.tryGit({"rev-parse", "--verify", "-q", "HEAD"}, folder).output);
+                  copy.sh("cd " + folder + "; git rev-parse --verify -q HEAD || :"));
         auto text = state.branch.empty() ? "(none)" : toUtf8(state.branch);
         if (!state.upstream.empty())
             text += " follows " + toUtf8(state.upstream);
@@ -70,59 +40,57 @@ protected:
                     std::to_string(state.progress->steps);
         return text;
     }
-    std::string branch() { return branchAt(sandbox.work()); }
+    std::string branch() { return branchAt("."); }
 
-    test::GitSandbox sandbox;
+    Copy copy{{}, "git init -q"};
 };
 
 TEST_F(SubsystemTest, TellsTheBranchAndWhatItFollows) {
     EXPECT_EQ(branch(), "main");
-    script(R"sh(git init -q --bare ../up; git remote add up ../up
+    copy.sh(R"sh(git init -q --bare ../up; git remote add up ../up
         git config branch.main.remote up; git config branch.main.merge refs/heads/main
         echo '* filter=x' > .gitattributes; echo 1 > f; git add -A; touch -d @1 f
         git config filter.x.clean "touch $PWD/../canary; cat")sh");
     EXPECT_EQ(branch(), "main follows up/main, gone");
-    EXPECT_FALSE(fs::exists(sandbox.root() / "canary"));
-    sandbox.git({"status"});
-    EXPECT_TRUE(fs::exists(sandbox.root() / "canary")) << "hangs there for nothing";
-    script(R"sh(git config --remove-section filter.x; git commit -qam 1; git push -q up main
+    copy.sh("test ! -e ../canary; git status; test -e ../canary");
+    copy.sh(R"sh(git config --remove-section filter.x; git commit -qam 1; git push -q up main
         git checkout -q --orphan born)sh");
     EXPECT_EQ(branch(), "born");
-    script("git config branch.born.remote up; git config branch.born.merge refs/heads/main");
+    copy.sh("git config branch.born.remote up; git config branch.born.merge refs/heads/main");
     EXPECT_EQ(branch(), "born follows up/main");
 
-    script(
+    copy.sh(
         R"sh(git checkout -q -f -b topic/größe main; for i in 1 2; do git commit -q --allow-empty -m b$i
         done; git push -q -u up topic/größe; git reset -q --hard HEAD~2)sh");
     EXPECT_EQ(branch(), "topic/größe follows up/topic/größe +0 -2");
-    script("git commit -q --allow-empty -m a");
+    copy.sh("git commit -q --allow-empty -m a");
     EXPECT_EQ(branch(), "topic/größe follows up/topic/größe +1 -2");
-    script("git update-ref -d refs/remotes/up/topic/größe; git pack-refs --all");
+    copy.sh("git update-ref -d refs/remotes/up/topic/größe; git pack-refs --all");
     EXPECT_EQ(branch(), "topic/größe follows up/topic/größe, gone");
-    script("git symbolic-ref HEAD refs/heads/topic"); // the folder of the other, and no branch
+    copy.sh("git symbolic-ref HEAD refs/heads/topic"); // the folder of the other, and no branch
     EXPECT_EQ(branch(), "topic");
 
-    script("git checkout -q -f -b local --track main");
+    copy.sh("git checkout -q -f -b local --track main");
     EXPECT_EQ(branch(), "local follows main +0 -0");
-    script("git tag main"); // two of that name: git says which
+    copy.sh("git tag main"); // two of that name: git says which
     EXPECT_EQ(branch(), "local follows heads/main +0 -0");
-    script("git config branch.local.remote https://example.org/r"); // kept nowhere
+    copy.sh("git config branch.local.remote https://example.org/r"); // kept nowhere
     EXPECT_EQ(branch(), "local");
-    script("git checkout -q --detach");
+    copy.sh("git checkout -q --detach");
     EXPECT_EQ(branch(), "(none)");
 
-    script(R"sh(git worktree add -q -b linked ../linked; git checkout -q -B main up/main
+    copy.sh(R"sh(git worktree add -q -b linked ../linked; git checkout -q -B main up/main
         git submodule --quiet add -b main "$PWD/../up" sub)sh");
-    EXPECT_EQ(branchAt(sandbox.root() / "linked"), "linked");
-    EXPECT_EQ(branchAt(sandbox.work() / "sub"), "main follows origin/main +0 -0");
+    EXPECT_EQ(branchAt("../linked"), "linked");
+    EXPECT_EQ(branchAt("sub"), "main follows origin/main +0 -0");
     EXPECT_EQ(branch(), "main follows up/main +0 -0");
 
-    script("echo garbage > .git/refs/heads/main");
+    copy.sh("echo garbage > .git/refs/heads/main");
     EXPECT_THROW(branch(), exception::DamagedRepositoryError);
 }
 
 TEST_F(SubsystemTest, TellsOneMoment) {
-    script(R"sh(git commit -q --allow-empty -m 1; git checkout -q -b other
+    copy.sh(R"sh(git commit -q --allow-empty -m 1; git checkout -q -b other
         git commit -q --allow-empty -m 2; git checkout -q main; cat > ../git <<'END'
 #!/bin/sh
 # Others switch the branch between the first two questions.
@@ -130,47 +98,48 @@ TEST_F(SubsystemTest, TellsOneMoment) {
 exec git "$@"
 END
         chmod +x ../git)sh");
-    const auto adapter = GitAdapterFactory({.executable = sandbox.root() / "git"})
-                             .createAdapter(Path::fromNative(sandbox.work().native()), nullptr);
+    const auto adapter = GitAdapterFactory({.executable = copy.sandbox().root() / "git"})
+                             .createAdapter(copy.root(), nullptr);
     const auto state = of<BranchInformation>(*adapter).getBranchState();
     EXPECT_EQ(toUtf8(state.branch), "other");
-    EXPECT_EQ(toUtf8(state.commit) + "\n", sandbox.git({"rev-parse", "other"}));
+    EXPECT_EQ(toUtf8(state.commit) + "\n", copy.sh("git rev-parse other"));
 }
 
 TEST_F(SubsystemTest, TellsWhatIsUnderWay) {
-    script(R"sh(c() { echo "$1" > f; git add -A; git commit -q -m "$1"; }
+    copy.sh(R"sh(c() { echo "$1" > f; git add -A; git commit -q -m "$1"; }
         c base; git checkout -q -b side; c s1; c s2; git checkout -q main; c m1; c m2
         git worktree add -q -b topic/one ../linked main; ! git merge -q side)sh");
     EXPECT_EQ(branch(), "main Merge");
-    script("git merge --abort; ! git cherry-pick side~ side 2>&1");
+    copy.sh("git merge --abort; ! git cherry-pick side~ side 2>&1");
     EXPECT_EQ(branch(), "main CherryPick");
-    script("git commit -q -am picked"); // one of two
+    copy.sh("git commit -q -am picked"); // one of two
     EXPECT_EQ(branch(), "main CherryPick");
-    script("git cherry-pick --quit; git reset -q --hard HEAD~; ! git revert --no-edit HEAD~1 "
-           "HEAD~2 2>&1");
+    copy.sh("git cherry-pick --quit; git reset -q --hard HEAD~; ! git revert --no-edit HEAD~1 "
+            "HEAD~2 2>&1");
     EXPECT_EQ(branch(), "main Revert");
-    script("git revert --abort; cd ../linked; ! git rebase -q side 2>&1");
-    EXPECT_EQ(branchAt(sandbox.root() / "linked"), "(none) Rebase of topic/one 1/2");
+    copy.sh("git revert --abort; cd ../linked; ! git rebase -q side 2>&1");
+    EXPECT_EQ(branchAt("../linked"), "(none) Rebase of topic/one 1/2");
     EXPECT_EQ(branch(), "main");
-    script("git checkout -q --detach; ! git rebase -q side 2>&1");
+    copy.sh("git checkout -q --detach; ! git rebase -q side 2>&1");
     EXPECT_EQ(branch(), "(none) Rebase 1/2");
-    script("git rebase --abort; git checkout -q main; ! git rebase -q --apply side 2>&1");
+    copy.sh("git rebase --abort; git checkout -q main; ! git rebase -q --apply side 2>&1");
     EXPECT_EQ(branch(), "(none) Rebase of main 1/2");
-    script("git rebase --abort; ! git format-patch --stdout main..side | git am -q 2>&1");
+    copy.sh("git rebase --abort; ! git format-patch --stdout main..side | git am -q 2>&1");
     EXPECT_EQ(branch(), "main ApplyMailbox 1/2");
-    script("git am --abort; git bisect start side main >/dev/null");
+    copy.sh("git am --abort; git bisect start side main >/dev/null");
     EXPECT_EQ(branch(), "(none) Bisect of main");
 
     // What is no file is not waited for.
-    script("git bisect reset 2>/dev/null; mkdir .git/rebase-merge; echo 3 > .git/rebase-merge/end");
-    ASSERT_EQ(::mkfifo((sandbox.work() / ".git/rebase-merge/head-name").c_str(), 0600), 0);
+    copy.sh(
+        "git bisect reset 2>/dev/null; mkdir .git/rebase-merge; echo 3 > .git/rebase-merge/end");
+    copy.sh("mkfifo .git/rebase-merge/head-name");
     EXPECT_EQ(branch(), "main Rebase");
-    ASSERT_EQ(::mkfifo((sandbox.work() / ".git/MERGE_HEAD").c_str(), 0600), 0);
+    copy.sh("mkfifo .git/MERGE_HEAD");
     EXPECT_THROW(branch(), exception::DamagedRepositoryError);
 }
 
 TEST_F(SubsystemTest, GivesContentAsACheckoutWouldWriteIt) {
-    script(R"sh(printf '*.crlf eol=crlf\n*.mine filter=mine\n*.own filter=own\n' > .gitattributes
+    copy.sh(R"sh(printf '*.crlf eol=crlf\n*.mine filter=mine\n*.own filter=own\n' > .gitattributes
         git config --global filter.mine.clean 'tr a-z A-Z'
         git config --global filter.mine.smudge 'tr A-Z a-z'
         printf '1\n2\n' > 'ä
@@ -180,17 +149,14 @@ TEST_F(SubsystemTest, GivesContentAsACheckoutWouldWriteIt) {
         git commit -q -m two; printf '1\n2\n3\n' > 'ä
 .crlf'; git rm -q --cached d/new; git add *.crlf; printf '4\n' > 'ä
 .crlf'; git update-index --split-index)sh");
-    const auto adapter = open(sandbox.work());
-    EXPECT_FALSE(adapter->getSubsystem(typeid(CMAdapter)).has_value());
-    const auto& contents = of<RevisionContent>(*adapter);
-    const auto in = [&](const char* name) { return adapter->getRootFolder().child(name); };
+    const auto& contents = of<RevisionContent>(copy.adapter());
     const auto get = [&](const char* name, const char16_t* revision, std::size_t limit = enough) {
-        return contents.getContent(in(name), revision, limit);
+        return contents.getContent(copy.at(name), revision, limit);
     };
     const auto staged = [&](const char* name) {
-        return contents.getStagedContent(in(name), enough);
+        return contents.getStagedContent(copy.at(name), enough);
     };
-    test::TreeWatch watch(sandbox.root());
+    test::TreeWatch watch(copy.sandbox().root());
     EXPECT_EQ(get("ä\n.crlf", u"HEAD", 6), "1\r\n2\r\n");
     EXPECT_EQ(staged("ä\n.crlf"), "1\r\n2\r\n3\r\n");
     EXPECT_EQ(get("a.mine", u"main"), "mine\n");
@@ -202,7 +168,7 @@ TEST_F(SubsystemTest, GivesContentAsACheckoutWouldWriteIt) {
     EXPECT_EQ(staged("d/new"), std::nullopt);
 
     const auto says = [](const char* words) {
-        return ThrowsMessage<OperationFailedError>(HasSubstr(words));
+        return testing::ThrowsMessage<exception::OperationFailedError>(HasSubstr(words));
     };
     EXPECT_THAT([&] { get("a.own", u"HEAD"); }, says("'own'"));
     EXPECT_THAT([&] { staged("a.own"); }, says("'own'"));
@@ -223,13 +189,13 @@ TEST_F(SubsystemTest, GivesContentAsACheckoutWouldWriteIt) {
     {
         const QueryOrigin::WorkScope scope(origin);
         EXPECT_THROW(get("link", u"HEAD"), exception::OperationCancelledError);
-        EXPECT_THROW(of<BranchInformation>(*adapter).getBranchState(),
+        EXPECT_THROW(of<BranchInformation>(copy.adapter()).getBranchState(),
                      exception::OperationCancelledError);
     }
     EXPECT_EQ(branch(), "main");
-    EXPECT_THAT(watch.drain(), testing::IsEmpty());
+    EXPECT_THAT(watch.drain(), IsEmpty());
 
-    script(R"sh(o=$(git rev-parse HEAD:a.own)
+    copy.sh(R"sh(o=$(git rev-parse HEAD:a.own)
         printf "0 $o 0\ta.mine\n100644 $o 2\ta.mine\n" | git update-index --index-info)sh");
     EXPECT_THAT([&] { staged("a.mine"); }, says("is conflicted"));
 }

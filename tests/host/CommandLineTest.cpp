@@ -3,7 +3,6 @@
 #include "host/CheckinCommands.h"
 #include "host/CompletionCommand.h"
 #include "host/ExportCommand.h"
-#include "host/LogCommand.h"
 #include "host/StatusCommand.h"
 #include "tests/support/Process.h"
 #include "tests/support/Testing.h"
@@ -41,9 +40,6 @@ TEST(CommandLine, TakesPathsAsTheyAre) {
 }
 
 TEST(CommandLine, TakesOptionsAnywhere) {
-    EXPECT_EQ(parseStatus({"-z", "x", "--porcelain"}).format, StatusFormat::PorcelainNul);
-    EXPECT_EQ(parseStatus({"--json"}).format, StatusFormat::Json);
-    EXPECT_EQ(parseAs<LogCommand>({"log", "f", "-n", "3"}).limit, 3);
     EXPECT_EQ(parse({"--log", "notice", "status"}).logLevel, platform::Severity::Notice);
     EXPECT_EQ(parse({"log", "--log=detail", "f"}).logLevel, platform::Severity::Detail);
     EXPECT_EQ(parse({"status"}).logLevel, std::nullopt);

@@ -1,5 +1,4 @@
 #include "tests/integration/Scenarios.h"
-#include "tests/support/Testing.h"
 
 namespace quendo::test {
 namespace {
@@ -122,22 +121,6 @@ TEST(BadInput, AGitThatIsNotOne) {
     runScript(sandbox, "i; w f; c");
     for (const auto* path : {"/nowhere", ""})
         EXPECT_EQ(notRefused(runQuendo(sandbox, {"status", "work"}, {{"PATH", path}})), "") << path;
-}
-
-TEST(BadInput, InterruptEndsItAndItsGit) {
-    const GitSandbox sandbox;
-    runScript(sandbox, "i; w f; c; mkfifo ../alive");
-    // The FIFO is open for as long as git or its child lives.
-    const auto variables =
-        withGit(sandbox, "case $* in *version*) exec $REAL --version;; esac\nexec 9> " +
-                             (sandbox.root() / "alive").native() + "; sleep 1000 & echo >&9; wait");
-    const auto result = sandbox.run({"bash", "-c", R"sh(
-        set -m; "$0" status work & exec 8< alive; read -r started <&8; kill -INT $!; wait $!
-        code=$?; timeout 5 cat <&8 && exit $code)sh",
-                                     QUENDO_PROGRAM},
-                                    sandbox.root(), variables);
-    EXPECT_EQ(result.exitCode, 130) << result.errors;
-    EXPECT_EQ(result.output, "");
 }
 
 } // namespace

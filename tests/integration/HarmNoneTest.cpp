@@ -1,5 +1,4 @@
 #include "tests/integration/Scenarios.h"
-#include "tests/support/Testing.h"
 #include "tests/support/TreeWatch.h"
 
 #include <sys/resource.h>

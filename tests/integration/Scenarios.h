@@ -31,6 +31,13 @@ void runScript(const GitSandbox& sandbox, std::string_view script);
 ProcessResult runQuendo(const GitSandbox& sandbox, const std::vector<std::string>& arguments,
                         const std::map<std::string, std::string>& variables = {});
 
+/// Runs a script in work() where q runs the program.
+ProcessResult shell(const GitSandbox& sandbox, const std::string& script);
+
+/// Expects that the program refuses each command in one line that holds these words.
+void expectRefusals(const GitSandbox& sandbox,
+                    const std::vector<std::pair<std::string, std::string>>& rows);
+
 /// A PATH whose git is this shell script; $REAL is the true one.
 std::map<std::string, std::string> withGit(const GitSandbox& sandbox, const std::string& script);
 
@@ -44,5 +51,8 @@ using Records = std::vector<Record>;
 
 /// The records that the program or git printed; throws for what is none.
 Records recordsIn(std::string_view output, char end = '\0', std::size_t columns = 2);
+
+/// "XY path" of each record that the program prints about work(), ignored ones too; sorted.
+std::vector<std::string> recordsOfQuendo(const GitSandbox& sandbox);
 
 } // namespace quendo::test

@@ -1,5 +1,4 @@
 #include "tests/integration/Scenarios.h"
-#include "tests/support/Testing.h"
 
 #include <boost/algorithm/hex.hpp>
 #include <nlohmann/json.hpp>
@@ -10,21 +9,13 @@ namespace {
 using nlohmann::json;
 using Words = std::vector<std::string>;
 
-struct Answer {
-    bool refused = false;
-    Records records;
-    std::string errors;
-    bool operator==(const Answer& other) const {
-        return refused == other.refused && records == other.records;
-    }
-};
+/// In place of the records of whoever refuses.
+const Records refusal{{"refused", ""}};
 
-std::string printable(const std::string& who, const Answer& answer) {
-    auto text = "  " + who + ":\n" + (answer.refused ? "    refused: " + answer.errors : "");
-    for (const auto& [columns, path] : answer.records)
-        text += "    " + columns + " " +
-                json(path.substr(0, 120)).dump(-1, ' ', true, json::error_handler_t::replace) +
-                "\n";
+std::string printable(const std::string& who, const Records& records) {
+    auto text = "  " + who + ":\n";
+    for (const auto& [columns, path] : records)
+        text += "    " + columns + " " + testing::PrintToString(path.substr(0, 120)) + "\n";
     return text;
 }
 
@@ -34,20 +25,22 @@ Words split(std::string_view text) {
 }
 
 /// What git says, in the program's words.
-Answer askGit(const GitSandbox& sandbox, const Scenario& scenario, bool ignored) {
+Records askGit(const GitSandbox& sandbox, const Scenario& scenario, bool ignored) {
     const auto result =
         sandbox.tryGit({"--no-optional-locks", "status", "--porcelain=v1", "-uall", "--no-renames",
                         "-z", ignored ? "--ignored=matching" : "--ignored=no"},
                        sandbox.work() / scenario.at);
-    Answer answer{result.exitCode != 0, recordsIn(result.output), result.errors};
+    if (result.exitCode != 0)
+        return refusal;
+    auto records = recordsIn(result.output);
     for (const auto& path : split(scenario.unverified))
-        if (std::ranges::find(answer.records, path, &Record::path) == answer.records.end())
-            answer.records.push_back({".M", path});
-    std::ranges::stable_sort(answer.records, {}, &Record::path);
-    return answer;
+        if (std::ranges::find(records, path, &Record::path) == records.end())
+            records.push_back({".M", path});
+    std::ranges::stable_sort(records, {}, &Record::path);
+    return records;
 }
 
-Answer askQuendo(const GitSandbox& sandbox, const fs::path& root, bool ignored) {
+Records askQuendo(const GitSandbox& sandbox, const fs::path& root, bool ignored) {
     Words arguments{"status", "--porcelain", "-z", root.native()};
     if (ignored)
         arguments.emplace_back("--ignored");
@@ -55,7 +48,7 @@ Answer askQuendo(const GitSandbox& sandbox, const fs::path& root, bool ignored) 
     if (const auto problem = notRefused(result);
         result.exitCode != 0 ? !problem.empty() : !result.errors.empty())
         throw std::runtime_error(problem);
-    return {result.exitCode != 0, recordsIn(result.output), result.errors};
+    return result.exitCode != 0 ? refusal : recordsIn(result.output);
 }
 
 /// The states that a path may have whose first record has these columns.
@@ -105,46 +98,37 @@ std::string compareStates(const GitSandbox& sandbox, const fs::path& root, const
     return problems;
 }
 
-/// @return what is wrong with the row, empty when it agrees; the number of records in `count`
-std::string compare(const Scenario& scenario, std::string& count) {
+/// @return what is wrong with the row, empty when it agrees
+std::string compare(const Scenario& scenario) {
     const GitSandbox sandbox;
     runScript(sandbox, scenario.script);
     const auto root = sandbox.work() / scenario.at;
     const auto git = askGit(sandbox, scenario, true);
-    count = git.refused ? "refused" : std::to_string(git.records.size()) + " records";
     std::string problems;
-    const auto expectEqual = [&](const Answer& wanted, const Answer& got, const char* question) {
+    const auto expectEqual = [&](const Records& wanted, const Records& got, const char* question) {
         if (wanted != got)
             problems += question + printable("git", wanted) + printable("instead", got);
     };
     expectEqual(git, askQuendo(sandbox, root, true), "with --ignored\n");
     expectEqual(askGit(sandbox, scenario, false), askQuendo(sandbox, root, false), "without\n");
     for (const auto& columns : split(scenario.shows))
-        if (columns == "refused" ? !git.refused
-            : columns == "-"
-                ? !git.records.empty()
-                : std::ranges::find(git.records, columns, &Record::columns) == git.records.end())
+        if (columns == "-" ? !git.empty()
+                           : std::ranges::find(git, columns, &Record::columns) == git.end())
             problems += "the row shows no " + columns + "\n" + printable("git", git);
-    if (git.refused)
-        return problems;
-    return problems + compareStates(sandbox, root, git.records);
+    return git == refusal ? problems : problems + compareStates(sandbox, root, git);
 }
 
 // One test, so that the rows run in one process, side by side.
 TEST(Truth, AgreesWithGitInEveryCase) {
     const auto& rows = scenarios();
-    struct Outcome {
-        std::string count;
-        std::string problems = "it was not run";
-    };
-    std::vector<Outcome> outcomes(rows.size());
+    std::vector<std::string> problems(rows.size(), "it was not run");
     std::atomic<std::size_t> next = 0;
     const auto work = [&] {
         for (std::size_t row = next++; row < rows.size(); row = next++) {
             try {
-                outcomes[row].problems = compare(rows[row], outcomes[row].count);
+                problems[row] = compare(rows[row]);
             } catch (const std::exception& error) {
-                outcomes[row].problems = error.what();
+                problems[row] = error.what();
             }
         }
     };
@@ -152,12 +136,8 @@ TEST(Truth, AgreesWithGitInEveryCase) {
         std::jthread beside(work);
         work();
     }
-    for (std::size_t row = 0; row < rows.size(); ++row) {
-        const auto& [count, problems] = outcomes[row];
-        const auto name = rows[row].name;
-        std::printf("%-6s%-70s%s\n", problems.empty() ? "ok" : "WRONG", name.data(), count.c_str());
-        EXPECT_EQ(problems, "") << name;
-    }
+    for (std::size_t row = 0; row < rows.size(); ++row)
+        EXPECT_EQ(problems[row], "") << rows[row].name;
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 #include "tests/integration/Scenarios.h"
 #include "tests/support/OwnNamespaces.h"
 #include "tests/support/RandomWork.h"
-#include "tests/support/Testing.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,58 +1,45 @@
-#include "tests/support/GitSandbox.h"
-#include "tests/support/Testing.h"
+#include "tests/integration/Scenarios.h"
 
 namespace quendo::test {
 namespace {
 
 class Program : public testing::Test {
 protected:
-    void SetUp() override {
-        shell("git init -q; mkdir a ../plain; for n in 1 2; do echo $n > a/file; git add a; "
-              "git commit -qm message$n; done");
+    Program() {
+        runScript(m_sandbox, "i; mkdir ../plain; w a/file 1; c message1; w a/file 2; c message2");
     }
-
-    /// What a shell script does in work(); q runs the program.
-    ProcessResult shell(const std::string& script) {
-        return m_sandbox.run({"bash", "-c", "q() { \"$0\" \"$@\"; }\n" + script, QUENDO_PROGRAM},
-                             m_sandbox.work());
-    }
-    void expectRefusal(const std::string& script, const std::string& words, int code = 1) {
-        const auto result = shell(script);
-        EXPECT_EQ(notRefused(result, code), "") << script;
-        EXPECT_TRUE(result.errors.starts_with("quendo: ")) << result.errors;
-        EXPECT_NE(result.errors.find(words), std::string::npos) << result.errors;
-    }
+    ProcessResult shell(const std::string& script) const { return test::shell(m_sandbox, script); }
 
     GitSandbox m_sandbox;
 };
 
 TEST_F(Program, RefusesInOneLine) {
     shell("ln -s loop loop");
-    for (const auto& [arguments, words] : std::vector<std::pair<std::string, const char*>>{
-             {"status ''", "an empty path"},
-             {"status $'gone\\n\\xff'", "$'gone\\n\\xff' does not exist"},
-             {"status a/file", "a/file is a file; give the folder that holds it"},
-             {"status a/file/below", "a/file/below does not exist"},
-             {"status ../plain", "../plain is not in a working copy"},
-             {"status .git/refs", "belongs to the metadata"},
-             {"status loop", "cannot read loop: "},
-             {"status /dev/null", "is not a folder"},
-             {"status " + std::string(5000, 'x'), "File name too long"},
-             {"log ../plain/x", "../plain/x is not in a working copy"},
-             {"log a", "a is a folder"},
-             {"log never", "never does not exist and has no revisions"},
-             {"export a/file no-such-revision out", "no-such-revision"},
-             {"export a/file HEAD a", "exists"},
-         })
-        expectRefusal("q " + arguments, words);
-    expectRefusal("q --nope", "--help", 2);
+    expectRefusals(m_sandbox,
+                   {
+                       {"q status ''", "an empty path"},
+                       {"q status $'gone\\n\\xff'", "$'gone\\n\\xff' does not exist"},
+                       {"q status a/file", "a/file is a file; give the folder that holds it"},
+                       {"q status a/file/below", "a/file/below does not exist"},
+                       {"q status ../plain", "../plain is not in a working copy"},
+                       {"q status .git/refs", "belongs to the metadata"},
+                       {"q status loop", "cannot read loop: "},
+                       {"q status /dev/null", "is not a folder"},
+                       {"q status " + std::string(5000, 'x'), "File name too long"},
+                       {"q log ../plain/x", "../plain/x is not in a working copy"},
+                       {"q log a", "a is a folder"},
+                       {"q log never", "never does not exist and has no revisions"},
+                       {"q export a/file no-such-revision out", "no-such-revision"},
+                       {"q export a/file HEAD a", "exists"},
+                   });
+    EXPECT_EQ(notRefused(shell("q --nope"), 2), "");
     EXPECT_FALSE(fs::exists(m_sandbox.work() / "out"));
 }
 
 TEST_F(Program, TellsWhenItsOutputIsNotTaken) {
-    expectRefusal("touch new; q status > /dev/full", "No space left");
-    expectRefusal("q status >&-", "cannot write");
-    expectRefusal("q status | true; exit ${PIPESTATUS[0]}", "Broken pipe");
+    expectRefusals(m_sandbox, {{"touch new; q status > /dev/full", "No space left"},
+                               {"q status >&-", "cannot write"},
+                               {"q status | true; exit ${PIPESTATUS[0]}", "Broken pipe"}});
     EXPECT_EQ(shell("q status >&- 2>&-").exitCode, 1);
 }
 
@@ -85,7 +72,7 @@ TEST_F(Program, ListsTheClientsOfWorkingCopies) {
     EXPECT_NE(listed.find(root(m_sandbox.work())), listed.npos) << listed;
     EXPECT_NE(listed.find(root(m_sandbox.root() / "other")), listed.npos) << listed;
     EXPECT_NE(listed.find("client: quendo 2\n"), listed.npos) << listed;
-    expectRefusal("q clients . ../plain", "../plain is not in a working copy");
+    expectRefusals(m_sandbox, {{"q clients . ../plain", "../plain is not in a working copy"}});
 }
 
 TEST_F(Program, ListsAndExportsRevisionsOfWhatIsGone) {
@@ -94,7 +81,7 @@ TEST_F(Program, ListsAndExportsRevisionsOfWhatIsGone) {
     EXPECT_NE(log.output.find("Ada Tester  message2\n"), std::string::npos) << log.output;
     EXPECT_EQ(shell("q log -n 1 --json a/file | wc -l").output, "1\n");
     const auto exported = shell("q export a/file HEAD~1 old && cat old");
-    EXPECT_EQ(exported.output + exported.errors, "1\n");
+    EXPECT_EQ(exported.output + exported.errors, "1");
 }
 
 } // namespace
