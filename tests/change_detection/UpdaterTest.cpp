@@ -232,7 +232,7 @@ TEST_F(UpdaterTest, AsksForFoldersThatDoNotFitWhatIsInThem) {
     askedAfterOwn("e", LocalStatus::NotUnderSourceControl);
     EXPECT_TRUE(real->getCachedStatus(at("e/1")));
     copy->erase(at("e/1"));
-    EXPECT_THAT(askedAfterOwn("e", LocalStatus::Added), ElementsAre("files e", "folder e"));
+    EXPECT_THAT(askedAfterOwn("e", LocalStatus::Added), ElementsAre("files e", "folder+ e"));
     EXPECT_FALSE(real->getCachedStatus(at("e/1")));
 }
 
