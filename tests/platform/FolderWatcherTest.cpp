@@ -389,7 +389,7 @@ TEST(FolderListing, TellsWhatIsYoungOnceMore) {
     const auto told = [](const FolderListing& before, const FolderListing& after) {
         std::string result;
         after.compare(before, [&](Kind kind, const std::string& name) {
-            result += "+~-"[static_cast<int>(kind)] + name;
+            result += "+~-?"[static_cast<int>(kind)] + name;
         });
         return result;
     };
@@ -398,12 +398,17 @@ TEST(FolderListing, TellsWhatIsYoungOnceMore) {
         test::writeFile(folder.path() / name, "");
     const auto take = [&](bool isYoung) {
         auto result = FolderListing::take(folder.path(), true);
+        result.isYoung = isYoung;
         for (auto& entry : result.entries)
             entry.isYoung = isYoung && entry.name == "e";
         return result;
     };
     const auto before = take(true);
-    EXPECT_EQ(told(before, take(false)), "~e");
+    const auto later = take(false);
+    EXPECT_EQ(told(before, later), "~e?");
+    EXPECT_EQ(told(later, take(false)), "");
+    fs::last_write_time(folder.path(), fs::last_write_time(folder.path()) + 1s);
+    EXPECT_EQ(told(later, take(false)), "?") << "something came and went";
     test::writeFile(folder.path() / "new", "");
     fs::rename(folder.path() / "new", folder.path() / "a");
     fs::rename(folder.path() / "b", folder.path() / "d");

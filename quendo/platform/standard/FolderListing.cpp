@@ -68,6 +68,7 @@ FolderListing FolderListing::take(const std::string& folder, bool withEntries) {
     result.device = found.st_dev;
     result.inode = found.st_ino;
     result.hasEntries = true;
+    result.modified = nanoseconds(found.st_mtim);
     for (;;) {
         errno = 0;
         const dirent* const entry = ::readdir(stream.get());
@@ -86,8 +87,12 @@ FolderListing FolderListing::take(const std::string& folder, bool withEntries) {
     }
     // A server whose clock is ahead must not make all its files young for ever.
     const auto end = coarseNow();
+    const auto isYoung = [&](std::int64_t time) {
+        return time >= begin - tick && time <= end + tick;
+    };
+    result.isYoung = isYoung(result.modified);
     for (auto& entry : result.entries)
-        entry.isYoung = entry.changed >= begin - tick && entry.changed <= end + tick;
+        entry.isYoung = isYoung(entry.changed);
     std::ranges::sort(result.entries, {}, &Entry::name);
     return result;
 }
@@ -101,24 +106,32 @@ void FolderListing::compare(
     const FolderListing& before,
     const std::function<void(FolderEvent::Kind, const std::string&)>& tell) const {
     using Kind = FolderEvent::Kind;
+    bool hasOthers = false;
+    const auto tellOther = [&](Kind kind, const std::string& name) {
+        hasOthers = true;
+        tell(kind, name);
+    };
     auto old = before.entries.begin();
     for (const auto& entry : entries) {
         for (; old != before.entries.end() && old->name < entry.name; ++old)
-            tell(Kind::Vanished, old->name);
+            tellOther(Kind::Vanished, old->name);
         if (old == before.entries.end() || old->name != entry.name) {
-            tell(Kind::Appeared, entry.name);
+            tellOther(Kind::Appeared, entry.name);
             continue;
         }
         if (!isSameFile(*old, entry)) {
-            tell(Kind::Vanished, entry.name);
-            tell(Kind::Appeared, entry.name);
+            tellOther(Kind::Vanished, entry.name);
+            tellOther(Kind::Appeared, entry.name);
         } else if (old->isYoung || !isUnchanged(*old, entry)) {
             tell(Kind::Changed, entry.name);
         }
         ++old;
     }
     for (; old != before.entries.end(); ++old)
-        tell(Kind::Vanished, old->name);
+        tellOther(Kind::Vanished, old->name);
+    // Somebody may have seen it in between, and knows the folder as it was then.
+    if (!hasOthers && (modified != before.modified || before.isYoung))
+        tell(Kind::ContentsUnknown, {});
 }
 
 } // namespace quendo::platform

@@ -14,7 +14,7 @@ namespace quendo::platform {
 ///
 /// A file may change again within the tick of the clock that gave it its last time stamp, after it
 /// was listed, and the next listing shows no trace of that. So what was that young is told as
-/// changed once more.
+/// changed once more. The same holds for the folder itself.
 struct QUENDO_API FolderListing {
     struct Entry {
         std::string name;
@@ -30,6 +30,8 @@ struct QUENDO_API FolderListing {
     dev_t device = 0;
     ino_t inode = 0;
     bool hasEntries = false;
+    std::int64_t modified = 0; ///< the folder itself, when an entry came or went last
+    bool isYoung = false;
     std::vector<Entry> entries; ///< by name
 
     /// Looks at a folder, not at one that a symbolic link leads to. Without its entries only its
@@ -39,7 +41,8 @@ struct QUENDO_API FolderListing {
     /// Whether both looked at the same folder in the same way, so that their entries compare.
     bool isSameFolder(const FolderListing& other) const noexcept;
 
-    /// Tells what became of the entries since an earlier look at the same folder.
+    /// Tells what became of the entries since an earlier look at the same folder: and
+    /// ContentsUnknown, with no name, when one came and went in between, or went and came back.
     void compare(const FolderListing& before,
                  const std::function<void(FolderEvent::Kind, const std::string&)>& tell) const;
 };
