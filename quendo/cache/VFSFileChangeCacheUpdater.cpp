@@ -47,7 +47,8 @@
 //
 // The gap. What changed after the adapter had looked and before the watch stood would be missed. So
 // a folder is listed after its watch stands, and what changed since the query that put it into the
-// cache is asked for: by the time stamp of the last change (ctime), less a margin.
+// cache is asked for: by the time stamp of the last change (ctime), less a margin. What went has no
+// time stamp; but the folder has, and then what is cached there is held against what it holds.
 //
 // What an event brings. The handler, on the delivery thread, only posts a task to a strand. The
 // task asks for the path, or, for a metadata file, for its folder. When the events of a folder were
@@ -98,31 +99,41 @@ struct DirectoryEntry {
     Clock::time_point changed;
 };
 
-/// What lies directly in `folder`; nothing when that cannot be read.
-std::vector<DirectoryEntry> list(const Path& folder) {
+struct Listing {
     std::vector<DirectoryEntry> entries;
+    Clock::time_point changed = Clock::time_point::max(); ///< the folder; max when it is unreadable
+};
+
+Clock::time_point changeTime(const struct stat& status) {
+    const auto changed = std::chrono::seconds(status.st_ctim.tv_sec) +
+                         std::chrono::nanoseconds(status.st_ctim.tv_nsec);
+    return Clock::time_point(std::chrono::duration_cast<Clock::duration>(changed));
+}
+
+/// What lies directly in `folder`; nothing when that cannot be read.
+Listing list(const Path& folder) {
+    Listing listing;
     const int descriptor = ::open(folder.toNative().c_str(),
                                   O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (descriptor < 0)
-        return entries;
+        return listing;
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(::fdopendir(descriptor), ::closedir);
     if (directory == nullptr) {
         ::close(descriptor);
-        return entries;
+        return listing;
     }
+    struct stat status;
+    if (::fstat(descriptor, &status) == 0)
+        listing.changed = changeTime(status);
     while (const auto* entry = ::readdir(directory.get())) {
         const std::string_view name = entry->d_name;
-        struct stat status;
         if (name == "." || name == ".." ||
             ::fstatat(descriptor, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
             continue;
-        const auto changed = std::chrono::seconds(status.st_ctim.tv_sec) +
-                             std::chrono::nanoseconds(status.st_ctim.tv_nsec);
-        entries.push_back(
-            {folder.child(name), S_ISDIR(status.st_mode),
-             Clock::time_point(std::chrono::duration_cast<Clock::duration>(changed))});
+        listing.entries.push_back(
+            {folder.child(name), S_ISDIR(status.st_mode), changeTime(status)});
     }
-    return entries;
+    return listing;
 }
 
 /// `slot`, whose failures are not those of the refresh that it is told of.
@@ -241,6 +252,22 @@ struct CacheUpdateInfo {
         return misfits;
     }
 
+    /// Whether something cached directly in `folder` has to be on disk and may not be among
+    /// `entries`.
+    bool missesAny(const Path& folder, const std::vector<DirectoryEntry>& entries) const {
+        const auto direct = folders->getFolderSummary(folder).direct;
+        const auto isOnDisk = [](LocalStatus status) {
+            return status != LocalStatus::Missing && status != LocalStatus::Deleted;
+        };
+        auto expected =
+            direct.total() - direct[LocalStatus::Missing] - direct[LocalStatus::Deleted];
+        for (auto entry = entries.begin(); expected != 0 && entry != entries.end(); ++entry) {
+            const auto state = cache->getCachedStatus(entry->path);
+            expected -= state && isOnDisk(state->getState()) ? 1 : 0;
+        }
+        return expected != 0 || folders->getFolderSummary(folder).direct != direct;
+    }
+
     /// The innermost folder around `path` that the cache holds as ignored, or empty.
     Path ignoredAround(const Path& path) const {
         for (Path folder = path.parentPath(); folder.isBelow(root); folder = folder.parentPath()) {
@@ -295,18 +322,19 @@ public:
             return;
         }
         const auto weak = weak_from_this();
-        if (m_info->folders != nullptr)
+        if (m_info->folders != nullptr) {
             m_finishedConnection = m_info->cache->connectTasksFinished(
                 logging([weak](const CMStatusCache::Tasks& tasks) {
                     if (const auto self = weak.lock())
                         self->lookAtAnswered(tasks);
                 }));
-        if (auto* changes = dynamic_cast<CMStatusCacheChanges*>(m_info->cache.get()))
-            m_changesConnection =
-                changes->connectChanges(logging([weak](const StatusChanges& changed) {
-                    if (const auto self = weak.lock())
-                        self->lookAtChanges(changed);
-                }));
+            if (auto* changes = dynamic_cast<CMStatusCacheChanges*>(m_info->cache.get()))
+                m_changesConnection =
+                    changes->connectChanges(logging([weak](const StatusChanges& changed) {
+                        if (const auto self = weak.lock())
+                            self->lookAtChanges(changed);
+                    }));
+        }
         m_cacheConnection = m_info->cache->connectCacheChanged(logging([weak] {
             if (const auto self = weak.lock())
                 self->refresh();
@@ -539,8 +567,6 @@ private:
                 ignored.push_back(change.path);
         }
         lookIntoLater({}, std::move(folders));
-        if (m_info->folders == nullptr)
-            return;
         if (auto misfits = m_info->misfitsAround(changed);
             !misfits.alone.empty() || !misfits.whole.empty())
             m_executor->post([weak = weak_from_this(), misfits = std::move(misfits)] {
@@ -735,7 +761,14 @@ private:
             const Path folder = std::move(folders.back());
             folders.pop_back();
             const auto answered = answeredAt(folder);
-            for (auto& entry : list(folder)) {
+            const auto listing = list(folder);
+            if (m_info->enabled && (folder == m_info->root || folder.isBelow(m_info->root)) &&
+                (!answered || listing.changed >= *answered - margin) &&
+                m_info->missesAny(folder, listing.entries)) {
+                auto around = m_info->outermostUnsure(folder);
+                refreshSoon(around.empty() ? folder : std::move(around));
+            }
+            for (const auto& entry : listing.entries) {
                 if (m_info->isForbidden(entry.path))
                     continue;
                 // Of a folder that was never asked for, single files may have been.

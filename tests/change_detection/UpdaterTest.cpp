@@ -178,6 +178,22 @@ TEST_F(UpdaterTest, LooksBelowTheRootWhenTheFirstQueryHasEnded) {
     EXPECT_THAT(watched(), ElementsAre(".", "a", "a/empty"));
 }
 
+TEST_F(UpdaterTest, AsksForWhatWentBeforeItsFolderWasWatched) {
+    for (const auto* name : {"a/1", "b/1", "c/1"}) {
+        test::writeFile(folder.path() / name, "");
+        copy->set(at(name), LocalStatus::Unmodified);
+    }
+    copy->set(at("d/1"), LocalStatus::Missing);
+    copy->inCall = [&](const auto&...) {
+        fs::remove(folder.path() / "a/1");
+        fs::remove_all(folder.path() / "b");
+    };
+    updater.emplace(real, *adapter);
+    real->refreshCMStatuses({at("a/1"), at("b/1"), at("d/1")});
+    detection.runStrands();
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files a/1 b/1 d/1", "folder a", "folder b"));
+}
+
 TEST_F(UpdaterTest, LooksAtEveryAnswerAndSpoilsNoRefresh) {
     for (const auto* name : {"a/1", "b"})
         copy->set(at(name), LocalStatus::NotUnderSourceControl);
