@@ -8,6 +8,7 @@
 #include "host/LogCommand.h"
 #include "host/RevertCommands.h"
 #include "host/StatusCommand.h"
+#include "host/VisibleText.h"
 #include "host/WatchCommand.h"
 
 #include <CLI/App.hpp>
@@ -101,6 +102,9 @@ Invocation parseCommandLine(int count, const char* const* arguments) {
         return result;
     } catch (const CLI::ParseError& error) {
         const auto chosen = app.get_subcommands();
+        if (const auto unknown = app.remaining(); chosen.empty() && !unknown.empty())
+            throw UsageError(visiblePath(unmasked(unknown.front())) +
+                             " is no command; see quendo --help");
         throw UsageError(std::string(error.what()) + "; see quendo " +
                          (chosen.empty() ? "" : chosen.front()->get_name() + " ") + "--help");
     }

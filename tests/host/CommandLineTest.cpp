@@ -82,6 +82,8 @@ TEST(CommandLine, RefusesWrongUsageInOneLineThatNamesTheHelp) {
                 EXPECT_EQ(message.find('\n'), std::string::npos) << message;
             }
         }
+    EXPECT_THAT([] { parse({"stauts"}); },
+                testing::ThrowsMessage<UsageError>("stauts is no command; see quendo --help"));
 }
 
 TEST(Completion, BashCompletesCommandsAndOptions) {
