@@ -16,6 +16,12 @@ endif()
 if(PROJECT_IS_TOP_LEVEL)
     find_program(QUENDO_CCACHE ccache)
     if(QUENDO_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-        set(CMAKE_CXX_COMPILER_LAUNCHER "${QUENDO_CCACHE}")
+        # What ccache has to overlook, and GCC to leave in what it preprocesses, for what is compiled
+        # with a precompiled header to be known again.
+        set(CMAKE_CXX_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env
+            CCACHE_SLOPPINESS=pch_defines,time_macros "${QUENDO_CCACHE}")
+        if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+            target_compile_options(quendo_settings INTERFACE -fpch-preprocess)
+        endif()
     endif()
 endif()
