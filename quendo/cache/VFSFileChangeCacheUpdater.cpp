@@ -41,7 +41,8 @@
 // Bare folders. A folder in which nothing is cached (it is empty, or holds empty folders only) may
 // get its first file at any time. Such folders are found when the folder around them is listed, and
 // when they appear, and are watched as well until something in them is cached. Not below what the
-// cache knows as ignored or as another working copy, and not the metadata. Before the first query
+// cache holds as one entry, because it is ignored as a whole or another working copy, and not the
+// metadata. Before the first query
 // has ended every folder would be bare, and what happens in there meanwhile is no news: so until
 // then only the root is watched.
 //
@@ -268,6 +269,14 @@ struct CacheUpdateInfo {
         return expected != 0 || folders->getFolderSummary(folder).direct != direct;
     }
 
+    /// Whether `path` is one entry for all that lies in it: another working copy, or ignored as a
+    /// whole. A folder in which all is ignored, each by itself, has entries.
+    bool isOneEntry(const Path& path) const {
+        const auto state = cache->getCachedStatus(path);
+        return state && (state->getState() == LocalStatus::External ||
+                         (state->getState() == LocalStatus::Ignored && !holdsBelow(path)));
+    }
+
     /// The innermost folder around `path` that the cache holds as ignored, or empty.
     Path ignoredAround(const Path& path) const {
         for (Path folder = path.parentPath(); folder.isBelow(root); folder = folder.parentPath()) {
@@ -391,6 +400,11 @@ public:
         add(added);
         if (m_info->folders == nullptr)
             return;
+        std::erase_if(m_bareWatches, [&](const auto& watch) {
+            const auto around = m_info->ignoredAround(watch.first);
+            return m_info->isOneEntry(watch.first) ||
+                   (!around.empty() && m_info->isOneEntry(around));
+        });
         if (old.empty() && wanted.size() == 1 && !answeredAt(m_info->root))
             m_isUnasked = true;
         else
@@ -632,11 +646,15 @@ private:
             std::move(m_asked.begin(), last.base(), std::back_inserter(answered));
             m_asked.erase(m_asked.begin(), last.base());
         }
-        if (answered.empty())
+        if (answered.empty() && !m_hasPostponed)
             return;
         m_executor->post([weak = weak_from_this(), answered = std::move(answered)] {
             const auto self = weak.lock();
-            if (self == nullptr || !self->m_info->enabled)
+            if (self == nullptr)
+                return;
+            self->m_hasPostponed = false;
+            self->lookIntoLater({}, std::exchange(self->m_postponed, {}));
+            if (!self->m_info->enabled)
                 return;
             const auto& info = *self->m_info;
             for (const auto& [task, kind, paths] : answered) {
@@ -714,18 +732,24 @@ private:
         return true;
     }
 
-    /// With the lock held.
+    /// On the strand, with the lock held.
     /// @return whether `path` is a folder that is watched now and was not before
     bool watchBare(const Path& path) {
         if (m_watches.contains(path) || m_bareWatches.contains(path) || m_info->isForbidden(path) ||
             !isOwnFolder(path))
             return false;
-        const auto state = m_info->cache->getCachedStatus(path);
-        if (state && (state->getState() == LocalStatus::Ignored ||
-                      state->getState() == LocalStatus::External))
+        if (m_info->isOneEntry(path))
             return false;
-        if (!m_info->ignoredAround(path).empty())
-            return false;
+        if (const auto around = m_info->ignoredAround(path); !around.empty()) {
+            if (m_info->isOneEntry(around))
+                return false;
+            // Single files in it may have been asked for. It is one entry again in a moment.
+            if (m_unfresh.contains(around)) {
+                m_postponed.push_back(path);
+                m_hasPostponed = true;
+                return false;
+            }
+        }
         try {
             add(path, WithRecursiveChangeEvents::NonRecursive, m_bareWatches);
         } catch (const platform::ChangeEventsSubscriptionException&) {
@@ -824,7 +848,9 @@ private:
     boost::signals2::scoped_connection m_finishedConnection;
     boost::signals2::scoped_connection m_cacheConnection;
 
-    std::set<Path> m_unfresh; ///< to be refreshed; on the strand only
+    std::set<Path> m_unfresh;      ///< to be refreshed; on the strand only
+    std::vector<Path> m_postponed; ///< bare folders to be watched or not; on the strand only
+    std::atomic<bool> m_hasPostponed{false};
 
     std::mutex m_askedMutex;    ///< not held together with m_lock
     std::vector<Asked> m_asked; ///< as they were asked for; guarded by m_askedMutex

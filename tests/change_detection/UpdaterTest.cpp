@@ -252,6 +252,27 @@ TEST_F(UpdaterTest, AsksForFoldersThatDoNotFitWhatIsInThem) {
     EXPECT_FALSE(real->getCachedStatus(at("e/1")));
 }
 
+TEST_F(UpdaterTest, WatchesWhatIsNotIgnoredAsAWhole) {
+    const auto set = [&](const std::string& name) {
+        copy->states.insert_or_assign(at(name),
+                                      FileState(LocalStatus::Ignored, name.back() == 'd'));
+    };
+    for (const auto* name : {"ad/x/y", "bd/x"})
+        fs::create_directories(folder.path() / name);
+    for (const auto* name : {"ad", "ad/1", "bd"})
+        set(name);
+    startReal();
+    EXPECT_THAT(watched(), ElementsAre(".", "ad", "ad/x", "ad/x/y"));
+    set("bd/1"); // it is not clear yet whether all in the folder is one entry
+    real->refreshCMStatuses({at("bd/1")});
+    detection.runStrands();
+    EXPECT_THAT(watched(), ElementsAre(".", "ad", "ad/x", "ad/x/y", "bd", "bd/x"));
+    copy->erase(at("ad/1"));
+    real->refreshFolder(root);
+    detection.runStrands();
+    EXPECT_THAT(watched(), ElementsAre(".", "bd", "bd/x"));
+}
+
 TEST_F(UpdaterTest, WatchesNoInstallationAndRemembersARefusedRoot) {
     watcher->refused = root;
     start();
