@@ -229,8 +229,11 @@ void Repository::checkMetadataFiles() const {
         if (!isFolder(file))
             checkRegular(file, static_cast<off_t>(pointerLimit));
     }
-    for (const char* name : {".gitignore", ".gitattributes", ".gitmodules"})
-        checkRegular(join(m_root, name), rulesLimit);
+    for (const char* name : {".gitignore", ".gitattributes", ".gitmodules"}) {
+        const auto file = join(m_root, name);
+        if (!isFolder(file)) // a folder of such a name is like any other
+            checkRegular(file, rulesLimit);
+    }
     const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(m_gitDir.c_str()), ::closedir);
     while (const auto* entry = folder ? ::readdir(folder.get()) : nullptr)
         if (std::string_view(entry->d_name).starts_with("sharedindex."))

@@ -76,6 +76,9 @@ const std::vector<Scenario> table = {
         git add -A; rm b; ln -s a b; rm c; mkdir c; rm d; w d/new; rm -r c; w c; chmod +x c)sh"},
     {"type change: folder by file and file by folder", ".D ?? !!", R"sh(
         i; w .gitignore '*.o'; w d/f; w d/g/h; w e; c; rm -r d; w d; rm e; w e/f; w e/a.o)sh"},
+    {"type change: folders by names of Git's files", "A. .M .D ??", R"sh(
+        i; w .gitignore '*.o'; w .gitattributes/a; w a; c; rm .gitignore; w .gitignore/a.o
+        w .gitattributes/a 2; w .gitmodules/a; git add .gitmodules)sh"},
     {"type change: folder by link to a like folder", ".D ??", R"sh(
         i; w d/f; w d/g; c; mv d ../away; ln -s ../away d)sh"},
     {"mode change", ".M M. MM", R"sh(
