@@ -42,9 +42,8 @@
 // get its first file at any time. Such folders are found when the folder around them is listed, and
 // when they appear, and are watched as well until something in them is cached. Not below what the
 // cache holds as one entry, because it is ignored as a whole or another working copy, and not the
-// metadata. Before the first query
-// has ended every folder would be bare, and what happens in there meanwhile is no news: so until
-// then only the root is watched.
+// metadata. Before the first query has ended every folder would be bare, and what happens in there
+// meanwhile is no news: so until then only the root is watched.
 //
 // The gap. What changed after the adapter had looked and before the watch stood would be missed. So
 // a folder is listed after its watch stands, and what changed since the query that put it into the
@@ -277,6 +276,12 @@ struct CacheUpdateInfo {
                          (state->getState() == LocalStatus::Ignored && !holdsBelow(path)));
     }
 
+    /// Whether `path` is such an entry or lies in one that is ignored.
+    bool isInOneEntry(const Path& path) const {
+        const auto around = ignoredAround(path);
+        return isOneEntry(path) || (!around.empty() && isOneEntry(around));
+    }
+
     /// The innermost folder around `path` that the cache holds as ignored, or empty.
     Path ignoredAround(const Path& path) const {
         for (Path folder = path.parentPath(); folder.isBelow(root); folder = folder.parentPath()) {
@@ -400,11 +405,8 @@ public:
         add(added);
         if (m_info->folders == nullptr)
             return;
-        std::erase_if(m_bareWatches, [&](const auto& watch) {
-            const auto around = m_info->ignoredAround(watch.first);
-            return m_info->isOneEntry(watch.first) ||
-                   (!around.empty() && m_info->isOneEntry(around));
-        });
+        std::erase_if(m_bareWatches,
+                      [&](const auto& watch) { return m_info->isInOneEntry(watch.first); });
         if (old.empty() && wanted.size() == 1 && !answeredAt(m_info->root))
             m_isUnasked = true;
         else
@@ -738,17 +740,14 @@ private:
         if (m_watches.contains(path) || m_bareWatches.contains(path) || m_info->isForbidden(path) ||
             !isOwnFolder(path))
             return false;
-        if (m_info->isOneEntry(path))
+        if (m_info->isInOneEntry(path))
             return false;
-        if (const auto around = m_info->ignoredAround(path); !around.empty()) {
-            if (m_info->isOneEntry(around))
-                return false;
-            // Single files in it may have been asked for. It is one entry again in a moment.
-            if (m_unfresh.contains(around)) {
-                m_postponed.push_back(path);
-                m_hasPostponed = true;
-                return false;
-            }
+        // Single files of what is ignored may have been asked for. It is one entry again in a
+        // moment.
+        if (m_unfresh.contains(m_info->ignoredAround(path))) {
+            m_postponed.push_back(path);
+            m_hasPostponed = true;
+            return false;
         }
         try {
             add(path, WithRecursiveChangeEvents::NonRecursive, m_bareWatches);
