@@ -383,6 +383,15 @@ TEST_F(Watching, UnreadableFoldersAreWatchedOnceTheyCanBeRead) {
     heard.until("native d");
     fs::create_directory(root / "d/a");
     EXPECT_THAT(heard.until("+d/a"), ElementsAre("+d/a"));
+    finish();
+
+    options.pollInterval = 1h;
+    fs::permissions(root / "d", fs::perms::none);
+    watcher.reset();
+    for (const auto* name : {".", "d", "d/a"})
+        watch(name);
+    fs::permissions(root / "d", fs::perms::owner_all);
+    EXPECT_THAT(untilNow(), ElementsAre("~d", "?d", "native d", "?d/a", "native d/a"));
 }
 
 TEST(FolderListing, TellsWhatIsYoungOnceMore) {
@@ -416,6 +425,11 @@ TEST(FolderListing, TellsWhatIsYoungOnceMore) {
     fs::remove(folder.path() / "e");
     EXPECT_EQ(told(before, take(false)), "-a+a-b~c+d-e");
     EXPECT_FALSE(before.isSameFolder(FolderListing::take(folder.path(), false)));
+    for (const bool withEntries : {false, true}) {
+        const auto nothing = FolderListing::take(folder.path() / "nothing", withEntries);
+        EXPECT_TRUE(nothing.isSameFolder(FolderListing::take(folder.path() / "a", withEntries)));
+        EXPECT_FALSE(nothing.isSameFolder(FolderListing::take(folder.path(), withEntries)));
+    }
 }
 
 TEST_F(Watching, RemoteFileSystemsArePolledBeside) {

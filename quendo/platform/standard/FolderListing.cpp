@@ -40,14 +40,16 @@ bool isUnchanged(const FolderListing::Entry& a, const FolderListing::Entry& b) n
 FolderListing FolderListing::take(const std::string& folder, bool withEntries) {
     FolderListing result;
     struct stat found {};
-    const auto failed = [&] {
-        result.error = errno;
+    const auto failed = [&](int error = errno) {
+        // A file or a link is no folder either: nothing was in it, and nothing is.
+        result.error = error == ENOTDIR || error == ELOOP ? ENOENT : error;
         return result;
     };
     if (!withEntries) {
         if (::lstat(folder.c_str(), &found) != 0)
             return failed();
-        result.error = S_ISDIR(found.st_mode) ? 0 : ENOTDIR;
+        if (!S_ISDIR(found.st_mode))
+            return failed(ENOTDIR);
         result.device = found.st_dev;
         result.inode = found.st_ino;
         return result;

@@ -26,7 +26,7 @@ struct QUENDO_API FolderListing {
         bool isYoung = false; ///< may change again without another time stamp
     };
 
-    int error = 0; ///< of looking; nothing else is known then
+    int error = 0; ///< of looking, ENOENT where there is no folder; nothing else is known then
     dev_t device = 0;
     ino_t inode = 0;
     bool hasEntries = false;

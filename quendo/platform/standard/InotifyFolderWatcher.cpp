@@ -46,9 +46,9 @@
 // lost) the record is visited: the watch is added anew by path. The kernel gives the number of the
 // old watch if it is the same folder, and then nothing was missed. Another number means another
 // folder, whose contents nobody has heard of: ContentsUnknown. And no number means that the folder
-// is polled until it has one: until the round finds it, or its parent says that it came, or a
-// parent is watched by which it has come already. Numbers are not used twice, so what the kernel
-// still says about watches that were given up finds no record and means nothing.
+// is polled until it has one: until the round finds it, or its parent says that it came or may be
+// read now, or a parent is watched by which it has come already. Numbers are not used twice, so
+// what the kernel still says about watches that were given up finds no record and means nothing.
 //
 // The kernel tells that a folder was deleted when its last user closes it, and a shell whose
 // working folder it is may be such a user for days. Its parent hears of it at once. Therefore a
@@ -209,6 +209,7 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
         bool isRemote = false;
         std::string reason;     ///< why `watch` is -1
         bool isAwaited = false; ///< there is no folder at its path
+        bool isClosed = false;  ///< it may not be read
         WatchHealth health;
         bool isCounted = false;               ///< in `notNative`
         std::optional<FolderListing> listing; ///< of the last round that polled it
@@ -487,6 +488,7 @@ bool InotifyFolderWatcher::Impl::arm(const std::shared_ptr<Record>& record) {
     if (number < 0)
         record->reason = error == EAGAIN ? noThreadReason : reasonOf(error);
     record->isAwaited = error == ENOENT || error == ENOTDIR;
+    record->isClosed = error == EACCES;
     if (error == ENOSPC && !std::exchange(limitReached, true))
         notice = "Folders are polled instead of watched, the first of them " +
                  record->folder.toUtf8() + ": " + record->reason;
@@ -782,9 +784,11 @@ void InotifyFolderWatcher::Impl::interpret(const inotify_event& event) {
         kind = Kind::Vanished;
     const bool isLost = (event.mask & lostMask) != 0;
     const bool isFolder = (event.mask & IN_ISDIR) != 0 && kind != Kind::Changed;
+    const bool mayHaveOpened = (event.mask & IN_ATTRIB) != 0 && (event.mask & IN_ISDIR) != 0;
     const std::string_view name(event.name, ::strnlen(event.name, event.len));
     std::vector<Delivery> deliveries;
     std::vector<Path> folders;
+    std::vector<std::shared_ptr<Record>> closed;
     {
         const std::lock_guard lock(mutex);
         const auto found = byWatch.find(event.wd);
@@ -803,11 +807,16 @@ void InotifyFolderWatcher::Impl::interpret(const inotify_event& event) {
                 collect(deliveries, *record, {kind, path}, Scope::Entries);
             if (isFolder)
                 folders.push_back(path);
+            if (mayHaveOpened && notNative != 0)
+                std::ranges::copy_if(recordsFrom(path), std::back_inserter(closed),
+                                     [](const auto& each) { return each->isClosed; });
         }
     }
     tell(deliveries);
     for (const auto& folder : folders)
         visitTree(folder, isLost ? Visit::Suspect : Visit::Check);
+    for (const auto& record : closed)
+        visit(record, Visit::Check);
 }
 
 void InotifyFolderWatcher::Impl::lost() {
