@@ -9,6 +9,7 @@
 #include "quendo/platform/EventMgr.h"
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/FileUtilities.h"
+#include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/InstallationService.h"
 #include "quendo/platform/Logging.h"
 #include "quendo/platform/ReentrantReadWriteLock.h"
@@ -49,6 +50,11 @@
 // a folder is listed after its watch stands, and what changed since the query that put it into the
 // cache is asked for: by the time stamp of the last change (ctime), less a margin. What went has no
 // time stamp; but the folder has, and then what is cached there is held against what it holds.
+//
+// Polled folders. What came after one round and went before the next is told by neither, but a
+// query in between may have found it. So when the answer for what did come or go in such a folder
+// is there, and with it those of all queries before it, the same is done. Where nothing else came
+// or went, the watcher says that the contents are unknown.
 //
 // What an event brings. The handler, on the delivery thread, only posts a task to a strand. The
 // task asks for the path, or, for a metadata file, for its folder. When the events of a folder were
@@ -659,6 +665,7 @@ private:
             if (!self->m_info->enabled)
                 return;
             const auto& info = *self->m_info;
+            std::set<Path> changed; // folders
             for (const auto& [task, kind, paths] : answered) {
                 for (const auto& path : paths) {
                     auto folder = info.ignoredAround(path);
@@ -666,9 +673,25 @@ private:
                         folder = info.outermostUnsure(path);
                     if (!folder.empty())
                         self->refreshSoon(std::move(folder));
+                    if (kind != StorageEventKind::Changed)
+                        changed.insert(path.parentPath());
                 }
             }
+            const auto& watcher = *self->m_services->folderWatcher;
+            for (const auto& folder : changed)
+                if (watcher.getHealth(folder).means == platform::WatchHealth::Means::Polled)
+                    self->askForWhatWent(folder, list(folder));
         });
+    }
+
+    /// On the strand: asks for `folder` when not all is there any more that is cached in it.
+    void askForWhatWent(const Path& folder, const Listing& listing) {
+        const auto& root = m_info->root;
+        if ((folder != root && !folder.isBelow(root)) ||
+            !m_info->missesAny(folder, listing.entries))
+            return;
+        auto around = m_info->outermostUnsure(folder);
+        refreshSoon(around.empty() ? folder : std::move(around));
     }
 
     /// On the strand: has `folder` refreshed when what the strand has to do now is done; at once
@@ -785,12 +808,8 @@ private:
             folders.pop_back();
             const auto answered = answeredAt(folder);
             const auto listing = list(folder);
-            if (m_info->enabled && (folder == m_info->root || folder.isBelow(m_info->root)) &&
-                (!answered || listing.changed >= *answered - margin) &&
-                m_info->missesAny(folder, listing.entries)) {
-                auto around = m_info->outermostUnsure(folder);
-                refreshSoon(around.empty() ? folder : std::move(around));
-            }
+            if (m_info->enabled && (!answered || listing.changed >= *answered - margin))
+                askForWhatWent(folder, listing);
             for (const auto& entry : listing.entries) {
                 if (m_info->isForbidden(entry.path))
                     continue;

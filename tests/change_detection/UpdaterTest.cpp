@@ -194,6 +194,24 @@ TEST_F(UpdaterTest, AsksForWhatWentBeforeItsFolderWasWatched) {
     EXPECT_THAT(copy->takeCalls(), ElementsAre("files a/1 b/1 d/1", "folder a", "folder b"));
 }
 
+TEST_F(UpdaterTest, AsksForWhatCameAndWentBetweenTwoRounds) {
+    test::writeFile(folder.path() / "a/1", "");
+    for (const auto* name : {"a/1", "a/2"})
+        copy->set(at(name), LocalStatus::Unmodified);
+    startReal();
+    const auto askedAfterLossBeside = [&](platform::WatchHealth::Means means) {
+        watcher->health.means = means;
+        watcher->tell(Kind::Vanished, at("a/3"));
+        detection.runStrands();
+        return copy->takeCalls();
+    };
+    using Means = platform::WatchHealth::Means;
+    EXPECT_THAT(askedAfterLossBeside(Means::Native), ElementsAre("files a/3"));
+    copy->inCall = [&](const auto&...) { copy->set(at("a/2"), LocalStatus::Missing); };
+    EXPECT_THAT(askedAfterLossBeside(Means::Polled), ElementsAre("files a/3", "folder+ a"));
+    EXPECT_THAT(askedAfterLossBeside(Means::Polled), ElementsAre("files a/3"));
+}
+
 TEST_F(UpdaterTest, LooksAtEveryAnswerAndSpoilsNoRefresh) {
     for (const auto* name : {"a/1", "b"})
         copy->set(at(name), LocalStatus::NotUnderSourceControl);

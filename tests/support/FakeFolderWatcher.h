@@ -28,7 +28,7 @@ public:
         pass(std::move(reached));
     }
 
-    platform::WatchHealth getHealth(const Path&) const override { return {}; }
+    platform::WatchHealth getHealth(const Path&) const override { return health; }
     boost::signals2::connection connectHealthChanged(const HealthSlot&) override { return {}; }
 
     /// Tells who watches the folder that the event is about.
@@ -74,6 +74,7 @@ public:
     bool isHeld = false;
     bool fails = false; ///< no line can be drawn
     Path refused;
+    platform::WatchHealth health; ///< of every folder
 
 private:
     struct Entry {
