@@ -156,6 +156,8 @@ private:
         bool tracked = false;
         bool untracked = false;
     };
+    /// What is found on the way to a folder.
+    enum class Way { Folders, Link, Nothing };
 
     Path pathOf(std::string_view relative) const {
         return relative.empty() ? m_repository.rootPath() : m_repository.rootPath().child(relative);
@@ -176,6 +178,8 @@ private:
     void addRenames();
     void addUnverified(const FilterDrivers& drivers);
     void addUnreadable(const std::string& errors);
+    Way wayTo(const std::string& folder);
+    void addBeyondLinks();
     void addFolders();
 
     GitRunner& m_git;
@@ -185,6 +189,7 @@ private:
 
     std::map<Path, FileState> m_states;
     std::unordered_map<std::string, Folder> m_folders;
+    std::unordered_map<std::string, Way> m_ways{{"", Way::Folders}};
     std::string m_lastTrackedFolder = "/"; // no relative path
     std::string m_lastTracked;
     std::vector<std::string> m_submodules;
@@ -233,6 +238,7 @@ std::map<Path, FileState> Collector::collect() {
     askGit();
     if (!m_submodules.empty())
         askForSubmodules(drivers);
+    addBeyondLinks();
     if (!m_scope.includeUntracked)
         askForRemovedButPresent();
     addRenames();
@@ -596,24 +602,57 @@ void Collector::addUnreadable(const std::string& errors) {
     }
 }
 
+Collector::Way Collector::wayTo(const std::string& folder) {
+    if (const auto known = m_ways.find(folder); known != m_ways.end())
+        return known->second;
+    auto way = wayTo(std::string(parentOf(folder)));
+    if (way == Way::Folders) {
+        const auto mode = modeOf(folder);
+        way = mode && S_ISDIR(*mode)   ? Way::Folders
+              : mode && S_ISLNK(*mode) ? Way::Link
+                                       : Way::Nothing;
+    }
+    return m_ways[folder] = way;
+}
+
+// Where a link has taken a folder's place, git says that the files in it are missing, whatever the
+// link leads to: unless looking there fails, because it leads in a circle or to a folder that may
+// not be entered. Then it warns and takes the file for unchanged. What is said must not depend on
+// what lies elsewhere, for nobody would tell when that changes.
+void Collector::addBeyondLinks() {
+    if (m_warnings.empty())
+        return;
+    const auto lines = "\n" + m_warnings;
+    for (const auto& [folder, content] : m_folders) {
+        if (!content.tracked || wayTo(folder) != Way::Link)
+            continue;
+        const auto key = pathOf(folder);
+        std::size_t at = 0; // the warnings come in order, nearly
+        for (auto it = m_states.upper_bound(key);
+             it != m_states.end() && it->first.string().starts_with(key.string()); ++it) {
+            const auto status = it->second.getState();
+            if (it->first.parentPath() != key || status == LocalStatus::Missing ||
+                status == LocalStatus::Conflicted)
+                continue;
+            const auto path = m_repository.relative(it->first).value();
+            const auto line = "\n" + path + ": ";
+            auto found = lines.find(line, at);
+            if (found == std::string::npos)
+                found = lines.find(line);
+            if (found == std::string::npos)
+                continue;
+            at = found;
+            const auto* columns = it->second.findProperty(property::columns);
+            const char staged = columns != nullptr ? static_cast<char>(columns->front()) : '.';
+            take({.kind = Kind::Changed, .columns = std::string{staged, 'D'}, .path = path});
+        }
+    }
+}
+
 void Collector::addFolders() {
-    // Where a link has taken a folder's place, what was below it is not there any more, though its
-    // paths may lead to something.
-    std::unordered_map<std::string_view, bool> isThere;
-    const auto check = [&](const auto& self, std::string_view folder) -> bool {
-        const auto [found, isNew] = isThere.try_emplace(folder, folder.empty());
-        if (!isNew || folder.empty())
-            return found->second;
-        const auto slash = folder.rfind('/');
-        const auto mode = modeOf(std::string(folder));
-        const bool result =
-            mode && S_ISDIR(*mode) &&
-            (slash == std::string_view::npos || self(self, folder.substr(0, slash)));
-        return isThere[folder] = result;
-    };
     std::vector<std::string> closed; // files in them cannot be looked at
     for (const auto& [folder, content] : m_folders) {
-        if (!check(check, folder))
+        if (wayTo(folder) != Way::Folders)
             continue;
         const char* name = folder.empty() ? "." : folder.c_str();
         const auto key = pathOf(folder);

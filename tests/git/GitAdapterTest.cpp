@@ -39,6 +39,22 @@ TEST(GitAdapterTest, AnswersForPathsThatGitDoesNotName) {
     EXPECT_EQ(states.begin()->first, copy.at("dir/tracked"));
 }
 
+TEST(GitAdapterTest, SaysTheSameWhereverALinkLeads) {
+    Copy copy({}, "git init -q; mkdir -p d/n; touch d/f 'd/n/g: 1'; git add .; git commit -qm one\n"
+                  "touch d/new; git add d; echo 1 > d/f; git add d/f; mv d ../alike\n"
+                  "mkdir ../closed; chmod 0 ../closed");
+    const auto statesWithLinkTo = [&](const std::string& target) {
+        copy.sh("ln -sfn " + target + " d");
+        return copy.adapter().getStatus(copy.root(), true);
+    };
+    const auto states = statesWithLinkTo("../alike");
+    for (const auto& [path, wanted] :
+         {std::pair("d/f", "Missing MD"), {"d/new", "Missing AD"}, {"d/n/g: 1", "Missing .D"}})
+        EXPECT_EQ(stateOf(copy, path, property::columns), wanted);
+    for (const char* target : {"nowhere", "d", "../closed"})
+        EXPECT_EQ(statesWithLinkTo(target), states) << target;
+}
+
 // That nothing is run is shown where everything is baited; here, what is said and done instead.
 TEST(GitAdapterTest, ARepositorysOwnFilterIsNotRunAndSaid) {
     Copy copy({},
