@@ -22,10 +22,12 @@
 #include <condition_variable>
 #include <deque>
 #include <exception>
+#include <filesystem>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <string>
+#include <system_error>
 #include <utility>
 
 namespace quendo::host {
@@ -146,10 +148,13 @@ private:
         std::string reason;
         for (const auto& folder : folders) {
             const auto health = m_watcher->getHealth(folder);
-            // One that was deleted is polled for its return, which the folder above it tells.
+            // One that was deleted, or gave way to a link, is polled for its return, which the
+            // folder above it tells.
+            std::error_code none;
             if (health.means == platform::WatchHealth::Means::Polled &&
-                platform::services()->files->isDirectory(folder) && poor.insert(folder).second &&
-                poor.size() == 1)
+                std::filesystem::is_directory(
+                    std::filesystem::symlink_status(folder.toNative(), none)) &&
+                poor.insert(folder).second && poor.size() == 1)
                 reason = health.reason.empty() ? "not watched by the system" : health.reason;
         }
         return {poor.size(), reason};

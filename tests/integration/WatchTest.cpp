@@ -218,7 +218,8 @@ TEST(Watch, TenAreInNobodysWay) {
     // Each step is a git command, and the script ends at the first that fails.
     runScript(sandbox, R"sh(for i in $(seq 17); do
         w a $i; w n$i; git add -A; git commit -qm $i; git checkout -qB b$((i % 3))
-        w d/c $i; git stash -q; git stash pop -q; git gc -q; done)sh");
+        w d/c $i; git stash -q; git stash pop -q; git gc -q; done
+        mv d ../d; ln -s ../d d)sh");
     for (auto& watch : watches) {
         watch.expectCaughtUp();
         EXPECT_EQ(watch.end(SIGTERM), 143);
