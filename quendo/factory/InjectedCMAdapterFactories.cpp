@@ -55,7 +55,7 @@ std::vector<std::shared_ptr<CMAdapterFactory>> InjectedCMAdapterFactories::getFa
 }
 
 InjectedCMAdapterFactories& getInjectedCMAdapterFactoriesInstance() {
-    static InjectedCMAdapterFactories instance;
+    static auto& instance = *new InjectedCMAdapterFactories;
     return instance;
 }
 

@@ -34,7 +34,8 @@ private:
     std::shared_ptr<Impl> m_impl;
 };
 
-/// The list of the process, made on first use and destroyed at its end.
+/// The list of the process, made on first use and never destroyed: folders are looked for until the
+/// process has ended. A factory that has to be destroyed before must be removed.
 QUENDO_API InjectedCMAdapterFactories& getInjectedCMAdapterFactoriesInstance();
 
 } // namespace quendo

@@ -38,12 +38,17 @@ log::attribute_set attributesOf(Severity severity) {
 }
 
 // Never destroyed: destructors of statics and late threads still write records. The attribute sets
-// are made once because making one costs more than a whole record that nobody takes.
+// are made once because making one costs more than a whole record that nobody takes, and the names
+// because Boost's table of names is destroyed when the process ends.
 struct Channel {
     log::core_ptr core = log::core::get();
     log::attribute_set detail = attributesOf(Severity::Detail);
     log::attribute_set notice = attributesOf(Severity::Notice);
     log::attribute_set caughtException = attributesOf(Severity::CaughtException);
+    log::attribute_name source = "Source";
+    log::attribute_name function = "Function";
+    log::attribute_name line = "Line";
+    log::attribute_name message = "Message";
 
     Channel() { core->add_sink(boost::make_shared<SilentSink>()); }
 
@@ -60,9 +65,8 @@ const Channel& channel() {
 }
 
 template <class Value>
-void insert(log::record& record, const char* name, Value value) {
-    record.attribute_values().insert(log::attribute_name(name),
-                                     log::attributes::make_attribute_value(std::move(value)));
+void insert(log::record& record, log::attribute_name name, Value value) {
+    record.attribute_values().insert(name, log::attributes::make_attribute_value(std::move(value)));
 }
 
 } // namespace
@@ -84,9 +88,9 @@ LogRecord::LogRecord(Severity severity, std::string_view source, const char* fun
         auto record = channel().core->open_record(channel().attributes(severity));
         if (!record)
             return;
-        insert(record, "Source", std::string(source));
-        insert(record, "Function", std::string(function));
-        insert(record, "Line", line);
+        insert(record, channel().source, std::string(source));
+        insert(record, channel().function, std::string(function));
+        insert(record, channel().line, line);
         m_impl = std::make_unique<Impl>();
         m_impl->record = std::move(record);
     } catch (...) {
@@ -98,7 +102,7 @@ LogRecord::~LogRecord() {
     if (m_impl == nullptr)
         return;
     try {
-        insert(m_impl->record, "Message", m_impl->text.str());
+        insert(m_impl->record, channel().message, m_impl->text.str());
         channel().core->push_record(std::move(m_impl->record));
     } catch (...) {
         // As above: a sink that fails is the host's business.

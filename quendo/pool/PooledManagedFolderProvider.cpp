@@ -38,7 +38,7 @@ namespace {
 template <class Signature>
 using Signal = boost::signals2::signal<Signature, platform::EachSlot>;
 
-const std::string unknownClient = "UNKNOWN";
+constexpr auto unknownClient = "UNKNOWN";
 
 /// The path to look around: the target where it leads to a folder.
 Path requestedPath(const Path& path) {

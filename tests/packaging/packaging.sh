@@ -95,6 +95,8 @@ exports)
     # Were nothing of it exported, the lines above would be content too.
     grep -q ' quendo::AllCMAdapterFactoryProvider::provide' "$SCRATCH/exports.txt" ||
         fail "the library exports nothing"
+    # Its threads run until the process has ended, so nothing of it may be destroyed before.
+    ! nm -D --undefined-only "$library" | grep -w __cxa_atexit || fail "has destructors of statics"
     ;;
 subproject)
     # ccache knows the library from the last time when no precompiled header is in its way.
