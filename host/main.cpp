@@ -3,8 +3,12 @@
 #include "host/LogSink.h"
 #include "host/StandardStreams.h"
 
+#include <cstdlib>
 #include <exception>
 #include <new>
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
 
 namespace quendo::host {
 namespace {
@@ -44,9 +48,18 @@ int runProgram(int count, char** arguments) {
     }
 }
 
+// The library's threads may be at work still, and all that was to be written has been: so nothing
+// is destroyed beneath them, and nobody waits for them.
+[[noreturn]] void end(int code) {
+#ifdef __SANITIZE_ADDRESS__
+    __lsan_do_leak_check();
+#endif
+    std::_Exit(code);
+}
+
 } // namespace
 } // namespace quendo::host
 
 int main(int count, char** arguments) {
-    return quendo::host::runProgram(count, arguments);
+    quendo::host::end(quendo::host::runProgram(count, arguments));
 }
