@@ -97,7 +97,7 @@ exports)
         fail "the library exports nothing"
     # Its threads run until the process has ended, so nothing of it may be destroyed before.
     ! nm -D --undefined-only "$library" | grep -w __cxa_atexit || fail "has destructors of statics"
-    readelf -dW "$library" | grep -qw NODELETE || fail "can be unloaded"
+    readelf -dW "$library" | grep -w NODELETE >/dev/null || fail "can be unloaded"
     ;;
 subproject)
     # ccache knows the library from the last time when no precompiled header is in its way.
