@@ -47,6 +47,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/platform/EventMgr.h
     quendo/platform/Executor.h
     quendo/platform/ExecutorService.h
+    quendo/platform/ExecutorTurn.h
     quendo/platform/Export.h
     quendo/platform/FactorySources.h
     quendo/platform/FeatureFlagService.h

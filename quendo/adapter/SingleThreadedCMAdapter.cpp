@@ -20,29 +20,35 @@ namespace {
 /// What the operation throws is handed over whole: the executor's thread lets go of it before the
 /// caller may look at it, and never destroys it.
 template <class Operation>
-auto runFor(Executor& executor, Operation operation) {
+auto runFor(Executor& executor, const std::optional<TaskSubject>& subject, Operation operation) {
     using Result = std::invoke_result_t<Operation&>;
     constexpr bool isVoid = std::is_void_v<Result>;
     using Kept = std::conditional_t<isVoid, bool, std::optional<Result>>;
     const auto failure = std::make_shared<std::exception_ptr>();
-    auto result = executor.runSyncTask(
-        [origin = QueryOrigin::current(), operation = std::move(operation), failure]() mutable {
-            Kept kept{};
-            try {
-                const QueryOrigin::WorkScope scope(origin);
-                if constexpr (isVoid)
-                    operation();
-                else
-                    kept = operation();
-            } catch (...) {
-                *failure = std::current_exception();
-            }
-            return kept;
-        });
+    auto task = [origin = QueryOrigin::current(), operation = std::move(operation),
+                 failure]() mutable {
+        Kept kept{};
+        try {
+            const QueryOrigin::WorkScope scope(origin);
+            if constexpr (isVoid)
+                operation();
+            else
+                kept = operation();
+        } catch (...) {
+            *failure = std::current_exception();
+        }
+        return kept;
+    };
+    auto result = subject ? executor.runSyncTaskFor(*subject, std::move(task))
+                          : executor.runSyncTask(std::move(task));
     if (auto thrown = std::exchange(*failure, nullptr))
         std::rethrow_exception(std::move(thrown));
     if constexpr (!isVoid)
         return std::move(*result);
+}
+
+std::optional<TaskSubject> subjectOf(const std::optional<Path>& workingCopy, bool isQuery) {
+    return workingCopy ? std::optional(TaskSubject{*workingCopy, isQuery}) : std::nullopt;
 }
 
 } // namespace
@@ -54,50 +60,66 @@ SingleThreadedCMAdapter::SingleThreadedCMAdapter(std::shared_ptr<Executor> execu
         throw std::invalid_argument("a single-threaded adapter needs an executor");
 }
 
+SingleThreadedCMAdapter::SingleThreadedCMAdapter(std::shared_ptr<Executor> executor,
+                                                 std::unique_ptr<CMAdapter> adapter,
+                                                 const Path& workingCopy)
+    : SingleThreadedCMAdapter(std::move(executor), std::move(adapter)) {
+    m_workingCopy = workingCopy;
+}
+
 SingleThreadedCMAdapter::~SingleThreadedCMAdapter() = default;
 
+template <class Operation>
+auto SingleThreadedCMAdapter::change(Operation operation) const {
+    return runFor(*m_executor, subjectOf(m_workingCopy, false), std::move(operation));
+}
+
+template <class Operation>
+auto SingleThreadedCMAdapter::query(Operation operation) const {
+    return runFor(*m_executor, subjectOf(m_workingCopy, true), std::move(operation));
+}
+
 void SingleThreadedCMAdapter::checkin(const Path& file, const UString& message) const {
-    runFor(*m_executor, [=, this] { CMAdapterDecorator::checkin(file, message); });
+    change([=, this] { CMAdapterDecorator::checkin(file, message); });
 }
 
 void SingleThreadedCMAdapter::checkin(const std::vector<Path>& files,
                                       const UString& message) const {
-    runFor(*m_executor, [=, this] { CMAdapterDecorator::checkin(files, message); });
+    change([=, this] { CMAdapterDecorator::checkin(files, message); });
 }
 
 void SingleThreadedCMAdapter::addFiles(const std::vector<Path>& files) const {
-    runFor(*m_executor, [=, this] { CMAdapterDecorator::addFiles(files); });
+    change([=, this] { CMAdapterDecorator::addFiles(files); });
 }
 
 void SingleThreadedCMAdapter::removeFiles(const std::vector<Path>& files) const {
-    runFor(*m_executor, [=, this] { CMAdapterDecorator::removeFiles(files); });
+    change([=, this] { CMAdapterDecorator::removeFiles(files); });
 }
 
 void SingleThreadedCMAdapter::moveFile(const Path& source, const Path& destination) const {
-    runFor(*m_executor, [=, this] { CMAdapterDecorator::moveFile(source, destination); });
+    change([=, this] { CMAdapterDecorator::moveFile(source, destination); });
 }
 
 void SingleThreadedCMAdapter::uncheckout(const std::vector<Path>& files) const {
-    runFor(*m_executor, [=, this] { CMAdapterDecorator::uncheckout(files); });
+    change([=, this] { CMAdapterDecorator::uncheckout(files); });
 }
 
 void SingleThreadedCMAdapter::resolveConflict(const Path& file) const {
-    runFor(*m_executor, [=, this] { CMAdapterDecorator::resolveConflict(file); });
+    change([=, this] { CMAdapterDecorator::resolveConflict(file); });
 }
 
 std::map<Path, FileState> SingleThreadedCMAdapter::getStatus(const std::vector<Path>& files) const {
-    return runFor(*m_executor, [=, this] { return CMAdapterDecorator::getStatus(files); });
+    return query([=, this] { return CMAdapterDecorator::getStatus(files); });
 }
 
 std::map<Path, FileState> SingleThreadedCMAdapter::getStatus(const Path& path,
                                                              bool includeUntracked) const {
-    return runFor(*m_executor,
-                  [=, this] { return CMAdapterDecorator::getStatus(path, includeUntracked); });
+    return query([=, this] { return CMAdapterDecorator::getStatus(path, includeUntracked); });
 }
 
 std::vector<std::unique_ptr<Revision>> SingleThreadedCMAdapter::listRevisions(
     const Path& file, std::optional<std::reference_wrapper<const Revision>> from) const {
-    return runFor(*m_executor, [=, this] { return CMAdapterDecorator::listRevisions(file, from); });
+    return query([=, this] { return CMAdapterDecorator::listRevisions(file, from); });
 }
 
 } // namespace quendo

@@ -2,8 +2,10 @@
 
 #include "quendo/adapter/CMAdapterDecorator.h"
 #include "quendo/platform/Export.h"
+#include "quendo/platform/Path.h"
 
 #include <memory>
+#include <optional>
 
 namespace quendo {
 
@@ -13,6 +15,12 @@ class Executor;
 /// which the calls came: both forms of checkin and getStatus, addFiles, removeFiles, moveFile,
 /// uncheckout, resolveConflict and listRevisions. The caller waits and gets the result, or the
 /// exception, the same object.
+///
+/// Made with the root of its working copy, it tells the executor what each call works on
+/// (Executor::postFor). While an operation that changes something then waits outside the executor,
+/// as the Git adapter's do while a hook runs, getStatus and listRevisions of other working copies
+/// are served. Operations that change something never overlap, and the calls of one working copy
+/// never overlap and keep their order.
 ///
 /// Everything else runs on the caller's thread beside them, checkout and discardChanges included;
 /// that is deliberate.
@@ -24,6 +32,9 @@ public:
     /// @param executor shared with as many adapters as are to take turns
     /// @throws std::invalid_argument when either is null
     SingleThreadedCMAdapter(std::shared_ptr<Executor> executor, std::unique_ptr<CMAdapter> adapter);
+    /// @param workingCopy the root, canonical
+    SingleThreadedCMAdapter(std::shared_ptr<Executor> executor, std::unique_ptr<CMAdapter> adapter,
+                            const Path& workingCopy);
     ~SingleThreadedCMAdapter() override;
 
     void checkin(const Path& file, const UString& message) const override;
@@ -40,7 +51,13 @@ public:
                   std::optional<std::reference_wrapper<const Revision>> from) const override;
 
 private:
+    template <class Operation>
+    auto change(Operation operation) const;
+    template <class Operation>
+    auto query(Operation operation) const;
+
     std::shared_ptr<Executor> m_executor;
+    std::optional<Path> m_workingCopy;
 };
 
 } // namespace quendo

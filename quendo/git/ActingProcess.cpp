@@ -4,12 +4,14 @@
 #include "quendo/git/Cancellation.h"
 #include "quendo/git/ChildLaunch.h"
 #include "quendo/git/ProcessActivity.h"
+#include "quendo/platform/ExecutorTurn.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <optional>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -125,6 +127,12 @@ ActingResult runActing(const ActingPlan& plan, const Cancellation& cancellation,
         .lifetime = ChildLifetime::OutlivesParent,
     });
 
+    // A quick git keeps the executor. Each OutsideExecutor may cost the length of somebody's query.
+    std::optional<OutsideExecutor> outside;
+    const auto stepOutside = [&] {
+        if (!outside)
+            outside.emplace();
+    };
     ActingResult result;
     const auto takeErrors = [&] {
         bool heard = false;
@@ -165,12 +173,14 @@ ActingResult runActing(const ActingPlan& plan, const Cancellation& cancellation,
             break;
         }
         if (polled[2].revents != 0) {
+            stepOutside();
             meanwhile.serve();
             lastProgress = Clock::now();
         }
         if (Clock::now() < nextRound)
             continue;
         nextRound = Clock::now() + round;
+        stepOutside();
         const bool heard = takeErrors() | takeOutput();
         const auto activity = lookAtProcess(child.id);
         if (heard || activity.processorTime != lastProcessorTime)

@@ -48,6 +48,9 @@ struct ActingResult {
 /// files in memory that stay there for it. It has a session of its own, so nothing that it starts
 /// finds a terminal to ask at.
 ///
+/// While it runs for longer than 100 ms, and while `serve` runs, the calling task waits outside its
+/// executor (OutsideExecutor).
+///
 /// When the call is cancelled, it is told to stop (SIGTERM, on which git takes its lock files
 /// away), and everything that it started with it; what has not ended a quarter of a second later
 /// is killed. What it leaves running at a regular end is left alone.

@@ -5,6 +5,7 @@
 #include "quendo/git/GitAdapter.h"
 #include "quendo/git/GitFailure.h"
 #include "quendo/git/Repository.h"
+#include "quendo/platform/ExecutorTurn.h"
 #include "quendo/platform/Path.h"
 #include "quendo/platform/UString.h"
 
@@ -108,9 +109,12 @@ std::string GitActor::run(const GitAction& action) {
 
 void GitActor::waitForIndex(Time deadline) {
     const auto lock = m_repository.gitDir() + "/index.lock";
-    for (bool isFirst = true; exists(lock); isFirst = false) {
-        if (isFirst)
+    std::optional<OutsideExecutor> outside;
+    while (exists(lock)) {
+        if (!outside) {
+            outside.emplace();
             tell("waiting for another Git process that holds " + Path::fromNative(lock).toUtf8());
+        }
         if (Clock::now() >= deadline)
             throw exception::OperationFailedError(describeLock(lock));
         pollfd cancelled{m_cancellation->fileDescriptor(), POLLIN, 0};

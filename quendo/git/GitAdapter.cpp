@@ -12,6 +12,7 @@
 #include "quendo/git/GitText.h"
 #include "quendo/git/MetadataFilter.h"
 #include "quendo/git/SmallFile.h"
+#include "quendo/platform/ExecutorTurn.h"
 #include "quendo/platform/Logging.h"
 #include "quendo/platform/ScopeGuard.h"
 
@@ -82,8 +83,11 @@ void GitAdapter::act(const UString& message, Work&& work) const {
     const Cancellation cancellation(m_interactor.get());
     constexpr std::chrono::milliseconds lookAtCancellation{50};
     {
+        std::optional<OutsideExecutor> outside; // ends without the lock
         std::unique_lock lock(m_lock);
         while (m_isActing) {
+            if (!outside)
+                outside.emplace();
             m_hasActed.wait_for(lock, lookAtCancellation);
             cancellation.throwIfRequested();
         }

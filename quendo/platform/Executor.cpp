@@ -7,6 +7,10 @@ namespace quendo {
 
 Executor::~Executor() = default;
 
+void Executor::postFor(const TaskSubject&, Task task) {
+    post(std::move(task));
+}
+
 void Executor::refuseOwnThread() const {
     if (isRunningInThisThread())
         throw ExecutorDeadlockError(

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "quendo/platform/Export.h"
+#include "quendo/platform/Path.h"
 #include "quendo/platform/StackTraceRecordingException.h"
 #include "quendo/platform/UniqueFunction.h"
 
@@ -17,6 +18,12 @@ namespace quendo {
 class QUENDO_API ExecutorDeadlockError : public platform::StackTraceRecordingException {
 public:
     using StackTraceRecordingException::StackTraceRecordingException;
+};
+
+/// What a task works on.
+struct TaskSubject {
+    Path workingCopy;     ///< its root, in the one spelling that all its tasks use
+    bool isQuery = false; ///< changes nothing
 };
 
 /// Runs tasks one at a time, in the order in which they were handed in.
@@ -41,27 +48,19 @@ public:
     /// The name given at creation, UTF-8.
     virtual std::string name() const = 0;
 
+    /// As post(), for a task that works on one working copy. While a task that changes a working
+    /// copy waits outside (OutsideExecutor), an executor that supports it runs queries of other
+    /// working copies, one at a time. Tasks of one working copy keep their order and never overlap.
+    /// The default is post(): every task waits for the one before.
+    virtual void postFor(const TaskSubject& subject, Task task);
+
     /// Queues `task` and returns a future for its result or its exception, the same object.
     template <class Callable>
     auto runAsyncTask(Callable&& task)
         -> std::future<std::invoke_result_t<std::decay_t<Callable>&>> {
-        using Result = std::invoke_result_t<std::decay_t<Callable>&>;
-        std::promise<Result> promise;
-        auto future = promise.get_future();
-        post([promise = std::move(promise),
-              task = std::decay_t<Callable>(std::forward<Callable>(task))]() mutable {
-            try {
-                if constexpr (std::is_void_v<Result>) {
-                    task();
-                    promise.set_value();
-                } else {
-                    promise.set_value(task());
-                }
-            } catch (...) {
-                promise.set_exception(std::current_exception());
-            }
-        });
-        return future;
+        auto [packaged, future] = package(std::forward<Callable>(task));
+        post(std::move(packaged));
+        return std::move(future);
     }
 
     /// Queues `task`, waits until it has run, and returns its result or throws its exception, the
@@ -73,12 +72,45 @@ public:
         return runAsyncTask(std::forward<Callable>(task)).get();
     }
 
+    /// The same through postFor().
+    template <class Callable>
+    auto runSyncTaskFor(const TaskSubject& subject, Callable&& task)
+        -> std::invoke_result_t<std::decay_t<Callable>&> {
+        refuseOwnThread();
+        auto [packaged, future] = package(std::forward<Callable>(task));
+        postFor(subject, std::move(packaged));
+        return future.get();
+    }
+
 private:
+    template <class Callable>
+    static auto package(Callable&& task) {
+        using Result = std::invoke_result_t<std::decay_t<Callable>&>;
+        std::promise<Result> promise;
+        auto future = promise.get_future();
+        Task packaged = [promise = std::move(promise),
+                         task = std::decay_t<Callable>(std::forward<Callable>(task))]() mutable {
+            try {
+                if constexpr (std::is_void_v<Result>) {
+                    task();
+                    promise.set_value();
+                } else {
+                    promise.set_value(task());
+                }
+            } catch (...) {
+                promise.set_exception(std::current_exception());
+            }
+        };
+        return std::pair(std::move(packaged), std::move(future));
+    }
+
     void refuseOwnThread() const;
 };
 
-/// The one executor on which every working-copy operation of the process runs, on one thread of
-/// its own. From the installed platform services; never null.
+/// The one executor on which every working-copy operation of the process runs. The library's own
+/// runs all operations that change something on one thread, and queries there too, apart from those
+/// that it runs on a second thread while an operation waits outside. From the installed platform
+/// services; never null.
 QUENDO_API std::shared_ptr<Executor> getSourceControlExecutor();
 
 /// A new serial executor. It holds no thread while it has nothing to do.

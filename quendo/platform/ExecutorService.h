@@ -17,7 +17,9 @@ class QUENDO_API ExecutorService {
 public:
     virtual ~ExecutorService();
 
-    /// One executor for the whole process, on one thread of its own. Never null.
+    /// One executor for the whole process, which runs one task at a time. Never null. An
+    /// implementation that overrides Executor::postFor() keeps the slow operation of one working
+    /// copy from holding up queries of the others.
     virtual std::shared_ptr<Executor> getSourceControlExecutor() = 0;
 
     /// A new serial executor with this name (UTF-8). Never null. Its tasks block, so it must not

@@ -18,8 +18,9 @@ namespace {
 std::shared_ptr<EventBroadcastingCMAdapter>
 layered(std::unique_ptr<CMAdapter> adapter,
         const std::shared_ptr<CMApplicationInteractor>& interactor) {
-    auto oneAtATime =
-        std::make_unique<SingleThreadedCMAdapter>(getSourceControlExecutor(), std::move(adapter));
+    const auto root = adapter ? adapter->getRootFolder() : Path();
+    auto oneAtATime = std::make_unique<SingleThreadedCMAdapter>(getSourceControlExecutor(),
+                                                                std::move(adapter), root);
     return std::make_shared<EventBroadcastingCMAdapter>(
         makeExternalChangeDetectingCMAdapter(std::move(oneAtATime), interactor));
 }

@@ -1,4 +1,5 @@
 #include "quendo/platform/Executor.h"
+#include "quendo/platform/ExecutorTurn.h"
 #include "quendo/platform/standard/SingleThreadExecutor.h"
 #include "quendo/platform/standard/StrandPool.h"
 #include "tests/support/Testing.h"
@@ -109,6 +110,83 @@ TEST_P(Executors, TakeTheTaskBackWhenNoThreadCanBeHad) {
     EXPECT_EQ(held.use_count(), 1);
     failing = false;
     EXPECT_EQ(executor->runSyncTask([&] { return ++*held; }), 1) << "nothing ran twice";
+}
+
+TEST_P(Executors, LetOnlyQueriesOfOthersPassWhoWaitsOutside) {
+    const bool serves = GetParam().first == kinds[0].first;
+    int threads = 0;
+    const auto executor = make("test", [&](UniqueFunction<void()> body) {
+        if (++threads == 2) // the first query has to wait for the next task to be queued
+            throw std::system_error(EAGAIN, std::generic_category());
+        startDetachedThread(std::move(body));
+    });
+    const auto fork = [&](const char16_t* copy, bool isQuery, UniqueFunction<void()> task) {
+        std::promise<void> ended;
+        auto future = ended.get_future();
+        executor->postFor({Path(copy), isQuery},
+                          [task = std::move(task), ended = std::move(ended)]() mutable {
+                              task();
+                              ended.set_value();
+                          });
+        return future;
+    };
+    std::string order;
+    std::promise<void> outside, goOn;
+    auto operation = fork(u"/a", false, [&] {
+        {
+            const OutsideExecutor one, two;
+            outside.set_value();
+            within(goOn.get_future());
+            EXPECT_THROW(executor->runSyncTask([] {}), ExecutorDeadlockError);
+        }
+        order += "A";
+    });
+    within(outside.get_future());
+    const auto run = [&](const char16_t* copy, bool isQuery, char name) {
+        return fork(copy, isQuery, [&, name] {
+            const OutsideExecutor nothing; // a query keeps its turn
+            EXPECT_TRUE(executor->isRunningInThisThread());
+            EXPECT_THROW(executor->runSyncTask([] {}), ExecutorDeadlockError);
+            order += name;
+        });
+    };
+    auto first = run(u"/c", true, 'c');
+    std::vector<std::future<void>> held;
+    held.push_back(run(u"/a", true, 'a'));
+    held.push_back(run(u"/b", false, 'B'));
+    held.push_back(run(u"/b", true, 'b'));
+    auto second = run(u"/d", true, 'd');
+    if (serves) {
+        within(std::move(first));
+        within(std::move(second));
+    }
+    executor->post([&] { order += "."; });
+    held.push_back(run(u"/d", true, 'e'));
+    goOn.set_value();
+    for (within(std::move(operation)); !held.empty(); held.pop_back())
+        within(std::move(held.back()));
+    EXPECT_EQ(order, serves ? "cdAaBb.e" : "AcaBbd.e");
+}
+
+TEST(SingleThreadExecutor, StormOfOperationsOutsideKeepsTurnsAndOrder) {
+    SingleThreadExecutor executor("storm");
+    int running = 0, seen[3][3] = {}; // plain: the sanitizer tells when two tasks meet
+    test::onThreads(9, [&](int thread) {
+        const int copy = thread % 3, kind = thread / 3;
+        for (int i = 0; i < 200; ++i)
+            executor.runSyncTaskFor({Path(std::u16string(1, u'a' + copy)), kind > 0}, [&, i] {
+                EXPECT_EQ(++running, 1);
+                EXPECT_EQ(seen[copy][kind]++, i);
+                --running;
+                if (kind > 0)
+                    return;
+                const auto before = seen[copy][1] + seen[copy][2];
+                { const OutsideExecutor outside; }
+                EXPECT_EQ(++running, 1);
+                EXPECT_EQ(before, seen[copy][1] + seen[copy][2]) << "of one working copy";
+                --running;
+            });
+    });
 }
 
 TEST(StrandPool, StrandsThatWaitForOthersStarveNone) {

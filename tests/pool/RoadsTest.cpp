@@ -5,6 +5,7 @@
 #include "tests/support/RealFolder.h"
 
 #include <pthread.h>
+#include <sys/stat.h>
 
 namespace quendo {
 namespace {
@@ -102,6 +103,34 @@ TEST(Roads, PassAQueryThatRuns) {
     road.query.opened.set_value();
     task->wait();
     EXPECT_EQ(toUtf8(state.commit) + "\n", road.sandbox.git({"rev-parse", "main"}));
+}
+
+// While a hook of one working copy runs, others are refreshed.
+TEST(Roads, PassAHookOfAnotherWorkingCopy) {
+    Road road;
+    const auto other = road.at("other");
+    road.sandbox.init({"--template="}, other);
+    test::writeFile(other / "a", "1");
+    road.sandbox.commitAll("first", other);
+    for (const char* name : {"running", "goOn"})
+        ASSERT_EQ(::mkfifo(road.at(name).c_str(), 0600), 0);
+    test::writeFile(road.sandbox.work() / ".git/hooks/pre-commit",
+                    "#!/bin/sh\n: >../running\nread line <../goOn\n");
+    fs::permissions(road.sandbox.work() / ".git/hooks/pre-commit", fs::perms::owner_all);
+    const auto folder = road.filledFolder();
+    const test::FollowedFolder followed(
+        road.provider->provideFor(Path::fromNative(other.native())));
+    followed.cache.refreshAll();
+
+    road.write("a", "2");
+    test::writeFile(other / "a", "2");
+    auto checkin = test::onThread([&] { folder->getAdapter().checkin(road.root / u"a", u"slow"); });
+    test::within(test::onThread([&] { std::ifstream(road.at("running")).get(); }));
+    test::within(test::onThread([&] { followed.cache.refreshAll(); }));
+    EXPECT_TRUE(followed.has(u"a", LocalStatus::Modified));
+    std::ofstream(road.at("goOn")) << "\n";
+    test::within(std::move(checkin));
+    EXPECT_EQ(road.sandbox.git({"rev-list", "--count", "main"}), "2\n");
 }
 
 // The first of two guards that goes turns detection on, for files and for the repository.

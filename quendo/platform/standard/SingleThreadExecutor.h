@@ -9,7 +9,8 @@
 namespace quendo::platform {
 
 /// An executor with one thread of its own, which starts with the first task and ends when the
-/// executor is gone and its queue empty.
+/// executor is gone and its queue empty. A second thread exists while a task waits outside and
+/// queries of other working copies are queued; when no thread can be had for it, they wait.
 class QUENDO_API SingleThreadExecutor : public Executor {
 public:
     explicit SingleThreadExecutor(std::string name,
@@ -17,6 +18,7 @@ public:
     ~SingleThreadExecutor() override;
 
     void post(Task task) override;
+    void postFor(const TaskSubject& subject, Task task) override;
     bool isRunningInThisThread() const noexcept override;
     std::string name() const override;
 
