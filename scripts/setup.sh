@@ -1,6 +1,15 @@
 # What ./run, ./test and .ci/run share: sourced by them with `root` set to the project's folder.
 # Everything here speaks on standard error; standard output belongs to what is run in the end.
 
+# Estimates. Processor seconds for one step of a first build: 2 processors took 341 s for the 249 steps
+# of the preset debug. A later build has fewer steps.
+declare -A secondsPerStep=([debug]=3 [release]=5)
+# Processor seconds for all tests: 2 processors took 4 minutes, and ctest recorded 358 s in sum.
+secondsOfTests=480
+processors=$(nproc)
+# How often quietly() reports progress.
+secondsBetweenLines=20
+
 say() { printf 'quendo: %s\n' "$*" >&2; }
 die() { say "$@"; exit 1; }
 
@@ -52,7 +61,7 @@ installMissing() {
             "(the development files of two Boost versions exclude each other);" \
             "remove these yourself if you can do without them, and start again"
 
-    say "apt-get install"
+    say "apt-get install ($(grep -c ^Inst <<<"$plan") packages)"
     if ! aptAsRoot --no-remove "${install[@]}" >"$log" 2>&1; then
         if [[ $updated ]] || ! aptAsRoot update >>"$log" 2>&1 ||
             ! aptAsRoot --no-remove "${install[@]}" >>"$log" 2>&1; then
@@ -89,23 +98,38 @@ ensurePackages() {
     exec {lock}>&-
 }
 
-# quietly LOG COMMAND...: shows the output while it comes on a terminal, else only of a failure.
+# Whether standard error is a terminal, where programs show their own progress.
+onTerminal() { [[ -t 2 && -z ${CI:-} ]]; }
+
+# quietly LOG COMMAND...: runs COMMAND. On a terminal its output is shown. Elsewhere the output goes to
+# LOG, a line every 20 seconds or so reports how many of ninja's steps are done, and LOG is shown when
+# COMMAND fails.
 quietly() {
-    local log=$1 status=0
+    local log=$1 line status due=$((SECONDS + secondsBetweenLines))
     shift
-    if [[ -t 2 && -z ${CI:-} ]]; then
-        "$@" >&2 </dev/null || status=$?
-    else
-        "$@" >"$log" 2>&1 </dev/null || { status=$?; cat "$log" >&2; }
+    if onTerminal; then
+        "$@" >&2 </dev/null
+        return
     fi
+    "$@" 2>&1 </dev/null | tee "$log" | while IFS= read -r line; do
+        ((SECONDS >= due)) && [[ $line =~ ^\[([0-9]+)/([0-9]+)\] ]] || continue
+        say "built ${BASH_REMATCH[1]} of ${BASH_REMATCH[2]} steps"
+        due=$((SECONDS + secondsBetweenLines))
+    done
+    status=${PIPESTATUS[0]}
+    ((status == 0)) || cat "$log" >&2
     return "$status"
 }
 
-# build PRESET FOLDER [CMAKE ARGUMENT...]: configures when that is due and builds all of it. One at
-# a time for each folder. A folder that was copied here from elsewhere is configured afresh.
+# about SECONDS: the time for people, rounded up.
+about() {
+    if (($1 < 90)); then echo "about $((($1 + 9) / 10 * 10)) s"; else echo "about $((($1 + 59) / 60)) min"; fi
+}
+
+# build PRESET: configures when that is due and builds all of it, in build/PRESET. One at a time for
+# each preset. A folder that was copied here from elsewhere is configured afresh.
 build() {
-    local preset=$1 folder=$root/build/$2 configured state before= lock
-    shift 2
+    local preset=$1 folder=$root/build/$1 configured state before= fresh=--fresh plan steps lock
     mkdir -p "$folder"
     exec {lock}>"$folder/.lock"
     if ! flock -n "$lock"; then
@@ -113,19 +137,34 @@ build() {
         flock "$lock"
     fi
     configured=$folder/.configured
-    state="$root $preset $* $(<"$root/CMakePresets.json")"
+    state="$root $preset $(<"$root/CMakePresets.json")"
     [[ -f $configured ]] && before=$(<"$configured")
     if [[ $before != "$state" ]]; then
+        grep -qxF "CMAKE_CACHEFILE_DIR:INTERNAL=$folder" "$folder/CMakeCache.txt" 2>/dev/null && fresh=
         (cd "$root" && quietly "$folder/configure.log" \
-            cmake --fresh --preset "$preset" -B "$folder" "$@") ||
+            cmake $fresh --preset "$preset" -B "$folder") ||
             die "configuring failed"
         printf '%s\n' "$state" >"$configured"
     fi
-    if [[ $(ninja -C "$folder" -n 2>&1 | tail -n 1) != "ninja: no work to do." ]]; then
-        [[ -t 2 && -z ${CI:-} ]] || say "building ($preset)"
+    plan=$(ninja -C "$folder" -n 2>&1 | tail -n 1)
+    if [[ $plan != "ninja: no work to do." ]]; then
+        steps=0
+        [[ $plan =~ ^\[[0-9]+/([0-9]+)\] ]] && steps=${BASH_REMATCH[1]}
+        say "building ($preset): $steps steps," \
+            "$(about $((steps * ${secondsPerStep[$preset]:-3} / processors))) with $processors processors"
         quietly "$folder/build.log" ninja -C "$folder" || die "building failed"
     fi
     exec {lock}>&-
+}
+
+# announceTests FOLDER: announces how long all tests will take, from the times that ctest recorded in
+# that build folder.
+announceTests() {
+    local costs=$1/Testing/Temporary/CTestCostData.txt seconds=0
+    [[ ! -f $costs ]] ||
+        seconds=$(awk '/^---/ { exit } { sum += $3 } END { print int(sum) }' "$costs")
+    ((seconds)) && seconds=$((seconds * 4 / 3)) || seconds=$secondsOfTests
+    say "running the tests: $(about $((seconds / processors))) with $processors processors"
 }
 
 # Words to put before a command so that it runs without root's power to read and write whatever it
