@@ -1,5 +1,6 @@
-# What `cmake --install` puts in place: the library, its headers, the program, and what lets CMake
-# and pkg-config find them. All of it may be moved as a whole afterwards.
+# What `cmake --install` puts in place: the library, its headers, the program with its manual page and
+# completion scripts, the documents, and what lets CMake and pkg-config find the library. All of it may
+# be moved as a whole afterwards.
 
 include(CMakePackageConfigHelpers)
 include(${CMAKE_CURRENT_LIST_DIR}/PublicHeaders.cmake)
@@ -31,10 +32,25 @@ file(RELATIVE_PATH prefixFromPkgConfig
 configure_file(${CMAKE_CURRENT_LIST_DIR}/quendo.pc.in ${PROJECT_BINARY_DIR}/quendo.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/quendo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+    DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples
+    DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
 if(QUENDO_HOST)
     file(RELATIVE_PATH libraryFromProgram
         /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
     set_target_properties(quendo-program PROPERTIES
         INSTALL_RPATH "$ORIGIN/${libraryFromProgram}")
     install(TARGETS quendo-program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    install(FILES ${PROJECT_SOURCE_DIR}/host/quendo.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    if(TARGET quendo-completions)
+        set(completions ${PROJECT_BINARY_DIR}/host/completions)
+        install(FILES ${completions}/bash RENAME quendo
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+        install(FILES ${completions}/zsh RENAME _quendo
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+        install(FILES ${completions}/fish RENAME quendo.fish
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+    endif()
 endif()

@@ -125,13 +125,20 @@ std::string zshScript(const CLI::App& app) {
            "        compadd -- " +
            shellNames() +
            "\n"
-           "    elif [[ -n \"$command\" && \"$words[CURRENT]\" != -* ]]; then\n"
+           "    elif [[ \"$words[CURRENT]\" == -* ]]; then\n"
+           "        _describe -o 'option' choices\n"
+           "    elif [[ -n \"$command\" ]]; then\n"
            "        _files\n"
            "    else\n"
-           "        _describe -o 'quendo' choices\n"
+           "        _describe 'command' choices\n"
            "    fi\n"
            "}\n"
-           "compdef _quendo quendo\n";
+           // When zsh autoloads the installed file, the whole script runs as the first call.
+           "if [[ \"$funcstack[1]\" == _quendo ]]; then\n"
+           "    _quendo \"$@\"\n"
+           "else\n"
+           "    compdef _quendo quendo\n"
+           "fi\n";
 }
 
 std::string fishScript(const CLI::App& app) {

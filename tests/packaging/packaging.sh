@@ -2,7 +2,10 @@
 # packaging.sh TEST: see CMakeLists.txt. SOURCE, BUILD, SCRATCH, CXX, LAUNCHER and LIBDIR come from
 # there.
 set -euo pipefail
+# CMake's default is make, which scripts/packages.txt does not list.
+export CMAKE_GENERATOR=Ninja
 prefix=$SCRATCH/moved
+library=$prefix/$LIBDIR/libquendo.so
 work=$SCRATCH/$1
 rm -rf "$work"
 mkdir -p "$work"
@@ -15,7 +18,7 @@ expect() { [[ $3 == "$2" ]] || fail "$1: expected: $2"$'\n'"got: $3"; }
 buildConsumer() {
     local source=$1
     shift
-    cmake -S "$source" -B "$work" -G Ninja -DCMAKE_CXX_COMPILER="$CXX" \
+    cmake -S "$source" -B "$work" -DCMAKE_CXX_COMPILER="$CXX" \
         -DCMAKE_CXX_COMPILER_LAUNCHER="$LAUNCHER" -DCMAKE_BUILD_TYPE= "$@"
     ninja -C "$work"
 }
@@ -72,10 +75,25 @@ pkgconfig)
     read -ra flags < <(pkg-config --cflags --libs quendo)
     printf '#include "quendo/platform/Path.h"\nint main() { return quendo::Path(u"/a/b") %s; }' \
         '.parentPath() == quendo::Path(u"/a") ? 0 : 1' >"$work/main.cpp"
-    "$CXX" -std=c++20 "$work/main.cpp" "${flags[@]}" -o "$work/main"
+    "$CXX" "$work/main.cpp" "${flags[@]}" -o "$work/main"
     LD_LIBRARY_PATH=$prefix/$LIBDIR "$work/main"
     ;;
 program)
+    # The manual page has the commands and options that the program lists, and no others.
+    helpOf() { "$prefix/bin/quendo" "$@" --help; }
+    for command in "" $(helpOf | sed -n '/^Subcommands/,/^$/s/^  \([a-z]\+\) .*/\1/p'); do
+        [[ -z $command ]] || echo "$command"
+        helpOf $command | sed -n 's/^  \(-[^ ]*\).*/\1/p' | tr , '\n' |
+            if [[ $command ]]; then grep -vxE -e '-h|--help|--log' || true; else cat; fi |
+            sed "s/^/$command /"
+    done | LC_ALL=C sort >"$work/listed"
+    sed 's/\\-/-/g' "$prefix/share/man/man1/quendo.1" | awk '
+        /^\.S[HS]/ { command = $1 == ".SS" ? $2 : ""; if (command) print command }
+        /^\.TP/ { getline; while (match($0, /\\fB-[^\\]*/)) {
+            print command " " substr($0, RSTART + 3, RLENGTH - 3); $0 = substr($0, RSTART + RLENGTH) } }
+        ' | LC_ALL=C sort >"$work/described"
+    diff "$work/listed" "$work/described" || fail "--help (<) and host/quendo.1 (>) differ"
+    bash -euc '. "$1"; complete -p quendo' - "$prefix/share/bash-completion/completions/quendo" >/dev/null
     makeWorkingCopy
     unset LD_LIBRARY_PATH
     expect porcelain $'!! x.o\n.M changed\n?? sub/new' \
@@ -85,7 +103,6 @@ program)
     ;;
 exports)
     # Weak symbols come from templates and inline functions of others; all else must be ours.
-    library=$prefix/$LIBDIR/libquendo.so
     nm -DC --defined-only "$library" | sed 's/^[0-9a-f]* *//' >"$SCRATCH/exports.txt"
     ours='^. ((non-virtual|virtual) thunk to |(VTT|vtable|typeinfo|typeinfo name|guard variable) for )?(shared_)?quendo::'
     strangers=$(grep -v '^[VWu] ' "$SCRATCH/exports.txt" | grep -Ev "$ours" || true)
