@@ -1,6 +1,6 @@
 # What `cmake --install` puts in place: the library, its headers, the program with its manual page and
 # completion scripts, the documents, and what lets CMake and pkg-config find the library. All of it may
-# be moved as a whole afterwards.
+# be moved as a whole afterwards. `--component debug` installs the debug information.
 
 include(CMakePackageConfigHelpers)
 include(${CMAKE_CURRENT_LIST_DIR}/PublicHeaders.cmake)
@@ -32,6 +32,13 @@ file(RELATIVE_PATH prefixFromPkgConfig
 configure_file(${CMAKE_CURRENT_LIST_DIR}/quendo.pc.in ${PROJECT_BINARY_DIR}/quendo.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/quendo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+# quendo_install_debug(TARGET FOLDER): installs the output of quendo_split_debug() where debuggers look.
+function(quendo_install_debug target folder)
+    install(FILES $<TARGET_FILE:${target}>.debug DESTINATION ${folder}/.debug
+        COMPONENT debug EXCLUDE_FROM_ALL OPTIONAL)
+endfunction()
+quendo_install_debug(quendo ${CMAKE_INSTALL_LIBDIR})
+
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples
@@ -43,6 +50,7 @@ if(QUENDO_HOST)
     set_target_properties(quendo-program PROPERTIES
         INSTALL_RPATH "$ORIGIN/${libraryFromProgram}")
     install(TARGETS quendo-program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    quendo_install_debug(quendo-program ${CMAKE_INSTALL_BINDIR})
     install(FILES ${PROJECT_SOURCE_DIR}/host/quendo.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
     if(TARGET quendo-completions)
         set(completions ${PROJECT_BINARY_DIR}/host/completions)

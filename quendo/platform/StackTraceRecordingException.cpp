@@ -3,12 +3,32 @@
 #include <boost/stacktrace/frame.hpp>
 #include <boost/stacktrace/safe_dump_to.hpp>
 
+#include <dlfcn.h>
+
 #include <algorithm>
+#include <cstdint>
 #include <new>
+#include <sstream>
 #include <utility>
 #include <vector>
 
 namespace quendo::platform {
+namespace {
+
+/// Boost's text (name and file), and the offset in the file. Only exported functions have names,
+/// and the address alone is of no use in another process, where the file is loaded elsewhere.
+std::string describe(boost::stacktrace::frame::native_frame_ptr_t address) {
+    std::ostringstream text;
+    text << boost::stacktrace::frame(address);
+    Dl_info file{};
+    if (dladdr(address, &file) != 0)
+        text << "+0x" << std::hex
+             << reinterpret_cast<std::uintptr_t>(address) -
+                    reinterpret_cast<std::uintptr_t>(file.dli_fbase);
+    return text.str();
+}
+
+} // namespace
 
 struct StackTraceRecordingException::Frames {
     std::vector<boost::stacktrace::frame::native_frame_ptr_t> addresses;
@@ -38,7 +58,7 @@ std::string StackTraceRecordingException::stackTrace() const {
     std::string text;
     if (m_frames != nullptr) {
         for (const auto address : m_frames->addresses)
-            text += to_string(boost::stacktrace::frame(address)) + '\n';
+            text += describe(address) + '\n';
     }
     return text;
 }

@@ -27,7 +27,10 @@ public:
     StackTraceRecordingException& operator=(const StackTraceRecordingException&) noexcept;
     ~StackTraceRecordingException() override;
 
-    /// The recorded frames as text, innermost first, one a line. Slow the first time.
+    /// The recorded frames as text, innermost first, one a line: the function's name if it is
+    /// exported and else the address, then the file and the offset in it: "NAME in FILE+0xOFFSET".
+    /// Where the debug information of FILE is installed, `addr2line -Cfie FILE 0xOFFSET` prints
+    /// function and source line. Slow the first time.
     std::string stackTrace() const;
 
     /// Number of recorded frames; 0 when memory for them was short.

@@ -46,6 +46,8 @@ case $1 in
 install)
     rm -rf "$SCRATCH/prefix" "$prefix"
     cmake --install "$BUILD" --prefix "$SCRATCH/prefix" >/dev/null
+    ! find "$SCRATCH/prefix" -name '*.debug' | grep . || fail "debug information is installed unasked"
+    cmake --install "$BUILD" --prefix "$SCRATCH/prefix" --component debug >/dev/null
     # What follows finds nothing at the place that it was installed to.
     mv "$SCRATCH/prefix" "$prefix"
     # Every header is there, and nothing else beside them.
@@ -68,7 +70,12 @@ embed)
 border)
     buildConsumer "$SOURCE/tests/packaging/border" -DCMAKE_PREFIX_PATH="$prefix"
     makeWorkingCopy
-    "$work/border"
+    # addr2line resolves a frame of an exception with the separate debug information.
+    trace=$("$work/border")
+    frame=$(grep -m 1 -o 'libquendo.*+0x.*' <<<"$trace")
+    ! readelf -SW "$library" | grep -F .debug_info || fail "the library holds its debug information"
+    frame=$(addr2line -ie "$library" "${frame##*+}")
+    [[ $frame == *quendo/platform/StackTraceRecordingException.cpp:* ]] || fail "frame at $frame"
     ;;
 pkgconfig)
     export PKG_CONFIG_PATH=$prefix/$LIBDIR/pkgconfig

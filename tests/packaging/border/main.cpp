@@ -77,6 +77,11 @@ int main() {
                             throws<quendo::platform::ChangeEventsSubscriptionException>(refusedWhy),
                             std::holds_alternative<quendo::Git>(type),
                             hasSubsystems()};
+    try {
+        badPath();
+    } catch (const quendo::InvalidPathError& error) {
+        std::cout << error.stackTrace();
+    }
     for (const bool& result : results)
         std::cerr << "check " << &result - results << (result ? " holds\n" : " FAILED\n");
     return std::ranges::count(results, false) != 0;
