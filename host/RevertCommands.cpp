@@ -50,8 +50,8 @@ CLI::App* DiscardCommand::describe(CLI::App& program) {
     app->add_option("PATH", path, "Anything in the working copy (default: this folder)");
     app->add_flag("--dry-run", dryRun, "Only list what would be given up");
     app->footer("All changes in the working copy that holds PATH, not only those at PATH; a merge\n"
-                "that is under way is given up with them. Untracked files stay, and so do files\n"
-                "that were only added.\n"
+                "that is under way is given up with them, and of a rebase the commit at which it\n"
+                "stopped. Untracked files stay, and so do files that you added.\n"
                 "Examples:\n"
                 "  quendo discard --dry-run            which files that would be\n"
                 "  quendo discard                      the whole working copy as in the last "

@@ -18,6 +18,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sstream>
 #include <strings.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -31,6 +32,7 @@ using exception::OperationFailedError;
 using Strings = std::vector<std::string>;
 
 constexpr std::size_t largestWithMarkers = 64U << 20U;
+constexpr std::size_t largestHead = 64U << 10U;
 // git's commands for people compare each path given with each entry of the index. Beyond this many,
 // others do the same.
 constexpr std::size_t mostPathspecs = 1000;
@@ -251,12 +253,16 @@ void GitActions::remove(const std::vector<Path>& given) {
     orAsItWas(kept, [&] {
         m_index.forget(entries);
         kept.noteIndex();
-        for (const auto& path : onDisk)
-            if (::unlinkat(m_tree.root(), path.c_str(), 0) != 0 && errno != ENOENT)
-                throw OperationFailedError(m_tree.shown(path) +
-                                           " cannot be deleted: " + std::strerror(errno));
+        deleteFiles(onDisk);
     });
     m_tree.dropEmptyFolders(onDisk);
+}
+
+void GitActions::deleteFiles(const Strings& paths) const {
+    for (const auto& path : paths)
+        if (::unlinkat(m_tree.root(), path.c_str(), 0) != 0 && errno != ENOENT)
+            throw OperationFailedError(m_tree.shown(path) +
+                                       " cannot be deleted: " + std::strerror(errno));
 }
 
 void GitActions::move(const Path& source, const Path& destination) {
@@ -414,15 +420,24 @@ GitActions::Reversion GitActions::planReversion(const std::vector<TreeItem>& ite
 void GitActions::revert(const Reversion& plan) {
     if (plan.toWrite.empty() && plan.toReset.empty() && plan.toForget.empty())
         return;
-    m_tree.refuseObstacles(plan.toWrite);
+    // A file to be deleted may stand where a folder is to be: then this is checked afterwards.
+    if (plan.toDelete.empty())
+        m_tree.refuseObstacles(plan.toWrite);
     m_tree.refuseReadOnly(plan.toWrite);
+    m_tree.refuseReadOnly(plan.toDelete);
     m_actor.waitForIndex();
     KeptFiles kept(m_repository);
     kept.keep(plan.toWrite);
+    kept.keep(plan.toDelete);
     orAsItWas(kept, [&] {
         if (!plan.toReset.empty() || !plan.toForget.empty()) {
             m_index.put(plan.toReset, plan.toForget);
             kept.noteIndex();
+        }
+        if (!plan.toDelete.empty()) {
+            deleteFiles(plan.toDelete);
+            m_tree.dropEmptyFolders(plan.toDelete);
+            m_tree.refuseObstacles(plan.toWrite);
         }
         if (plan.toWrite.size() > mostPathspecs)
             m_index.writeOut(plan.toWrite);
@@ -440,12 +455,77 @@ void GitActions::revert(const std::vector<Path>& given) {
     revert(planReversion(m_tree.look(given)));
 }
 
+// An operation that stopped has put files into the index and on the disk that HEAD does not have.
+// Left behind untracked, they would be in the way when it is aborted, continued or tried again: git
+// overwrites no untracked file. What the user added is not touched.
+Strings GitActions::broughtByOperation(const std::vector<TreeItem>& items, const Strings& added) {
+    if (added.empty())
+        return {};
+    const auto& gitDir = m_repository.gitDir();
+    const auto isThere = [&](const char* name) {
+        return ::access((gitDir + "/" + name).c_str(), F_OK) == 0;
+    };
+    const bool isRebase = isThere("rebase-merge") || isThere("rebase-apply");
+    Strings trees;
+    for (const char* name : {"MERGE_HEAD", "CHERRY_PICK_HEAD", "REVERT_HEAD", "REBASE_HEAD"}) {
+        // A rebase that has ended may leave the last one there.
+        if (name == std::string_view("REBASE_HEAD") && !isRebase)
+            continue;
+        std::istringstream lines(readSmallFile(gitDir + "/" + name, largestHead).value_or(""));
+        for (std::string line; std::getline(lines, line);)
+            if (isObjectName(line))
+                trees.push_back(line + (name == std::string_view("REVERT_HEAD") ? "^" : ""));
+    }
+    if (trees.empty() && !isRebase)
+        return {};
+    // What the merge of a pick wrote, under the names that it chose.
+    if (const auto tree = readSmallFile(gitDir + "/AUTO_MERGE", largestHead);
+        tree && isObjectName(withoutLineEnds(*tree)))
+        trees.push_back(withoutLineEnds(*tree));
+
+    std::unordered_set<std::string> brought;
+    for (const auto& item : items)
+        if (item.state == LocalStatus::Conflicted)
+            brought.insert(item.path);
+    for (const auto& tree : trees) {
+        GitRun list{.arguments = {"ls-tree", "-r", "-z", "--name-only", "--full-tree", tree}};
+        list.consume = [&, names = NulSplitter("ls-tree")](std::string_view text) mutable {
+            names.feed(text, [&](std::string_view name) {
+                if (std::ranges::binary_search(added, name))
+                    brought.emplace(name);
+            });
+        };
+        // The first commit of all has no parent, and nothing that it could bring back.
+        m_git.run({list});
+    }
+    if (isThere("rebase-apply/patch"))
+        m_git.run({GitRun{
+            .arguments = {"apply", "--numstat", "-z", gitDir + "/rebase-apply/patch"},
+            .consume = [&, names = NulSplitter("apply")](std::string_view text) mutable {
+                // "<added>\t<deleted>\t<name>"
+                names.feed(text, [&](std::string_view line) {
+                    brought.emplace(line.substr(std::min(line.rfind('\t') + 1, line.size())));
+                });
+            }}});
+
+    Strings files;
+    std::ranges::copy_if(added, std::back_inserter(files), [&](const auto& path) {
+        const auto mode = m_tree.modeOf(path);
+        return brought.contains(path) && mode && !S_ISDIR(*mode);
+    });
+    return files;
+}
+
 void GitActions::discard() {
-    revert(planReversion(m_tree.lookAtAll()));
-    // A merge, or a single commit that is picked or reverted, is a local change as well.
-    for (const char* name : {"MERGE_HEAD", "CHERRY_PICK_HEAD", "REVERT_HEAD"})
-        if (::access((m_repository.gitDir() + "/" + name).c_str(), F_OK) == 0 &&
-            ::access((m_repository.gitDir() + "/rebase-merge").c_str(), F_OK) != 0) {
+    const auto items = m_tree.lookAtAll();
+    auto plan = planReversion(items);
+    std::ranges::sort(plan.toForget);
+    plan.toDelete = broughtByOperation(items, plan.toForget);
+    revert(plan);
+    // A merge, or a single commit that is picked or reverted, is a local change as well. In a
+    // rebase this gives up the commit at which it stopped, and not the rebase.
+    for (const char* name : {"MERGE_HEAD", "CHERRY_PICK_HEAD", "REVERT_HEAD", "AUTO_MERGE"})
+        if (::access((m_repository.gitDir() + "/" + name).c_str(), F_OK) == 0) {
             m_actor.run({.arguments = {"reset", "--quiet", "--no-recurse-submodules"}});
             return;
         }

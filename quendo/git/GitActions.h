@@ -40,6 +40,7 @@ private:
         std::vector<std::string> toWrite;  ///< files to be written as in HEAD
         GitIndex::Entries toReset;         ///< HEAD's entries for the index
         std::vector<std::string> toForget; ///< entries of the index that HEAD does not have
+        std::vector<std::string> toDelete; ///< files to be deleted
     };
 
     void undoInIndex(KeptFiles& kept);
@@ -47,11 +48,14 @@ private:
     void orAsItWas(KeptFiles& kept, Work&& work);
     Reversion planReversion(const std::vector<TreeItem>& items);
     void revert(const Reversion& reversion);
+    std::vector<std::string> broughtByOperation(const std::vector<TreeItem>& items,
+                                                const std::vector<std::string>& added);
     bool isInConflictSides(const std::string& path);
     void commit(const std::vector<std::string>& options, const std::string& input,
                 const UString& message, const std::vector<std::string>& paths);
     bool isMoreStagedThan(const std::vector<TreeItem>& items);
     void checkinWhole(const std::vector<TreeItem>& items, const UString& message);
+    void deleteFiles(const std::vector<std::string>& paths) const;
     void moveOnDisk(const std::string& source, const std::string& destination);
     bool hasConflictMarkers(const std::string& path);
 

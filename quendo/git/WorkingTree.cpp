@@ -144,8 +144,9 @@ void WorkingTree::refuseReadOnly(const std::vector<std::string>& paths) const {
         folders.insert(slash == std::string::npos ? "." : path.substr(0, slash));
     }
     for (const auto& folder : folders)
-        if (::faccessat(m_root.get(), folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0 &&
-            errno != ENOENT && errno != ENOTDIR)
+        if (const auto mode = modeOf(folder);
+            mode && S_ISDIR(*mode) &&
+            ::faccessat(m_root.get(), folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0)
             throw OperationFailedError(
                 "nothing was changed: " + shown(folder == "." ? "" : folder) +
                 " cannot be written to: " + std::strerror(errno));

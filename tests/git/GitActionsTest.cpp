@@ -49,7 +49,7 @@ TEST(GitActionsTest, DoesWhatItMeans) {
          "test ! -L a"},
         {merge + "echo edited > a", revert({"a", "c"}), "M  b\n?? c\n", "grep -qx m a"},
         {merge + "git rm -q --cached b; echo 1 > new; git add new; echo 2 > d; echo 1 > u", discard,
-         " M b\n?? c\n?? new\n?? u\n", "! git rev-parse -q --verify MERGE_HEAD; grep -qx m a"},
+         " M b\n?? new\n?? u\n", "! git rev-parse -q --verify MERGE_HEAD; grep -qx m a"},
         // Resolves to what is on disk.
         {merge + "printf '<<<<<<< a\\n>>>>>>> b\\n=======\\n' > a", resolve("a"),
          "M  a\nM  b\n"
@@ -178,6 +178,63 @@ TEST(GitActionsTest, PutsBackWhatAGitThatFailsHalfWayLeaves) {
         Copy copy({.executable = git.path().native()});
         copy.sh(one.script.empty() ? ":" : one.script);
         EXPECT_NE(copy.refusal(one.operation), "") << one.command << ": " << one.instead;
+    }
+}
+
+// Afterwards git aborts, skips and continues as after its own hard reset, which leaves nothing of
+// the commit at which it stopped.
+TEST(GitActionsTest, DiscardingLeavesWhatIsUnderWayUsable) {
+    struct Case {
+        const char *script, *command;
+    };
+    const char* start = R"sh(git init -q; c() { git add -A; git commit -qm "$1"; }
+        b() { git checkout -q "$@"; }
+        for f in a b d; do echo $f > $f; done; mkdir n; echo x > n/x; c base; b -b topic; echo t > a
+        echo new > new; mkdir t; echo 1 > t/u; c t1; echo 2 >> new; rm d; c t2; echo y > n/y; c t3
+        b main; echo m > a; echo m > d; c m1; b topic
+        )sh";
+    const Case cases[] = {
+        {"git rebase main", "rebase"}, // both changed a file, and new ones beside
+        {"git rebase --apply main", "rebase"},
+        {"b main; echo m > new; c m2; b topic; git rebase main", "rebase"}, // both added a file
+        {"b main; git rm n/x; git mv b e; c m2; b topic; echo X > n/x; echo B > b; c t4\n"
+         "git rebase --onto main HEAD~",
+         "rebase"}, // one deleted what the other changed
+        {"b main; git rm b; c m2; b topic; git mv b e; echo 2 >> e; c t4\n"
+         "git rebase --onto main HEAD~",
+         "rebase"},
+        {"git rm -q a; mkdir a; echo k > a/k; c t4; git rebase --onto main HEAD~", "rebase"},
+        {"git rm -rq n; echo k > n; echo B > b; c t4; b main; echo m > b; c m2; b topic\n"
+         "git rebase --onto main HEAD~",
+         "rebase"}, // a folder became a file
+        {"GIT_SEQUENCE_EDITOR='sed -i 1s/pick/edit/' git rebase -i main~; echo 3 > new", "rebase"},
+        {"GIT_SEQUENCE_EDITOR='sed -i 2,3s/pick/squash/' git rebase -i --onto main main~\n"
+         "echo t > a; git add a; git rebase --continue",
+         "rebase"},
+        {"b -b side topic~; echo s > a; echo s > s; c s1; b topic; echo t4 > a; c t4\n"
+         "git merge side; echo both > a; c merged; git rebase -r --force-rebase topic~4",
+         "rebase"},
+        {"git format-patch -qo ../p main..topic; b main; git am -3 ../p/*", "am"},
+        {"b main; git cherry-pick main..topic", "cherry-pick"},
+        {"git rm -rq new t; c t4; echo k > b; c t5; git revert --no-edit HEAD~3 HEAD~4", "revert"},
+        {"git merge main", "merge"},
+    };
+    for (const auto& one : cases) {
+        Copy copy({}, std::string(start) + "{ " + one.script + "; } >../said 2>&1 || :");
+        const std::string stopped = copy.sh("git status --porcelain | head -1");
+        EXPECT_NE(stopped, "") << one.script << copy.sh("cat ../said");
+        copy.sh("cp -a . ../hard; git -C ../hard reset -q --hard");
+        EXPECT_NO_THROW(discard(copy)) << one.script;
+        for (const char* how : {"--abort", "--skip", "--continue"}) {
+            const auto after = [&](const std::string& folder) {
+                return copy.sh("rm -rf ../try; cp -a " + folder + " ../try; cd ../try\n" +
+                               "GIT_EDITOR=true git " + one.command + " " + how +
+                               " >/dev/null 2>&1 || echo failed; git log --format='%s %T'\n"
+                               "git status --porcelain --branch; ls .git | grep -v -e EDITMSG -e "
+                               "quendo; cat .git/sequencer/todo .git/rebase-*/*todo 2>&1 || :");
+            };
+            EXPECT_EQ(after("."), after("../hard")) << how << ": " << one.script;
+        }
     }
 }
 
