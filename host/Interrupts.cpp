@@ -47,7 +47,11 @@ Interrupts::Interrupts(std::shared_ptr<CMInteractor> interactor)
     if (event < 0)
         throw std::system_error(errno, std::generic_category(), "eventfd");
     wakeEvent.store(event);
-    m_thread = std::thread(&Interrupts::watch, this);
+    try {
+        m_thread = std::thread(&Interrupts::watch, this);
+    } catch (const std::system_error& error) {
+        throw std::system_error(error.code(), "a thread cannot be started (see ulimit -u)");
+    }
     struct sigaction action {};
     action.sa_handler = onSignal;
     action.sa_flags = SA_RESTART;

@@ -188,7 +188,9 @@ ActingResult runActing(const ActingPlan& plan, const Cancellation& cancellation,
         lastProcessorTime = activity.processorTime;
         result.stalled = Clock::now() - lastProgress > plan.stallLimit;
     }
-    result.exitCode = reap(child);
+    const auto status = reap(child);
+    result.exitCode = status.code;
+    result.signal = status.signal;
     takeErrors();
     takeOutput();
     if (result.errors.size() > errorsKept)

@@ -36,6 +36,7 @@ struct WhileActing {
 /// How it ended.
 struct ActingResult {
     int exitCode = 0;       ///< 128 + the number of the signal that ended it
+    int signal = 0;         ///< the signal that ended it; 0 when it exited
     bool cancelled = false; ///< it was told to stop; it may have been done already
     bool stalled = false;   ///< it was told to stop because it gave no sign of life
     std::string output;     ///< the first of what it wrote to standard output

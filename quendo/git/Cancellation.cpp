@@ -5,8 +5,9 @@
 #include "quendo/git/FileDescriptor.h"
 
 #include <cerrno>
+#include <cstring>
+#include <string>
 #include <sys/eventfd.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace quendo::git {
@@ -24,7 +25,8 @@ struct Cancellation::State {
 
 Cancellation::Cancellation(ApplicationInteractor* interactor) : m_state(std::make_shared<State>()) {
     if (!m_state->event)
-        throw std::system_error(errno, std::generic_category(), "eventfd");
+        throw exception::OperationFailedError(std::string("the operation cannot be started: ") +
+                                              std::strerror(errno));
     if (interactor == nullptr)
         return;
     const auto origin = QueryOrigin::current();

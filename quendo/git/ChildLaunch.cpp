@@ -34,22 +34,51 @@ constexpr std::uint32_t auditArchitecture = AUDIT_ARCH_X86_64;
 constexpr std::uint32_t auditArchitecture = AUDIT_ARCH_AARCH64;
 #endif
 
-// git renews the time of a split index's shared part whenever it reads it, which is a write to the
-// user's metadata and wakes whoever watches them. There is no option against it.
-bool pretendToSetFileTimes() {
 #if defined(__x86_64__) || defined(__aarch64__)
+#ifdef __NR_utime
+constexpr std::uint32_t openCall = __NR_open, utimeCall = __NR_utime, utimesCall = __NR_utimes;
+#else
+constexpr std::uint32_t openCall = ~0U, utimeCall = ~0U, utimesCall = ~0U; // not on this machine
+#endif
+
+constexpr std::uint32_t argument(int number) {
+    return offsetof(seccomp_data, args) +
+           static_cast<std::uint32_t>(number) * sizeof(std::uint64_t);
+}
+#endif
+
+// A git that only reads writes in two cases, and has no option against it. When it reads a split
+// index, it renews the time of the shared part. When it expands or collapses a sparse index, it
+// writes the trees of what is staged and renews the times of those that exist. Both are writes to
+// the user's metadata, and wake whoever watches them.
+//
+// So git believes that it set the times, and cannot create a file with the mode that it gives new
+// objects alone; without the trees it goes on and answers the same.
+bool keepFromWritingMetadata() {
+#if defined(__x86_64__) || defined(__aarch64__)
+    constexpr std::uint32_t modeOfObjects = 0444;
     sock_filter filter[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, auditArchitecture, 1, 0),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-#ifdef __NR_utime
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_utime, 3, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_utimes, 2, 0),
-#endif
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_utimensat, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, utimeCall, 5, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, utimesCall, 4, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_utimensat, 3, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_openat, 3, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, openCall, 6, 0),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | 0),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | 0), // of times
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, argument(2)),  // of openat: flags, then mode
+        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, O_CREAT, 0, 7),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, argument(3)),
+        BPF_STMT(BPF_JMP | BPF_JA, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, argument(1)), // of open: the same
+        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, O_CREAT, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, argument(2)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, modeOfObjects, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EROFS),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
     sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
     return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
@@ -94,9 +123,9 @@ bool putStreams(const ChildLaunch& launch) {
                   : ::setpgid(0, 0) == 0 && ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0) &&
         putStreams(launch) &&
         (launch.memoryLimit == 0 || ::setrlimit(RLIMIT_DATA, &prepared.memory) == 0);
-    // A kernel without filters gives nothing worse than a new time.
-    if (ready && launch.keepFileTimes)
-        pretendToSetFileTimes();
+    // A kernel without filters gives nothing worse than a new time, or a tree that nobody needs.
+    if (ready && launch.keepMetadata)
+        keepFromWritingMetadata();
     if (ready && ::getppid() == prepared.parent) {
         ::syscall(SYS_close_range, launch.extra < 0 ? 3U : 4U, ~0U, CLOSE_RANGE_CLOEXEC);
         sigset_t none;
@@ -178,7 +207,7 @@ bool waitForEnd(const StartedChild& child, std::chrono::milliseconds limit) {
     }
 }
 
-int reap(const StartedChild& child) {
+ExitStatus reap(const StartedChild& child) {
     siginfo_t info = {};
     int answer = 0;
     do {
@@ -190,7 +219,9 @@ int reap(const StartedChild& child) {
         throw exception::ToolError(
             "the exit status of git is lost: this process ignores SIGCHLD, or another part of it "
             "reaps children that it did not start");
-    return info.si_code == CLD_EXITED ? info.si_status : 128 + info.si_status;
+    if (info.si_code == CLD_EXITED)
+        return {.code = info.si_status};
+    return {.code = 128 + info.si_status, .signal = info.si_status};
 }
 
 FileDescriptor aboveStandard(int descriptor) {

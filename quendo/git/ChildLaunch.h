@@ -28,7 +28,7 @@ struct ChildLaunch {
     int errors = -1;
     int extra = -1;                ///< becomes its descriptor 3, if set
     std::uint64_t memoryLimit = 0; ///< bytes of private memory (RLIMIT_DATA); 0: none
-    bool keepFileTimes = false;    ///< setting a file's times pretends to succeed
+    bool keepMetadata = false;     ///< it cannot set a file's times or add objects
     ChildLifetime lifetime = ChildLifetime::EndsWithParent;
 };
 
@@ -44,10 +44,15 @@ StartedChild startChild(const ChildLaunch& launch);
 /// Waits until the child has ended, at most this long.
 bool waitForEnd(const StartedChild& child, std::chrono::milliseconds limit);
 
-/// Takes the exit code of a child that has ended: 128 + the signal's number for one that a signal
-/// ended.
-/// @throws exception::ToolError when somebody else took it
-int reap(const StartedChild& child);
+/// How a child ended.
+struct ExitStatus {
+    int code = 0;   ///< 128 + signal when a signal ended it, as a shell has it
+    int signal = 0; ///< the signal that ended it; 0 when it exited
+};
+
+/// Reaps a child that has ended.
+/// @throws exception::ToolError when another part of the process has reaped it
+ExitStatus reap(const StartedChild& child);
 
 /// `descriptor`, or a copy in its place when it has a standard stream's number: a host may run
 /// without standard streams, and a child's are put on these numbers.

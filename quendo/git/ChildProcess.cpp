@@ -69,7 +69,7 @@ ChildProcess::ChildProcess(const ChildPlan& plan, std::function<void(std::string
         .output = plan.outputFile < 0 ? output.write.get() : plan.outputFile,
         .errors = errors.write.get(),
         .memoryLimit = plan.memoryLimit,
-        .keepFileTimes = plan.keepFileTimes,
+        .keepMetadata = plan.keepMetadata,
     });
     m_output = std::move(output.read);
     m_errors = std::move(errors.read);
@@ -102,7 +102,9 @@ void ChildProcess::sweepAndReap() {
     // host that waits for a dead server.
     if (!waitForEnd(m_child, patience))
         throw exception::ToolError("git is stuck in the system and cannot be ended");
-    m_result.exitCode = reap(m_child);
+    const auto status = reap(m_child);
+    m_result.exitCode = status.code;
+    m_result.signal = status.signal;
 }
 
 void ChildProcess::handleOutput() {

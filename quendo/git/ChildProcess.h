@@ -24,13 +24,14 @@ struct ChildPlan {
     std::string input = {};                    ///< for its standard input
     int outputFile = -1;                       ///< standard output goes there, if set
     std::uint64_t memoryLimit = 0;             ///< bytes of private memory (RLIMIT_DATA); 0: none
-    bool keepFileTimes = false;                ///< setting a file's times pretends to succeed
+    bool keepMetadata = false;                 ///< it cannot set a file's times or add objects
     std::size_t errorsKept = 64U << 10U;       ///< bytes of standard error in the result
 };
 
 /// How a child ended.
 struct ChildResult {
     int exitCode = 0;   ///< 128 + the number of the signal that ended it
+    int signal = 0;     ///< the signal that ended it; 0 when it exited
     std::string errors; ///< what it wrote to standard error, as much of it as was to be kept
 };
 

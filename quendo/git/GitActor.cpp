@@ -2,6 +2,7 @@
 
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/Cancellation.h"
+#include "quendo/git/ChildProcess.h"
 #include "quendo/git/GitAdapter.h"
 #include "quendo/git/GitFailure.h"
 #include "quendo/git/Repository.h"
@@ -174,7 +175,7 @@ ActingResult GitActor::runOnce(const GitAction& action) {
         endLine();
         return result;
     } catch (const std::system_error& error) {
-        throw exception::ToolError("git cannot be started: " + std::string(error.what()));
+        throwCannotStart("git", error);
     }
 }
 
@@ -228,14 +229,8 @@ void GitActor::fail(std::string_view command, const ActingResult& result) const 
         throw exception::OperationFailedError(
             "Git does not know who you are; run git config --global user.name NAME and git config "
             "--global user.email ADDRESS");
-    constexpr int wrongUsage = 129;
-    if (result.exitCode > wrongUsage)
-        throw exception::ToolError("git " + std::string(command) + " was ended by signal " +
-                                   std::to_string(result.exitCode - 128) + " in " + root);
-    const auto words = tellingWords(presentable(result.errors));
-    throw exception::OperationFailedError(
-        "git " + std::string(command) + " failed in " + root + ": " +
-        (words.empty() ? "exit code " + std::to_string(result.exitCode) : words));
+    throwCommandFailure(m_repository.root(), command,
+                        {result.exitCode, result.signal, presentable(result.errors)});
 }
 
 std::string GitActor::presentable(std::string text) const {

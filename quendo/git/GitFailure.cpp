@@ -6,9 +6,14 @@
 #include "quendo/platform/UString.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <optional>
+#include <system_error>
 
 namespace quendo::git {
 namespace {
@@ -37,26 +42,88 @@ std::optional<fs::path> findFifo(const fs::path& folder, bool anyName) {
     return std::nullopt;
 }
 
+/// The files of the user's and the system's configuration, whether they exist or not.
+std::vector<fs::path> configurationOfUser() {
+    const auto variable = [](const char* name) {
+        const char* value = std::getenv(name);
+        return fs::path(value != nullptr ? value : "");
+    };
+    const auto home = variable("HOME"), xdg = variable("XDG_CONFIG_HOME");
+    const auto global = variable("GIT_CONFIG_GLOBAL"), system = variable("GIT_CONFIG_SYSTEM");
+    std::vector<fs::path> files{system.empty() ? "/etc/gitconfig" : system};
+    if (!global.empty())
+        files.push_back(global);
+    else
+        files.insert(files.end(),
+                     {home / ".gitconfig", (xdg.empty() ? home / ".config" : xdg) / "git/config"});
+    return files;
+}
+
+// "error: index uses XXXX extension, which we do not understand"
+std::string_view unknownIndexExtension(std::string_view errors) {
+    constexpr std::string_view before = "index uses ", after = " extension";
+    const auto start = errors.find(before);
+    const auto end = start == std::string_view::npos ? start : errors.find(after, start);
+    return end == std::string_view::npos
+               ? std::string_view()
+               : errors.substr(start + before.size(), end - start - before.size());
+}
+
+bool isLetter(char one) {
+    return (one >= 'a' && one <= 'z') || (one >= 'A' && one <= 'Z');
+}
+
+constexpr const char* rebuildIndex =
+    "; if nothing else helps, move the file 'index' out of the Git folder and run git reset, which "
+    "rebuilds it";
+
+constexpr const char* runFsck = "; git fsck lists what is missing or broken";
+
+constexpr const char* noMoreProcesses =
+    "the system allows no further process or thread (see ulimit -u, and pids.max of the control "
+    "group): end some, or raise the limit";
+
+// "bad config line 3 in file <file>", "bad numeric config value 'x' for 'a.b' in file <file>: …"
+[[noreturn]] void throwBadConfiguration(const std::string& folder, const std::string& words) {
+    constexpr std::string_view before = " in file ";
+    const auto start = words.find(before);
+    const auto file = start == std::string::npos ? "" : words.substr(start + before.size());
+    const auto message = "Git cannot read its configuration for " +
+                         Path::fromNative(folder).toUtf8() + ": " + words +
+                         (file.empty() ? "; git config --list --show-origin shows where it is set"
+                                       : "; correct that file");
+    // git names the repository's own files relative to its root.
+    if (file.starts_with('/') && !file.starts_with(folder + "/") &&
+        file.find("/.git/") == std::string::npos)
+        throw exception::ToolError(message);
+    throw exception::DamagedRepositoryError(message);
+}
+
 } // namespace
 
 std::string tellingWords(const std::string& errors) {
     constexpr std::size_t mostLines = 3;
-    std::string fatal, error;
+    std::string fatal, firstError, lastError;
     std::vector<std::string> last;
     for (std::size_t start = 0; start < errors.size();) {
         const auto end = std::min(errors.find_first_of("\r\n", start), errors.size());
         const auto line = errors.substr(start, end - start);
         if (line.starts_with("fatal: "))
             fatal = line.substr(7);
+        else if (line.starts_with("BUG: "))
+            fatal = line;
         else if (line.starts_with("error: "))
-            error = line.substr(7);
+            (firstError.empty() ? firstError : lastError) = line.substr(7);
         if (line.find_first_not_of(" \t") != std::string::npos)
             last.push_back(line);
         if (last.size() > mostLines)
             last.erase(last.begin());
         start = end + 1;
     }
-    std::string words = !fatal.empty() ? fatal : error;
+    std::string words = !fatal.empty() ? fatal : !lastError.empty() ? lastError : firstError;
+    // git reports the cause first and what it made of it last.
+    if (!firstError.empty() && words.find(firstError) == std::string::npos)
+        words += ": " + firstError;
     if (words.empty())
         for (const auto& line : last)
             words += (words.empty() ? "" : "; ") + line;
@@ -78,37 +145,88 @@ void throwGitFailure(const std::string& folder, std::string_view command,
             "git config --global --add safe.directory " +
             root);
     const std::string words = tellingWords(errors);
-    if (saysAny("Expected git repo version", "unknown repository extension",
-                "repository extension found", "extension, which we do not understand",
-                "index uses ", "unknown repository storage"))
+    if (const auto extension = unknownIndexExtension(errors);
+        saysAny("Expected git repo version", "unknown repository extension",
+                "repository extension found", "unknown repository storage") ||
+        (extension.size() == 4 && std::ranges::all_of(extension, isLetter)))
         throw exception::UnsupportedFormatError(root + " needs a newer git than yours: " + words);
-    if (saysAny("ut of memory", "memory exhausted", "mmap failed") || result.exitCode == 137)
+    if (saysAny("bad config", " config value "))
+        throwBadConfiguration(folder, words);
+    if (saysAny("ut of memory", "memory exhausted", "Cannot allocate memory"))
         throw exception::DamagedRepositoryError(
-            "git needed too much memory for " + root +
-            " and was stopped; look for a metadata or ignore file of an absurd size");
-    if (saysAny("not a git repository", "index file corrupt", "bad signature", "bad index",
-                "index file smaller", "index file open failed", "bad config", "unable to read tree",
-                "bad object", "bad tree", "could not parse HEAD", "unable to parse",
-                "unordered stage entries", "is corrupt", "invalid gitfile", "cannot read object",
-                "missing object", "malformed index", "unexpected line", "bad numeric config",
-                "unable to resolve", "your current branch appears to be broken",
-                "No such ref: HEAD"))
+            "git " + std::string(command) + " ran out of memory in " + root + ": " + words +
+            "; look for a damaged object, or a metadata or ignore file of an absurd size");
+    if (says("Resource temporarily unavailable"))
+        throw exception::ToolError("git " + std::string(command) + " failed in " + root + ": " +
+                                   words + "; " + noMoreProcesses);
+    if (saysAny("index file corrupt", "bad signature", "bad index", "index file smaller",
+                "index file open failed", "unordered stage entries", "multiple stage entries",
+                "malformed index", "unknown index entry format",
+                "malformed name field in the index", "broken index", "corrupted cache-tree",
+                "index uses ") ||
+        (result.signal == SIGABRT && says("BUG: ")))
+        throw exception::DamagedRepositoryError(root + " is damaged: " + words +
+                                                (says("ermission denied") ? "" : rebuildIndex));
+    if (saysAny("unable to read ", "bad object", "bad tree", "could not parse HEAD",
+                "unable to parse", "is corrupt", "cannot read object", "missing object",
+                "malformed mode in tree", "empty filename in tree", "too-short tree",
+                "invalid object type", "loose object", "packed object", "failed to read object",
+                "pack has bad", "packfile", "unable to unpack", "object file ", "hash mismatch",
+                "not a commit", "not a tree", "does not match index", "bogus commit",
+                "bad offset for revindex"))
+        throw exception::DamagedRepositoryError(root + " is damaged: " + words +
+                                                (says("ermission denied") ? "" : runFsck));
+    if (saysAny("not a git repository", "invalid gitfile", "unexpected line", "unable to resolve",
+                "your current branch appears to be broken", "No such ref: HEAD"))
         throw exception::DamagedRepositoryError(root + " is damaged: " + words);
-    if (result.exitCode > 128)
-        throw exception::ToolError("git " + std::string(command) + " was ended by signal " +
-                                   std::to_string(result.exitCode - 128) + " in " + root);
-    throw exception::OperationFailedError(
-        "git " + std::string(command) + " failed in " + root + ": " +
-        (words.empty() ? "exit code " + std::to_string(result.exitCode) : words));
+    throwCommandFailure(folder, command, result);
+}
+
+void throwCommandFailure(const std::string& folder, std::string_view command,
+                         const ChildResult& result) {
+    const auto message = "git " + std::string(command) + " failed in " +
+                         Path::fromNative(folder).toUtf8() + ": " + describeEnd(result);
+    if (result.signal != 0)
+        throw exception::ToolError(message);
+    throw exception::OperationFailedError(message);
+}
+
+std::string describeEnd(const ChildResult& result) {
+    const auto words = tellingWords(result.errors);
+    if (result.signal == SIGKILL)
+        return "it was killed, by another process or by the system when it ran out of memory; try "
+               "again";
+    if (result.signal != 0) {
+        const char* name = ::sigdescr_np(result.signal);
+        return "signal " + std::to_string(result.signal) + " ended it (" +
+               (name != nullptr ? name : "unknown") + ")" + (words.empty() ? "" : ": " + words);
+    }
+    return words.empty() ? "it exited with code " + std::to_string(result.exitCode) : words;
+}
+
+void throwCannotStart(const std::string& program, const std::system_error& error) {
+    const int code = error.code().value();
+    throw exception::ToolError(program + " cannot be started: " + error.code().message() +
+                               (code == EAGAIN ? std::string("; ") + noMoreProcesses
+                                : code == EMFILE
+                                    ? "; this process has too many files open (ulimit -n)"
+                                : code == ENFILE ? "; the system has too many files open"
+                                                 : ""));
 }
 
 void throwGitStalled(const Repository& repository, std::string_view command, bool onFifo) {
+    const auto replaceIt = [](const fs::path& fifo) {
+        return Path::fromNative(fifo.native()).toUtf8() +
+               " is a FIFO where Git reads a file; replace it";
+    };
+    for (const auto& file : configurationOfUser())
+        if (std::error_code ignored; fs::is_fifo(fs::status(file, ignored)))
+            throw exception::ToolError(replaceIt(file));
     auto fifo = findFifo(repository.root(), false);
     if (!fifo)
         fifo = findFifo(repository.gitDir(), true);
     if (fifo)
-        throw exception::DamagedRepositoryError(Path::fromNative(fifo->native()).toUtf8() +
-                                                " is a FIFO where Git reads a file; replace it");
+        throw exception::DamagedRepositoryError(replaceIt(*fifo));
     const std::string what =
         "git " + std::string(command) + " hangs in " + repository.rootPath().toUtf8();
     if (onFifo)
@@ -116,6 +234,12 @@ void throwGitStalled(const Repository& repository, std::string_view command, boo
             what + ": it waits for a FIFO; look for one among the files that Git's "
                    "configuration names");
     throw exception::ToolError(what + " and was ended; try it by hand");
+}
+
+void throwDamagedIndex(const std::string& folder, std::string_view what) {
+    throw exception::DamagedRepositoryError(Path::fromNative(folder).toUtf8() +
+                                            " is damaged: its index holds " + std::string(what) +
+                                            rebuildIndex);
 }
 
 void throwGarbage(std::string_view command) {

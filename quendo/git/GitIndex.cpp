@@ -141,6 +141,8 @@ std::size_t GitIndex::rename(const std::string& source, const std::string& desti
                   if (tab == std::string_view::npos || tab < 12)
                       throwGarbage("ls-files");
                   const std::string path(record.substr(tab + 1));
+                  if (path != source && !path.starts_with(source + "/"))
+                      throwGarbage("ls-files");
                   entries.emplace(destination + path.substr(source.size()),
                                   std::string(record.substr(0, tab - 2)));
                   forgotten.push_back(path);

@@ -46,7 +46,7 @@ void GitRunner::ignoreCancellation() {
 std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
     m_cancellation->throwIfRequested();
     const auto executable = m_tool.executable();
-    const bool keepFileTimes = m_repository.hasSharedIndex();
+    const bool keepMetadata = m_repository.isWrittenByReading();
     const auto memoryLimit = memoryBase + memoryPerIndexByte * m_repository.indexSize();
     std::vector<std::unique_ptr<ChildProcess>> children;
     std::vector<ChildProcess*> waited;
@@ -68,7 +68,7 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
                 .input = one.input,
                 .outputFile = one.outputFile,
                 .memoryLimit = one.limitMemory ? memoryLimit : 0,
-                .keepFileTimes = keepFileTimes || one.keepFileTimes,
+                .keepMetadata = keepMetadata || one.keepMetadata,
                 .errorsKept = one.errorsKept,
             };
             if (one.asSubmodule)
@@ -84,7 +84,7 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
     } catch (const ChildStalled& stalled) {
         throwGitStalled(m_repository, command, stalled.onFifo);
     } catch (const std::system_error& error) {
-        throw exception::ToolError("git cannot be started: " + std::string(error.what()));
+        throwCannotStart("git", error);
     }
     std::vector<ChildResult> results;
     for (const auto& child : children)

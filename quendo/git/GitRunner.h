@@ -21,7 +21,7 @@ struct GitRun {
     std::string indexFile = {};          ///< in place of the repository's own, if set
     std::string folder = {};             ///< where; the repository's own folder when empty
     bool asSubmodule = false;            ///< as git itself looks into one: whoever owns it
-    bool keepFileTimes = false;          ///< also where the repository's own index is not split
+    bool keepMetadata = false;           ///< also where the repository's own index is a plain one
     int outputFile = -1;                 ///< standard output goes there, if set
     bool literalPathspecs = true;        ///< check-ignore does not stand it
     std::size_t errorsKept = 64U << 10U; ///< bytes of its standard error in the result

@@ -6,12 +6,15 @@
 #include "quendo/git/FilterDrivers.h"
 #include "quendo/git/GitFailure.h"
 #include "quendo/git/GitRunner.h"
+#include "quendo/git/GitText.h"
+#include "quendo/git/IgnoreQuery.h"
 #include "quendo/git/PorcelainRecord.h"
 #include "quendo/git/Repository.h"
 #include "quendo/platform/IsChildFolderQuery.h"
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -57,6 +60,8 @@ constexpr int mostSubmodules = 5'000; // looked into for one answer, those in ot
 // Beyond, renames are found by equal content only: comparing all pairs takes seconds.
 constexpr const char* renameLimit = "-l200";
 constexpr std::string_view submoduleMode = "160000";
+constexpr char isChecked = 'H';
+constexpr std::string_view impossibleName = "an entry with a name that no file can have";
 
 std::string_view parentOf(std::string_view path) {
     const auto slash = path.rfind('/');
@@ -68,7 +73,14 @@ UString wide(std::string_view text) {
 }
 
 UString whyUnreadable(int error) {
-    return u"cannot be read: " + wide(error == EACCES ? "permission denied" : "input/output error");
+    std::string words = std::strerror(error);
+    words.front() = static_cast<char>(std::tolower(static_cast<unsigned char>(words.front())));
+    return u"cannot be read: " + wide(words);
+}
+
+/// Whether this error of a look at a path says that nothing is there.
+bool hasVanished(int error) {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP;
 }
 
 std::string_view conflictKind(std::string_view columns) {
@@ -155,6 +167,7 @@ private:
     struct Folder {
         bool tracked = false;
         bool untracked = false;
+        bool mustExist = false; ///< git looks on the disk for something tracked in it
     };
     /// What is found on the way to a folder.
     enum class Way { Folders, Link, Nothing };
@@ -171,12 +184,29 @@ private:
     void take(const PorcelainRecord& record);
     Folder& noteFolders(std::string_view folder, bool tracked, bool untracked);
     void askForSubmodules(FilterDrivers drivers);
-    using VisitedFolders = std::set<std::pair<dev_t, ino_t>>;
-    FilterDrivers driversOfSubmodule(const std::string& relative, VisitedFolders& visited);
+    /// The submodules that one holds, itself among them.
+    struct Visited {
+        std::set<std::pair<dev_t, ino_t>> folders;
+        std::vector<std::pair<std::string, std::set<std::string>>> withoutClean; ///< by path
+    };
+    FilterDrivers driversOfSubmodule(const std::string& relative, Visited& visited);
+    void
+    addUnverifiedIn(const std::string& submodule,
+                    const std::vector<std::pair<std::string, std::set<std::string>>>& withoutClean);
     void refuse(const std::string& submodule, const exception::SourceControlException& error);
     void askForRemovedButPresent();
     void addRenames();
+    void addVanished();
+    void takeMissing(const std::string& path);
+    struct Unverified {
+        std::string path;
+        std::string filter;
+    };
+    /// @param submodule a folder to look in instead of the working copy; empty for none
+    std::vector<Unverified> findUnverified(const std::set<std::string>& withoutClean,
+                                           const std::string& submodule);
     void addUnverified(const FilterDrivers& drivers);
+    [[noreturn]] void throwBadRecord(std::string_view record) const;
     void addUnreadable(const std::string& errors);
     Way wayTo(const std::string& folder);
     void addBeyondLinks();
@@ -191,6 +221,7 @@ private:
     std::unordered_map<std::string, Folder> m_folders;
     std::unordered_map<std::string, Way> m_ways{{"", Way::Folders}};
     std::string m_lastTrackedFolder = "/"; // no relative path
+    Folder* m_lastNoted = nullptr;         ///< that of m_lastTrackedFolder
     std::string m_lastTracked;
     std::vector<std::string> m_submodules;
     int m_submodulesVisited = 0;
@@ -239,6 +270,7 @@ std::map<Path, FileState> Collector::collect() {
     if (!m_submodules.empty())
         askForSubmodules(drivers);
     addBeyondLinks();
+    addVanished();
     if (!m_scope.includeUntracked)
         askForRemovedButPresent();
     addRenames();
@@ -250,7 +282,7 @@ std::map<Path, FileState> Collector::collect() {
 
 void Collector::askGit() {
     NulSplitter trackedSplitter("ls-files"), statusSplitter("status");
-    GitRun tracked{.arguments = {"ls-files", "-z", "-s", "-t", "--full-name", "--"}};
+    GitRun tracked{.arguments = {"ls-files", "-z", "-s", "-v", "--full-name", "--"}};
     const auto specs = pathspecs(m_scope.paths);
     tracked.arguments.insert(tracked.arguments.end(), specs.begin(), specs.end());
     tracked.consume = [&](std::string_view text) {
@@ -263,7 +295,7 @@ void Collector::askGit() {
     status.consume = [&](std::string_view text) {
         statusSplitter.feed(text, [&](std::string_view record) {
             if (!record.starts_with('#') && !PorcelainRecord::parse(record))
-                throwGarbage("status");
+                throwBadRecord(record);
             statusText += record;
             statusText += '\0';
         });
@@ -279,19 +311,24 @@ void Collector::askGit() {
     NulSplitter("status").feed(statusText, [&](std::string_view record) { takeStatus(record); });
 }
 
-// "H 100644 <object> 0\t<path>": a tag, the mode, the object, the stage.
+// "H 100644 <object> 0\t<path>": a tag, the mode, the object, the stage. Another tag than H is that
+// of an entry that git takes for unmodified without a look (skip-worktree, assume-unchanged), or of
+// one in conflict.
 void Collector::takeTracked(std::string_view record) {
     const auto tab = record.find('\t');
-    if (tab == std::string_view::npos || tab < 12 || record[1] != ' ' || tab + 1 == record.size())
+    if (tab == std::string_view::npos || tab < 12 || record[1] != ' ')
         throwGarbage("ls-files");
     const auto path = record.substr(tab + 1);
     if (path == m_lastTracked) // another side of a conflict
         return;
+    if (!isPossiblePath(path))
+        throwDamagedIndex(m_repository.root(), impossibleName);
     m_lastTracked = path;
     if (const auto folder = parentOf(path); folder != m_lastTrackedFolder) {
         m_lastTrackedFolder = folder;
-        noteFolders(folder, true, false);
+        m_lastNoted = &noteFolders(folder, true, false);
     }
+    m_lastNoted->mustExist |= record.front() == isChecked;
     if (record.substr(2).starts_with(submoduleMode)) {
         m_submodules.emplace_back(path);
         const bool populated =
@@ -309,7 +346,7 @@ void Collector::takeStatus(std::string_view text) {
         return;
     const auto record = PorcelainRecord::parse(text);
     if (!record)
-        throwGarbage("status");
+        throwBadRecord(text);
     take(*record);
 }
 
@@ -385,11 +422,11 @@ Collector::Folder& Collector::noteFolders(std::string_view folder, bool tracked,
 // Everything that git asks a submodule it asks with GIT_DIR=.git: whoever owns it, and wherever its
 // configuration says that its files are. The latter would lead git to submodules that nobody looked
 // into, so such a submodule is not asked about.
-FilterDrivers Collector::driversOfSubmodule(const std::string& relative, VisitedFolders& visited) {
+FilterDrivers Collector::driversOfSubmodule(const std::string& relative, Visited& visited) {
     struct stat status;
     if (!modeOf(relative + "/.git") ||
         ::fstatat(m_rootFolder.get(), relative.c_str(), &status, 0) != 0 ||
-        !visited.emplace(status.st_dev, status.st_ino).second)
+        !visited.folders.emplace(status.st_dev, status.st_ino).second)
         return {};
     const std::string folder = m_repository.root() + "/" + relative;
     const std::string name = Path::fromNative(folder).toUtf8();
@@ -401,7 +438,7 @@ FilterDrivers Collector::driversOfSubmodule(const std::string& relative, Visited
         GitRun run{.arguments = std::move(arguments),
                    .folder = folder,
                    .asSubmodule = true,
-                   .keepFileTimes = true};
+                   .keepMetadata = true};
         run.consume = [&](std::string_view text) { *output += text; };
         constexpr int noneFound = 1;
         if (const auto result = m_git.run({run}).front(); result.exitCode > noneFound)
@@ -416,6 +453,7 @@ FilterDrivers Collector::driversOfSubmodule(const std::string& relative, Visited
     if (!place || *top != std::string(place.get()) + "\n")
         throw exception::OperationFailedError(name + " keeps its files elsewhere (core.worktree)");
     auto drivers = FilterDrivers::parse(ask(FilterDrivers::question()).value_or(""));
+    visited.withoutClean.emplace_back(relative, drivers.withoutClean);
     std::vector<std::string> nested;
     NulSplitter("ls-files")
         .feed(ask({"ls-files", "-z", "-s"}).value_or(""), [&](std::string_view record) {
@@ -426,6 +464,31 @@ FilterDrivers Collector::driversOfSubmodule(const std::string& relative, Visited
     for (const auto& submodule : nested)
         drivers.add(driversOfSubmodule(submodule, visited));
     return drivers;
+}
+
+void Collector::addUnverifiedIn(
+    const std::string& submodule,
+    const std::vector<std::pair<std::string, std::set<std::string>>>& withoutClean) {
+    std::set<std::string> filters;
+    for (const auto& [folder, names] : withoutClean)
+        for (const auto& one : findUnverified(names, folder))
+            filters.insert(one.filter);
+    if (filters.empty())
+        return;
+    const auto state = m_states.find(pathOf(submodule));
+    const auto* columns = state->second.findProperty(property::columns);
+    const auto* inside = state->second.findProperty(property::submodule);
+    const auto isInside = [&](const char16_t* word) {
+        return inside != nullptr && inside->find(word) != UString::npos;
+    };
+    take({.kind = Kind::Changed,
+          .columns = std::string{columns ? static_cast<char>((*columns)[0]) : '.', 'M'},
+          .submoduleCommit = isInside(u"commit"),
+          .submoduleModified = true,
+          .submoduleUntracked = isInside(u"untracked"),
+          .path = submodule});
+    for (const auto& filter : filters)
+        state->second = withProperty(state->second, property::unverified, wide(filter));
 }
 
 // What the first answer said of it stays.
@@ -439,16 +502,16 @@ void Collector::refuse(const std::string& submodule,
 
 void Collector::askForSubmodules(FilterDrivers drivers) {
     std::vector<std::string> asked;
-    std::unordered_map<std::string, std::set<std::string>> withoutClean;
+    std::unordered_map<std::string, Visited> visitedFor;
     for (const auto& submodule : m_submodules) {
         try {
-            VisitedFolders visited;
+            Visited visited;
             const auto more = driversOfSubmodule(submodule, visited);
             auto all = drivers;
             all.add(more);
             all.checkSize();
             drivers = std::move(all);
-            withoutClean[submodule] = more.withoutClean;
+            visitedFor[submodule] = std::move(visited);
             asked.push_back(submodule);
         } catch (const exception::OperationCancelledError&) {
             throw;
@@ -461,7 +524,7 @@ void Collector::askForSubmodules(FilterDrivers drivers) {
     const auto ask = [&](const std::vector<std::string>& submodules) {
         std::vector<std::string> records;
         auto run = statusRun(submodules, true, m_scope.includeUntracked);
-        run.keepFileTimes = true;
+        run.keepMetadata = true;
         const auto output = m_git.read(std::move(run));
         NulSplitter("status").feed(output,
                                    [&](std::string_view record) { records.emplace_back(record); });
@@ -477,16 +540,14 @@ void Collector::askForSubmodules(FilterDrivers drivers) {
         for (const auto& record : records) {
             const auto parsed = PorcelainRecord::parse(record);
             if (!parsed)
-                throwGarbage("status");
+                throwBadRecord(record);
             const std::string submodule(parsed->path);
             if (!wanted.contains(submodule))
                 continue;
             take(*parsed);
-            auto& state = m_states.at(pathOf(submodule));
-            for (const auto& filter : withoutClean[submodule])
-                if (parsed->submoduleModified)
-                    state = withProperty(state, property::unverified, wide(filter));
         }
+        for (const auto& submodule : submodules)
+            addUnverifiedIn(submodule, visitedFor[submodule].withoutClean);
     };
     for (std::size_t start = 0; start < asked.size(); start += submodulesAtOnce) {
         const std::vector<std::string> some(
@@ -556,26 +617,95 @@ void Collector::addRenames() {
     }
 }
 
-void Collector::addUnverified(const FilterDrivers& drivers) {
-    if (drivers.withoutClean.empty() || m_staleOnDisk.empty())
-        return;
-    GitRun run{.arguments = {"check-attr", "-z", "--stdin", "filter"}};
-    std::unordered_map<std::string, std::string> relativeOf;
-    for (const auto& path : m_staleOnDisk) {
-        const auto spec = pathspecs({path}).front();
-        relativeOf.emplace(spec, path);
-        run.input += spec + '\0';
+// Where a filter was put aside, git compared the bytes on the disk with what the filter made of
+// others. Whichever way that went, it says nothing. Files that it did not compare, because the
+// index knows their size and times, are as they were.
+std::vector<Collector::Unverified>
+Collector::findUnverified(const std::set<std::string>& withoutClean, const std::string& submodule) {
+    if (withoutClean.empty())
+        return {};
+    const auto ask = [&](std::vector<std::string> arguments, std::string input = {}) {
+        GitRun run{.arguments = std::move(arguments), .input = std::move(input)};
+        if (!submodule.empty()) {
+            run.folder = m_repository.root() + "/" + submodule;
+            run.asSubmodule = run.keepMetadata = true;
+        }
+        return m_git.read(std::move(run));
+    };
+    const auto askInScope = [&](std::vector<std::string> arguments) {
+        arguments.emplace_back("--");
+        if (submodule.empty())
+            std::ranges::copy(pathspecs(m_scope.paths), std::back_inserter(arguments));
+        return ask(std::move(arguments));
+    };
+    const auto statusOf = [&](const std::string& path) {
+        struct stat status {};
+        const auto name = submodule.empty() ? path : submodule + "/" + path;
+        ::fstatat(m_rootFolder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW);
+        return status;
+    };
+    std::set<std::string> compared;
+    NulSplitter("diff-files")
+        .feed(askInScope({"diff-files", "-z", "--name-only", "--ignore-submodules=all"}),
+              [&](std::string_view path) {
+                  if (S_ISREG(statusOf(std::string(path)).st_mode))
+                      compared.emplace(path);
+              });
+    // git also compares a file that is not older than the index: it may have been written twice
+    // within the resolution of its time.
+    auto index = m_repository.gitDir() + "/index";
+    if (!submodule.empty()) {
+        index = withoutLineEnds(ask({"rev-parse", "--git-path", "index"}));
+        if (!index.starts_with('/'))
+            index = m_repository.root() + "/" + submodule + "/" + index;
+    }
+    struct stat indexStatus {};
+    ::stat(index.c_str(), &indexStatus);
+    NulSplitter("ls-files")
+        .feed(askInScope({"ls-files", "-z", "-s", "-v", "--full-name"}),
+              [&](std::string_view record) {
+                  const auto tab = record.find('\t');
+                  if (tab == std::string_view::npos || record.front() != isChecked)
+                      return;
+                  std::string path(record.substr(tab + 1));
+                  const auto status = statusOf(path);
+                  if (S_ISREG(status.st_mode) &&
+                      status.st_mtim.tv_sec >= indexStatus.st_mtim.tv_sec)
+                      compared.insert(std::move(path));
+              });
+    if (compared.empty())
+        return {};
+
+    std::string input;
+    std::unordered_map<std::string, std::string> pathOfSpec;
+    for (const auto& path : compared) {
+        const auto spec = submodule.empty() ? pathspecs({path}).front() : path;
+        pathOfSpec.emplace(spec, path);
+        input.append(spec).push_back('\0');
     }
     std::vector<std::string> parts;
-    NulSplitter("check-attr").feed(m_git.read(run), [&](std::string_view part) {
-        parts.emplace_back(part);
-    });
-    for (std::size_t i = 0; i + 2 < parts.size(); i += 3) {
-        const auto path = relativeOf.find(parts[i]);
-        if (path == relativeOf.end() || !drivers.withoutClean.contains(parts[i + 2]))
+    NulSplitter("check-attr")
+        .feed(ask({"check-attr", "-z", "--stdin", "filter"}, std::move(input)),
+              [&](std::string_view part) { parts.emplace_back(part); });
+    std::vector<Unverified> result;
+    for (std::size_t i = 0; i + 2 < parts.size(); i += 3)
+        if (const auto path = pathOfSpec.find(parts[i]);
+            path != pathOfSpec.end() && withoutClean.contains(parts[i + 2]))
+            result.push_back({path->second, parts[i + 2]});
+    return result;
+}
+
+void Collector::addUnverified(const FilterDrivers& drivers) {
+    for (const auto& [path, filter] : findUnverified(drivers.withoutClean, "")) {
+        const auto found = m_states.find(pathOf(path));
+        if (found == m_states.end() || found->second.getState() == LocalStatus::Conflicted)
             continue;
-        auto& state = m_states.at(pathOf(path->second));
-        state = withProperty(state, property::unverified, wide(parts[i + 2]));
+        const auto* columns = found->second.findProperty(property::columns);
+        if (columns == nullptr || (*columns)[1] == u'.')
+            take({.kind = Kind::Changed,
+                  .columns = std::string{columns ? static_cast<char>((*columns)[0]) : '.', 'M'},
+                  .path = path});
+        found->second = withProperty(found->second, property::unverified, wide(filter));
     }
 }
 
@@ -584,7 +714,8 @@ void Collector::addUnreadable(const std::string& errors) {
     for (const auto& path : m_staleOnDisk) {
         const auto mode = modeOf(path);
         if (mode && S_ISREG(*mode) &&
-            ::faccessat(m_rootFolder.get(), path.c_str(), R_OK, AT_EACCESS) != 0) {
+            ::faccessat(m_rootFolder.get(), path.c_str(), R_OK, AT_EACCESS) != 0 &&
+            !hasVanished(errno)) {
             auto& state = m_states.at(pathOf(path));
             state = withProperty(withState(state, LocalStatus::Unknown), property::why,
                                  whyUnreadable(errno));
@@ -642,11 +773,59 @@ void Collector::addBeyondLinks() {
             if (found == std::string::npos)
                 continue;
             at = found;
-            const auto* columns = it->second.findProperty(property::columns);
-            const char staged = columns != nullptr ? static_cast<char>(columns->front()) : '.';
-            take({.kind = Kind::Changed, .columns = std::string{staged, 'D'}, .path = path});
+            takeMissing(path);
         }
     }
+}
+
+void Collector::takeMissing(const std::string& path) {
+    const auto* columns = m_states.at(pathOf(path)).findProperty(property::columns);
+    const char staged = columns != nullptr ? static_cast<char>(columns->front()) : '.';
+    take({.kind = Kind::Changed, .columns = std::string{staged, 'D'}, .path = path});
+}
+
+// A folder may go after git has looked at what is in it. What is tracked there is missing then, and
+// the rest is nothing.
+void Collector::addVanished() {
+    for (const auto& [folder, content] : m_folders) {
+        if (folder.empty() || wayTo(folder) != Way::Nothing ||
+            wayTo(std::string(parentOf(folder))) != Way::Folders)
+            continue;
+        const auto key = pathOf(folder);
+        std::vector<std::string> suspects;
+        for (auto it = m_states.upper_bound(key);
+             it != m_states.end() && it->first.string().starts_with(key.string());) {
+            const auto state = it->second.getState();
+            const auto found = it++;
+            if (!found->first.isBelow(key))
+                continue;
+            if (state == LocalStatus::NotUnderSourceControl || state == LocalStatus::Ignored)
+                m_states.erase(found);
+            else if (state != LocalStatus::Missing && state != LocalStatus::Deleted &&
+                     state != LocalStatus::Conflicted)
+                suspects.push_back(m_repository.relative(found->first).value());
+        }
+        // Most often these are entries that need not exist, as in a sparse checkout.
+        std::erase_if(suspects, [&](const auto& path) {
+            return !m_folders.at(std::string(parentOf(path))).mustExist;
+        });
+        if (suspects.empty())
+            continue;
+        const std::unordered_set<std::string> wanted(suspects.begin(), suspects.end());
+        GitRun run{.arguments = {"ls-files", "-z", "-v", "--full-name", "--"}};
+        run.arguments.push_back(pathspecs({folder}).front());
+        NulSplitter("ls-files").feed(m_git.read(run), [&](std::string_view record) {
+            const std::string path(record.substr(std::min<std::size_t>(2, record.size())));
+            if (record.starts_with(isChecked) && wanted.contains(path))
+                takeMissing(path);
+        });
+    }
+}
+
+void Collector::throwBadRecord(std::string_view record) const {
+    if (PorcelainRecord::namesImpossiblePath(record))
+        throwDamagedIndex(m_repository.root(), impossibleName);
+    throwGarbage("status");
 }
 
 void Collector::addFolders() {
@@ -662,7 +841,7 @@ void Collector::addFolders() {
                                  : content.untracked ? LocalStatus::NotUnderSourceControl
                                                      : LocalStatus::Ignored,
                                  true);
-        } else {
+        } else if (!hasVanished(errno)) {
             m_states.try_emplace(key, unknown(true, whyUnreadable(errno)));
             if (::faccessat(m_rootFolder.get(), name, X_OK, AT_EACCESS) != 0)
                 closed.push_back(folder);
@@ -686,6 +865,12 @@ std::map<Path, FileState> collectSteadily(GitRunner& git, const Scope& scope) {
         if (attempt == attempts || git.repository().stamp() == before)
             return states;
     }
+}
+
+// "Pathspec '<path>' is in submodule '<submodule>'": of one that is not checked out, or this would
+// have been found on the disk.
+bool isInSubmodule(const std::string& refusal) {
+    return refusal.find("' is in submodule '") != std::string::npos;
 }
 
 /// How a path that was asked for lies in the working copy.
@@ -771,7 +956,8 @@ std::map<Path, FileState> GitStatus::ofPaths(const std::vector<Path>& paths) {
     for (std::size_t i = 0; i < asked.size(); ++i) {
         const auto& key = askedPaths[i];
         const auto mode = states.contains(key) ? std::nullopt : disk.modeOf(asked[i]);
-        if (!mode)
+        // A FIFO, a socket or a device is nothing to git, so no query for a folder lists it.
+        if (!mode || !(S_ISDIR(*mode) || S_ISREG(*mode) || S_ISLNK(*mode)))
             continue;
         const auto place = placeOf(std::string(parentOf(asked[i])), placeOf);
         bool isIgnored = false;
@@ -790,34 +976,23 @@ std::map<Path, FileState> GitStatus::ofPaths(const std::vector<Path>& paths) {
         else
             unsaid.push_back(i);
     }
-    // check-ignore does not take names literally, so none may start with a colon.
-    const auto ignoreSpec = [&](std::size_t i) {
-        const auto spec = disk.pathspecs({asked[i]}).front();
-        return spec.starts_with('/') ? spec : "./" + spec;
-    };
-    std::unordered_set<std::string> ignored;
-    if (!unsaid.empty()) {
-        GitRun run{.arguments = {"check-ignore", "-z", "--stdin"}, .literalPathspecs = false};
-        for (const auto i : unsaid)
-            run.input += ignoreSpec(i) + '\0';
-        constexpr int noneIgnored = 1;
-        NulSplitter("check-ignore").feed(m_git.read(run, noneIgnored), [&](std::string_view path) {
-            ignored.emplace(path);
-        });
-    }
+    std::vector<std::string> names;
+    for (const auto i : unsaid)
+        names.push_back(asked[i]);
+    const auto rules = queryIgnored(m_git, names, true);
     for (const auto i : unsaid) {
         const auto mode = disk.modeOf(asked[i]);
         if (!mode)
             continue;
         const bool isFolder = S_ISDIR(*mode);
-        if (ignored.contains(ignoreSpec(i)))
-            answer.insert_or_assign(askedPaths[i], FileState(LocalStatus::Ignored, isFolder));
-        else if (isFolder || S_ISREG(*mode) || S_ISLNK(*mode))
-            answer.insert_or_assign(askedPaths[i],
-                                    FileState(LocalStatus::NotUnderSourceControl, isFolder));
-        else
-            answer.insert_or_assign(
-                askedPaths[i], unknown(false, u"is neither a file, a folder nor a symbolic link"));
+        auto state =
+            FileState(rules.ignored.contains(asked[i]) ? LocalStatus::Ignored
+                                                       : LocalStatus::NotUnderSourceControl,
+                      isFolder);
+        if (const auto refused = rules.refused.find(asked[i]); refused != rules.refused.end())
+            state = isInSubmodule(refused->second) ? FileState(LocalStatus::External, isFolder)
+                                                   : unknown(isFolder, wide(refused->second));
+        answer.insert_or_assign(askedPaths[i], std::move(state));
     }
 
     if (isWhole) {

@@ -3,6 +3,7 @@
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/Cancellation.h"
 #include "quendo/git/ChildProcess.h"
+#include "quendo/git/GitFailure.h"
 
 #include <algorithm>
 #include <array>
@@ -116,10 +117,18 @@ std::string GitTool::executable() {
 
 void GitTool::checkVersion(const std::string& path) const {
     const FileDescriptor root(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
-    const ChildPlan plan{.executable = path,
-                         .arguments = {"version"},
-                         .environment = readingEnvironment("/", {}, false),
-                         .workingFolder = root.get()};
+    ChildPlan plan{.executable = path,
+                   .arguments = {"version"},
+                   .environment = readingEnvironment("/", {}, false),
+                   .workingFolder = root.get()};
+    // git reads the user's configuration even to say its version. What is wrong with that is
+    // reported by the command that needs it.
+    std::erase_if(plan.environment, [](const auto& one) {
+        return one.starts_with("GIT_CONFIG_GLOBAL=") || one.starts_with("GIT_CONFIG_NOSYSTEM=");
+    });
+    plan.environment.insert(plan.environment.end(),
+                            {"GIT_CONFIG_GLOBAL=/dev/null", "GIT_CONFIG_NOSYSTEM=1"});
+    ChildResult result;
     std::string output;
     const auto needed = std::to_string(oldestMajor) + "." + std::to_string(oldestMinor);
     const Cancellation uncancelled(nullptr);
@@ -130,17 +139,21 @@ void GitTool::checkVersion(const std::string& path) const {
         });
         ChildProcess* const children[] = {&child};
         ChildProcess::waitForAll(children, uncancelled, m_options.versionLimit);
+        result = child.result();
     } catch (const ChildStalled&) {
         throw exception::ToolError(path + " hangs when asked for its version; git " + needed +
                                    " or newer is needed");
     } catch (const std::system_error& error) {
-        throw exception::ToolError(path + " cannot be started (" + error.code().message() +
-                                   "); git " + needed + " or newer is needed");
+        throwCannotStart(path, error);
     }
     int major = 0, minor = 0;
-    if (std::sscanf(output.c_str(), "git version %d.%d", &major, &minor) != 2)
-        throw exception::ToolError(path + " does not say its version as git does; git " + needed +
+    if (std::sscanf(output.c_str(), "git version %d.%d", &major, &minor) != 2) {
+        if (result.exitCode != 0)
+            throw exception::ToolError(path +
+                                       " does not print its version: " + describeEnd(result));
+        throw exception::ToolError(path + " does not print its version as git does; git " + needed +
                                    " or newer is needed");
+    }
     if (major < oldestMajor || (major == oldestMajor && minor < oldestMinor))
         throw exception::ToolError(path + " is git " + std::to_string(major) + "." +
                                    std::to_string(minor) + ", which is too old; git " + needed +

@@ -114,8 +114,9 @@ KeptFiles::KeptFiles(const Repository& repository)
     static std::atomic<unsigned> counter{0};
     const FileDescriptor gitDir(
         ::open(repository.gitDir().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    ::mkdirat(gitDir.get(), parentFolder, 0777);
-    m_metadata = openFolder(gitDir.get(), parentFolder);
+    const bool isMade = ::mkdirat(gitDir.get(), parentFolder, 0777) == 0 || errno == EEXIST;
+    if (isMade)
+        m_metadata = openFolder(gitDir.get(), parentFolder);
     m_name = "kept-" + std::to_string(::getpid()) + "-" + std::to_string(::time(nullptr)) + "-" +
              std::to_string(++counter);
     if (m_metadata && ::mkdirat(m_metadata.get(), m_name.c_str(), 0700) == 0)
@@ -123,8 +124,8 @@ KeptFiles::KeptFiles(const Repository& repository)
     if (!m_root || !m_folder) {
         const int error = errno;
         throw exception::OperationFailedError(
-            "nothing was changed: no folder to keep files in can be made in " +
-            Path::fromNative(repository.gitDir()).toUtf8() + ": " + std::strerror(error));
+            "nothing was changed: " + Path::fromNative(repository.gitDir()).toUtf8() +
+            " cannot be written to: " + std::strerror(error));
     }
     dropOldOnes();
     const auto index = repository.gitDir() + "/" + indexName;

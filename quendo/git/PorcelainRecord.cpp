@@ -1,5 +1,7 @@
 #include "quendo/git/PorcelainRecord.h"
 
+#include <algorithm>
+
 namespace quendo::git {
 namespace {
 
@@ -16,9 +18,8 @@ bool areColumns(std::string_view text) {
     return text.size() == 2 && text.find_first_not_of(".MTADRCU") == std::string_view::npos;
 }
 
-} // namespace
-
-std::optional<PorcelainRecord> PorcelainRecord::parse(std::string_view text) {
+std::optional<PorcelainRecord> parseFields(std::string_view text) {
+    using Kind = PorcelainRecord::Kind;
     PorcelainRecord record{};
     const auto kind = takeField(text);
     if (!kind || kind->size() != 1)
@@ -66,10 +67,40 @@ std::optional<PorcelainRecord> PorcelainRecord::parse(std::string_view text) {
         record.endsWithSlash = true;
         text.remove_suffix(1);
     }
-    if (text.empty() || text.front() == '/')
-        return std::nullopt;
     record.path = text;
     return record;
+}
+
+bool isOfIndex(const PorcelainRecord& record) {
+    return record.kind == PorcelainRecord::Kind::Changed ||
+           record.kind == PorcelainRecord::Kind::Unmerged;
+}
+
+bool hasPossiblePath(const PorcelainRecord& record) {
+    return isPossiblePath(record.path) && !(isOfIndex(record) && record.endsWithSlash);
+}
+
+} // namespace
+
+bool isPossiblePath(std::string_view path) {
+    for (std::size_t start = 0; start <= path.size();) {
+        const auto end = std::min(path.find('/', start), path.size());
+        const auto part = path.substr(start, end - start);
+        if (part.empty() || part == "." || part == "..")
+            return false;
+        start = end + 1;
+    }
+    return true;
+}
+
+std::optional<PorcelainRecord> PorcelainRecord::parse(std::string_view text) {
+    auto record = parseFields(text);
+    return record && hasPossiblePath(*record) ? record : std::nullopt;
+}
+
+bool PorcelainRecord::namesImpossiblePath(std::string_view text) {
+    const auto record = parseFields(text);
+    return record && isOfIndex(*record) && !hasPossiblePath(*record);
 }
 
 } // namespace quendo::git

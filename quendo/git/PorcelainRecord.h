@@ -22,6 +22,13 @@ struct PorcelainRecord {
 
     /// @return nothing for a text that git does not print
     static std::optional<PorcelainRecord> parse(std::string_view text);
+    /// Whether a text that parse() refuses is git's record of an index entry that has a name which
+    /// no file can have: the index is damaged then.
+    static bool namesImpossiblePath(std::string_view text);
 };
+
+/// Whether a path out of an index or a tree can be that of a file: no part of it is empty or a dot
+/// or two.
+bool isPossiblePath(std::string_view path);
 
 } // namespace quendo::git

@@ -1,6 +1,7 @@
 #include "quendo/git/Repository.h"
 
 #include "quendo/exception/AdapterErrors.h"
+#include "quendo/git/FileDescriptor.h"
 #include "quendo/git/FormatConfig.h"
 #include "quendo/git/GitText.h"
 #include "quendo/git/SmallFile.h"
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <memory>
 #include <string_view>
 #include <unistd.h>
@@ -44,6 +46,11 @@ std::optional<std::string> canonical(const std::string& path) {
 bool isFolder(const std::string& path) {
     struct stat status;
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool isLink(const std::string& path) {
+    struct stat status;
+    return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 const char* kindOf(mode_t mode) {
@@ -231,7 +238,9 @@ void Repository::checkMetadataFiles() const {
     }
     for (const char* name : {".gitignore", ".gitattributes", ".gitmodules"}) {
         const auto file = join(m_root, name);
-        if (!isFolder(file)) // a folder of such a name is like any other
+        // A folder of such a name is like any other. Of these three git reads only .gitmodules
+        // through a symbolic link; an older git that reads the others is watched as it runs.
+        if (!isFolder(file) && (!isLink(file) || std::string_view(name) == ".gitmodules"))
             checkRegular(file, rulesLimit);
     }
     const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(m_gitDir.c_str()), ::closedir);
@@ -247,12 +256,32 @@ RepositoryStamp Repository::stamp() const {
              stampOf(m_commonDir + "/packed-refs")}};
 }
 
-bool Repository::hasSharedIndex() const {
+bool Repository::isWrittenByReading() const {
+    struct stat status;
+    if (::stat((m_gitDir + "/info/sparse-checkout").c_str(), &status) == 0 || hasSparseIndex())
+        return true;
     const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(m_gitDir.c_str()), ::closedir);
     while (const auto* entry = folder ? ::readdir(folder.get()) : nullptr)
         if (std::string_view(entry->d_name).starts_with("sharedindex."))
             return true;
     return false;
+}
+
+// The mark of a sparse index is an extension without content. Behind it stand at most the
+// extension with the end of the entries and the checksum.
+bool Repository::hasSparseIndex() const {
+    constexpr std::string_view mark("sdir\0\0\0\0", 8);
+    constexpr off_t mostBehind = 256;
+    const FileDescriptor index(
+        ::open((m_gitDir + "/index").c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status;
+    if (!index || ::fstat(index.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return false;
+    std::array<char, mostBehind> end;
+    const auto size = ::pread(index.get(), end.data(), end.size(),
+                              std::max<off_t>(0, status.st_size - mostBehind));
+    return size > 0 && std::string_view(end.data(), static_cast<std::size_t>(size)).find(mark) !=
+                           std::string_view::npos;
 }
 
 std::uint64_t Repository::indexSize() const {

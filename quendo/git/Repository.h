@@ -59,8 +59,9 @@ public:
 
     RepositoryStamp stamp() const;
 
-    /// True while the index is split: reading it makes git write (see ChildPlan::keepFileTimes).
-    bool hasSharedIndex() const;
+    /// True while the index is split or sparse: git then writes when it reads it, unless it is kept
+    /// from that (see ChildPlan::keepMetadata).
+    bool isWrittenByReading() const;
 
     /// Bytes in the index file; 0 without one.
     std::uint64_t indexSize() const;
@@ -74,6 +75,7 @@ public:
 
 private:
     void readFormat();
+    bool hasSparseIndex() const;
 
     std::string m_folder;
     std::string m_root;

@@ -157,7 +157,7 @@ TEST(ActingTest, SaysWhatIsWrongWithGit) {
     const Case cases[] = {
         {"mkfifo ../fifo; exec cat ../fifo", "hangs"},
         {"cat ../no-such-file; exit 1", "failed"},
-        {"kill -11 $$", "ended by signal 11"},
+        {"kill -11 $$", "signal 11 ended it"},
         {"head -c 99999 /dev/urandom; head -c 99999 /dev/urandom >&2; exit 1", "failed"},
     };
     for (const auto& one : cases)

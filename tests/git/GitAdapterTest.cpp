@@ -19,15 +19,17 @@ TEST(GitAdapterTest, AnswersForPathsThatGitDoesNotName) {
               "echo 1 > dir/tracked; git add .; git commit -qm one; mkdir -p build/deep empty\n"
               "echo o > build/deep/x.o; mkdir empty-ignored ':(glob)*' :empty-ignored\n"
               "ln -s dir link; git init -q nested; mkdir nested/sub; echo n > nested/sub/file\n"
-              "mkfifo fifo");
+              "mkfifo fifo build/fifo; git init -q sub; git -C sub commit -q --allow-empty -m s\n"
+              "git add sub 2>&1; git commit -qm sub; rm -rf sub/.git; echo l > sub/l");
     const std::pair<const char*, const char*> rows[] = {
         {"build/deep/x.o", "Ignored"}, {"build/deep", "Ignored"},
         {"build/none", "nothing"},     {"empty", "NotUnderSourceControl"},
         {"empty-ignored", "Ignored"},  {":(glob)*", "NotUnderSourceControl"},
         {":empty-ignored", "Ignored"}, {"link", "NotUnderSourceControl"},
         {"link/tracked", "Unknown"},   {"nested/sub/file", "External"},
-        {"nested/none", "nothing"},    {"fifo", "Unknown"},
-        {".git/HEAD", "nothing"}};
+        {"nested/none", "nothing"},    {"fifo", "nothing"},
+        {"build/fifo", "nothing"},     {"sub/l", "External"},
+        {"sub", "Unmodified"},         {".git/HEAD", "nothing"}};
     for (const auto& [path, state] : rows)
         EXPECT_EQ(stateOf(copy, path), state) << path;
     // A list longer than git is given at once, with what is asked twice and spelled oddly.
@@ -37,6 +39,45 @@ TEST(GitAdapterTest, AnswersForPathsThatGitDoesNotName) {
     const auto states = copy.adapter().getStatus(many);
     ASSERT_EQ(states.size(), 1U);
     EXPECT_EQ(states.begin()->first, copy.at("dir/tracked"));
+
+    // git refuses each question about "sub/l"; the others in the list have their states.
+    copy.sh("echo 2 > dir/tracked; echo l > sub/k");
+    const auto paths = copy.all({"sub/l", "dir/tracked", "build/deep", "sub/k", "empty"});
+    const auto mixed = copy.adapter().getStatus(paths);
+    std::string answers;
+    for (const auto& path : paths)
+        answers.append(toString(mixed.at(path).getState())).append(" ");
+    EXPECT_EQ(answers, "External Modified Ignored External NotUnderSourceControl ");
+    EXPECT_THAT(copy.refusal(add({"link", "sub/l"})), HasSubstr("sub is a submodule"));
+}
+
+// git reads neither through a link, so what that leads to does not matter.
+TEST(GitAdapterTest, IgnoreFilesThatAreLinksAreNotRead) {
+    Copy copy({}, "git init -q; echo '*.o' > ../rules; mkfifo ../fifo; mkdir d; touch a.o d/a.o");
+    for (const char* target : {"../rules", "../fifo", "/dev/zero", "nowhere", ".gitignore"}) {
+        for (const char* name : {".gitignore", ".gitattributes", "d/.gitignore"})
+            copy.sh(std::string("ln -sfn ") + target + " " + name);
+        EXPECT_EQ(stateOf(copy, "a.o"), "NotUnderSourceControl") << target;
+        EXPECT_EQ(stateOf(copy, "d/a.o"), "NotUnderSourceControl") << target;
+    }
+}
+
+// Between two of git's answers, and between them and the look at the disk.
+TEST(GitAdapterTest, AFolderThatGoesMeanwhileIsMissing) {
+    const OtherGit git("status", "git \"$@\"; rm -rf d; exit");
+    Copy copy({.executable = git.path()},
+              "git init -q; mkdir -p d/n; touch d/f d/n/g d/skipped d/changed; git add .\n"
+              "git commit -qm one; git update-index --skip-worktree d/skipped; echo 1 > d/changed\n"
+              "echo n > d/new");
+    const auto states = copy.adapter().getStatus(copy.root(), true);
+    std::string text;
+    for (const auto& [path, state] : states)
+        text.append(path.toNative().substr(copy.root().toNative().size()))
+            .append(" ")
+            .append(toString(state.getState()))
+            .append("\n");
+    EXPECT_EQ(text, " Unmodified\n/d/changed Missing\n/d/f Missing\n/d/n/g Missing\n"
+                    "/d/skipped Unmodified\n");
 }
 
 TEST(GitAdapterTest, SaysTheSameWhereverALinkLeads) {

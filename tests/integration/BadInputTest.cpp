@@ -123,5 +123,35 @@ TEST(BadInput, AGitThatIsNotOne) {
         EXPECT_EQ(notRefused(runQuendo(sandbox, {"status", "work"}, {{"PATH", path}})), "") << path;
 }
 
+// What is wrong is said, not what it looks like at first.
+TEST(BadInput, NamesTheRealCause) {
+    const std::string real = "[ \"$1\" = version ] && exec $REAL \"$@\"; ";
+    // What git is, what is done, what must be said.
+    const std::array<std::string, 3> rows[] = {
+        {"", "echo '[core' >> ~/.gitconfig; q status", "/.gitconfig; correct that file"},
+        {"", "rm ~/.gitconfig; mkfifo ~/.gitconfig; q status", "/.gitconfig is a FIFO"},
+        {"", "truncate -s 130 .git/index; q status", "a name that no file can have"},
+        {"", "printf '\\0\\0' | dd of=.git/index bs=1 seek=38 conv=notrunc status=none; q status",
+         "ce_mode: 0; if nothing else helps, move the file 'index'"},
+        {"", "chmod 500 .git; q checkin -m m f; e=$?; chmod 700 .git; exit $e",
+         "/.git cannot be written to: Permission denied"},
+        {"exit 255", "q status", "git does not print its version: it exited with code 255"},
+        {real + "exit 255", "q status", "git config failed in "},
+        {real + "kill -9 $$", "q status", ": it was killed, by another process"},
+        {real + "kill -9 $$", "q add n", ": it was killed, by another process"},
+        {real + "[ $1 = check-ignore ] && printf 'x\\0y\\0z\\0\\0'; exec $REAL \"$@\"", "q add n",
+         "git check-ignore printed what git does not print"},
+        {real + "[ $1 = update-index ] && exit 255; exec $REAL \"$@\"", "q add n",
+         "git update-index failed in "},
+    };
+    for (const auto& [git, command, words] : rows) {
+        const GitSandbox sandbox;
+        runScript(sandbox, "i; w f; w g; c; w f 2; w n");
+        if (!git.empty())
+            withGit(sandbox, git);
+        expectRefusals(sandbox, {{"PATH=$PWD/../bin:$PATH; " + command, words}});
+    }
+}
+
 } // namespace
 } // namespace quendo::test

@@ -46,6 +46,25 @@ TEST(HarmNone, ReadingChangesNothing) {
     EXPECT_TRUE(watch.drain().contains((sandbox.work() / ".git/index.lock").native()));
 }
 
+// git writes trees when it expands or collapses a sparse index, and renews those that exist.
+TEST(HarmNone, ReadingASparseIndexWritesNoObjects) {
+    const GitSandbox sandbox;
+    runScript(sandbox, R"sh(
+        sparse() { w f; w a/f; w b/f; w b/x/f; w d/f; git add -A; git commit -q -m c
+            git sparse-checkout set --cone --sparse-index a 2>/dev/null
+            git update-index --add --cacheinfo 100644,$(git rev-parse HEAD:f),a/q/r
+            touch -d @1600000000 .git/objects/*/*; }
+        i; git init -q -b main s; (cd s; sparse); git add s; sparse; w a/f 2; w b/n)sh");
+    const auto before = snapshot(sandbox.root());
+    TreeWatch watch(sandbox.root());
+    readAll(sandbox, sandbox.work(), "a/f");
+    readAll(sandbox, sandbox.work() / "s", "a/f");
+    EXPECT_THAT(watch.drain(), IsEmpty());
+    EXPECT_THAT(changesBetween(before, snapshot(sandbox.root())), IsEmpty());
+    sandbox.git({"--no-optional-locks", "ls-files", "-s"});
+    EXPECT_THAT(watch.drain(), testing::SizeIs(testing::Gt(3U))); // the watch sees what git does
+}
+
 // plant FILE TAG   makes the configuration FILE name a program for everything that git can be told
 // to
 //                  run, drivers TAG (by file) and TAG-p (by process); each leaves its name behind

@@ -222,8 +222,13 @@ const std::vector<Scenario> table = {
     {"filter: of the repository alone", ".M", R"sh(
         git config --global filter.up.clean 'tr a-z A-Z'; i; git config filter.low.clean 'tr A-Z a-z'
         git config filter.low.required true; w .gitattributes $'*.l filter=low\n*.u filter=up\n'
-        w fresh.l ABC; stale fresh.l; w a.l ABC; w b.l ABC; w a.u ABC; c; stale a.l a.u; w b.l abd)sh",
-     ".", "a.l"},
+        w fresh.l ABC; stale fresh.l; for f in a.l b.l a.u; do w $f ABC; done; w e.l abc; w s.l abc; c
+        w s.l add; git add s.l; w r.l abc; still r.l; stale a.l a.u e.l s.l; w b.l abd)sh",
+     ".", "a.l e.l r.l s.l"},
+    {"filter: of a submodule alone", "M. ??", R"sh(
+        i; sub s; sub t; c; for r in s t; do (cd $r; git config filter.low.clean 'tr A-Z a-z'
+        w .gitattributes '*.l filter=low'; w a.l abc; stale a.l; c); done; git add s t; touch s/a.l; w n)sh",
+     ".", "s"},
 
     // --- Names.
     {"names: control, quotes, blanks, globs", ".M ?? !!", R"sh(

@@ -34,8 +34,11 @@ Records askGit(const GitSandbox& sandbox, const Scenario& scenario, bool ignored
         return refusal;
     auto records = recordsIn(result.output);
     for (const auto& path : split(scenario.unverified))
-        if (std::ranges::find(records, path, &Record::path) == records.end())
+        if (const auto record = std::ranges::find(records, path, &Record::path);
+            record == records.end())
             records.push_back({".M", path});
+        else
+            record->columns[1] = 'M';
     std::ranges::stable_sort(records, {}, &Record::path);
     return records;
 }

@@ -2,12 +2,21 @@
 
 #include <algorithm>
 #include <pthread.h>
+#include <system_error>
 #include <thread>
 
 namespace quendo::platform {
 
 void startDetachedThread(UniqueFunction<void()> body) {
-    std::thread(std::move(body)).detach();
+    try {
+        std::thread(std::move(body)).detach();
+    } catch (const std::system_error& error) {
+        if (error.code() != std::errc::resource_unavailable_try_again)
+            throw;
+        throw std::system_error(error.code(),
+                                "a thread cannot be started: the system allows no further one "
+                                "(see ulimit -u, and pids.max of the control group)");
+    }
 }
 
 void nameThisThread(const std::string& name) noexcept {

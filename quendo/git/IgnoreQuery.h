@@ -1,0 +1,28 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+namespace quendo::git {
+
+class GitRunner;
+
+/// What git answers about ignore rules and paths.
+struct IgnoreAnswer {
+    std::unordered_set<std::string> ignored;
+    /// Paths that git refuses to answer for, with its words: one in a submodule that is not checked
+    /// out, one behind a symbolic link.
+    std::map<std::string, std::string> refused;
+};
+
+/// Asks git which of `paths` are ignored. A path that git refuses costs a further run of git and
+/// not the answer for the others.
+/// @param paths relative to the working copy's root
+/// @param withIndex a tracked path is not ignored, whatever the rules say; costs time in proportion
+///        to the index for each path
+/// @throws as GitRunner::read()
+IgnoreAnswer queryIgnored(GitRunner& git, const std::vector<std::string>& paths, bool withIndex);
+
+} // namespace quendo::git
