@@ -46,6 +46,14 @@
 // metadata. Before the first query has ended every folder would be bare, and what happens in there
 // meanwhile is no news: so until then only the root is watched.
 //
+// Refused folders. A folder that the event service refuses stays wanted, and every later change of
+// the cache tries it again.
+//
+// Suspensions. Events that arrive while detection is disabled are dropped, those of new folders
+// too. The first change of the cache after a suspension lists the watched folders for folders that
+// came meanwhile and watches these; what else changed before the end of the suspension is left to
+// the caller's refresh.
+//
 // The gap. What changed after the adapter had looked and before the watch stood would be missed. So
 // a folder is listed after its watch stands, and what changed since the query that put it into the
 // cache is asked for: by the time stamp of the last change (ctime), less a margin. What went has no
@@ -90,6 +98,7 @@ using platform::WithRecursiveChangeEvents;
 using Clock = std::chrono::system_clock;
 
 // Time stamps of files come from a clock that steps with the kernel's tick, 10 ms at most.
+constexpr std::chrono::milliseconds tick{10};
 constexpr std::chrono::milliseconds margin{100};
 
 constexpr std::size_t mostFoldersAtOnce = 4;
@@ -159,7 +168,10 @@ struct CacheUpdateInfo {
     std::set<UString> metadataFileNames;
     std::shared_ptr<CMStatusCache> cache;
     std::atomic<bool> enabled{true};
-    std::atomic<bool> hasLost{false}; ///< an event
+    std::atomic<bool> hasLost{false};          ///< an event
+    std::atomic<bool> hasMissedFolders{false}; ///< new folders may have no watch: see Suspensions
+    std::atomic<Clock::time_point> enabledAt{Clock::time_point::min() +
+                                             tick}; ///< by the last guard
 
     // Interfaces of the cache, where it has them.
     CMStatusCacheFolders* folders = nullptr;
@@ -378,8 +390,11 @@ public:
     scope_guard disable() {
         m_info->enabled.exchange(false);
         return scope_guard([weak = weak_from_this()] {
-            if (const auto self = weak.lock())
+            if (const auto self = weak.lock()) {
+                self->m_info->enabledAt = Clock::now();
+                self->m_info->hasMissedFolders = true;
                 self->m_info->enabled.exchange(true);
+            }
         });
     }
 
@@ -394,9 +409,13 @@ public:
         if (m_stopped)
             return;
         if (m_info->folders != nullptr) {
+            if (m_info->enabled && m_info->hasMissedFolders.exchange(false))
+                watchMissedFoldersLater();
             const auto version = m_info->folders->getFolderSetVersion();
-            if (version == m_folderSetVersion)
+            if (version == m_folderSetVersion) {
+                retryRefused();
                 return;
+            }
             m_folderSetVersion = version; // asked before the folders: at worst it is done again
         }
         const auto wanted = m_info->folders != nullptr ? foldersOfInterface() : foldersOfFiles();
@@ -411,6 +430,7 @@ public:
         add(added);
         if (m_info->folders == nullptr)
             return;
+        lookIntoLater({}, takeRefusedBare());
         std::erase_if(m_bareWatches,
                       [&](const auto& watch) { return m_info->isInOneEntry(watch.first); });
         if (old.empty() && wanted.size() == 1 && !answeredAt(m_info->root))
@@ -454,15 +474,33 @@ private:
     }
 
     void add(const std::vector<Path>& folders) {
+        m_refused.clear();
         for (const auto& folder : folders) {
             try {
                 add(folder, WithRecursiveChangeEvents::NonRecursive, m_watches);
                 m_bareWatches.erase(folder);
             } catch (...) {
                 QUENDO_LOG_CAUGHT_EXCEPTION();
+                m_refused.push_back(folder);
                 noteRefusal(folder);
             }
         }
+    }
+
+    /// With the lock held, and the wanted folders unchanged: of these only the refused ones have no
+    /// watch.
+    void retryRefused() {
+        if (m_refused.empty() && m_refusedBare.empty())
+            return;
+        auto folders = m_refused;
+        add(folders);
+        std::erase_if(folders, [&](const Path& folder) { return !m_watches.contains(folder); });
+        lookIntoLater(std::move(folders), takeRefusedBare());
+    }
+
+    std::vector<Path> takeRefusedBare() {
+        const auto folders = std::exchange(m_refusedBare, {});
+        return {folders.begin(), folders.end()};
     }
 
     /// In a handler of an exception.
@@ -503,10 +541,9 @@ private:
         return [weakInfo = std::weak_ptr(m_info), weakExecutor = std::weak_ptr(m_executor),
                 weak = weak_from_this()](const platform::Event& event) {
             const auto info = weakInfo.lock();
-            const auto kind = event.getEventData().getKind();
-            // A folder that comes is watched all the same.
-            if (info == nullptr || (!info->enabled && kind != StorageEventKind::Created))
+            if (info == nullptr || !info->enabled)
                 return;
+            const auto kind = event.getEventData().getKind();
             const auto path =
                 fromAbsoluteIRI(platform::getLocation(event.getEventData().getFileOrFolder()));
             const auto executor = weakExecutor.lock();
@@ -530,10 +567,10 @@ private:
 
     /// On the strand.
     void take(StorageEventKind kind, const Path& path) {
-        if (m_info->folders != nullptr && kind != StorageEventKind::Changed)
-            followFolder(kind, path);
         if (!m_info->enabled)
             return;
+        if (m_info->folders != nullptr && kind != StorageEventKind::Changed)
+            followFolder(kind, path);
         if (m_info->hasLost.exchange(false))
             respond(StorageEventKind::ContentsUnknown, m_info->root);
         else
@@ -776,9 +813,37 @@ private:
             add(path, WithRecursiveChangeEvents::NonRecursive, m_bareWatches);
         } catch (const platform::ChangeEventsSubscriptionException&) {
             QUENDO_LOG_CAUGHT_EXCEPTION(); // the folders beside it are watched all the same
+            m_refusedBare.insert(path);
             return false;
         }
         return true;
+    }
+
+    /// With the lock held: watches the folders that came during a suspension, on the strand.
+    void watchMissedFoldersLater() {
+        m_executor->post([weak = weak_from_this()] {
+            const auto self = weak.lock();
+            if (self == nullptr)
+                return;
+            std::vector<Path> watched, found;
+            {
+                const auto hold = self->m_lock.read();
+                for (const auto* watches : {&self->m_watches, &self->m_bareWatches})
+                    for (const auto& [folder, subscription] : *watches)
+                        watched.push_back(folder);
+            }
+            for (const auto& folder : watched)
+                for (const auto& entry : list(folder).entries) {
+                    if (!entry.isFolder)
+                        continue;
+                    const auto hold = self->m_lock.write();
+                    if (self->m_stopped)
+                        return;
+                    if (self->watchBare(entry.path))
+                        found.push_back(entry.path);
+                }
+            self->lookInto(std::move(found));
+        });
     }
 
     /// @param dropped may be there, with nothing cached in them
@@ -803,6 +868,7 @@ private:
     /// On the strand: closes the gap for folders whose watch has just been made.
     void lookInto(std::vector<Path> folders) {
         std::vector<Path> changed;
+        const auto notBefore = m_info->enabledAt.load() - tick;
         while (!folders.empty()) {
             const Path folder = std::move(folders.back());
             folders.pop_back();
@@ -815,7 +881,7 @@ private:
                     continue;
                 // Of a folder that was never asked for, single files may have been.
                 const auto since = answered ? answered : answeredAt(entry.path);
-                if (since && entry.changed >= *since - margin)
+                if (since && entry.changed >= *since - margin && entry.changed >= notBefore)
                     changed.push_back(entry.path);
                 if (!entry.isFolder)
                     continue;
@@ -858,6 +924,8 @@ private:
     // Guarded by m_lock.
     Watches m_watches;
     Watches m_bareWatches;
+    std::vector<Path> m_refused;  ///< wanted folders without a watch
+    std::set<Path> m_refusedBare; ///< the same of bare folders
     bool m_stopped = false;
     bool m_isUnasked = false; ///< no query has ended, and what lies below the root is not watched
     std::uint64_t m_folderSetVersion = ~std::uint64_t{0};

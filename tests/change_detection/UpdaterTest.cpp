@@ -176,6 +176,42 @@ TEST_F(UpdaterTest, LooksBelowTheRootWhenTheFirstQueryHasEnded) {
     updater.emplace(real, *adapter); // on a cache that was asked
     detection.runStrands();
     EXPECT_THAT(watched(), ElementsAre(".", "a", "a/empty"));
+    watcher->refused = Path();
+    real->refreshFolder(root);
+    detection.runStrands();
+    EXPECT_THAT(watched(), ElementsAre(".", "a", "a/empty", "no"));
+}
+
+TEST_F(UpdaterTest, RetriesRefusedFoldersWhenTheSetOfFoldersIsUnchanged) {
+    test::writeFile(folder.path() / "no/1", "");
+    copy->set(at("no/1"), LocalStatus::Unmodified);
+    watcher->refused = at("no");
+    startReal();
+    EXPECT_THAT(watched(), ElementsAre("."));
+    watcher->refused = Path();
+    test::writeFile(folder.path() / "no/2", ""); // before the watch
+    real->refreshCMStatuses({at("x")});
+    detection.runStrands();
+    EXPECT_THAT(watched(), ElementsAre(".", "no"));
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files x", testing::StartsWith("files no/")));
+}
+
+TEST_F(UpdaterTest, WatchesFoldersOfASuspensionAtTheNextChange) {
+    startReal();
+    auto guard = updater->disable();
+    test::writeFile(folder.path() / "a/b/1", "");
+    watcher->tell(Kind::Appeared, at("a"));
+    detection.runStrands();
+    EXPECT_THAT(watched(), ElementsAre("."));
+    const auto last = fs::last_write_time(folder.path() / "a/b/1");
+    do // until the clock of file times tells later changes from these
+        test::writeFile(folder.path() / "clock", "");
+    while (fs::last_write_time(folder.path() / "clock") < last + std::chrono::milliseconds(20));
+    guard.release();
+    real->refreshCMStatuses({at("x")});
+    detection.runStrands();
+    EXPECT_THAT(watched(), ElementsAre(".", "a", "a/b"));
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files x"));
 }
 
 TEST_F(UpdaterTest, AsksForWhatWentBeforeItsFolderWasWatched) {
