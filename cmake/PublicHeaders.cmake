@@ -58,14 +58,17 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/platform/HostArray.h
     quendo/platform/IMsgIDException.h
     quendo/platform/InstallationService.h
+    quendo/platform/InvalidArgumentError.h
     quendo/platform/IsChildFolderQuery.h
     quendo/platform/Logging.h
     quendo/platform/MessageCatalogue.h
     quendo/platform/Path.h
     quendo/platform/ReentrantReadWriteLock.h
     quendo/platform/ScopeGuard.h
+    quendo/platform/Rethrowable.h
     quendo/platform/Services.h
     quendo/platform/SettingsService.h
+    quendo/platform/SourceControlException.h
     quendo/platform/StackTraceRecordingException.h
     quendo/platform/UString.h
     quendo/platform/UniqueFunction.h

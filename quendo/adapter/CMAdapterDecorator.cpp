@@ -1,6 +1,7 @@
 #include "quendo/adapter/CMAdapterDecorator.h"
 
-#include <stdexcept>
+#include "quendo/platform/InvalidArgumentError.h"
+
 #include <utility>
 
 namespace quendo {
@@ -8,7 +9,7 @@ namespace quendo {
 CMAdapterDecorator::CMAdapterDecorator(std::unique_ptr<CMAdapter> adapter)
     : m_adapter(std::move(adapter)) {
     if (m_adapter == nullptr)
-        throw std::invalid_argument("CMAdapterDecorator: there is no adapter to wrap");
+        throw exception::InvalidArgumentError("CMAdapterDecorator: there is no adapter to wrap");
 }
 
 CMAdapterDecorator::~CMAdapterDecorator() = default;

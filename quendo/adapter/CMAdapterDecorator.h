@@ -11,7 +11,7 @@ namespace quendo {
 class QUENDO_API CMAdapterDecorator : public CMAdapter {
 public:
     /// @param adapter the adapter to wrap, not null; destroyed with this one.
-    /// @throws std::invalid_argument when it is null.
+    /// @throws exception::InvalidArgumentError when it is null.
     explicit CMAdapterDecorator(std::unique_ptr<CMAdapter> adapter);
     ~CMAdapterDecorator() override;
 

@@ -29,7 +29,7 @@ public:
     using PathsSlot = boost::signals2::slot<void(std::vector<Path>)>;
     using UpdateSlot = boost::signals2::slot<void()>;
 
-    /// @throws std::invalid_argument when `adapter` is null
+    /// @throws exception::InvalidArgumentError when `adapter` is null
     explicit EventBroadcastingCMAdapter(std::unique_ptr<CMAdapter> adapter);
     ~EventBroadcastingCMAdapter() override;
 

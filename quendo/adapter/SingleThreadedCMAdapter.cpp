@@ -2,11 +2,11 @@
 
 #include "quendo/adapter/QueryOrigin.h"
 #include "quendo/platform/Executor.h"
+#include "quendo/platform/InvalidArgumentError.h"
 
 #include <exception>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <type_traits>
 #include <utility>
 
@@ -57,7 +57,7 @@ SingleThreadedCMAdapter::SingleThreadedCMAdapter(std::shared_ptr<Executor> execu
                                                  std::unique_ptr<CMAdapter> adapter)
     : CMAdapterDecorator(std::move(adapter)), m_executor(std::move(executor)) {
     if (m_executor == nullptr)
-        throw std::invalid_argument("a single-threaded adapter needs an executor");
+        throw exception::InvalidArgumentError("a single-threaded adapter needs an executor");
 }
 
 SingleThreadedCMAdapter::SingleThreadedCMAdapter(std::shared_ptr<Executor> executor,

@@ -30,7 +30,7 @@ class Executor;
 class QUENDO_API SingleThreadedCMAdapter : public CMAdapterDecorator {
 public:
     /// @param executor shared with as many adapters as are to take turns
-    /// @throws std::invalid_argument when either is null
+    /// @throws exception::InvalidArgumentError when either is null
     SingleThreadedCMAdapter(std::shared_ptr<Executor> executor, std::unique_ptr<CMAdapter> adapter);
     /// @param workingCopy the root, canonical
     SingleThreadedCMAdapter(std::shared_ptr<Executor> executor, std::unique_ptr<CMAdapter> adapter,

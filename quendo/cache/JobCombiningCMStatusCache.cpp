@@ -8,12 +8,12 @@
 #include "quendo/cache/JobQueingCacheUpdater.h"
 #include "quendo/cache/NoOpTask.h"
 #include "quendo/platform/Executor.h"
+#include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/Logging.h"
 #include "quendo/platform/ReentrantReadWriteLock.h"
 
 #include <algorithm>
 #include <atomic>
-#include <stdexcept>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -24,7 +24,7 @@ namespace {
 template <class Pointer>
 Pointer notNull(Pointer pointer, const char* what) {
     if (pointer == nullptr)
-        throw std::invalid_argument(what);
+        throw exception::InvalidArgumentError(what);
     return pointer;
 }
 

@@ -29,7 +29,7 @@ class QUENDO_API JobCombiningCMStatusCache : public CMStatusCache,
                                              public CMStatusCacheFreshness {
 public:
     /// Asks the adapter for its root and its forbidden names, once.
-    /// @throws std::invalid_argument when either is null
+    /// @throws exception::InvalidArgumentError when either is null
     JobCombiningCMStatusCache(std::shared_ptr<CMAdapter> adapter,
                               std::shared_ptr<CMApplicationInteractor> interactor);
     ~JobCombiningCMStatusCache() override;

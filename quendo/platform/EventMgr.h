@@ -31,7 +31,7 @@ private:
 };
 
 /// One type for each kind, in their order, at the location with this text.
-/// @throws std::invalid_argument when that is no AbsoluteIRI
+/// @throws exception::InvalidArgumentError when that is no AbsoluteIRI
 QUENDO_API std::vector<EventType> createEventTypes(const std::vector<StorageEventKind>& kinds,
                                                    const std::string& location);
 
@@ -80,7 +80,8 @@ public:
     /// @param types all at one location, for which events of these kinds are published
     /// @param userTags names for counting subscriptions, none of them empty
     /// @throws ChangeEventsSubscriptionException when the events cannot be had
-    /// @throws std::logic_error for tags that cannot be taken, or types that are none
+    /// @throws exception::InvalidArgumentError for types that are none or at several locations
+    /// @throws std::logic_error "cannot add user tags." for tags that cannot be taken
     [[nodiscard]] virtual std::unique_ptr<EventSubscription>
     subscribe(Handler handler, const std::vector<EventType>& types,
               const std::vector<std::string>& userTags) = 0;

@@ -2,7 +2,7 @@
 
 #include "quendo/platform/Export.h"
 #include "quendo/platform/Path.h"
-#include "quendo/platform/StackTraceRecordingException.h"
+#include "quendo/platform/Rethrowable.h"
 #include "quendo/platform/UniqueFunction.h"
 
 #include <future>
@@ -15,9 +15,9 @@ namespace quendo {
 
 /// Thrown to a caller that would wait for itself: a synchronous task handed to an executor from a
 /// task that this executor is running.
-class QUENDO_API ExecutorDeadlockError : public platform::StackTraceRecordingException {
+class QUENDO_API ExecutorDeadlockError : public exception::Rethrowable<ExecutorDeadlockError> {
 public:
-    using StackTraceRecordingException::StackTraceRecordingException;
+    using Rethrowable::Rethrowable;
 };
 
 /// What a task works on.

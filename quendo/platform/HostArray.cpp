@@ -1,6 +1,7 @@
 #include "quendo/platform/HostArray.h"
 
-#include <stdexcept>
+#include "quendo/platform/InvalidArgumentError.h"
+
 #include <utility>
 
 namespace quendo::platform {
@@ -10,7 +11,8 @@ void checkShape(std::size_t rows, std::size_t columns, std::size_t elements) {
     const bool fits =
         columns == 0 ? elements == 0 : elements % columns == 0 && elements / columns == rows;
     if (!fits)
-        throw std::invalid_argument("an array needs as many elements as its rows and columns say");
+        throw exception::InvalidArgumentError(
+            "an array needs as many elements as its rows and columns say");
 }
 
 } // namespace
@@ -31,8 +33,8 @@ HostArray::HostArray(std::size_t rows, std::size_t columns, std::vector<double> 
     checkShape(rows, columns, this->numbers().size());
 }
 
-TooManyOutputsError::TooManyOutputsError() : HostCallError("Too many output arguments.") {}
-TooManyInputsError::TooManyInputsError() : HostCallError("Too many input arguments.") {}
-TooFewInputsError::TooFewInputsError() : HostCallError("Not enough input arguments.") {}
+TooManyOutputsError::TooManyOutputsError() : Rethrowable("Too many output arguments.") {}
+TooManyInputsError::TooManyInputsError() : Rethrowable("Too many input arguments.") {}
+TooFewInputsError::TooFewInputsError() : Rethrowable("Not enough input arguments.") {}
 
 } // namespace quendo::platform

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "quendo/platform/Export.h"
-#include "quendo/platform/StackTraceRecordingException.h"
+#include "quendo/platform/Rethrowable.h"
 #include "quendo/platform/UString.h"
 
 #include <cstddef>
@@ -21,7 +21,7 @@ public:
     explicit HostArray(UString string);
     explicit HostArray(double number);
 
-    /// @throws std::invalid_argument when there are not rows * columns elements
+    /// @throws exception::InvalidArgumentError when there are not rows * columns elements
     HostArray(std::size_t rows, std::size_t columns, std::vector<UString> strings);
     HostArray(std::size_t rows, std::size_t columns, std::vector<double> numbers);
 
@@ -41,19 +41,22 @@ private:
 };
 
 /// What a built-in function throws when it is called in a way that it cannot be.
-class QUENDO_API HostCallError : public StackTraceRecordingException {
+class QUENDO_API HostCallError : public exception::Rethrowable<HostCallError> {
 public:
-    using StackTraceRecordingException::StackTraceRecordingException;
+    using Rethrowable::Rethrowable;
 };
-class QUENDO_API TooManyOutputsError : public HostCallError {
+class QUENDO_API TooManyOutputsError
+    : public exception::Rethrowable<TooManyOutputsError, HostCallError> {
 public:
     TooManyOutputsError();
 };
-class QUENDO_API TooManyInputsError : public HostCallError {
+class QUENDO_API TooManyInputsError
+    : public exception::Rethrowable<TooManyInputsError, HostCallError> {
 public:
     TooManyInputsError();
 };
-class QUENDO_API TooFewInputsError : public HostCallError {
+class QUENDO_API TooFewInputsError
+    : public exception::Rethrowable<TooFewInputsError, HostCallError> {
 public:
     TooFewInputsError();
 };

@@ -25,7 +25,7 @@ struct Path::Rep {
 
     static Rep* allocate(std::size_t size) {
         if (size > std::numeric_limits<std::uint32_t>::max())
-            throw std::length_error("a path of more than 4294967295 characters");
+            throw InvalidPathError("a path of more than 4294967295 characters");
         void* memory = ::operator new(sizeof(Rep) + size * sizeof(char16_t));
         auto* rep = new (memory) Rep;
         rep->size = static_cast<std::uint32_t>(size);

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "quendo/platform/Export.h"
-#include "quendo/platform/StackTraceRecordingException.h"
+#include "quendo/platform/Rethrowable.h"
 #include "quendo/platform/UString.h"
 
 #include <compare>
@@ -16,9 +16,9 @@ namespace quendo {
 
 /// Thrown when text cannot name a file: it holds a NUL, or surrogates that would come back from
 /// the file system as different text. The message shows the text and says what is wrong with it.
-class QUENDO_API InvalidPathError : public platform::StackTraceRecordingException {
+class QUENDO_API InvalidPathError : public exception::Rethrowable<InvalidPathError> {
 public:
-    using StackTraceRecordingException::StackTraceRecordingException;
+    using Rethrowable::Rethrowable;
 };
 
 /// A file-system path, held as immutable UTF-16 text.

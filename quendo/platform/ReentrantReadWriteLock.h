@@ -1,7 +1,7 @@
 #pragma once
 
 #include "quendo/platform/Export.h"
-#include "quendo/platform/StackTraceRecordingException.h"
+#include "quendo/platform/Rethrowable.h"
 
 #include <memory>
 
@@ -9,9 +9,9 @@ namespace quendo {
 
 /// Thrown by ReentrantReadWriteLock::write() to a thread that holds only the read side: waiting
 /// would wait for itself. Release the read side, take the write side, and test again.
-class QUENDO_API LockUpgradeError : public platform::StackTraceRecordingException {
+class QUENDO_API LockUpgradeError : public exception::Rethrowable<LockUpgradeError> {
 public:
-    using StackTraceRecordingException::StackTraceRecordingException;
+    using Rethrowable::Rethrowable;
 };
 
 /// A reader-writer lock that the thread holding it may take again.

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "quendo/platform/Export.h"
-#include "quendo/platform/StackTraceRecordingException.h"
+#include "quendo/platform/Rethrowable.h"
 
 #include <memory>
 #include <source_location>
@@ -25,6 +25,9 @@ class VirtualFileSystem;
 /// What the library asks of its host, as one immutable bundle. A member left null stands for the
 /// library's own implementation (see quendo/platform/standard), so a host sets only what it has.
 /// Implementations are called from any thread.
+///
+/// `fileSystem` and `events` work as a pair: give both or neither. To wrap a service of the
+/// library's own, take it from completed({}).
 struct QUENDO_API Services {
     std::shared_ptr<SettingsService> settings;
     std::shared_ptr<FeatureFlagService> featureFlags;
@@ -43,9 +46,9 @@ struct QUENDO_API Services {
 
 /// Thrown by install() when services are in place already; names the place in the code that
 /// installed them or that used them first.
-class QUENDO_API ServicesInUseError : public StackTraceRecordingException {
+class QUENDO_API ServicesInUseError : public exception::Rethrowable<ServicesInUseError> {
 public:
-    using StackTraceRecordingException::StackTraceRecordingException;
+    using Rethrowable::Rethrowable;
 };
 
 /// Puts the host's services in place, for the rest of the process. Call it once, before anything

@@ -1,7 +1,8 @@
 #include "quendo/platform/VirtualFileSystem.h"
 
+#include "quendo/platform/InvalidArgumentError.h"
+
 #include <cctype>
-#include <stdexcept>
 #include <string_view>
 
 namespace quendo::platform {
@@ -44,15 +45,15 @@ VirtualFileSystem::~VirtualFileSystem() = default;
 
 AbsoluteIRI::AbsoluteIRI(std::string text) : m_text(std::move(text)) {
     if (decoded(m_text).empty())
-        throw std::invalid_argument("\"" + m_text +
-                                    "\" is no absolute file IRI such as file:///a%20file");
+        throw exception::InvalidArgumentError(
+            "\"" + m_text + "\" is no absolute file IRI such as file:///a%20file");
 }
 
 AbsoluteIRI getLocation(const FileOrFolder& fileOrFolder) {
     const auto& path =
         std::visit([](const auto& each) -> const Path& { return each.path(); }, fileOrFolder);
     if (!path.isAbsolute())
-        throw std::invalid_argument("\"" + path.toUtf8() + "\" is no absolute path");
+        throw exception::InvalidArgumentError("\"" + path.toUtf8() + "\" is no absolute path");
     std::string text(scheme);
     for (const char character : path.toNative()) {
         const auto byte = static_cast<unsigned char>(character);

@@ -36,7 +36,7 @@ using FileOrFolder = std::variant<File, Folder>;
 /// digits, "-._~" and "/" as "%XX". Every file name comes back as it was.
 class QUENDO_API AbsoluteIRI {
 public:
-    /// @throws std::invalid_argument unless `text` is an absolute path in that form
+    /// @throws exception::InvalidArgumentError unless `text` is an absolute path in that form
     explicit AbsoluteIRI(std::string text);
     const std::string& toString() const noexcept { return m_text; }
 
@@ -44,7 +44,7 @@ private:
     std::string m_text;
 };
 
-/// @throws std::invalid_argument for a path that is not absolute
+/// @throws exception::InvalidArgumentError for a path that is not absolute
 QUENDO_API AbsoluteIRI getLocation(const FileOrFolder& fileOrFolder);
 QUENDO_API Path fromAbsoluteIRI(const AbsoluteIRI& location);
 

@@ -1,20 +1,22 @@
 #include "quendo/pool/ClientRegisteredManagedFolder.h"
 
+#include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/Logging.h"
 
 #include <algorithm>
-#include <stdexcept>
 #include <utility>
 
 namespace quendo {
 
 void checkClientId(const std::string& clientId) {
     if (clientId.empty())
-        throw std::invalid_argument("a client identifier must not be empty: leave it out to be "
-                                    "counted as \"UNKNOWN\"");
+        throw exception::InvalidArgumentError(
+            "a client identifier must not be empty: leave it out to be "
+            "counted as \"UNKNOWN\"");
     if (std::ranges::any_of(clientId, [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; }))
-        throw std::invalid_argument("a client identifier must not hold control characters, such as "
-                                    "line breaks");
+        throw exception::InvalidArgumentError(
+            "a client identifier must not hold control characters, such as "
+            "line breaks");
 }
 
 ClientRegisteredManagedFolder::ClientRegisteredManagedFolder(std::shared_ptr<ManagedFolder> folder,

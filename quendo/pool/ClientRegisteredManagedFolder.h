@@ -10,7 +10,8 @@ namespace quendo {
 /// Counts a client in on the wrapped folder, and out when it is destroyed.
 class QUENDO_API ClientRegisteredManagedFolder : public ManagedFolderDecorator {
 public:
-    /// @throws std::invalid_argument for an identifier that is empty or holds control characters,
+    /// @throws exception::InvalidArgumentError for an identifier that is empty or holds control
+    /// characters,
     ///         which would make the listing of clients ambiguous
     ClientRegisteredManagedFolder(std::shared_ptr<ManagedFolder> folder, std::string clientId);
     ~ClientRegisteredManagedFolder() override;
@@ -19,7 +20,7 @@ private:
     const std::string m_clientId;
 };
 
-/// @throws std::invalid_argument as the constructor above
+/// @throws exception::InvalidArgumentError as the constructor above
 QUENDO_API void checkClientId(const std::string& clientId);
 
 /// `folder`, with the client counted in as long as the result lives.

@@ -1,6 +1,7 @@
 #include "quendo/pool/ManagedFolderDecorator.h"
 
-#include <stdexcept>
+#include "quendo/platform/InvalidArgumentError.h"
+
 #include <utility>
 
 namespace quendo {
@@ -8,7 +9,7 @@ namespace quendo {
 ManagedFolderDecorator::ManagedFolderDecorator(std::shared_ptr<ManagedFolder> folder)
     : m_folder(std::move(folder)) {
     if (m_folder == nullptr)
-        throw std::invalid_argument("a decorator needs a managed folder");
+        throw exception::InvalidArgumentError("a decorator needs a managed folder");
 }
 
 ManagedFolderDecorator::~ManagedFolderDecorator() = default;

@@ -27,7 +27,7 @@ public:
     /// @param adapter made by the factory, raw
     /// @param systemId the factory's identifier
     /// @param interactor the one that the adapter was made with
-    /// @throws std::invalid_argument when either pointer is null;
+    /// @throws exception::InvalidArgumentError when either pointer is null;
     ///         platform::ChangeEventsSubscriptionException when the host's services refuse to watch
     ///         the root
     PooledManagedFolder(std::unique_ptr<CMAdapter> adapter, UString systemName,

@@ -7,6 +7,7 @@
 #include "quendo/platform/EachSlot.h"
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/FileUtilities.h"
+#include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/Logging.h"
 #include "quendo/platform/ReentrantReadWriteLock.h"
 #include "quendo/platform/Services.h"
@@ -19,7 +20,6 @@
 
 #include <algorithm>
 #include <optional>
-#include <stdexcept>
 #include <unordered_map>
 #include <utility>
 
@@ -43,8 +43,8 @@ constexpr auto unknownClient = "UNKNOWN";
 /// The path to look around: the target where it leads to a folder.
 Path requestedPath(const Path& path) {
     if (!path.isAbsolute())
-        throw std::invalid_argument("\"" + path.toUtf8() +
-                                    "\" is not an absolute path: give the whole path");
+        throw exception::InvalidArgumentError("\"" + path.toUtf8() +
+                                              "\" is not an absolute path: give the whole path");
     const auto files = platform::services()->files;
     return files->isDirectory(path) ? files->canonical(path) : managedPath(path);
 }
@@ -86,7 +86,7 @@ public:
         std::shared_ptr<FaultyFolder> fault;
     };
 
-    /// @throws std::invalid_argument for what no factory is asked about
+    /// @throws exception::InvalidArgumentError for what no factory is asked about
     Outcome request(const Path& folder, const std::string& clientId) {
         const platform::ThreadServices use(m_services);
         QUENDO_LOG(Severity::Detail) << " folder.string()=" << folder << " clientId=" << clientId;

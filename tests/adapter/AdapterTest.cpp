@@ -2,6 +2,7 @@
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/adapter/CredentialProvider.h"
 #include "quendo/exception/AdapterErrors.h"
+#include "quendo/platform/InvalidArgumentError.h"
 #include "tests/support/MemoryAdapter.h"
 #include "tests/support/Testing.h"
 
@@ -19,7 +20,7 @@ std::string line(const Words&... words) {
 }
 
 TEST(CMAdapterDecorator, ForwardsEachCallOnceAndUnchangedThroughTwoLayers) {
-    EXPECT_THROW(CMAdapterDecorator(nullptr), std::invalid_argument);
+    EXPECT_THROW(CMAdapterDecorator(nullptr), exception::InvalidArgumentError);
     const Path a(u"/a"), b(u"/b");
     const std::vector<Path> files{a, b};
     Revision revision;

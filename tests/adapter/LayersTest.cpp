@@ -4,6 +4,7 @@
 #include "quendo/adapter/SingleThreadedCMAdapter.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/platform/Executor.h"
+#include "quendo/platform/InvalidArgumentError.h"
 #include "tests/support/MemoryAdapter.h"
 #include "tests/support/Testing.h"
 
@@ -56,8 +57,8 @@ TEST_F(LayersTest, OneThreadRunsWhatTouchesTheWorkingCopyAndNothingElse) {
     EXPECT_EQ(seen, origin);
     EXPECT_EQ(executor->runSyncTask([] { return QueryOrigin::current(); }), nullptr);
     EXPECT_THROW(SingleThreadedCMAdapter(nullptr, test::makeMemoryAdapter(copy)),
-                 std::invalid_argument);
-    EXPECT_THROW(SingleThreadedCMAdapter(executor, nullptr), std::invalid_argument);
+                 exception::InvalidArgumentError);
+    EXPECT_THROW(SingleThreadedCMAdapter(executor, nullptr), exception::InvalidArgumentError);
 }
 
 TEST_F(LayersTest, TellsWhatWasChangedAfterItSucceeded) {

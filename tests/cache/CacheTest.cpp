@@ -1,4 +1,5 @@
 #include "quendo/cache/CacheBarrier.h"
+#include "quendo/platform/InvalidArgumentError.h"
 #include "tests/cache/CacheFixture.h"
 
 namespace quendo {
@@ -217,9 +218,9 @@ TEST_F(CacheTest, RefusesToWaitWhereItWouldWaitForItself) {
 static_assert(std::is_base_of_v<Stoppable, JobCombiningCMStatusCache>);
 
 TEST_F(CacheTest, RefusesToBeMadeOfNothing) {
-    EXPECT_THROW(createJobCombiningCache(nullptr, interactor), std::invalid_argument);
+    EXPECT_THROW(createJobCombiningCache(nullptr, interactor), exception::InvalidArgumentError);
     EXPECT_THROW(createJobCombiningCache(test::makeMemoryAdapter(copy), nullptr),
-                 std::invalid_argument);
+                 exception::InvalidArgumentError);
 }
 
 TEST(CacheBarrier, SettlesOnce) {

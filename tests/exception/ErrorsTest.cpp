@@ -1,5 +1,10 @@
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/exception/VFSChangeEventsError.h"
+#include "quendo/platform/ChangeEventsSubscriptionException.h"
+#include "quendo/platform/Executor.h"
+#include "quendo/platform/HostArray.h"
+#include "quendo/platform/InvalidArgumentError.h"
+#include "quendo/platform/ReentrantReadWriteLock.h"
 #include "quendo/platform/Services.h"
 #include "tests/support/Testing.h"
 
@@ -53,6 +58,13 @@ TEST(Errors, SurviveCopiesByTheirBase) {
     expectUnsliced(SourceControlException("plain"));
     expectUnsliced(ToolError("git is missing"));
     expectUnsliced(VFSChangeEventsError(UString(u"/folder")));
+    expectUnsliced(InvalidArgumentError("a relative path"));
+    expectUnsliced(InvalidPathError("a NUL"));
+    expectUnsliced(ExecutorDeadlockError("waits for itself"));
+    expectUnsliced(LockUpgradeError("reads"));
+    expectUnsliced(platform::ServicesInUseError("in use"));
+    expectUnsliced(platform::ChangeEventsSubscriptionException("refused"));
+    expectUnsliced(platform::TooManyInputsError());
 }
 
 TEST(Errors, AFailingCatalogueOfTheHostDoesNotReplaceTheError) {

@@ -2,6 +2,7 @@
 #include "quendo/exception/VFSChangeEventsError.h"
 #include "quendo/factory/InjectedCMAdapterFactories.h"
 #include "quendo/platform/HostArray.h"
+#include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/Services.h"
 #include "quendo/platform/UuidGenerator.h"
 #include "quendo/platform/standard/StandardSettingsService.h"
@@ -106,13 +107,14 @@ TEST_F(ProviderTest, GivesOneFolderForEverySpellingOfOneRoot) {
 }
 
 TEST_F(ProviderTest, RefusesWhatNobodyCanBeGivenAFolderFor) {
-    EXPECT_THROW(provider->provideFor(Path(u"a")), std::invalid_argument);
-    EXPECT_THROW(provider->provideFor(Path()), std::invalid_argument);
+    EXPECT_THROW(provider->provideFor(Path(u"a")), exception::InvalidArgumentError);
+    EXPECT_THROW(provider->provideFor(Path()), exception::InvalidArgumentError);
     for (const auto* client : {"", "two\nlines", "\x7f"})
-        EXPECT_THROW(provider->provideFor(at("a"), client), std::invalid_argument) << client;
+        EXPECT_THROW(provider->provideFor(at("a"), client), exception::InvalidArgumentError)
+            << client;
     EXPECT_THAT(told, IsEmpty());
     EXPECT_EQ(factory->made, 0);
-    EXPECT_THROW(registerClient(nullptr, "ide"), std::invalid_argument);
+    EXPECT_THROW(registerClient(nullptr, "ide"), exception::InvalidArgumentError);
 }
 
 TEST_F(ProviderTest, RecordsFaultsAndTriesAgain) {
@@ -228,7 +230,8 @@ TEST(SingletonProvider, ListsItsClientsAndSuspendsDetection) {
     EXPECT_THROW(getClients(2, nullptr, 0, nullptr), platform::TooManyOutputsError);
     EXPECT_THROW(getClients(0, nullptr, 2, nullptr), platform::TooManyInputsError);
     EXPECT_THROW(getClients(1, nullptr, -1, nullptr), platform::TooFewInputsError);
-    EXPECT_THROW(platform::HostArray(2, 2, std::vector<UString>(3)), std::invalid_argument);
+    EXPECT_THROW(platform::HostArray(2, 2, std::vector<UString>(3)),
+                 exception::InvalidArgumentError);
 
     EXPECT_EQ(&getSingletonManagedFolderProvider(), &provider);
     fs::create_directories(folder.path() / "other/.fake");

@@ -2,6 +2,7 @@
 
 #include "quendo/platform/ChangeEventsSubscriptionException.h"
 #include "quendo/platform/FolderWatcher.h"
+#include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/Services.h"
 
 #include <algorithm>
@@ -121,7 +122,8 @@ StandardEventMgr::subscribe(Handler handler, const std::vector<EventType>& types
     if (types.empty() || std::ranges::any_of(types, [&](const auto& type) {
             return type.location().toString() != types.front().location().toString();
         }))
-        throw std::logic_error("a subscription needs event types, all at one location");
+        throw exception::InvalidArgumentError(
+            "a subscription needs event types, all at one location");
     const Path folder = fromAbsoluteIRI(types.front().location());
     std::set<StorageEventKind> kinds;
     for (const auto& type : types)

@@ -1,4 +1,4 @@
-#include "quendo/exception/SourceControlException.h"
+#include "quendo/platform/SourceControlException.h"
 
 #include <exception>
 
