@@ -30,6 +30,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/cache/Stoppable.h
     quendo/cache/VFSFileChangeCacheUpdater.h
     quendo/change_detection/DisableChangeDetection.h
+    quendo/change_detection/ExternalChangeDetectingCMAdapter.h
     quendo/exception/AdapterErrors.h
     quendo/exception/MessageIDException.h
     quendo/exception/Rethrowable.h
@@ -99,7 +100,6 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/cache/PathTrie.h
     quendo/cache/RefreshLedger.h
     quendo/cache/TransactionalFileCache.h
-    quendo/change_detection/ExternalChangeDetectingCMAdapter.h
     quendo/change_detection/UpdateResponses.h
     quendo/platform/EachSlot.h
     quendo/platform/Utf8.h

@@ -132,18 +132,22 @@ bool JobCombiningCMStatusCache::isFileIgnored(const Path& file) const {
 
 boost::signals2::connection
 JobCombiningCMStatusCache::connectCacheChanged(const ChangedSlot& slot) {
+    QUENDO_TRACE_SCOPE();
     return m_impl->state->signals->cacheChanged.connect(slot);
 }
 
 boost::signals2::connection JobCombiningCMStatusCache::connectTasksStarted(const TasksSlot& slot) {
+    QUENDO_TRACE_SCOPE();
     return m_impl->state->signals->tasksStarted.connect(slot);
 }
 
 boost::signals2::connection JobCombiningCMStatusCache::connectTasksFinished(const TasksSlot& slot) {
+    QUENDO_TRACE_SCOPE();
     return m_impl->state->signals->tasksFinished.connect(slot);
 }
 
 std::shared_ptr<CacheTask> JobCombiningCMStatusCache::refreshFolder(const Path& folder) {
+    QUENDO_TRACE_SCOPE();
     if (isFileIgnored(folder))
         return std::make_shared<NoOpTask>();
     auto barrier = m_impl->makeBarrier();
@@ -152,6 +156,7 @@ std::shared_ptr<CacheTask> JobCombiningCMStatusCache::refreshFolder(const Path& 
 }
 
 std::shared_ptr<CacheTask> JobCombiningCMStatusCache::loadFolder(const Path& folder) {
+    QUENDO_TRACE_SCOPE();
     {
         const auto hold = m_impl->loadedLock.read();
         if (m_impl->isLoaded(folder))
@@ -168,6 +173,7 @@ std::shared_ptr<CacheTask> JobCombiningCMStatusCache::loadFolder(const Path& fol
 
 std::shared_ptr<CacheTask>
 JobCombiningCMStatusCache::refreshCMStatuses(const std::vector<Path>& files) {
+    QUENDO_TRACE_SCOPE();
     QUENDO_LOG(Severity::Detail) << " files.size()=" << files.size();
     RefreshRequest request;
     for (const auto& file : files) {
@@ -184,10 +190,12 @@ JobCombiningCMStatusCache::refreshCMStatuses(const std::vector<Path>& files) {
 }
 
 void JobCombiningCMStatusCache::refreshAll() {
+    QUENDO_TRACE_SCOPE();
     refreshFolder(m_impl->root)->wait();
 }
 
 void JobCombiningCMStatusCache::setFolderStatusFlag(bool flag) {
+    QUENDO_TRACE_SCOPE();
     m_impl->folderStatusFlag.store(flag);
 }
 
@@ -216,11 +224,13 @@ std::vector<Path> JobCombiningCMStatusCache::getCachedFiles() const {
 }
 
 void JobCombiningCMStatusCache::stop() {
+    QUENDO_TRACE_SCOPE();
     m_impl->updater.stop();
 }
 
 boost::signals2::connection
 JobCombiningCMStatusCache::connectChanges(const CMStatusCacheChanges::Slot& slot) {
+    QUENDO_TRACE_SCOPE();
     return m_impl->state->signals->changes.connect(slot);
 }
 
@@ -248,6 +258,7 @@ std::uint64_t JobCombiningCMStatusCache::getFolderSetVersion() const {
 
 boost::signals2::connection
 JobCombiningCMStatusCache::connectFoldersChanged(const CMStatusCacheFolders::Slot& slot) {
+    QUENDO_TRACE_SCOPE();
     return m_impl->state->signals->foldersChanged.connect(slot);
 }
 
@@ -256,10 +267,12 @@ Freshness JobCombiningCMStatusCache::getFreshness(const Path& path) const {
 }
 
 std::shared_ptr<CacheTask> JobCombiningCMStatusCache::requireFreshFile(const Path& file) {
+    QUENDO_TRACE_SCOPE();
     return refreshCMStatuses({file});
 }
 
 std::shared_ptr<CacheTask> JobCombiningCMStatusCache::requireFreshFolder(const Path& folder) {
+    QUENDO_TRACE_SCOPE();
     if (isFileIgnored(folder))
         return std::make_shared<NoOpTask>();
     auto barrier = m_impl->makeBarrier();

@@ -943,8 +943,9 @@ private:
 };
 
 VFSFileChangeCacheUpdater::VFSFileChangeCacheUpdater(std::shared_ptr<CMStatusCache> cache,
-                                                     const CMAdapter& adapter)
-    : m_impl(std::make_shared<Impl>(std::move(cache), adapter)) {
+                                                     const CMAdapter& adapter) {
+    QUENDO_TRACE_SCOPE();
+    m_impl = std::make_shared<Impl>(std::move(cache), adapter);
     m_impl->start();
 }
 
@@ -955,14 +956,17 @@ VFSFileChangeCacheUpdater&
 VFSFileChangeCacheUpdater::operator=(VFSFileChangeCacheUpdater&&) noexcept = default;
 
 void VFSFileChangeCacheUpdater::stop() {
+    QUENDO_TRACE_SCOPE();
     m_impl->stop();
 }
 
 scope_guard VFSFileChangeCacheUpdater::disable() {
+    QUENDO_TRACE_SCOPE();
     return m_impl->disable();
 }
 
 std::exception_ptr VFSFileChangeCacheUpdater::rootRefusal() const {
+    QUENDO_TRACE_SCOPE();
     return m_impl->rootRefusal();
 }
 

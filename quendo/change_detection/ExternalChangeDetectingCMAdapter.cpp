@@ -3,9 +3,9 @@
 #include "quendo/adapter/CMAdapterDecorator.h"
 #include "quendo/adapter/SubsystemType.h"
 #include "quendo/platform/FolderExternalChangeDetector.h"
+#include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/Logging.h"
 
-#include <stdexcept>
 #include <utility>
 
 namespace quendo {
@@ -25,41 +25,57 @@ public:
     }
 
     void checkin(const Path& file, const UString& message) const override {
+        QUENDO_TRACE_SCOPE();
         const auto guard = m_detector.disable();
         CMAdapterDecorator::checkin(file, message);
     }
     void checkin(const std::vector<Path>& files, const UString& message) const override {
+        QUENDO_TRACE_SCOPE();
         const auto guard = m_detector.disable();
         CMAdapterDecorator::checkin(files, message);
     }
     void addFiles(const std::vector<Path>& files) const override {
-        QUENDO_LOG(Severity::Detail)
-            << "Adding " << files.size() << " paths, changes disregarded meanwhile";
+        QUENDO_TRACE_SCOPE();
         const auto guard = m_detector.disable();
         CMAdapterDecorator::addFiles(files);
     }
     void removeFiles(const std::vector<Path>& files) const override {
+        QUENDO_TRACE_SCOPE();
         const auto guard = m_detector.disable();
         CMAdapterDecorator::removeFiles(files);
     }
     void moveFile(const Path& source, const Path& destination) const override {
+        QUENDO_TRACE_SCOPE();
         const auto guard = m_detector.disable();
         CMAdapterDecorator::moveFile(source, destination);
     }
     void uncheckout(const std::vector<Path>& files) const override {
+        QUENDO_TRACE_SCOPE();
         const auto guard = m_detector.disable();
         CMAdapterDecorator::uncheckout(files);
     }
     void checkout(const std::vector<Path>& files) const override {
+        QUENDO_TRACE_SCOPE();
         const auto guard = m_detector.disable();
         CMAdapterDecorator::checkout(files);
     }
     void resolveConflict(const Path& file) const override {
+        QUENDO_TRACE_SCOPE();
         const auto guard = m_detector.disable();
         CMAdapterDecorator::resolveConflict(file);
     }
 
+    std::map<Path, FileState> getStatus(const std::vector<Path>& files) const override {
+        QUENDO_TRACE_SCOPE();
+        return CMAdapterDecorator::getStatus(files);
+    }
+    std::map<Path, FileState> getStatus(const Path& path, bool includeUntracked) const override {
+        QUENDO_TRACE_SCOPE();
+        return CMAdapterDecorator::getStatus(path, includeUntracked);
+    }
+
     std::any getSubsystem(const std::type_info& type) override {
+        QUENDO_TRACE_SCOPE();
         if (isSameType(type, typeid(FolderExternalChangeDetector)))
             return &m_detector;
         return CMAdapterDecorator::getSubsystem(type);
@@ -74,8 +90,10 @@ private:
 std::unique_ptr<CMAdapter>
 makeExternalChangeDetectingCMAdapter(std::unique_ptr<CMAdapter> adapter,
                                      std::shared_ptr<ApplicationInteractor> interactor) {
+    QUENDO_TRACE_SCOPE();
     if (adapter == nullptr || interactor == nullptr)
-        throw std::invalid_argument("change detection needs an adapter and an interactor");
+        throw exception::InvalidArgumentError(
+            "change detection needs an adapter and an interactor");
     const auto metadata = adapter->getMetadataFolder();
     return std::make_unique<ExternalChangeDetectingCMAdapter>(std::move(adapter), metadata,
                                                               std::move(interactor));

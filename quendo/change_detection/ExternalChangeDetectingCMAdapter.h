@@ -2,6 +2,7 @@
 
 #include "quendo/adapter/ApplicationInteractor.h"
 #include "quendo/adapter/CMAdapter.h"
+#include "quendo/platform/Export.h"
 
 #include <memory>
 
@@ -15,8 +16,9 @@ namespace quendo {
 ///
 /// Threads: as the wrapped adapter. Destroying it waits for a trigger under way, unless that is
 /// what destroys it.
-/// @throws std::invalid_argument when either is null; what the adapter and the detector throw
-std::unique_ptr<CMAdapter>
+/// @throws exception::InvalidArgumentError when either is null; what the adapter and the detector
+/// throw
+QUENDO_API std::unique_ptr<CMAdapter>
 makeExternalChangeDetectingCMAdapter(std::unique_ptr<CMAdapter> adapter,
                                      std::shared_ptr<ApplicationInteractor> interactor);
 

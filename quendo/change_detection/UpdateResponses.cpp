@@ -1,11 +1,14 @@
 #include "quendo/change_detection/UpdateResponses.h"
 
+#include "quendo/platform/Logging.h"
+
 #include <utility>
 
 namespace quendo {
 
 std::function<void()> fullUpdateResponse(std::weak_ptr<CMStatusCache> cache) {
     return [cache = std::move(cache)] {
+        QUENDO_TRACE_SCOPE();
         if (const auto locked = cache.lock())
             locked->refreshAll();
     };
@@ -14,6 +17,7 @@ std::function<void()> fullUpdateResponse(std::weak_ptr<CMStatusCache> cache) {
 std::function<void()> nonBlockingFullUpdateResponse(std::weak_ptr<CMStatusCache> cache,
                                                     const Path& folder) {
     return [cache = std::move(cache), folder] {
+        QUENDO_TRACE_SCOPE();
         if (const auto locked = cache.lock())
             locked->refreshFolder(folder);
     };
@@ -21,6 +25,7 @@ std::function<void()> nonBlockingFullUpdateResponse(std::weak_ptr<CMStatusCache>
 
 std::function<void(std::vector<Path>)> filesUpdateResponse(std::weak_ptr<CMStatusCache> cache) {
     return [cache = std::move(cache)](const std::vector<Path>& files) {
+        QUENDO_TRACE_SCOPE();
         if (const auto locked = cache.lock())
             locked->refreshCMStatuses(files)->wait();
     };
@@ -28,6 +33,7 @@ std::function<void(std::vector<Path>)> filesUpdateResponse(std::weak_ptr<CMStatu
 
 std::function<void(std::vector<Path>)> foldersUpdateResponse(std::weak_ptr<CMStatusCache> cache) {
     return [cache = std::move(cache)](const std::vector<Path>& folders) {
+        QUENDO_TRACE_SCOPE();
         if (const auto locked = cache.lock()) {
             for (const auto& folder : folders)
                 locked->refreshFolder(folder);

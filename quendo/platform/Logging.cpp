@@ -113,6 +113,19 @@ std::ostream& LogRecord::stream() noexcept {
     return m_impl->text;
 }
 
+TraceScope::TraceScope(std::string_view source, const char* function, int line) noexcept
+    : m_source(source), m_function(function), m_line(line) {
+    if (LogRecord record(Severity::Detail, source, function, line); record) {
+        record.stream() << "enter";
+        m_isTaken = true;
+    }
+}
+
+void TraceScope::leave() const noexcept {
+    if (LogRecord record(Severity::Detail, m_source, m_function, m_line); record)
+        record.stream() << "leave";
+}
+
 void logCaughtException(std::string_view source, const char* function, int line) noexcept {
     try {
         if (LogRecord record(Severity::CaughtException, source, function, line); record)

@@ -46,6 +46,28 @@ private:
     std::unique_ptr<Impl> m_impl;
 };
 
+/// The call of an operation: a record of severity Detail with the message "enter" when it is made,
+/// and one with "leave" when it is destroyed, unless nobody took the first. Both have the Function
+/// and the Line of the place where it is made. Use QUENDO_TRACE_SCOPE.
+class QUENDO_API TraceScope {
+public:
+    TraceScope(std::string_view source, const char* function, int line) noexcept;
+    ~TraceScope() {
+        if (m_isTaken)
+            leave();
+    }
+    TraceScope(const TraceScope&) = delete;
+    TraceScope& operator=(const TraceScope&) = delete;
+
+private:
+    void leave() const noexcept;
+
+    const std::string_view m_source;
+    const char* const m_function;
+    const int m_line;
+    bool m_isTaken = false;
+};
+
 /// Logs "Exception caught: " and the diagnostic text of the exception being handled. Never throws;
 /// call it inside a catch block.
 QUENDO_API void logCaughtException(std::string_view source, const char* function,
@@ -68,6 +90,12 @@ constexpr std::string_view logSourceOf(std::string_view file) noexcept {
         !quendoRecord) {                                                                           \
     } else                                                                                         \
         quendoRecord.stream()
+
+/// First in the body of an operation, once: traces its call.
+#define QUENDO_TRACE_SCOPE()                                                                       \
+    static constexpr auto quendoTraceSource = ::quendo::platform::logSourceOf(__FILE__);           \
+    const ::quendo::platform::TraceScope quendoTraceScope(quendoTraceSource, __PRETTY_FUNCTION__,  \
+                                                          __LINE__)
 
 #define QUENDO_LOG_CAUGHT_EXCEPTION()                                                              \
     ::quendo::platform::logCaughtException(::quendo::platform::logSourceOf(__FILE__),              \

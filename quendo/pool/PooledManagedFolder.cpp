@@ -72,51 +72,63 @@ PooledManagedFolder::PooledManagedFolder(std::unique_ptr<CMAdapter> adapter, USt
           nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder())) {}
 
 PooledManagedFolder::~PooledManagedFolder() {
+    QUENDO_TRACE_SCOPE();
     QUENDO_LOG(Severity::Detail) << " folder.string()=" << m_adapter->getRootFolder();
 }
 
 Path PooledManagedFolder::getRootFolder() const {
+    QUENDO_TRACE_SCOPE();
     return m_adapter->getRootFolder();
 }
 
 CMAdapter& PooledManagedFolder::getAdapter() const {
+    QUENDO_TRACE_SCOPE();
     return *m_adapter;
 }
 
 UString PooledManagedFolder::getSystemName() const {
+    QUENDO_TRACE_SCOPE();
     return m_systemName;
 }
 
 std::string PooledManagedFolder::getSystemID() const {
+    QUENDO_TRACE_SCOPE();
     return m_systemId;
 }
 
 CMInteractor& PooledManagedFolder::getCMInteractor() const {
+    QUENDO_TRACE_SCOPE();
     return *m_interactor;
 }
 
 CMStatusCache& PooledManagedFolder::getCache() const {
+    QUENDO_TRACE_SCOPE();
     return *m_cache;
 }
 
 StatusTrigger& PooledManagedFolder::getStatusTrigger() const {
+    QUENDO_TRACE_SCOPE();
     return m_interactor->getStatusTrigger();
 }
 
 Terminator& PooledManagedFolder::getTerminator() const {
+    QUENDO_TRACE_SCOPE();
     return m_interactor->getTerminator();
 }
 
 std::string PooledManagedFolder::getUUID() const {
+    QUENDO_TRACE_SCOPE();
     return m_uuid;
 }
 
 void PooledManagedFolder::addClient(const std::string& clientId) {
+    QUENDO_TRACE_SCOPE();
     const auto hold = m_lock.write();
     ++m_clients[clientId];
 }
 
 void PooledManagedFolder::removeClient(const std::string& clientId) {
+    QUENDO_TRACE_SCOPE();
     const auto hold = m_lock.write();
     const auto found = m_clients.find(clientId);
     if (found != m_clients.end() && --found->second == 0)
@@ -124,11 +136,13 @@ void PooledManagedFolder::removeClient(const std::string& clientId) {
 }
 
 std::map<std::string, std::uint64_t> PooledManagedFolder::getClients() const {
+    QUENDO_TRACE_SCOPE();
     const auto hold = m_lock.read();
     return m_clients;
 }
 
 std::unique_ptr<ManagedFolder::ScopedDisablement> PooledManagedFolder::disable() {
+    QUENDO_TRACE_SCOPE();
     auto fileChanges = m_updater.disable();
     scope_guard externalChanges;
     const auto detector = m_adapter->getSubsystem(typeid(FolderExternalChangeDetector));
@@ -139,6 +153,7 @@ std::unique_ptr<ManagedFolder::ScopedDisablement> PooledManagedFolder::disable()
 }
 
 boost::signals2::connection PooledManagedFolder::connectDeleted(const DeletedSlot& slot) {
+    QUENDO_TRACE_SCOPE();
     return m_deletedSignal->connect(slot);
 }
 

@@ -89,7 +89,6 @@ public:
     /// @throws exception::InvalidArgumentError for what no factory is asked about
     Outcome request(const Path& folder, const std::string& clientId) {
         const platform::ThreadServices use(m_services);
-        QUENDO_LOG(Severity::Detail) << " folder.string()=" << folder << " clientId=" << clientId;
         checkClientId(clientId);
         QUENDO_LOG(Severity::Detail) << "Find viable location for folder: " << folder;
         const Path path = requestedPath(folder);
@@ -255,6 +254,8 @@ PooledManagedFolderProvider::~PooledManagedFolderProvider() = default;
 
 std::shared_ptr<ManagedFolder>
 PooledManagedFolderProvider::provideFor(const Path& folder, const std::string& clientId) {
+    QUENDO_TRACE_SCOPE();
+    QUENDO_LOG(Severity::Detail) << " folder.string()=" << folder << " clientId=" << clientId;
     auto [provided, fault] = m_impl->request(folder, clientId);
     if (fault != nullptr)
         std::rethrow_exception(fault->getError());
@@ -262,47 +263,58 @@ PooledManagedFolderProvider::provideFor(const Path& folder, const std::string& c
 }
 
 std::shared_ptr<ManagedFolder> PooledManagedFolderProvider::provideFor(const Path& folder) {
+    QUENDO_TRACE_SCOPE();
     return provideFor(folder, unknownClient);
 }
 
 std::shared_ptr<FaultyFolder>
 PooledManagedFolderProvider::provideFaultyFor(const Path& folder, const std::string& clientId) {
+    QUENDO_TRACE_SCOPE();
+    QUENDO_LOG(Severity::Detail) << " folder.string()=" << folder << " clientId=" << clientId;
     return m_impl->request(folder, clientId).fault;
 }
 
 std::shared_ptr<FaultyFolder> PooledManagedFolderProvider::provideFaultyFor(const Path& folder) {
+    QUENDO_TRACE_SCOPE();
     return provideFaultyFor(folder, unknownClient);
 }
 
 std::vector<std::shared_ptr<ManagedFolder>> PooledManagedFolderProvider::getManagedFolders() const {
+    QUENDO_TRACE_SCOPE();
     return m_impl->getManagedFolders();
 }
 
 std::vector<std::shared_ptr<FaultyFolder>> PooledManagedFolderProvider::getFaultyFolders() const {
+    QUENDO_TRACE_SCOPE();
     return m_impl->getFaultyFolders();
 }
 
 boost::signals2::connection PooledManagedFolderProvider::connectFolderMade(const FolderSlot& slot) {
+    QUENDO_TRACE_SCOPE();
     return m_impl->folderMade.connect(slot);
 }
 
 boost::signals2::connection
 PooledManagedFolderProvider::connectClientRegistered(const ClientSlot& slot) {
+    QUENDO_TRACE_SCOPE();
     return m_impl->clientRegistered.connect(slot);
 }
 
 boost::signals2::connection
 PooledManagedFolderProvider::connectFaultRecorded(const FaultSlot& slot) {
+    QUENDO_TRACE_SCOPE();
     return m_impl->faultRecorded.connect(slot);
 }
 
 boost::signals2::connection
 PooledManagedFolderProvider::connectFolderDeleted(const PathSlot& slot) {
+    QUENDO_TRACE_SCOPE();
     return m_impl->folderDeleted.connect(slot);
 }
 
 boost::signals2::connection
 PooledManagedFolderProvider::connectFolderReleased(const PathSlot& slot) {
+    QUENDO_TRACE_SCOPE();
     return m_impl->folderReleased.connect(slot);
 }
 

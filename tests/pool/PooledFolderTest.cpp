@@ -95,5 +95,32 @@ TEST_F(PooledFolderTest, ShowsTheFacesOfItsInteractor) {
               &dynamic_cast<ApplicationInteractor&>(folder->getCMInteractor()).getTerminator());
 }
 
+TEST_F(PooledFolderTest, TracesPublicOperationsOfItsLayers) {
+    const test::LogCapture log;
+    folder->disable();
+    folder->getStatusTrigger().trigger();
+    folder->getAdapter().getStatus({at("a")});
+    folder.reset();
+    run();
+    std::map<std::pair<std::string, std::string>, int> open; ///< entered and not left
+    for (const auto& [severity, source, function, line, message] : log.records())
+        if (message == "enter" || message == "leave") {
+            EXPECT_EQ(severity, 2);
+            EXPECT_GT(line, 0);
+            open[{source, function}] += message == "enter" ? 1 : -1;
+        }
+    EXPECT_THAT(open, testing::Each(testing::Field(&decltype(open)::value_type::second, 0)));
+    const auto has = [&](const char* source, const char* function) {
+        EXPECT_THAT(open, testing::Contains(Pair(Pair(source, HasSubstr(function)), 0)));
+    };
+    has("pool/PooledManagedFolder", "virtual quendo::PooledManagedFolder::~PooledManagedFolder()");
+    has("pool/PooledManagedFolder", " quendo::PooledManagedFolder::disable()");
+    has("cache/VFSFileChangeCacheUpdater", " quendo::VFSFileChangeCacheUpdater::disable()");
+    has("cache/JobCombiningCMStatusCache", " quendo::JobCombiningCMStatusCache::refreshFolder(");
+    has("change_detection/ExternalChangeDetectingCMAdapter",
+        "ExternalChangeDetectingCMAdapter::getStatus(const std::vector<quendo::Path>&) const");
+    has("change_detection/UpdateResponses", "quendo::nonBlockingFullUpdateResponse(");
+}
+
 } // namespace
 } // namespace quendo
