@@ -8,6 +8,7 @@
 #include "quendo/platform/Services.h"
 #include "quendo/platform/SettingsService.h"
 
+#include <atomic>
 #include <utility>
 
 namespace quendo {
@@ -35,14 +36,29 @@ bool readSwitch(platform::SettingsService& settings) {
     return *enabled;
 }
 
-bool isSourceControlEnabled() {
-    const auto services = platform::services();
+bool readSwitchSafely(platform::SettingsService& settings) {
     try {
-        return readSwitch(*services->settings);
+        return readSwitch(settings);
     } catch (...) {
         QUENDO_LOG_CAUGHT_EXCEPTION();
         return false;
     }
+}
+
+bool isSourceControlEnabled() {
+    const auto services = platform::services();
+    const auto* settings = services->settings.get();
+    const bool isEnabled = readSwitchSafely(*services->settings);
+    // Logged when it is switched off, and not for each folder that is asked about afterwards.
+    static std::atomic<const void*> switchedOff{nullptr};
+    if (isEnabled) {
+        switchedOff.store(nullptr, std::memory_order_relaxed);
+    } else if (switchedOff.exchange(settings, std::memory_order_relaxed) != settings) {
+        QUENDO_LOG(Severity::Notice)
+            << "Source control is off: no folder is managed until the settings service has the "
+               "group \"kestro.sourcecontrol\" with \"EnableSourceControl\" true.";
+    }
+    return isEnabled;
 }
 
 /// Takes the first factory of `factories` that recognises `folder`.

@@ -4,6 +4,7 @@
 #include "quendo/git/GitAdapterFactory.h"
 #include "quendo/platform/FactorySources.h"
 #include "quendo/platform/FeatureFlagService.h"
+#include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/Services.h"
 
 #include <iterator>
@@ -49,6 +50,12 @@ std::vector<std::shared_ptr<CMAdapterFactory>> getCMAdapterFactories() {
 
 std::shared_ptr<CMAdapterFactory> getCMAdapterFactory(const std::string& id) {
     return getCMAdapterFactory(CMAdapterType(id));
+}
+
+std::shared_ptr<CMAdapterFactory> getCMAdapterFactory(const char* id) {
+    if (id == nullptr)
+        throw exception::InvalidArgumentError("getCMAdapterFactory: there is no identifier");
+    return getCMAdapterFactory(std::string(id));
 }
 
 std::shared_ptr<CMAdapterFactory> getCMAdapterFactory(CMAdapterType type) {

@@ -27,6 +27,9 @@ QUENDO_API std::vector<std::shared_ptr<CMAdapterFactory>> getCMAdapterFactories(
 /// The first factory with this identifier.
 /// @throws std::runtime_error "Unable to find adapter factory with id " and the identifier.
 QUENDO_API std::shared_ptr<CMAdapterFactory> getCMAdapterFactory(const std::string& id);
+/// The same for a literal, which would fit both of the others.
+/// @throws exception::InvalidArgumentError for a null pointer
+QUENDO_API std::shared_ptr<CMAdapterFactory> getCMAdapterFactory(const char* id);
 
 /// The factory of this type. `Git` is always there; `SVN` is the native one when the feature flag
 /// "NativeSVNIntegration" is on and the one of the Java layer when it is off.

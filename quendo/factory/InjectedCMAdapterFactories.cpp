@@ -1,11 +1,12 @@
 #include "quendo/factory/InjectedCMAdapterFactories.h"
 
 #include "quendo/adapter/CMAdapterFactory.h"
+#include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/ReentrantReadWriteLock.h"
 
+#include <cstdlib>
 #include <iterator>
 #include <list>
-#include <stdexcept>
 #include <utility>
 
 namespace quendo {
@@ -15,6 +16,12 @@ using Factories = std::list<std::shared_ptr<CMAdapterFactory>>;
 struct InjectedCMAdapterFactories::Impl {
     ReentrantReadWriteLock lock;
     Factories factories; // a list: entries are moved out without allocating
+
+    void clear() {
+        Factories removed; // destroyed without the lock
+        const auto scope = lock.write();
+        removed.swap(factories);
+    }
 
     void remove(const CMAdapterFactory* factory) {
         Factories removed; // destroyed without the lock
@@ -34,7 +41,7 @@ InjectedCMAdapterFactories::~InjectedCMAdapterFactories() = default;
 std::function<void()>
 InjectedCMAdapterFactories::inject(std::shared_ptr<CMAdapterFactory> factory) {
     if (factory == nullptr)
-        throw std::invalid_argument("inject: there is no factory to add");
+        throw exception::InvalidArgumentError("inject: there is no factory to add");
     // The remover is made first: whatever fails leaves the list as it was. It knows the factory
     // weakly beside its address, because another one may stand at that address later.
     std::function<void()> remover = [list = std::weak_ptr(m_impl), weak = std::weak_ptr(factory),
@@ -54,8 +61,19 @@ std::vector<std::shared_ptr<CMAdapterFactory>> InjectedCMAdapterFactories::getFa
     return {m_impl->factories.begin(), m_impl->factories.end()};
 }
 
+void InjectedCMAdapterFactories::clear() {
+    m_impl->clear();
+}
+
 InjectedCMAdapterFactories& getInjectedCMAdapterFactoriesInstance() {
-    static auto& instance = *new InjectedCMAdapterFactories;
+    // Threads of the library look for factories until the process is gone, so the list itself stays
+    // and only lets its factories go when the process ends.
+    static auto& instance = []() -> InjectedCMAdapterFactories& {
+        auto& made = *new InjectedCMAdapterFactories;
+        ::on_exit([](int, void* list) { static_cast<InjectedCMAdapterFactories*>(list)->clear(); },
+                  &made);
+        return made;
+    }();
     return instance;
 }
 

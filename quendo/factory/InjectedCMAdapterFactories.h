@@ -23,19 +23,23 @@ public:
     /// Appends `factory`.
     /// @return removes every entry of that factory; may be called more than once, and after the
     ///         list has gone. Dropping it without a call leaves the factory in.
-    /// @throws std::invalid_argument for a null pointer.
+    /// @throws exception::InvalidArgumentError for a null pointer.
     std::function<void()> inject(std::shared_ptr<CMAdapterFactory> factory);
 
     /// A copy of the list, in the order of injection.
     std::vector<std::shared_ptr<CMAdapterFactory>> getFactories() const;
+
+    /// Lets go of all factories. Removers find nothing afterwards.
+    void clear();
 
 private:
     struct Impl;
     std::shared_ptr<Impl> m_impl;
 };
 
-/// The list of the process, made on first use and never destroyed: folders are looked for until the
-/// process has ended. A factory that has to be destroyed before must be removed.
+/// The list of the process, made on first use. When the process ends (exit(), or the end of main())
+/// it lets go of its factories, before the destructors of statics that were there at the first use;
+/// a thread that asks later finds an empty list. A factory that has to go earlier must be removed.
 QUENDO_API InjectedCMAdapterFactories& getInjectedCMAdapterFactoriesInstance();
 
 } // namespace quendo

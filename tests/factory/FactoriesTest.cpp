@@ -2,6 +2,7 @@
 #include "quendo/factory/CMAdapterFactories.h"
 #include "quendo/factory/InjectedCMAdapterFactories.h"
 #include "quendo/git/GitAdapterFactory.h"
+#include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/ScopeGuard.h"
 #include "quendo/platform/Services.h"
 #include "quendo/platform/standard/StandardFeatureFlagService.h"
@@ -65,9 +66,10 @@ TEST_F(Factories, ListIsFreshInstalledFirstAndWithoutInjectedOnes) {
     for (const auto& factory : getCMAdapterFactories())
         ids += factory->getID();
     EXPECT_EQ(ids, "abac");
-    EXPECT_EQ(getCMAdapterFactory(std::string("a")), git) << "the first of equal ones";
+    EXPECT_EQ(getCMAdapterFactory("a"), git) << "the first of equal ones";
     EXPECT_EQ(getCMAdapterFactory(std::string("c"))->getID(), "c");
-    EXPECT_EQ(sources->installedAsked, 3);
+    EXPECT_EQ(getCMAdapterFactory(CMAdapterType("c"))->getID(), "c");
+    EXPECT_EQ(sources->installedAsked, 4);
     remove.release();
     sources->failing = true;
     EXPECT_THROW(getCMAdapterFactory(std::string("a")), std::domain_error);
@@ -132,14 +134,18 @@ TEST_F(Factories, NothingIsAskedWhenSourceControlIsOffOrUnreadable) {
     const std::string messages[] = {
         "Unable to get settings root.", "Unable to get source control settings group.",
         "Unable to read the setting EnableSourceControl.", "Exception caught: "};
+    std::vector<std::shared_ptr<BrokenSettings>> broken;
+    for (int answers = 0; answers < 4; ++answers)
+        broken.push_back(std::make_shared<BrokenSettings>(answers));
     for (int answers = 0; answers < 4; ++answers) {
         const auto& message = messages[answers];
         const test::LogCapture log;
         auto services = bundle();
-        services.settings = std::make_shared<BrokenSettings>(answers);
+        services.settings = broken[answers]; // all at once, so that no two have one address
         const platform::ScopedServices scoped(services);
-        EXPECT_EQ(provided(), "none") << message;
-        EXPECT_EQ(log.count(message), 1U) << message;
+        EXPECT_EQ(provided() + provided(), "nonenone") << message;
+        EXPECT_EQ(log.count(message), 2U) << message;
+        EXPECT_EQ(log.count("Source control is off"), 1U) << message;
     }
     EXPECT_EQ(factory->asked + sources->installedAsked + sources->javaAsked, 0);
 }
@@ -169,7 +175,7 @@ TEST(InjectedCMAdapterFactories, RemoverTakesEveryEntryOfItsFactoryOutAndKeepsTh
     remove();
     remove();
     EXPECT_EQ(list.getFactories(), (FactoryList{made[0], made[2]}));
-    EXPECT_THROW(list.inject(nullptr), std::invalid_argument);
+    EXPECT_THROW(list.inject(nullptr), exception::InvalidArgumentError);
 }
 
 TEST(InjectedCMAdapterFactories, RemoverHoldsNothingAndFactoriesDieUnlocked) {

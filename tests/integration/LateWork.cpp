@@ -10,6 +10,7 @@
 #include <boost/log/sinks/sink.hpp>
 #include <boost/smart_ptr/make_shared_object.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -21,7 +22,7 @@
 // A host that ends while its threads use the library: quendo_late_work FOLDER. When everything that
 // is destroyed at the end of a process has been, shared libraries' own included, it waits until
 // each thread has gone on for some rounds. Ends with 0 then, with 3 when a thread stands still, and
-// with 4 when a state is wrong.
+// with 4 when a state is wrong; with 5 when the injected factory is still there.
 
 extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* library);
 
@@ -54,6 +55,12 @@ bool awaitRounds(int kind, std::uint64_t wanted) {
     return true;
 }
 
+std::atomic<bool> isReleased{false};
+
+struct InjectedFactory : git::GitAdapterFactory {
+    ~InjectedFactory() override { isReleased = true; }
+};
+
 template <class Work>
 void keepDoing(int kind, Work work) {
     std::thread([kind, work] {
@@ -81,6 +88,8 @@ void registerFirst(int, char**, char**) {
             for (int kind = 0; isEnding && kind < kinds; ++kind)
                 if (!awaitRounds(kind, 1) || !awaitRounds(kind, lateRounds))
                     ::_exit(3);
+            if (isEnding && !isReleased)
+                ::_exit(5);
         },
         nullptr, nullptr);
 }
@@ -91,7 +100,7 @@ void registerFirst(int, char**, char**) {
 int main(int, char** arguments) {
     const auto folder = Path::fromNative(arguments[1]);
     boost::log::core::get()->add_sink(boost::make_shared<TakingSink>());
-    getInjectedCMAdapterFactoriesInstance().inject(std::make_shared<git::GitAdapterFactory>());
+    getInjectedCMAdapterFactoriesInstance().inject(std::make_shared<InjectedFactory>());
     for (int& file : rounds)
         file = ::eventfd(0, EFD_CLOEXEC);
     keepDoing(logging, [] { QUENDO_LOG(Severity::Notice) << "still here"; });
