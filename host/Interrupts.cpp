@@ -41,8 +41,8 @@ extern "C" void onSignal(int number) {
 
 } // namespace
 
-Interrupts::Interrupts(std::shared_ptr<CMInteractor> interactor)
-    : m_interactor(std::move(interactor)) {
+Interrupts::Interrupts(std::vector<std::shared_ptr<CMInteractor>> interactors)
+    : m_interactors(std::move(interactors)) {
     const int event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (event < 0)
         throw std::system_error(errno, std::generic_category(), "eventfd");
@@ -98,10 +98,12 @@ void Interrupts::watch() noexcept {
         [[maybe_unused]] const auto read = ::read(file.fd, &count, sizeof count);
         if (received() == 0 || atOnce.load())
             continue;
-        try {
-            m_interactor->getTerminationTrigger().trigger();
-        } catch (...) {
-            // A listener that cannot stop its work is asked again.
+        for (const auto& interactor : m_interactors) {
+            try {
+                interactor->getTerminationTrigger().trigger();
+            } catch (...) {
+                // A listener that cannot stop its work is asked again.
+            }
         }
     }
 }

@@ -5,15 +5,16 @@
 #include <csignal>
 #include <memory>
 #include <thread>
+#include <vector>
 
 namespace quendo::host {
 
 /// While it lives, Ctrl-C (and a request to terminate or a hang-up) stops the source-control work
-/// of an interactor instead of the process; a second one ends the process at once. One at a time,
+/// of its interactors instead of the process; a second one ends the process at once. One at a time,
 /// destroyed on the thread that made it: that one blocks these signals meanwhile.
 class Interrupts {
 public:
-    explicit Interrupts(std::shared_ptr<CMInteractor> interactor);
+    explicit Interrupts(std::vector<std::shared_ptr<CMInteractor>> interactors);
     ~Interrupts();
     Interrupts(const Interrupts&) = delete;
     Interrupts& operator=(const Interrupts&) = delete;
@@ -28,7 +29,7 @@ public:
 private:
     void watch() noexcept;
 
-    const std::shared_ptr<CMInteractor> m_interactor;
+    const std::vector<std::shared_ptr<CMInteractor>> m_interactors;
     std::thread m_thread;
     sigset_t m_maskBefore; ///< of the thread that made it
 };

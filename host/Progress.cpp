@@ -44,16 +44,17 @@ std::string shortened(std::string text, std::size_t limit) {
 
 } // namespace
 
-Progress::Progress(std::shared_ptr<CMInteractor> interactor) : m_interactor(std::move(interactor)) {
+Progress::Progress(const std::vector<std::shared_ptr<CMInteractor>>& interactors) {
     const char* kind = std::getenv("TERM");
     if (!isTerminal(STDERR_FILENO) || kind == nullptr || std::string_view(kind) == "dumb")
         return;
-    m_connection = m_interactor->getProgressDispatcher().connect(
-        [this](const UString& message, double fraction) {
-            const std::lock_guard lock(m_mutex);
-            m_message = toUtf8(message);
-            m_fraction = fraction;
-        });
+    for (const auto& interactor : interactors)
+        m_connections.emplace_back(interactor->getProgressDispatcher().connect(
+            [this](const UString& message, double fraction) {
+                const std::lock_guard lock(m_mutex);
+                m_message = toUtf8(message);
+                m_fraction = fraction;
+            }));
     m_thread = std::thread(&Progress::show, this);
 }
 
@@ -64,7 +65,7 @@ Progress::~Progress() {
 void Progress::finish() {
     if (!m_thread.joinable())
         return;
-    m_connection.disconnect();
+    m_connections.clear();
     {
         const std::lock_guard lock(m_mutex);
         m_finished = true;
@@ -73,10 +74,23 @@ void Progress::finish() {
     m_thread.join();
 }
 
+void Progress::note(std::string_view message) {
+    const std::lock_guard lock(m_mutex);
+    if (!m_drawn.empty())
+        writeToTerminal(clearLine);
+    m_drawn.clear();
+    writeError(message);
+}
+
+// The seconds move also while nobody knows how far the work is.
 std::string Progress::lineNow() const {
     std::string line = m_message.empty() ? "working" : visibleText(m_message);
     if (m_fraction > 0 && m_fraction <= 1)
         line += " " + std::to_string(std::lround(m_fraction * 100)) + " %";
+    const auto elapsed =
+        std::chrono::floor<std::chrono::seconds>(std::chrono::steady_clock::now() - m_start);
+    if (elapsed > 0s)
+        line += ", " + std::to_string(elapsed.count()) + " s";
     return shortened(std::move(line), std::max<std::size_t>(terminalWidth(), 2) - 1);
 }
 
@@ -86,11 +100,10 @@ void Progress::show() noexcept {
         const auto finished = [this] { return m_finished; };
         if (m_changed.wait_for(lock, patience, finished))
             return;
-        std::string drawn;
         do {
-            if (auto line = lineNow(); line != drawn) {
-                drawn = std::move(line);
-                writeToTerminal(std::string(clearLine) + drawn);
+            if (auto line = lineNow(); line != m_drawn) {
+                m_drawn = std::move(line);
+                writeToTerminal(std::string(clearLine) + m_drawn);
             }
         } while (!m_changed.wait_for(lock, redrawInterval, finished));
     } catch (...) {

@@ -4,8 +4,15 @@
 
 namespace quendo::host {
 
+Session::Session(const std::vector<std::shared_ptr<CMInteractor>>& interactors)
+    : m_interrupts(interactors), m_progress(interactors) {}
+
 Session::Session(const std::shared_ptr<CMInteractor>& interactor)
-    : m_interrupts(interactor), m_progress(interactor) {}
+    : Session(std::vector{interactor}) {}
+
+void Session::note(std::string_view message) {
+    m_progress.note(message);
+}
 
 void Session::finishFirst(std::string_view output) {
     m_progress.finish();

@@ -6,14 +6,19 @@
 
 #include <memory>
 #include <string_view>
+#include <vector>
 
 namespace quendo::host {
 
 /// The frame of one command's work: it can be interrupted, and shows its progress.
 class Session {
 public:
-    /// @param interactor of the folder that is worked on
+    /// @param interactors of the folders that are worked on
+    explicit Session(const std::vector<std::shared_ptr<CMInteractor>>& interactors);
     explicit Session(const std::shared_ptr<CMInteractor>& interactor);
+
+    /// Writes one line on standard error without disturbing the progress line.
+    void note(std::string_view message);
 
     /// Takes the progress line away and writes what there is to say so far; it can be interrupted
     /// as before. @throws HostError when the output is not taken

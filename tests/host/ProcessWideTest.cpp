@@ -1,10 +1,13 @@
 #include "host/HostError.h"
 #include "host/Interrupts.h"
 #include "host/LogSink.h"
+#include "host/Progress.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "tests/support/Testing.h"
 
 #include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
 #include <iostream>
 #include <semaphore>
 #include <unistd.h>
@@ -23,7 +26,7 @@ void interrupt() {
 
 /// Ends at once, or by SIGALRM.
 [[noreturn]] void interruptTwice() {
-    Interrupts interrupts(std::make_shared<CMApplicationInteractor>());
+    Interrupts interrupts({std::make_shared<CMApplicationInteractor>()});
     interrupt();
     ::alarm(30);
     for (::kill(::getpid(), SIGINT);;)
@@ -34,7 +37,7 @@ void interrupt() {
 /// and the session then counts as interrupted.
 [[noreturn]] void interruptBeforeListening() {
     const auto interactor = std::make_shared<CMApplicationInteractor>();
-    Interrupts interrupts(interactor);
+    Interrupts interrupts({std::make_shared<CMApplicationInteractor>(), interactor});
     interrupt();
     std::counting_semaphore<> calls(0);
     const auto connection = interactor->getTerminator().connect([&] { calls.release(); });
@@ -53,7 +56,7 @@ TEST(Interrupts, StopTheWorkFirstAndTheProcessThen) {
     const auto interactor = std::make_shared<CMApplicationInteractor>();
     EXPECT_EXIT(interruptBeforeListening(), testing::ExitedWithCode(0), "");
     EXPECT_EXIT(interruptTwice(), testing::ExitedWithCode(130), "");
-    EXPECT_EXIT(Interrupts(interactor).endAtOnce();
+    EXPECT_EXIT(Interrupts({interactor}).endAtOnce();
                 ::raise(SIGTERM), testing::ExitedWithCode(143), "");
 }
 
@@ -72,6 +75,37 @@ TEST(LogSink, WritesWhatIsAskedForOneLineEach) {
                 "^notice [^ ]*ProcessWideTest: two\\\\nlines\nend\n$");
     EXPECT_EXIT(logFrom(platform::Severity::Detail), testing::ExitedWithCode(0),
                 "^detail [^ ]*ProcessWideTest: fine\nnotice ");
+}
+
+/// Ends with 0 when the terminal was shown that the work goes on although nobody knows how far it
+/// is, and a note beside it on a line of its own.
+[[noreturn]] void watchProgress() {
+    const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY);
+    if (::grantpt(terminal) != 0 || ::unlockpt(terminal) != 0 ||
+        ::dup2(::open(::ptsname(terminal), O_RDWR | O_NOCTTY), STDERR_FILENO) < 0)
+        std::_Exit(1);
+    ::setenv("TERM", "xterm", 1);
+    ::alarm(30);
+    const auto interactor = std::make_shared<CMApplicationInteractor>();
+    Progress progress({interactor});
+    interactor->getProgressIndicator().report(u"Reading", -1);
+    std::string shown;
+    const auto await = [&](std::string_view text) {
+        for (char c = 0; shown.find(text) == shown.npos && ::read(terminal, &c, 1) == 1;)
+            shown += c;
+    };
+    await("Reading, 1 s");
+    progress.note("listen");
+    await("Reading, 2 s");
+    std::_Exit(shown.find("\r\x1b[Kquendo: listen\r\n") == shown.npos ||
+                       shown.find('%') != shown.npos
+                   ? 2
+                   : 0);
+}
+
+TEST(Progress, MovesWithoutAKnownFraction) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(watchProgress(), testing::ExitedWithCode(0), "");
 }
 
 } // namespace
