@@ -4,6 +4,7 @@
 #include "host/HostError.h"
 #include "host/RevisionPrinter.h"
 #include "host/Session.h"
+#include "host/StatusPrinter.h"
 #include "host/VisibleText.h"
 #include "quendo/exception/SourceControlException.h"
 #include "quendo/platform/UString.h"
@@ -54,6 +55,45 @@ std::string contentOf(const std::string& name) {
     return content;
 }
 
+/// Names the first few.
+std::string namesOf(const std::vector<Path>& files, const Path& root) {
+    constexpr std::size_t most = 3;
+    const auto current = currentFolder();
+    std::string names;
+    for (std::size_t i = 0; i < std::min(files.size(), most); ++i)
+        names += (i == 0 ? "" : ", ") + nameFrom(current, root, files[i]);
+    return files.size() > most ? names + " and " + std::to_string(files.size() - most) + " more"
+                               : names;
+}
+
+/// Says of files with other content in the index than on disk that the check-in replaces it.
+/// @throws HostError when somebody may have chosen that content and did not allow it: what is
+///         staged of a file that the last commit holds, or of one that has gone from the disk.
+void warnOfStaged(const ActionTargets& targets, const ActionTargets::States& states,
+                  bool replaceStaged, Session& session) {
+    std::vector<Path> chosen, added;
+    for (const auto& [path, state] : states) {
+        const auto* columns = state.findProperty(property::columns);
+        if (columns == nullptr || columns->size() != 2 || state.isFolder() ||
+            state.getState() == LocalStatus::Conflicted)
+            continue;
+        const auto staged = columns->front(), onDisk = columns->back();
+        if (staged == u'.' || onDisk == u'.' || isUntracked(state))
+            continue;
+        (staged == u'A' && onDisk != u'D' ? added : chosen).push_back(path);
+    }
+    const auto& root = targets.copy.root;
+    if (!chosen.empty() && !replaceStaged)
+        throw HostError("staged with other content than on disk: " + namesOf(chosen, root) +
+                        "; checkin commits files as they are on disk, so what is staged would be "
+                        "lost: repeat it with --replace-staged to do that, or commit what is "
+                        "staged with git commit");
+    if (!chosen.empty())
+        session.note("committing as on disk, in place of what is staged: " + namesOf(chosen, root));
+    if (!added.empty())
+        session.note("committing as on disk, changed since added: " + namesOf(added, root));
+}
+
 /// The short identifier of the commit that was just made.
 std::string newRevision(const ActionTargets& targets, const Path& file) {
     try {
@@ -70,10 +110,13 @@ CLI::App* CheckinCommand::describe(CLI::App& program) {
     app->add_option("-m,--message", message, "What was changed")->option_text("MESSAGE");
     app->add_option("-F,--file", messageFile, "Read the message from FILE; - for standard input")
         ->option_text("FILE");
+    app->add_flag("--replace-staged", replaceStaged,
+                  "Commit files as on disk also where other content is staged");
     app->add_option("PATH", paths, "Files, or folders for all that is tracked in them")->required();
     app->footer(
         "Nothing else is checked in, whatever is staged. A file that is untracked is added\n"
-        "when it is named itself.\n"
+        "when it is named itself. A file with other content staged than on disk is refused\n"
+        "unless --replace-staged is given or the file is new: what is staged would be lost.\n"
         "Examples:\n"
         "  quendo checkin -m 'Mend the lock' lock.c lock.h\n"
         "  quendo checkin -F message.txt .     all that is tracked below this folder");
@@ -105,6 +148,7 @@ void CheckinCommand::run() const {
         if (const auto found = states.find(path);
             found != states.end() && isUntracked(found->second))
             files.push_back(path);
+    warnOfStaged(targets, states, replaceStaged, session);
     targets.copy.adapter().checkin({named.begin(), named.end()}, converted);
     const auto revision = files.empty() ? std::string() : newRevision(targets, files.front());
     session.finish("checked in " + countOf(files.size()) +

@@ -13,6 +13,7 @@ struct CheckinCommand : Command {
     std::vector<std::string> paths;
     std::optional<std::string> message;     ///< native bytes; either this
     std::optional<std::string> messageFile; ///< or this, "-" for standard input
+    bool replaceStaged = false; ///< commit also what is staged with other content than on disk
 
     CLI::App* describe(CLI::App& program) override;
     void run() const override;

@@ -156,6 +156,23 @@ TEST(Actions, RefuseInOneLineAndLeaveEverything) {
     EXPECT_EQ(sandbox.git({"rev-list", "--count", "HEAD"}), "1\n");
 }
 
+TEST(Actions, CheckinReplacesWhatIsStagedOnlyWhenToldTo) {
+    const GitSandbox sandbox;
+    runScript(sandbox, "i; w a; w b; c; w a 2; git add a; w a 3; w b 2; git add b; rm b; w n; git "
+                       "add n; w n 2; w .git/hooks/pre-commit '#!/bin/sh\ncp ../err ../before';"
+                       "chmod +x .git/hooks/*");
+    const auto before = status(sandbox);
+    for (const char* files : {". n", "b n", "a"})
+        expectRefusals(sandbox, {{std::string("q checkin -m m ") + files,
+                                  "staged with other content than on disk: "}});
+    EXPECT_EQ(status(sandbox), before);
+    const auto done = shell(sandbox, "q checkin --replace-staged -m m . 2> ../err; cat ../before");
+    EXPECT_THAT(done.output, testing::HasSubstr(
+                                 "quendo: committing as on disk, in place of what is staged: a, b\n"
+                                 "quendo: committing as on disk, changed since added: n\n"));
+    EXPECT_EQ(sandbox.git({"grep", "^", "HEAD"}), "HEAD:a:3\nHEAD:n:2\n");
+}
+
 TEST(Actions, TakeNamesAsTheyAre) {
     const GitSandbox sandbox;
     const std::string names =
