@@ -1,12 +1,14 @@
 #pragma once
 
 #include "host/Command.h"
+#include "host/StandardStreams.h"
 #include "quendo/platform/Logging.h"
 
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace quendo::host {
 
@@ -21,6 +23,8 @@ struct Invocation {
     std::unique_ptr<const Command> command; ///< null when only `notice` is asked for
     std::string notice;                     ///< a help text, or the version
     std::optional<platform::Severity> logLevel;
+    Colours colours = Colours::Auto;
+    std::vector<std::string> folders; ///< to change to, one after the other
 };
 
 /// Arguments are native bytes and stay what they are.

@@ -2,6 +2,8 @@
 
 #include <CLI/App.hpp>
 
+#include <utility>
+
 namespace quendo::host {
 namespace {
 
@@ -43,13 +45,36 @@ std::string quoted(const std::string& text, const std::string& apostrophe) {
     return result + "'";
 }
 
-const std::string levels = "detail notice exception";
-
-std::string shellNames() {
+std::string joined(const std::vector<std::string>& words) {
     std::string result;
-    for (const auto& shell : completionShells())
-        result += (result.empty() ? "" : " ") + shell;
+    for (const auto& word : words)
+        result += (result.empty() ? "" : " ") + word;
     return result;
+}
+
+/// What follows these options, and what these commands take.
+const std::vector<std::pair<std::string, std::string>> optionValues = {
+    {"--log", "detail notice exception"},
+    {"--color", "auto always never"},
+};
+std::vector<std::pair<std::string, std::string>> commandValues(const CLI::App& app) {
+    return {{"completion", joined(completionShells())}, {"help", namesOf(commandsOf(app))}};
+}
+
+/// A case for each option that takes a value, in a statement about the word before the current one.
+std::string optionCases(const std::string& before, const std::string& after) {
+    std::string cases;
+    for (const auto& [option, words] : optionValues)
+        cases += "    " + option + ") " + before + words + after + " ;;\n";
+    return cases;
+}
+
+/// A case for each command that takes words of its own, in a statement about the command.
+std::string commandCases(const CLI::App& app, const std::string& before, const std::string& after) {
+    std::string cases;
+    for (const auto& [command, words] : commandValues(app))
+        cases += "            " + command + ") " + before + words + after + " ;;\n";
+    return cases;
 }
 
 std::string bashScript(const CLI::App& app) {
@@ -63,7 +88,7 @@ std::string bashScript(const CLI::App& app) {
            "    local command='' words='' i\n"
            "    for ((i = 1; i < COMP_CWORD; i++)); do\n"
            "        case \"${COMP_WORDS[i]}\" in\n"
-           "        --log) ((i++)) ;;\n"
+           "        --log|--color|-C) ((i++)) ;;\n"
            "        -*) ;;\n"
            "        *) command=\"${COMP_WORDS[i]}\"; break ;;\n"
            "        esac\n"
@@ -73,18 +98,18 @@ std::string bashScript(const CLI::App& app) {
            "        '') words='" +
            namesOf(commandsOf(app)) + " " + namesOf(optionsOf(app)) + "' ;;\n" + cases +
            "    esac\n"
-           "    if [[ \"$previous\" == --log ]]; then\n"
-           "        words='" +
-           levels +
-           "'\n"
-           "    elif [[ \"$command\" == completion && \"$current\" != -* ]]; then\n"
-           "        words='" +
-           shellNames() +
-           "'\n"
-           "    elif [[ -n \"$command\" && \"$current\" != -* ]]; then\n"
-           "        compopt -o default 2>/dev/null\n"
-           "        return\n"
-           "    fi\n"
+           "    case \"$previous\" in\n"
+           "    -C) compopt -o dirnames 2>/dev/null; return ;;\n" +
+           optionCases("words='", "'") +
+           "    *)\n"
+           "        if [[ \"$current\" != -* ]]; then\n"
+           "            case \"$command\" in\n"
+           "            '') ;;\n" +
+           commandCases(app, "words='", "'") +
+           "            *) compopt -o default 2>/dev/null; return ;;\n"
+           "            esac\n"
+           "        fi ;;\n"
+           "    esac\n"
            "    COMPREPLY=($(compgen -W \"$words\" -- \"$current\"))\n"
            "}\n"
            "complete -F _quendo quendo\n";
@@ -108,7 +133,7 @@ std::string zshScript(const CLI::App& app) {
            "    local -i i\n"
            "    for ((i = 2; i < CURRENT; i++)); do\n"
            "        case \"$words[i]\" in\n"
-           "        --log) ((i++)) ;;\n"
+           "        --log|--color|-C) ((i++)) ;;\n"
            "        -*) ;;\n"
            "        *) command=\"$words[i]\"; break ;;\n"
            "        esac\n"
@@ -117,18 +142,17 @@ std::string zshScript(const CLI::App& app) {
            "        '') choices=(" +
            described(commandsOf(app)) + described(optionsOf(app)) + " ) ;;\n" + cases +
            "    esac\n"
-           "    if [[ \"$words[CURRENT-1]\" == --log ]]; then\n"
-           "        compadd -- " +
-           levels +
-           "\n"
-           "    elif [[ \"$command\" == completion && \"$words[CURRENT]\" != -* ]]; then\n"
-           "        compadd -- " +
-           shellNames() +
-           "\n"
-           "    elif [[ \"$words[CURRENT]\" == -* ]]; then\n"
+           "    case \"$words[CURRENT-1]\" in\n"
+           "    -C) _files -/; return ;;\n" +
+           optionCases("compadd -- ", "; return") +
+           "    esac\n"
+           "    if [[ \"$words[CURRENT]\" == -* ]]; then\n"
            "        _describe -o 'option' choices\n"
            "    elif [[ -n \"$command\" ]]; then\n"
-           "        _files\n"
+           "        case \"$command\" in\n" +
+           commandCases(app, "compadd -- ", "") +
+           "            *) _files ;;\n"
+           "        esac\n"
            "    else\n"
            "        _describe 'command' choices\n"
            "    fi\n"
@@ -146,8 +170,11 @@ std::string fishScript(const CLI::App& app) {
         const bool isLong = choice.name.starts_with("--");
         std::string line = "complete -c quendo -n '" + condition + "' " +
                            (isLong ? "-l " + choice.name.substr(2) : "-o " + choice.name.substr(1));
-        if (choice.name == "--log")
-            line += " -xa '" + levels + "'";
+        for (const auto& [name, words] : optionValues)
+            if (choice.name == name)
+                line += " -xa '" + words + "'";
+        if (choice.name == "-C")
+            line += " -xa '(__fish_complete_directories)'";
         return line + " -d " + quoted(choice.description, "\\'") + "\n";
     };
     const std::string none = "not __fish_seen_subcommand_from " + namesOf(commandsOf(app));
@@ -160,8 +187,10 @@ std::string fishScript(const CLI::App& app) {
         for (const auto& choice : optionsOf(*app.get_subcommand(command.name)))
             result += option(choice, "__fish_seen_subcommand_from " + command.name);
     }
-    return result + "complete -c quendo -f -n '__fish_seen_subcommand_from completion' -a '" +
-           shellNames() + "'\n";
+    for (const auto& [command, words] : commandValues(app))
+        result += "complete -c quendo -f -n '__fish_seen_subcommand_from " + command + "' -a '" +
+                  words + "'\n";
+    return result;
 }
 
 } // namespace

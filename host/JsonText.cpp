@@ -4,7 +4,7 @@
 
 namespace quendo::host {
 
-void putPath(nlohmann::ordered_json& object, const Path& path) {
+void putPath(nlohmann::ordered_json& object, const Path& path, const std::string& name) {
     std::string text = path.toUtf8();
     const std::string bytes = path.toNative();
     if (text != bytes) {
@@ -14,10 +14,10 @@ void putPath(nlohmann::ordered_json& object, const Path& path) {
             hex += "0123456789abcdef"[byte >> 4];
             hex += "0123456789abcdef"[byte & 15];
         }
-        object["path"] = std::move(text);
-        object["path_hex"] = std::move(hex);
+        object[name] = std::move(text);
+        object[name + "_hex"] = std::move(hex);
     } else {
-        object["path"] = std::move(text);
+        object[name] = std::move(text);
     }
 }
 

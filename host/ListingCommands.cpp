@@ -55,9 +55,10 @@ void UntrackedCommand::run() const {
 
 CLI::App* ClientsCommand::describe(CLI::App& program) {
     auto* app = program.add_subcommand("clients", "List managed folders and their clients");
-    app->add_option("FOLDER", folders, "Folders to be managed meanwhile");
+    app->add_option("FOLDER", folders, "The folders to manage meanwhile (default: this one)");
     app->footer("Every process manages folders of its own: only those named here are listed.\n"
                 "Examples:\n"
+                "  quendo clients                      the working copy of this folder\n"
                 "  quendo clients . ~/other            both working copies");
     return app;
 }

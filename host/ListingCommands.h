@@ -19,7 +19,7 @@ struct UntrackedCommand : Command {
 
 /// `quendo clients`: what the library lists about the working copies that hold these folders.
 struct ClientsCommand : Command {
-    std::vector<std::string> folders;
+    std::vector<std::string> folders = {"."};
 
     CLI::App* describe(CLI::App& program) override;
     void run() const override;

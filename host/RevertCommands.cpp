@@ -1,12 +1,12 @@
 #include "host/RevertCommands.h"
 
 #include "host/ActionTargets.h"
+#include "host/BranchPrinter.h"
 #include "host/Session.h"
 #include "host/VisibleText.h"
+#include "quendo/exception/SourceControlException.h"
 
 #include <CLI/App.hpp>
-
-#include <sys/stat.h>
 
 namespace quendo::host {
 namespace {
@@ -19,10 +19,23 @@ bool isGivenUp(const FileState& state) {
     return columns != nullptr && !columns->starts_with(u'.');
 }
 
+/// The operation that is still in progress after the changes have been given up, as "; ...".
+std::string remaining(CMAdapter& adapter) {
+    try {
+        if (const auto* branches = branchInformationOf(adapter))
+            if (const auto notice = operationNotice(branches->getBranchState(), true);
+                !notice.empty())
+                return "; " + notice;
+    } catch (const exception::SourceControlException&) {
+        // The changes have been given up all the same.
+    }
+    return {};
+}
+
 } // namespace
 
 CLI::App* RevertCommand::describe(CLI::App& program) {
-    auto* app = program.add_subcommand("revert", "Give local changes of files up");
+    auto* app = program.add_subcommand("revert", "Give up the local changes of files");
     app->add_option("PATH", paths, "Files, or folders for all that is tracked in them")->required();
     app->add_flag("--dry-run", dryRun, "Only list what would be given up");
     app->footer("A file that was only added stays on disk, untracked.\n"
@@ -46,23 +59,22 @@ void RevertCommand::run() const {
 }
 
 CLI::App* DiscardCommand::describe(CLI::App& program) {
-    auto* app = program.add_subcommand("discard", "Give all local changes of a working copy up");
+    auto* app = program.add_subcommand("discard", "Give up all local changes of a working copy");
     app->add_option("PATH", path, "Anything in the working copy (default: this folder)");
     app->add_flag("--dry-run", dryRun, "Only list what would be given up");
-    app->footer("All changes in the working copy that holds PATH, not only those at PATH; a merge\n"
-                "that is under way is given up with them, and of a rebase the commit at which it\n"
-                "stopped. Untracked files stay, and so do files that you added.\n"
-                "Examples:\n"
-                "  quendo discard --dry-run            which files that would be\n"
-                "  quendo discard                      the whole working copy as in the last "
-                "commit");
+    app->footer(
+        "All changes in the working copy that holds PATH, not only those at PATH; a merge in\n"
+        "progress is given up with them. A rebase stays in progress, without the commit at\n"
+        "which it stopped. Untracked files stay, and so do files that were only added.\n"
+        "Examples:\n"
+        "  quendo discard --dry-run            which files that would be\n"
+        "  quendo discard                      the whole working copy as in the last "
+        "commit");
     return app;
 }
 
 void DiscardCommand::run() const {
-    struct stat about {};
-    const bool isFolder = ::stat(path.c_str(), &about) == 0 && S_ISDIR(about.st_mode);
-    const auto copy = isFolder ? WorkingCopy::ofFolder(path) : WorkingCopy::ofFile(path);
+    const auto copy = WorkingCopy::ofFolderOrFile(path);
     Session session(copy.interactor());
     const auto states = copy.adapter().getStatus(copy.root, false);
     const auto files = pathsWhere(states, isGivenUp);
@@ -71,7 +83,7 @@ void DiscardCommand::run() const {
     copy.adapter().discardChanges();
     session.finish((files.empty() ? "nothing to discard in "
                                   : "discarded the changes of " + countOf(files.size()) + " in ") +
-                   visiblePath(copy.root) + "\n");
+                   visiblePath(copy.root) + remaining(copy.adapter()) + "\n");
 }
 
 } // namespace quendo::host

@@ -15,6 +15,9 @@
 namespace quendo::host {
 namespace {
 
+bool ignoredBrokenPipes = false; ///< by whoever started the program
+Colours chosenColours = Colours::Auto;
+
 /// @return 0, or the error number.
 int writeAll(int stream, std::string_view text) noexcept {
     while (!text.empty()) {
@@ -35,7 +38,7 @@ int writeAll(int stream, std::string_view text) noexcept {
 } // namespace
 
 void prepareStandardStreams() {
-    ::signal(SIGPIPE, SIG_IGN);
+    ignoredBrokenPipes = ::signal(SIGPIPE, SIG_IGN) == SIG_IGN;
     ::signal(SIGCHLD, SIG_DFL); // ignored by whoever started us, it would eat git's exit codes
     for (int stream = 0; stream <= 2; ++stream) {
         if (::fcntl(stream, F_GETFD) >= 0 || errno != EBADF)
@@ -49,11 +52,27 @@ void prepareStandardStreams() {
     }
 }
 
+void endByBrokenPipe() {
+    ::signal(SIGPIPE, SIG_DFL);
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    ::sigaddset(&signals, SIGPIPE);
+    ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    ::raise(SIGPIPE);
+    ::_exit(128 + SIGPIPE);
+}
+
+void setColours(Colours colours) noexcept {
+    chosenColours = colours;
+}
+
 bool isTerminal(int stream) noexcept {
     return ::isatty(stream) == 1;
 }
 
 bool wantsColours() {
+    if (chosenColours != Colours::Auto)
+        return chosenColours == Colours::Always;
     const char* refused = std::getenv("NO_COLOR");
     const char* kind = std::getenv("TERM");
     return isTerminal(STDOUT_FILENO) && (refused == nullptr || *refused == '\0') &&
@@ -61,8 +80,17 @@ bool wantsColours() {
 }
 
 void writeOutput(std::string_view text) {
-    if (const int error = writeAll(STDOUT_FILENO, text))
+    const int error = writeAll(STDOUT_FILENO, text);
+    if (error == EPIPE)
+        refuseClosedOutput();
+    if (error != 0)
         throw HostError("cannot write the output: " + std::generic_category().message(error));
+}
+
+void refuseClosedOutput() {
+    if (ignoredBrokenPipes)
+        throw HostError("cannot write the output: " + std::generic_category().message(EPIPE));
+    throw OutputClosed();
 }
 
 void writeError(std::string_view message) noexcept {

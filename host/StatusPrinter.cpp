@@ -107,6 +107,8 @@ nlohmann::ordered_json objectOf(const StatusReport& report, const Path& path,
     nlohmann::ordered_json line;
     line["system"] = report.system;
     putPath(line, pathFromRoot(path, report.root));
+    if (report.isOneOfSeveral)
+        putPath(line, report.root, "root");
     line["state"] = toString(state.getState());
     line["folder"] = state.isFolder();
     auto& properties = line["properties"] = nlohmann::ordered_json::object();
@@ -245,7 +247,9 @@ std::string humanStatus(const StatusReport& report, const Path& current, bool co
     std::array<std::size_t, words.size() + 1> counts{};
     std::string result;
     for (const auto& [path, state] : report.states) {
-        if (!report.shows(path, state))
+        const bool isAskedFile =
+            report.isFile && path == report.folder && !report.selection.untrackedOnly;
+        if (!isAskedFile && !report.shows(path, state))
             continue;
         ++counts[wordOf(state.getState())];
         result += lineOf(viewpoint, path, state, colours);
@@ -258,8 +262,9 @@ std::string humanStatus(const StatusReport& report, const Path& current, bool co
     }
     if (summary.empty())
         summary = report.selection.untrackedOnly ? "nothing untracked" : "nothing differs";
-    return result + summary + " in " + visiblePath(report.folder) + " (" +
-           visibleText(report.system) + ")\n";
+    return result + summary + " in " +
+           (report.pathCount == 1 ? "" : std::to_string(report.pathCount) + " paths of ") +
+           visiblePath(report.folder) + " (" + visibleText(report.system) + ")\n";
 }
 
 } // namespace quendo::host

@@ -22,9 +22,12 @@ struct StatusSelection {
 struct StatusReport {
     std::string system;               ///< UTF-8
     Path root;                        ///< the working copy's
-    Path folder;                      ///< asked for: `root` or below it
+    Path folder;                      ///< asked for, at or below `root`; `root` for several paths
     std::map<Path, FileState> states; ///< all at or below `root`
     StatusSelection selection;
+    std::size_t pathCount = 1;   ///< how many were asked for
+    bool isFile = false;         ///< `folder` is a file, which people are shown whatever its state
+    bool isOneOfSeveral = false; ///< JSON has "root", to tell working copies apart
 
     /// Whether people and programs that read JSON are shown this entry of `states`.
     bool shows(const Path& path, const FileState& state) const noexcept;

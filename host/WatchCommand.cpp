@@ -1,7 +1,9 @@
 #include "host/WatchCommand.h"
 
+#include "host/BranchPrinter.h"
 #include "host/HostError.h"
 #include "host/Interrupts.h"
+#include "host/OutputWatch.h"
 #include "host/Session.h"
 #include "host/StandardStreams.h"
 #include "host/VisibleText.h"
@@ -10,6 +12,7 @@
 #include "quendo/cache/CMStatusCache.h"
 #include "quendo/cache/CMStatusCacheFolders.h"
 #include "quendo/cache/CMStatusCacheFreshness.h"
+#include "quendo/exception/SourceControlException.h"
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/ExecutorService.h"
 #include "quendo/platform/FileUtilities.h"
@@ -18,20 +21,29 @@
 
 #include <CLI/App.hpp>
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <exception>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <system_error>
 #include <utility>
 
 namespace quendo::host {
 namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+/// A folder that has just come is polled until the watcher has noticed it, at the latest when it
+/// polls next (2 s). That passes and is not worth a message.
+constexpr auto passingPoorWatch = 5s;
 
 /// What the library tells, on threads of its own, kept for the program's. Only notes; whatever
 /// takes time is done by who takes.
@@ -41,7 +53,9 @@ public:
         std::deque<StatusChanges> changes;
         std::optional<std::string> failure; ///< of the newest refresh; empty when it succeeded
         bool isStopped = false;
+        bool isUnread = false; ///< nobody reads the output any more
         bool hasGone = false;
+        bool mayHaveOtherBranch = false;
     };
 
     void addChanges(const StatusChanges& changes) {
@@ -60,11 +74,21 @@ public:
     void stop() {
         add([&] { m_news.isStopped = true; });
     }
+    void tellUnread() {
+        add([&] { m_news.isUnread = true; });
+    }
+    void tellOtherBranch() {
+        add([&] { m_news.mayHaveOtherBranch = true; });
+    }
 
-    /// Waits for news.
-    News take() {
+    /// Waits for news, at the longest until `limit`.
+    News take(std::optional<Clock::time_point> limit) {
         std::unique_lock lock(m_mutex);
-        m_came.wait(lock, [this] { return std::exchange(m_hasCome, false); });
+        const auto hasCome = [this] { return std::exchange(m_hasCome, false); };
+        if (limit)
+            m_came.wait_until(lock, *limit, hasCome);
+        else
+            m_came.wait(lock, hasCome);
         return std::exchange(m_news, {});
     }
 
@@ -110,8 +134,11 @@ public:
         m_isGone = true;
     }
 
+    bool isGone() const { return m_isGone; }
+
     /// @param failure of the newest refresh, if there was one since the last look
-    void look(std::optional<std::string> failure) {
+    /// @return when to look again even if nothing happens
+    std::optional<Clock::time_point> look(std::optional<std::string> failure) {
         if (failure)
             m_failure = *std::move(failure);
         if (m_isGone && platform::services()->files->isDirectory(m_copy.root) &&
@@ -120,16 +147,23 @@ public:
             writeError(visiblePath(m_copy.root) + " is back");
         }
         if (m_isGone)
-            return; // nothing to tell of what lies there, nor that anything is well again
+            return {}; // nothing to tell of what lies there, nor that anything is well again
         tell(m_toldFailure, m_failure, "cannot be refreshed: ", "is refreshed again");
-        const auto [poor, reason] = poorWatch();
+        const auto [poor, reason, next] = poorWatch();
         tell(m_poorWatch, reason,
              "changes are told seconds late in " + std::to_string(poor) +
                  (poor == 1 ? " folder: " : " folders: "),
              "is watched by the system again");
+        return next;
     }
 
 private:
+    struct PoorWatch {
+        std::size_t folders = 0;
+        std::string reason;                    ///< of the first
+        std::optional<Clock::time_point> next; ///< when one may count that does not yet
+    };
+
     void tell(std::string& told, std::string now, const std::string& what, const char* over) const {
         if (told == now)
             return;
@@ -140,31 +174,73 @@ private:
         told = std::move(now);
     }
 
-    /// How many folders are there and not watched natively, and the reason of the first.
-    std::pair<std::size_t, std::string> poorWatch() const {
+    /// The folders that are there and have not been watched natively for a while, or were not at
+    /// the first look.
+    PoorWatch poorWatch() {
         auto folders = m_folders.getFolders();
         folders.push_back(m_copy.root);
-        std::set<Path> poor;
-        std::string reason;
+        const auto now = Clock::now();
+        const auto start = std::exchange(m_hasLooked, true) ? now : now - passingPoorWatch;
+        std::map<Path, Clock::time_point> poor; // and since when
+        PoorWatch result;
         for (const auto& folder : folders) {
             const auto health = m_watcher->getHealth(folder);
             // One that was deleted, or gave way to a link, is polled for its return, which the
             // folder above it tells.
             std::error_code none;
-            if (health.means == platform::WatchHealth::Means::Polled &&
-                std::filesystem::is_directory(
-                    std::filesystem::symlink_status(folder.toNative(), none)) &&
-                poor.insert(folder).second && poor.size() == 1)
-                reason = health.reason.empty() ? "not watched by the system" : health.reason;
+            if (health.means != platform::WatchHealth::Means::Polled ||
+                !std::filesystem::is_directory(
+                    std::filesystem::symlink_status(folder.toNative(), none)))
+                continue;
+            const auto known = m_poorSince.find(folder);
+            const auto since = known == m_poorSince.end() ? start : known->second;
+            if (!poor.emplace(folder, since).second)
+                continue;
+            if (const auto counts = since + passingPoorWatch; counts > now)
+                result.next = std::min(result.next.value_or(counts), counts);
+            else if (++result.folders == 1)
+                result.reason = health.reason.empty() ? "not watched by the system" : health.reason;
         }
-        return {poor.size(), reason};
+        m_poorSince = std::move(poor);
+        return result;
     }
 
     const WorkingCopy& m_copy;
     const std::shared_ptr<platform::FolderWatcher> m_watcher;
     const CMStatusCacheFolders& m_folders;
     bool m_isGone = false;
+    bool m_hasLooked = false;
+    std::map<Path, Clock::time_point> m_poorSince;
     std::string m_failure, m_toldFailure, m_poorWatch;
+};
+
+/// Prints the branch and the operation in progress when what it shows of them has changed.
+class BranchDisplay {
+public:
+    BranchDisplay(const WorkingCopy& copy, const WatchCommand& command)
+        : m_copy(copy), m_isJson(command.json),
+          m_branches(command.json && !command.branch ? nullptr
+                                                     : branchInformationOf(copy.adapter())) {}
+
+    /// What there is to print; empty when nothing has changed.
+    std::string next() {
+        if (m_branches == nullptr)
+            return {};
+        try {
+            const auto state = m_branches->getBranchState();
+            auto text = m_isJson ? jsonBranch(state, m_copy.root, m_copy.systemName())
+                                 : humanBranch(state, wantsColours());
+            return text == m_shown ? std::string() : m_shown = std::move(text);
+        } catch (const exception::SourceControlException&) {
+            return {}; // the refresh of the states fails as well, and that is told
+        }
+    }
+
+private:
+    const WorkingCopy& m_copy;
+    const bool m_isJson;
+    BranchInformation* const m_branches;
+    std::string m_shown;
 };
 
 } // namespace
@@ -176,11 +252,17 @@ CLI::App* WatchCommand::describe(CLI::App& program) {
     app->add_flag("--all", selection.all, "Unmodified paths as well");
     app->add_flag("--ignored", selection.ignored, "Ignored paths as well");
     app->add_flag("--json", json, "One JSON object a line");
-    app->footer("It goes on until it is interrupted (Ctrl-C). What keeps it from telling the\n"
-                "truth stands on standard error.\n"
-                "Examples:\n"
-                "  quendo watch                        this folder\n"
-                "  quendo watch --json src             for a program");
+    app->add_flag("--branch", branch, "With --json: also an object for branch and operation");
+    app->footer(
+        "It goes on until it is interrupted (Ctrl-C) or nobody reads its output. What keeps\n"
+        "it from telling the truth stands on standard error.\n"
+        "Examples:\n"
+        "  quendo watch                        this folder\n"
+        "  quendo watch --json src             for a program");
+    app->final_callback([this] {
+        if (branch && !json)
+            throw CLI::ValidationError("--branch needs --json");
+    });
     return app;
 }
 
@@ -199,7 +281,7 @@ void WatchCommand::run() const {
     cache.setFolderStatusFlag(true);
     cache.refreshFolder(copy.path)->wait();
 
-    const std::array<boost::signals2::scoped_connection, 4> connections{
+    const std::array<boost::signals2::scoped_connection, 5> connections{
         changes.connectChanges([feed](const auto& changed) { feed->addChanges(changed); }),
         // The error stays on the thread that made it, and its text is handed over.
         cache.connectTasksFinished(
@@ -209,30 +291,45 @@ void WatchCommand::run() const {
             }),
         copy.folder->connectDeleted([feed] { feed->tellGone(); }),
         platform::services()->folderWatcher->connectHealthChanged(
-            [feed](const auto&, const auto&) { feed->wake(); })};
+            [feed](const auto&, const auto&) { feed->wake(); }),
+        copy.folder->getStatusTrigger().connect([feed] { feed->tellOtherBranch(); })};
     auto listing = changes.listStatuses(copy.path);
     report.states = {listing.states.begin(), listing.states.end()};
-    session.finishFirst(json ? jsonStatus(report) : humanStatus(report, current, wantsColours()));
-    report.states.clear();
-    listing.states = {};
+    BranchDisplay branchDisplay(copy, *this);
     Blindness blindness(copy);
-    for (Feed::News news;;) {
-        blindness.look(std::move(news.failure));
-        news = feed->take();
-        if (news.isStopped) {
-            // What is being asked is ended with all that git has started before the process goes.
-            cache.stop();
-            platform::services()->executors->getSourceControlExecutor()->runSyncTask([] {});
-            throw Interrupted();
+    try {
+        const auto states =
+            json ? jsonStatus(report) : humanStatus(report, current, wantsColours());
+        const auto first = branchDisplay.next();
+        session.finishFirst(json ? first + states : states + first);
+        report.states.clear();
+        listing.states = {};
+        const OutputWatch outputWatch([feed] { feed->tellUnread(); });
+        for (Feed::News news;;) {
+            const bool wasGone = blindness.isGone();
+            const auto next = blindness.look(std::move(news.failure));
+            if (news.mayHaveOtherBranch || (wasGone && !blindness.isGone()))
+                writeOutput(branchDisplay.next());
+            news = feed->take(next);
+            if (news.isStopped)
+                throw Interrupted();
+            if (news.isUnread)
+                refuseClosedOutput();
+            for (auto& changed : news.changes) {
+                if (changed.version > listing.version)
+                    writeOutput(json ? jsonChanges(report, std::move(changed.changes))
+                                     : humanChanges(report, std::move(changed.changes), current,
+                                                    wantsColours()));
+            }
+            if (news.hasGone)
+                blindness.tellGone();
         }
-        for (auto& changed : news.changes) {
-            if (changed.version > listing.version)
-                writeOutput(json ? jsonChanges(report, std::move(changed.changes))
-                                 : humanChanges(report, std::move(changed.changes), current,
-                                                wantsColours()));
-        }
-        if (news.hasGone)
-            blindness.tellGone();
+    } catch (...) {
+        // What is being asked is ended with all that git has started before the process goes.
+        cache.stop();
+        copy.interactor()->getTerminationTrigger().trigger();
+        platform::services()->executors->getSourceControlExecutor()->runSyncTask([] {});
+        throw;
     }
 }
 

@@ -7,12 +7,14 @@
 
 namespace quendo::host {
 
-/// `quendo watch`: the states at or below a folder, and then every change as it happens, until it
-/// is interrupted. On standard error it says when it cannot tell: the working copy has gone, it
-/// cannot be refreshed, or folders of it are not watched by the system.
+/// `quendo watch`: the states at or below a folder with the branch, and then every change as it
+/// happens, until it is interrupted or nobody reads its output. On standard error it says when it
+/// cannot tell: the working copy has gone, it cannot be refreshed, or folders of it are not watched
+/// by the system.
 struct WatchCommand : Command {
     std::string folder = ".";
     bool json = false;
+    bool branch = false; ///< in JSON as well
     StatusSelection selection;
 
     CLI::App* describe(CLI::App& program) override;

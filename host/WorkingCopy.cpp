@@ -84,6 +84,12 @@ Path currentFolder() {
     return Path::fromNative(name.get());
 }
 
+void changeFolder(const std::string& folder) {
+    if (!folder.empty() && ::chdir(folder.c_str()) != 0)
+        throw HostError("cannot change to the folder " + visiblePath(folder) + ": " +
+                        systemsWords(errno));
+}
+
 Path locate(const std::string& argument) {
     refuseEmpty(argument);
     std::string_view name = argument;
@@ -112,6 +118,12 @@ WorkingCopy WorkingCopy::ofFile(const std::string& file) {
         throw HostError("cannot read " + visiblePath(file) + ": " + systemsWords(errno));
     }
     return open(path.parentPath(), path, file);
+}
+
+WorkingCopy WorkingCopy::ofFolderOrFile(const std::string& path) {
+    struct stat about {};
+    const bool isFolder = ::stat(path.c_str(), &about) == 0 && S_ISDIR(about.st_mode);
+    return isFolder ? ofFolder(path) : ofFile(path);
 }
 
 WorkingCopy WorkingCopy::ofPath(const std::string& path) {

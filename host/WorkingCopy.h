@@ -32,6 +32,10 @@ struct WorkingCopy {
     ///             meant itself.
     static WorkingCopy ofFile(const std::string& file);
 
+    /// @param path a folder or a file as above. A folder that is a working copy of its own is meant
+    ///             as that one.
+    static WorkingCopy ofFolderOrFile(const std::string& path);
+
     /// @param path a file as above, or a folder. A folder that is a working copy of its own within
     ///             another one is meant as a part of that one, unless the program was started in
     ///             it.
@@ -43,6 +47,9 @@ inline const std::string clientId = "quendo";
 
 /// The folder that the program was started in, canonical.
 Path currentFolder();
+
+/// Makes another folder the current one. @throws HostError
+void changeFolder(const std::string& folder);
 
 /// A path as given, absolute and canonical but for its last part, which need not exist and is not
 /// followed when it is a symbolic link.

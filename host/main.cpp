@@ -1,7 +1,9 @@
 #include "host/CommandLine.h"
+#include "host/HostError.h"
 #include "host/Interrupts.h"
 #include "host/LogSink.h"
 #include "host/StandardStreams.h"
+#include "host/WorkingCopy.h"
 
 #include <cstdlib>
 #include <exception>
@@ -31,6 +33,9 @@ int runProgram(int count, char** arguments) {
         prepareStandardStreams();
         const auto invocation = parseCommandLine(count, arguments);
         setUpLog(invocation.logLevel);
+        setColours(invocation.colours);
+        for (const auto& folder : invocation.folders)
+            changeFolder(folder);
         if (invocation.command)
             invocation.command->run();
         else
@@ -39,6 +44,8 @@ int runProgram(int count, char** arguments) {
     } catch (const UsageError& error) {
         writeError(error.what());
         return wrongUsage;
+    } catch (const OutputClosed&) {
+        endByBrokenPipe();
     } catch (const std::bad_alloc&) {
         return failure("out of memory");
     } catch (const std::exception& error) {

@@ -3,6 +3,7 @@
 #include "host/CheckinCommands.h"
 #include "host/CompletionCommand.h"
 #include "host/ExportCommand.h"
+#include "host/HelpCommand.h"
 #include "host/StatusCommand.h"
 #include "tests/support/Process.h"
 #include "tests/support/Testing.h"
@@ -28,9 +29,9 @@ StatusCommand parseStatus(std::vector<const char*> words) {
 TEST(CommandLine, TakesPathsAsTheyAre) {
     for (const char* path :
          {"", "a b", "\xff\xfe", "log", "status", "[a,b]", "{x}", "a=b", "%%", "~"})
-        EXPECT_EQ(parseStatus({path}).folder, path);
-    EXPECT_EQ(parseStatus({"--", "--json"}).folder, "--json");
-    EXPECT_EQ(parseStatus({}).folder, ".");
+        EXPECT_EQ(parseStatus({path, "x"}).paths, (std::vector<std::string>{path, "x"}));
+    EXPECT_EQ(parseStatus({"--", "--json"}).paths, std::vector<std::string>{"--json"});
+    EXPECT_EQ(parseStatus({}).paths, std::vector<std::string>{"."});
     const auto exported = parseAs<ExportCommand>({"export", "a", "log", "c"});
     EXPECT_EQ(exported.file + exported.revision + exported.target, "alogc");
     const std::vector<const char*> awkward = {"add", "--",    "[a,b]", "[]",  "{}",  "%%",
@@ -43,6 +44,11 @@ TEST(CommandLine, TakesOptionsAnywhere) {
     EXPECT_EQ(parse({"--log", "notice", "status"}).logLevel, platform::Severity::Notice);
     EXPECT_EQ(parse({"log", "--log=detail", "f"}).logLevel, platform::Severity::Detail);
     EXPECT_EQ(parse({"status"}).logLevel, std::nullopt);
+    EXPECT_EQ(parse({"-C", "[a]", "-C", "status", "status", "b"}).folders,
+              (std::vector<std::string>{"[a]", "status"}));
+    EXPECT_EQ(parse({"status"}).colours, Colours::Auto);
+    EXPECT_EQ(parse({"--color=never", "status"}).colours, Colours::Never);
+    EXPECT_EQ(parse({"status", "--color", "always", "f"}).colours, Colours::Always);
     const auto checkin = parseAs<CheckinCommand>({"checkin", "a", "-m", "[x]", "b"});
     EXPECT_EQ(checkin.message, "[x]");
     EXPECT_EQ(checkin.paths, (std::vector<std::string>{"a", "b"}));
@@ -50,13 +56,16 @@ TEST(CommandLine, TakesOptionsAnywhere) {
 
 TEST(CommandLine, RefusesWrongUsageInOneLineThatNamesTheHelp) {
     const std::pair<std::string, std::vector<std::vector<const char*>>> rows[] = {
-        {"", {{}, {"stauts"}, {"--nope"}}},
-        {" status", {{"--nope"}, {"a", "b"}, {"--json", "--porcelain"}, {"-z"}, {"--log", "loud"}}},
+        {"", {{}, {"stauts"}, {"--nope"}, {"-C"}, {"-C", "x"}}},
+        {" status",
+         {{"--nope"}, {"--json", "--porcelain"}, {"-z"}, {"--log", "loud"}, {"-C", "x"}}},
+        {" status", {{"--color", "red"}, {"--branch"}, {"--branch", "--porcelain"}}},
         {" log", {{}, {"f", "-n", "0"}, {"f", "-n", "-1"}, {"f", "-n", "x"}}},
         {" log", {{"-n", "99999999999999999999", "f"}}},
         {" export", {{"f", "r"}}},
         {" completion", {{"tcsh"}}},
-        {" watch", {{"a", "b"}, {"--porcelain"}}},
+        {" help", {{"stauts"}, {"a", "b"}}},
+        {" watch", {{"a", "b"}, {"--porcelain"}, {"--branch"}}},
         {" add", {{}, {"--all", "f"}}},
         {" remove", {{}, {"--nope", "f"}}},
         {" move", {{}, {"a"}, {"a", "b", "c"}}},
@@ -82,18 +91,44 @@ TEST(CommandLine, RefusesWrongUsageInOneLineThatNamesTheHelp) {
                 EXPECT_EQ(message.find('\n'), std::string::npos) << message;
             }
         }
-    EXPECT_THAT([] { parse({"stauts"}); },
-                testing::ThrowsMessage<UsageError>("stauts is no command; see quendo --help"));
+}
+
+TEST(CommandLine, SuggestsWhatMayHaveBeenMeant) {
+    for (const auto& [words, told] : std::vector<std::pair<std::vector<const char*>, std::string>>{
+             {{"stauts"}, "stauts is not a command (did you mean status?); "},
+             {{"stat"}, "stat is not a command (did you mean status?); "},
+             {{"commit", "f"}, "commit is not a command (did you mean checkin?); "},
+             {{"x\n"}, "$'x\\n' is not a command; "},
+             {{"help", "rmove"}, "rmove is not a command (did you mean remove?); "},
+             {{"--vresion"},
+              "--vresion is not an option of the program (did you mean --version?); "},
+             {{"--json", "status"},
+              "--json is not an option of the program; an option of a command "},
+             {{"status", "--porclain=1"},
+              "--porclain is not an option of status (did you mean --porcelain?); "},
+             {{"log", "f", "-C", "x"}, "-C is not an option of log; it goes before the command; "},
+             {{"discard", "a", "status"}, "status is one argument too many; "}})
+        EXPECT_THAT([&] { parse(words); },
+                    testing::ThrowsMessage<UsageError>(testing::StartsWith(told)));
+}
+
+TEST(CommandLine, HelpOfACommandIsThatOfItsOption) {
+    const auto help = [](const char* topic) { return parseAs<HelpCommand>({"help", topic}).text; };
+    EXPECT_EQ(help("status"), parse({"status", "--help"}).notice);
+    EXPECT_EQ(help(""), parse({"--help"}).notice);
+    EXPECT_THAT(help("help"), testing::HasSubstr("Usage: quendo help "));
 }
 
 TEST(Completion, BashCompletesCommandsAndOptions) {
     const auto script = parseAs<CompletionCommand>({"completion", "bash"}).script + R"(
-        for words in 'ch' 'remove --d' 'st' 'status --po' '--log notice log --js' 'status --log d' 'completion f'; do
+        for words in 'ch' 'remove --d' 'st' 'status --po' '--log notice -C x log --js' \
+            'status --log d' 'completion f' '--color n' 'help lo'; do
             COMP_WORDS=(quendo $words); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
             _quendo; echo -n "${COMPREPLY[*]} "
         done)";
     const auto result = test::runProcess({"bash", "-euc", script}, {});
-    EXPECT_EQ(result.output, "checkin --dry-run status --porcelain --json detail fish ")
+    EXPECT_EQ(result.output,
+              "checkin --dry-run status --porcelain --json detail fish never lock log ")
         << result.errors;
 }
 

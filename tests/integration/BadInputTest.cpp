@@ -10,8 +10,6 @@ does not exist|gone|i; w f; c
 is no working copy|.|true
 is the metadata folder|.git|i; w f; c
 is a bare repository|.|i --bare
-is a file|f|i; w f; c
-is a FIFO|f|i; mkfifo f
 is unreadable|.|i; w d/f; c; chmod 000 .
 lies below what is unreadable|d|mkdir d; cd d; i; w f; c; cd ..; chmod 000 d
 is empty||i; w f; c

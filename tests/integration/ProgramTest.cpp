@@ -19,12 +19,14 @@ TEST_F(Program, RefusesInOneLine) {
                    {
                        {"q status ''", "an empty path"},
                        {"q status $'gone\\n\\xff'", "$'gone\\n\\xff' does not exist"},
-                       {"q status a/file", "a/file is a file; give the folder that holds it"},
+                       {"q status . gone", "gone does not exist"},
+                       {"q -C a -C nowhere status", "cannot change to the folder nowhere: No such"},
+                       {"git init -q ../other; q status --porcelain . ../other",
+                        "../other and . belong to different working copies"},
                        {"q status a/file/below", "a/file/below does not exist"},
                        {"q status ../plain", "../plain is not in a working copy"},
                        {"q status .git/refs", "belongs to the metadata"},
-                       {"q status loop", "cannot read loop: "},
-                       {"q status /dev/null", "is not a folder"},
+                       {"q status /dev/null", "/dev/null is not in a working copy"},
                        {"q status " + std::string(5000, 'x'), "File name too long"},
                        {"q log ../plain/x", "../plain/x is not in a working copy"},
                        {"q log a", "a is a folder"},
@@ -37,9 +39,15 @@ TEST_F(Program, RefusesInOneLine) {
 }
 
 TEST_F(Program, TellsWhenItsOutputIsNotTaken) {
-    expectRefusals(m_sandbox, {{"touch new; q status > /dev/full", "No space left"},
-                               {"q status >&-", "cannot write"},
-                               {"q status | true; exit ${PIPESTATUS[0]}", "Broken pipe"}});
+    expectRefusals(m_sandbox,
+                   {{"touch new; q status > /dev/full", "No space left"},
+                    {"q status >&-", "cannot write"},
+                    // As whoever had the signal ignored wants it.
+                    {"trap '' PIPE; q status | true; exit ${PIPESTATUS[0]}", "Broken pipe"}});
+    const auto ended =
+        shell("env --default-signal=PIPE \"$0\" status | true; exit ${PIPESTATUS[0]}");
+    EXPECT_EQ(ended.exitCode, 141);
+    EXPECT_EQ(ended.errors, "");
     EXPECT_EQ(shell("q status >&- 2>&-").exitCode, 1);
 }
 
@@ -49,9 +57,64 @@ TEST_F(Program, ShowsAWorkingCopyFromAnywhereInIt) {
     EXPECT_EQ(shell("q status --porcelain link").output, "??\ta/b/new\n");
     const auto people = shell("q status ./a/../a/b/");
     EXPECT_EQ(people.output, "untracked   a/b/new\n1 untracked in " +
-                                 (m_sandbox.work() / "a/b").native() + " (Git)\n");
+                                 (m_sandbox.work() / "a/b").native() + " (Git)\non main\n");
     EXPECT_EQ(people.errors, "");
     EXPECT_EQ(shell("git init -q a/i; touch a/i/x; q status --porcelain a/i").output, "??\tx\n");
+}
+
+TEST_F(Program, ShowsFilesAndSeveralPaths) {
+    shell("mkdir b; w() { echo ${2-} > $1; }; w a/file 3; w b/new; w b/x.o; w g; git add g; rm g;"
+          "echo '*.o' > .git/info/exclude; git init -q ../other; w ../other/n");
+    const auto work = m_sandbox.work().native(), other = (m_sandbox.root() / "other").native();
+    const auto at = [&](const std::string& path) {
+        return " in " + work + path + " (Git)\non main\n";
+    };
+    for (const auto& [arguments, output] : std::vector<std::pair<std::string, std::string>>{
+             {"--porcelain b/new g a/file a g", ".M\ta/file\n??\tb/new\nAD\tg\n"},
+             {"--porcelain a . ../work/a/file", ".M\ta/file\n??\tb/new\nAD\tg\n"},
+             {"a/file", "modified    a/file\n1 modified" + at("/a/file")},
+             {"b/x.o", "ignored     b/x.o\n1 ignored" + at("/b/x.o")},
+             {"--untracked a/file", "nothing untracked" + at("/a/file")},
+             {"a b/x.o a/file",
+              "modified    a/file\n1 modified" + at("").replace(0, 4, " in 2 paths of ")},
+             {"../other/n g a/file",
+              "untracked   " + other + "/n\n1 untracked in " + other +
+                  "/n (Git)\non main, before its first commit\n\n"
+                  "modified    a/file\nmissing     g\n1 modified, 1 missing" +
+                  at("").replace(0, 4, " in 2 paths of ")},
+             {"--json a/file a/. ../other | cut -d, -f2-3 | tr -d '\"'",
+              "path:n,root:" + other + "\npath:a/file,root:" + work + "\n"}})
+        EXPECT_EQ(shell("q status " + arguments).output, output) << arguments;
+    EXPECT_EQ(shell("q -C b -C ../a --color always status file | head -1").output,
+              "\x1b[33mmodified\x1b[0m    file\n");
+}
+
+TEST_F(Program, ShowsTheBranchAndTheOperationInProgress) {
+    shell("git checkout -qb topic; c() { echo $1 > a/file; git commit -qam $1; }; c t1; c t2;"
+          "git checkout -qB main HEAD~2; c m1; git checkout -q topic; git branch -q -u main");
+    const auto lines = [&] {
+        return shell("q status | tail -n +2; q status --json --branch").output;
+    };
+    const auto commit = [&] { return m_sandbox.git({"rev-parse", "HEAD"}).substr(0, 40); };
+    EXPECT_EQ(lines(), "on topic, 2 ahead of and 1 behind main\n{\"system\":\"Git\",\"root\":\"" +
+                           m_sandbox.work().native() + R"(","branch":"topic","commit":")" +
+                           commit() +
+                           R"(","upstream":"main","upstream_gone":false,"ahead":2,"behind":1,)"
+                           R"("operation":null,"operation_branch":null,"step":null,"steps":null})"
+                           "\n");
+    shell("git rebase main");
+    const std::string rebase =
+        "in progress, step 1 of 2: go on with git rebase --continue, or give "
+        "it up with git rebase --abort\n";
+    const auto rebasing = lines();
+    EXPECT_THAT(rebasing, testing::StartsWith("1 conflicted in"));
+    EXPECT_THAT(rebasing, testing::HasSubstr("\non no branch, at " + commit().substr(0, 10) +
+                                             "\na rebase of topic is " + rebase));
+    EXPECT_THAT(rebasing, testing::HasSubstr(R"("operation":"rebase","operation_branch":"topic",)"
+                                             R"("step":1,"steps":2})"));
+    EXPECT_EQ(shell("q discard").output, "discarded the changes of 1 file in " +
+                                             m_sandbox.work().native() +
+                                             "; a rebase of topic is still " + rebase);
 }
 
 TEST_F(Program, ListsWhatIsUntracked) {
@@ -72,6 +135,7 @@ TEST_F(Program, ListsTheClientsOfWorkingCopies) {
     EXPECT_NE(listed.find(root(m_sandbox.work())), listed.npos) << listed;
     EXPECT_NE(listed.find(root(m_sandbox.root() / "other")), listed.npos) << listed;
     EXPECT_NE(listed.find("client: quendo 2\n"), listed.npos) << listed;
+    EXPECT_EQ(shell("cd a; q clients | head -1").output, root(m_sandbox.work()));
     expectRefusals(m_sandbox, {{"q clients . ../plain", "../plain is not in a working copy"}});
 }
 
