@@ -84,10 +84,9 @@ void warnOfStaged(const ActionTargets& targets, const ActionTargets::States& sta
     }
     const auto& root = targets.copy.root;
     if (!chosen.empty() && !replaceStaged)
-        throw HostError("staged with other content than on disk: " + namesOf(chosen, root) +
-                        "; checkin commits files as they are on disk, so what is staged would be "
-                        "lost: repeat it with --replace-staged to do that, or commit what is "
-                        "staged with git commit");
+        throw HostError("the staged content differs from the disk: " + namesOf(chosen, root) +
+                        "; checkin would commit what is on disk and lose what is staged: add "
+                        "--replace-staged to do so, or commit what is staged with git commit");
     if (!chosen.empty())
         session.note("committing as on disk, in place of what is staged: " + namesOf(chosen, root));
     if (!added.empty())

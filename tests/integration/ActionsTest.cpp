@@ -164,7 +164,7 @@ TEST(Actions, CheckinReplacesWhatIsStagedOnlyWhenToldTo) {
     const auto before = status(sandbox);
     for (const char* files : {". n", "b n", "a"})
         expectRefusals(sandbox, {{std::string("q checkin -m m ") + files,
-                                  "staged with other content than on disk: "}});
+                                  "the staged content differs from the disk: "}});
     EXPECT_EQ(status(sandbox), before);
     const auto done = shell(sandbox, "q checkin --replace-staged -m m . 2> ../err; cat ../before");
     EXPECT_THAT(done.output, testing::HasSubstr(
