@@ -77,6 +77,8 @@ std::string wrongUsage(const CLI::App& program, const CLI::App& at, const CLI::P
             return hasCommand ? visiblePath(word) + " is one argument too many"
                               : unknownCommand(program, word);
         }
+    if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr)
+        return "a command is missing";
     return error.what();
 }
 
@@ -87,6 +89,7 @@ Invocation parseCommandLine(int count, const char* const* arguments) {
     app.set_version_flag("--version", "quendo " QUENDO_VERSION, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
     app.require_subcommand(1, 1);
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app.footer("Exit codes: 0 done, 1 refused or failed, 2 wrong usage, 130 interrupted.\n"
                "Examples for each command: quendo help COMMAND");
 
@@ -110,6 +113,7 @@ Invocation parseCommandLine(int count, const char* const* arguments) {
     std::map<const CLI::App*, std::unique_ptr<Command>> commands;
     for (auto& command : allCommands()) {
         auto* described = command->describe(app);
+        described->group("Commands");
         described->set_help_flag("-h,--help", "Print this help and exit");
         addGlobal(*described);
         for (auto* option : described->get_options())
