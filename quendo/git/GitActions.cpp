@@ -120,40 +120,30 @@ void GitActions::add(const std::vector<Path>& given) {
         const auto& [path, words] = *answer.refused.begin();
         throw OperationFailedError(m_tree.shown(path) + " cannot be added: " + words);
     }
-    // What is tracked is not ignored, whatever the rules say. A submodule that is not checked out
-    // would give its place to the files.
-    constexpr std::string_view submoduleMode = "160000";
-    const auto folders = parentsOf(paths);
-    std::unordered_set<std::string> tracked;
-    Strings conflicted, submodules;
-    NulSplitter("ls-files")
-        .feed(m_git.read({.arguments = {"ls-files", "-s", "-z", "--full-name"}}),
-              [&](std::string_view record) {
-                  const auto tab = record.find('\t');
-                  if (tab == std::string_view::npos || tab < 12)
-                      throwGarbage("ls-files");
-                  const std::string path(record.substr(tab + 1));
-                  if (answer.ignored.contains(path))
-                      tracked.insert(path);
-                  if (record[tab - 1] != '0' && std::ranges::binary_search(paths, path))
-                      conflicted.push_back(path);
-                  if (record.starts_with(submoduleMode) && folders.contains(path))
-                      submodules.push_back(path);
-              });
-    if (!submodules.empty())
-        throw OperationFailedError(
-            "nothing was added: " + m_tree.shown(submodules) +
-            (submodules.size() == 1 ? " is a submodule that is" : " are submodules that are") +
-            " not checked out; run git submodule update --init there, and add what is in it there");
     Strings refused(answer.ignored.begin(), answer.ignored.end());
-    std::erase_if(refused, [&](const auto& path) { return tracked.contains(path); });
-    std::ranges::sort(refused);
+    if (!refused.empty()) {
+        // What is tracked is not ignored, whatever the rules say.
+        std::unordered_set<std::string> tracked;
+        NulSplitter("ls-files")
+            .feed(m_git.read({.arguments = {"ls-files", "-z", "--full-name"}}),
+                  [&](std::string_view path) { tracked.emplace(path); });
+        std::erase_if(refused, [&](const auto& path) { return tracked.contains(path); });
+        std::ranges::sort(refused);
+    }
     if (!refused.empty())
         throw OperationFailedError("ignored by Git: " + m_tree.shown(refused) +
                                    "; change the ignore rules first, or run git add --force");
-    conflicted.erase(std::ranges::unique(conflicted).begin(), conflicted.end());
-    if (!conflicted.empty())
-        throw OperationFailedError("in conflict: " + m_tree.shown(conflicted) +
+    NulSplitter("ls-files")
+        .feed(m_git.read({.arguments = {"ls-files", "-u", "-z", "--full-name"}}),
+              [&](std::string_view record) {
+                  const std::string path(
+                      record.substr(std::min(record.find('\t') + 1, record.size())));
+                  if (std::ranges::binary_search(paths, path))
+                      refused.push_back(path);
+              });
+    refused.erase(std::ranges::unique(refused).begin(), refused.end());
+    if (!refused.empty())
+        throw OperationFailedError("in conflict: " + m_tree.shown(refused) +
                                    "; edit and resolve first");
     m_index.stage(paths);
 }

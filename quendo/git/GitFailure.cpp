@@ -103,7 +103,7 @@ constexpr const char* noMoreProcesses =
 
 std::string tellingWords(const std::string& errors) {
     constexpr std::size_t mostLines = 3;
-    std::string fatal, firstError, lastError;
+    std::string fatal, error, first;
     std::vector<std::string> last;
     for (std::size_t start = 0; start < errors.size();) {
         const auto end = std::min(errors.find_first_of("\r\n", start), errors.size());
@@ -113,17 +113,19 @@ std::string tellingWords(const std::string& errors) {
         else if (line.starts_with("BUG: "))
             fatal = line;
         else if (line.starts_with("error: "))
-            (firstError.empty() ? firstError : lastError) = line.substr(7);
+            error = line.substr(7);
+        if (first.empty())
+            first = !fatal.empty() ? fatal : error;
         if (line.find_first_not_of(" \t") != std::string::npos)
             last.push_back(line);
         if (last.size() > mostLines)
             last.erase(last.begin());
         start = end + 1;
     }
-    std::string words = !fatal.empty() ? fatal : !lastError.empty() ? lastError : firstError;
+    std::string words = !fatal.empty() ? fatal : error;
     // git reports the cause first and what it made of it last.
-    if (!firstError.empty() && words.find(firstError) == std::string::npos)
-        words += ": " + firstError;
+    if (words.find(first) == std::string::npos)
+        words += ": " + first;
     if (words.empty())
         for (const auto& line : last)
             words += (words.empty() ? "" : "; ") + line;
@@ -156,6 +158,10 @@ void throwGitFailure(const std::string& folder, std::string_view command,
         throw exception::DamagedRepositoryError(
             "git " + std::string(command) + " ran out of memory in " + root + ": " + words +
             "; look for a damaged object, or a metadata or ignore file of an absurd size");
+    if (saysAny("from promisor remote", "lazy fetching disabled"))
+        throw exception::OperationFailedError(
+            root + " is a partial clone that lacks what git " + std::string(command) +
+            " needs, and reading fetches nothing: " + words + "; run the same with git");
     if (says("Resource temporarily unavailable"))
         throw exception::ToolError("git " + std::string(command) + " failed in " + root + ": " +
                                    words + "; " + noMoreProcesses);

@@ -523,7 +523,9 @@ void Collector::askForSubmodules(FilterDrivers drivers) {
 
     const auto ask = [&](const std::vector<std::string>& submodules) {
         std::vector<std::string> records;
-        auto run = statusRun(submodules, true, m_scope.includeUntracked);
+        // An untracked file in a submodule changes the state of the submodule, whatever was asked
+        // for.
+        auto run = statusRun(submodules, true, true);
         run.keepMetadata = true;
         const auto output = m_git.read(std::move(run));
         NulSplitter("status").feed(output,

@@ -130,11 +130,31 @@ std::vector<TreeItem> WorkingTree::itemsOf(const std::map<Path, FileState>& stat
     return items;
 }
 
-void WorkingTree::refuseOthers(const std::vector<std::string>& paths) const {
-    for (const auto& folder : parentsOf(paths))
+void WorkingTree::refuseOthers(const std::vector<std::string>& paths) {
+    const auto folders = parentsOf(paths);
+    for (const auto& folder : folders)
         if (modeOf(folder + "/.git"))
             throw OperationFailedError(
                 shown(folder) + " is a working copy of its own; work on what is in it there");
+    if (folders.empty())
+        return;
+    // A submodule that is not checked out is told by the index alone.
+    constexpr std::size_t mostArguments = 64; // beyond, everything is listed
+    GitRun list{.arguments = {"ls-files", "-s", "-z", "--full-name", "--"}};
+    if (folders.size() <= mostArguments)
+        for (const auto& folder : folders)
+            list.arguments.push_back(m_repository.folder() == m_repository.root()
+                                         ? folder
+                                         : m_repository.root() + "/" + folder);
+    NulSplitter("ls-files").feed(m_git.read(list), [&](std::string_view record) {
+        const auto tab = record.find('\t');
+        if (!record.starts_with("160000 ") || tab == std::string_view::npos)
+            return;
+        if (const std::string path(record.substr(tab + 1)); folders.contains(path))
+            throw OperationFailedError(shown(path) +
+                                       " is a submodule that is not checked out; run git submodule "
+                                       "update --init, and work on what is in it there");
+    });
 }
 
 void WorkingTree::refuseReadOnly(const std::vector<std::string>& paths) const {

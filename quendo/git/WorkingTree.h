@@ -58,8 +58,9 @@ public:
     /// Those of everything tracked.
     std::vector<TreeItem> lookAtAll();
 
-    /// Refuses paths that lie in another working copy within this one.
-    void refuseOthers(const std::vector<std::string>& paths) const;
+    /// Refuses paths that lie in another working copy within this one, or in the folder of a
+    /// submodule that is not checked out.
+    void refuseOthers(const std::vector<std::string>& paths);
     /// Refuses when files cannot be made or deleted at these paths.
     void refuseReadOnly(const std::vector<std::string>& paths) const;
     /// Refuses when something that git would delete stands where files are to be written: a file or
