@@ -11,4 +11,19 @@ CMStatusCacheChanges::~CMStatusCacheChanges() = default;
 CMStatusCacheFolders::~CMStatusCacheFolders() = default;
 CMStatusCacheFreshness::~CMStatusCacheFreshness() = default;
 
+std::optional<FileState> getEffectiveStatus(const CMStatusCache& cache, const Path& path) {
+    if (auto state = cache.getCachedStatus(path))
+        return state;
+    for (Path above = path.parentPath(); !above.empty(); above = above.parentPath()) {
+        const auto state = cache.getCachedStatus(above);
+        if (!state)
+            continue;
+        const auto kind = state->getState();
+        if (kind == LocalStatus::Ignored || kind == LocalStatus::External)
+            return FileState(kind);
+        break;
+    }
+    return std::nullopt;
+}
+
 } // namespace quendo

@@ -72,7 +72,9 @@ public:
     virtual bool getFolderStatusFlag() const = 0;
 
     /// The state of one path, or empty when it is not cached. A system call is made only when two
-    /// threads meet at the lock, and nothing is allocated.
+    /// threads meet at the lock, and nothing is allocated. A folder that is ignored as a whole, or
+    /// belongs to another working copy, has one entry and none for what lies below:
+    /// getEffectiveStatus() answers for that too.
     virtual std::optional<FileState> getCachedStatus(const Path& path) const = 0;
 
     /// The paths that are Modified, Missing, Added, Deleted or Conflicted, in no order.
@@ -86,5 +88,14 @@ public:
     /// every later request. A query under way goes on; nothing waits for it.
     virtual void stop() = 0;
 };
+
+/// The state of `path` as far as the cache tells it: its entry; without one, Ignored or External
+/// (not a folder, no properties) when the nearest folder above it that has an entry is ignored or
+/// belongs to another working copy, whose own managed folder knows more. Empty otherwise. The cache
+/// does not know whether there is such a file.
+///
+/// Threads: any; looks at no disk and waits for no refresh, as getCachedStatus().
+QUENDO_API std::optional<FileState> getEffectiveStatus(const CMStatusCache& cache,
+                                                       const Path& path);
 
 } // namespace quendo

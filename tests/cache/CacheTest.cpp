@@ -33,6 +33,13 @@ TEST_F(CacheTest, HoldsWhatTheAdapterAnsweredAndNothingElse) {
                 ElementsAre(".", "a", "a-b", "a/b", "a/new", "s0", "s1", "s2", "s3", "s4", "s5",
                             "s6", "s7", "s8", "s9"));
 
+    const std::pair<const char*, std::optional<LocalStatus>> effective[] = {
+        {"s2/x/y", Ignored}, {"s8/x", External}, {"a/none", {}}, {"s3", Modified}, {"../x", {}}};
+    for (const auto& [name, state] : effective) {
+        const auto told = getEffectiveStatus(*cache, at(name));
+        EXPECT_EQ(told ? std::optional(told->getState()) : std::nullopt, state) << name;
+    }
+
     // A file that is answered no more leaves, and so does a folder with all that was below it.
     copy->erase(at("s1"));
     copy->erase(at("a"));
