@@ -21,6 +21,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/adapter/SingleThreadedCMAdapter.h
     quendo/adapter/SupportedFeature.h
     quendo/adapter/UserInfo.h
+    quendo/cache/BranchStateCache.h
     quendo/cache/CMStatusCache.h
     quendo/cache/CMStatusCacheChanges.h
     quendo/cache/CMStatusCacheFolders.h

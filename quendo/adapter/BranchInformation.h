@@ -79,7 +79,9 @@ public:
     /// Reads only, and asks no server: the upstream is what was fetched last. The time it takes
     /// grows with the number of commits by which branch and upstream differ.
     ///
-    /// What is told here may have changed whenever the status trigger is given.
+    /// May have changed after each status trigger, and after each operation of the same adapter
+    /// that changed something: its own operations give no trigger, but raise the signals of
+    /// EventBroadcastingCMAdapter. A managed folder's BranchStateCache follows both.
     /// @throws exception::SourceControlException and its family (AdapterErrors.h)
     virtual BranchState getBranchState() const = 0;
 };

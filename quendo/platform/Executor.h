@@ -30,8 +30,9 @@ struct TaskSubject {
 ///
 /// Everything that a task did happens before the next task starts. Any thread may hand tasks in.
 /// Tasks may block; an executor never runs two of its own at once, and blocking one does not hold
-/// up another executor. Dropping the last reference returns at once: tasks already queued still
-/// run, and the reference may be dropped inside a task of the same executor.
+/// up another executor. The one exception is in postFor(): a task that waits outside its executor.
+/// Dropping the last reference returns at once: tasks already queued still run, and the reference
+/// may be dropped inside a task of the same executor.
 class QUENDO_API Executor {
 public:
     using Task = UniqueFunction<void()>;

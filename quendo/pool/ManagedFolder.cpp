@@ -4,4 +4,8 @@ namespace quendo {
 
 ManagedFolder::~ManagedFolder() = default;
 
+BranchStateCache* ManagedFolder::getBranchStateCache() const {
+    return nullptr;
+}
+
 } // namespace quendo

@@ -15,6 +15,7 @@
 
 namespace quendo {
 
+class BranchStateCache;
 class CMAdapter;
 class CMInteractor;
 class CMStatusCache;
@@ -27,7 +28,8 @@ class Terminator;
 /// is empty at the start: refreshAll() or loadFolder() fills it, and from then on it follows the
 /// disk and the repository by itself.
 ///
-/// Paths are those of getRootFolder() in its spelling; managedPath() gives it for any other.
+/// Paths are those of getRootFolder() in its spelling; managedPath(folder, path) gives it for any
+/// other.
 ///
 /// Threads: any; working-copy operations of the adapter wait for their turn on the source-control
 /// thread, so call nothing of it on a thread that must not wait. References stay valid as long as
@@ -80,6 +82,10 @@ public:
     /// stays usable, and follows its root again when that returns. Slots run on a strand of the
     /// folder's own, without a lock.
     virtual boost::signals2::connection connectDeleted(const DeletedSlot& slot) = 0;
+
+    /// The branch and the operation in progress, kept up in the background and readable without
+    /// waiting. Null when the adapter does not tell its branch (BranchInformation); the default.
+    virtual BranchStateCache* getBranchStateCache() const;
 };
 
 /// Keeps change detection off. Movable.

@@ -70,4 +70,8 @@ boost::signals2::connection ManagedFolderDecorator::connectDeleted(const Deleted
     return m_folder->connectDeleted(slot);
 }
 
+BranchStateCache* ManagedFolderDecorator::getBranchStateCache() const {
+    return m_folder->getBranchStateCache();
+}
+
 } // namespace quendo

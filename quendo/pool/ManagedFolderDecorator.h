@@ -26,6 +26,7 @@ public:
     std::map<std::string, std::uint64_t> getClients() const override;
     std::unique_ptr<ScopedDisablement> disable() override;
     boost::signals2::connection connectDeleted(const DeletedSlot& slot) override;
+    BranchStateCache* getBranchStateCache() const override;
 
 protected:
     ManagedFolder& wrapped() const noexcept { return *m_folder; }

@@ -37,6 +37,13 @@ auto logging(Listener listener) {
     };
 }
 
+auto refreshed(std::weak_ptr<BranchStateCache> cache) {
+    return [cache = std::move(cache)](const auto&...) {
+        if (const auto locked = cache.lock())
+            locked->refresh();
+    };
+}
+
 VFSFileChangeCacheUpdater startedUpdater(const std::shared_ptr<CMStatusCache>& cache,
                                          const CMAdapter& adapter) {
     VFSFileChangeCacheUpdater updater(cache, adapter);
@@ -52,24 +59,33 @@ PooledManagedFolder::PooledManagedFolder(std::unique_ptr<CMAdapter> adapter, USt
                                          std::shared_ptr<CMApplicationInteractor> interactor)
     : m_interactor(std::move(interactor)), m_adapter(layered(std::move(adapter), m_interactor)),
       m_cache(createJobCombiningCache(m_adapter, m_interactor)),
-      m_systemName(std::move(systemName)), m_systemId(std::move(systemId)),
-      m_uuid(platform::services()->uuids->generate()),
+      m_branchState(createBranchStateCache(m_adapter)), m_systemName(std::move(systemName)),
+      m_systemId(std::move(systemId)), m_uuid(platform::services()->uuids->generate()),
       m_statusConnection(m_adapter->addStatusListener(logging(filesUpdateResponse(m_cache)))),
       m_folderStatusConnection(
           m_adapter->addFolderStatusListener(logging(foldersUpdateResponse(m_cache)))),
       m_updateConnection(m_adapter->addUpdateListener(logging(fullUpdateResponse(m_cache)))),
       m_triggerConnection(m_interactor->getStatusDispatcher().connect(
           logging(nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder())))),
+      m_branchConnections{m_adapter->addStatusListener(refreshed(m_branchState)),
+                          m_adapter->addFolderStatusListener(refreshed(m_branchState)),
+                          m_adapter->addUpdateListener(refreshed(m_branchState)),
+                          m_interactor->getStatusDispatcher().connect(refreshed(m_branchState))},
       m_updater(startedUpdater(m_cache, *m_adapter)),
       m_deletedSignal(std::make_shared<DeletedSignal>()),
       m_rootWatch(
           m_adapter->getRootFolder(),
-          [deleted = m_deletedSignal,
+          [deleted = m_deletedSignal, branch = refreshed(m_branchState),
            update = nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder())] {
               (*deleted)();
+              branch();
               update();
           },
-          nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder())) {}
+          [branch = refreshed(m_branchState),
+           update = nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder())] {
+              branch();
+              update();
+          }) {}
 
 PooledManagedFolder::~PooledManagedFolder() {
     QUENDO_TRACE_SCOPE();
@@ -150,6 +166,10 @@ std::unique_ptr<ManagedFolder::ScopedDisablement> PooledManagedFolder::disable()
         found != nullptr && *found != nullptr)
         externalChanges = (*found)->disable();
     return std::make_unique<ScopedDisablement>(std::move(fileChanges), std::move(externalChanges));
+}
+
+BranchStateCache* PooledManagedFolder::getBranchStateCache() const {
+    return m_branchState.get();
 }
 
 boost::signals2::connection PooledManagedFolder::connectDeleted(const DeletedSlot& slot) {

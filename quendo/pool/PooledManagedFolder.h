@@ -2,6 +2,7 @@
 
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/adapter/EventBroadcastingCMAdapter.h"
+#include "quendo/cache/BranchStateCache.h"
 #include "quendo/cache/CMStatusCache.h"
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
 #include "quendo/platform/EachSlot.h"
@@ -11,6 +12,8 @@
 
 #include <boost/signals2/connection.hpp>
 #include <boost/signals2/signal.hpp>
+
+#include <array>
 
 namespace quendo {
 
@@ -48,6 +51,7 @@ public:
     std::map<std::string, std::uint64_t> getClients() const override;
     std::unique_ptr<ScopedDisablement> disable() override;
     boost::signals2::connection connectDeleted(const DeletedSlot& slot) override;
+    BranchStateCache* getBranchStateCache() const override;
 
 private:
     using DeletedSignal = boost::signals2::signal<void(), platform::EachSlot>;
@@ -56,6 +60,7 @@ private:
     const std::shared_ptr<CMApplicationInteractor> m_interactor;
     const std::shared_ptr<EventBroadcastingCMAdapter> m_adapter;
     const std::shared_ptr<CMStatusCache> m_cache;
+    const std::shared_ptr<BranchStateCache> m_branchState; ///< may be null
     const UString m_systemName;
     const std::string m_systemId;
     const std::string m_uuid;
@@ -63,6 +68,7 @@ private:
     boost::signals2::scoped_connection m_folderStatusConnection;
     boost::signals2::scoped_connection m_updateConnection;
     boost::signals2::scoped_connection m_triggerConnection; ///< the interactor's
+    const std::array<boost::signals2::scoped_connection, 4> m_branchConnections;
     VFSFileChangeCacheUpdater m_updater;
     const std::shared_ptr<DeletedSignal> m_deletedSignal;
     const RootWatch m_rootWatch;

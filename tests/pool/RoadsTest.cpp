@@ -1,4 +1,5 @@
 #include "quendo/adapter/BranchInformation.h"
+#include "quendo/cache/BranchStateCache.h"
 #include "quendo/cache/CMStatusCacheChanges.h"
 #include "quendo/change_detection/DisableChangeDetection.h"
 #include "quendo/pool/ManagedFolderProvider.h"
@@ -131,6 +132,39 @@ TEST(Roads, PassAHookOfAnotherWorkingCopy) {
     std::ofstream(road.at("goOn")) << "\n";
     test::within(std::move(checkin));
     EXPECT_EQ(road.sandbox.git({"rev-list", "--count", "main"}), "2\n");
+}
+
+// Own operations, changes by others, and a discarding, of which the adapter raises no signal.
+TEST(Roads, OfTheBranchState) {
+    Road road;
+    const auto folder = road.filledFolder();
+    auto& cache = *folder->getBranchStateCache();
+    const auto news = std::make_shared<std::condition_variable>();
+    cache.connectChanged([&road, news](const auto&) {
+        const std::lock_guard lock(road.mutex);
+        news->notify_all();
+    });
+    const auto comes = [&](auto isKnown) {
+        std::unique_lock lock(road.mutex);
+        return news->wait_until(lock, test::byDeadline(), [&] {
+            const auto known = cache.getBranchState().state;
+            return known && isKnown(*known);
+        });
+    };
+    const auto commit = [&] { return toUString(road.sandbox.git({"rev-parse", "HEAD"})); };
+    EXPECT_TRUE(comes([](const auto& state) { return state.branch == u"main"; }));
+    road.write("a", "2");
+    folder->getAdapter().checkin(road.root / u"a", u"own");
+    EXPECT_TRUE(comes([&](const auto& state) { return state.commit + u"\n" == commit(); }));
+    road.sandbox.git({"checkout", "-q", "-b", "topic", "HEAD~1"});
+    EXPECT_TRUE(comes([](const auto& state) { return state.branch == u"topic"; }));
+    road.sandbox.git({"merge", "-q", "--no-ff", "--no-commit", "main"});
+    const auto is = [](OngoingOperation operation) {
+        return [=](const auto& state) { return state.operation == operation; };
+    };
+    EXPECT_TRUE(comes(is(OngoingOperation::Merge)));
+    folder->getAdapter().discardChanges();
+    EXPECT_TRUE(comes(is(OngoingOperation::None)));
 }
 
 // The first of two guards that goes turns detection on, for files and for the repository.
