@@ -2,10 +2,12 @@
 
 #include "quendo/platform/Export.h"
 #include "quendo/platform/Path.h"
+#include "quendo/platform/UniqueFunction.h"
 
 #include <boost/signals2/connection.hpp>
 #include <boost/signals2/slot.hpp>
 
+#include <exception>
 #include <future>
 #include <memory>
 #include <string>
@@ -87,13 +89,54 @@ QUENDO_API std::unique_ptr<ManagedFolderProvider>
 createNewManagedFolderProviderInstance(platform::Services services);
 
 /// provideFor() on a thread of the library's, for threads that must not wait. The future may be
-/// dropped. The provider must outlive the request.
+/// dropped. The provider must outlive the request, unless it is the library's own.
 /// @throws std::system_error when no thread can be had
 QUENDO_API std::future<std::shared_ptr<ManagedFolder>>
 provideLater(ManagedFolderProvider& provider, const Path& folder, const std::string& clientId);
 
-/// `path` as caches and adapters spell it: absolute, with the symbolic links on the way resolved.
-/// The last part is kept, because a symbolic link has a state of its own. Looks at the disk.
+/// Keeps a request of provideLater() wanted: destroying it cancels the request. Movable.
+///
+/// Threads: as any value.
+class QUENDO_API FolderRequest {
+public:
+    FolderRequest() noexcept;
+    FolderRequest(FolderRequest&& other) noexcept;
+    FolderRequest& operator=(FolderRequest&& other) noexcept;
+    ~FolderRequest();
+
+    /// The callback is destroyed and not called, unless it has been taken for the call already; it
+    /// is not waited for then. A folder that is still being made is let go.
+    void cancel() noexcept;
+
+private:
+    struct State;
+    explicit FolderRequest(std::shared_ptr<State> state) noexcept;
+    friend FolderRequest
+    provideLater(ManagedFolderProvider& provider, const Path& folder, const std::string& clientId,
+                 UniqueFunction<void(std::shared_ptr<ManagedFolder>, std::exception_ptr)> done);
+
+    std::shared_ptr<State> m_state; ///< null when there is nothing to cancel
+};
+
+/// The same for a main loop: calls `done` once, on a thread of the library's, with what
+/// provideFor() gave (null: no working copy) and null, or with null and what it threw. Hand both to
+/// the main loop there. `done` may do anything, also wait. What it throws is logged. Let it hold
+/// weakly what may go before: it may be running when the request is cancelled.
+/// @throws std::system_error when no thread can be had; `done` will not be called
+[[nodiscard]] QUENDO_API FolderRequest
+provideLater(ManagedFolderProvider& provider, const Path& folder, const std::string& clientId,
+             UniqueFunction<void(std::shared_ptr<ManagedFolder>, std::exception_ptr)> done);
+
+/// `path` as provideFor() understands it: absolute, with the symbolic links on the way resolved,
+/// and the last part too where it leads to a folder. So a link to a project gives the project's
+/// place. Looks at the disk.
 QUENDO_API Path managedPath(const Path& path);
+
+/// `path` as the cache and the adapter of `folder` spell it: absolute, with the symbolic links on
+/// the way resolved. The last part is kept when that lies below the folder's root, because a
+/// symbolic link in a working copy has a state of its own, wherever it leads. A link from outside
+/// to the root, or to what lies below it, gives its target. What lies outside the folder comes back
+/// as managedPath(path) gives it. Looks at the disk.
+QUENDO_API Path managedPath(const ManagedFolder& folder, const Path& path);
 
 } // namespace quendo

@@ -19,7 +19,9 @@
 #include <boost/signals2/signal.hpp>
 
 #include <algorithm>
+#include <mutex>
 #include <optional>
+#include <typeinfo>
 #include <unordered_map>
 #include <utility>
 
@@ -40,13 +42,24 @@ using Signal = boost::signals2::signal<Signature, platform::EachSlot>;
 
 constexpr auto unknownClient = "UNKNOWN";
 
-/// The path to look around: the target where it leads to a folder.
+/// The path to look around.
 Path requestedPath(const Path& path) {
     if (!path.isAbsolute())
         throw exception::InvalidArgumentError("\"" + path.toUtf8() +
                                               "\" is not an absolute path: give the whole path");
-    const auto files = platform::services()->files;
-    return files->isDirectory(path) ? files->canonical(path) : managedPath(path);
+    return managedPath(path);
+}
+
+/// As the parent folder lists it: the last part is kept.
+Path entryPath(const platform::FileUtilities& files, const Path& path) {
+    const auto name = path.fileName();
+    if (name.empty() || name.string() == u"." || name.string() == u"..")
+        return files.canonical(path);
+    return files.canonical(path.parentPath()) / name;
+}
+
+bool isIn(const Path& root, const Path& path) {
+    return path == root || path.isBelow(root);
 }
 
 std::shared_ptr<CMAdapterFactory> probe(const Path& folder) {
@@ -67,7 +80,7 @@ void complete(ViableLocation& location, const Path& folder) {
             "The adapter factory \"" + location.factory->getID() + "\" recognised " +
             location.root.toUtf8() + " and made no adapter for it");
     location.root = location.adapter->getRootFolder();
-    if (folder != location.root && !folder.isBelow(location.root))
+    if (!isIn(location.root, folder))
         throw exception::SourceControlException(
             folder.toUtf8() + " lies outside the files of its repository, which are in " +
             location.root.toUtf8());
@@ -246,6 +259,19 @@ private:
     std::unordered_map<Path, std::shared_ptr<FaultyFolderRecord>> m_faults;
 };
 
+namespace {
+
+std::shared_ptr<ManagedFolder> provideFrom(PooledManagedFolderProviderImpl& impl,
+                                           const Path& folder, const std::string& clientId) {
+    QUENDO_LOG(Severity::Detail) << " folder.string()=" << folder << " clientId=" << clientId;
+    auto [provided, fault] = impl.request(folder, clientId);
+    if (fault != nullptr)
+        std::rethrow_exception(fault->getError());
+    return provided;
+}
+
+} // namespace
+
 PooledManagedFolderProvider::PooledManagedFolderProvider(
     std::shared_ptr<const platform::Services> services)
     : m_impl(std::make_shared<PooledManagedFolderProviderImpl>(std::move(services))) {}
@@ -255,11 +281,20 @@ PooledManagedFolderProvider::~PooledManagedFolderProvider() = default;
 std::shared_ptr<ManagedFolder>
 PooledManagedFolderProvider::provideFor(const Path& folder, const std::string& clientId) {
     QUENDO_TRACE_SCOPE();
-    QUENDO_LOG(Severity::Detail) << " folder.string()=" << folder << " clientId=" << clientId;
-    auto [provided, fault] = m_impl->request(folder, clientId);
-    if (fault != nullptr)
-        std::rethrow_exception(fault->getError());
-    return provided;
+    return provideFrom(*m_impl, folder, clientId);
+}
+
+std::function<std::shared_ptr<ManagedFolder>(const Path&, const std::string&)>
+PooledManagedFolderProvider::later(ManagedFolderProvider& provider) {
+    // A class derived from this one may override provideFor().
+    if (typeid(provider) == typeid(PooledManagedFolderProvider))
+        return [impl = static_cast<PooledManagedFolderProvider&>(provider).m_impl](
+                   const Path& folder, const std::string& clientId) {
+            return provideFrom(*impl, folder, clientId);
+        };
+    return [&provider](const Path& folder, const std::string& clientId) {
+        return provider.provideFor(folder, clientId);
+    };
 }
 
 std::shared_ptr<ManagedFolder> PooledManagedFolderProvider::provideFor(const Path& folder) {
@@ -332,19 +367,84 @@ createNewManagedFolderProviderInstance(platform::Services services) {
     return std::make_unique<PooledManagedFolderProvider>(platform::completed(std::move(services)));
 }
 
+struct FolderRequest::State {
+    using Done = UniqueFunction<void(std::shared_ptr<ManagedFolder>, std::exception_ptr)>;
+
+    explicit State(Done callback) : done(std::move(callback)) {}
+
+    Done take() noexcept {
+        const std::lock_guard lock(mutex);
+        return std::exchange(done, Done());
+    }
+    bool isWanted() {
+        const std::lock_guard lock(mutex);
+        return static_cast<bool>(done);
+    }
+
+    std::mutex mutex;
+    Done done; ///< guarded by `mutex`; empty once it was taken
+};
+
+FolderRequest::FolderRequest() noexcept = default;
+FolderRequest::FolderRequest(std::shared_ptr<State> state) noexcept : m_state(std::move(state)) {}
+FolderRequest::FolderRequest(FolderRequest&& other) noexcept = default;
+
+FolderRequest& FolderRequest::operator=(FolderRequest&& other) noexcept {
+    const auto replaced = std::move(*this);
+    m_state = std::move(other.m_state);
+    return *this;
+}
+
+FolderRequest::~FolderRequest() {
+    cancel();
+}
+
+void FolderRequest::cancel() noexcept {
+    if (const auto state = std::exchange(m_state, nullptr))
+        state->take();
+}
+
 std::future<std::shared_ptr<ManagedFolder>>
 provideLater(ManagedFolderProvider& provider, const Path& folder, const std::string& clientId) {
-    return createStrandExecutor("CMProvideFolder")->runAsyncTask([&provider, folder, clientId] {
-        return provider.provideFor(folder, clientId);
-    });
+    return createStrandExecutor("CMProvideFolder")
+        ->runAsyncTask([provide = PooledManagedFolderProvider::later(provider), folder, clientId] {
+            return provide(folder, clientId);
+        });
+}
+
+FolderRequest
+provideLater(ManagedFolderProvider& provider, const Path& folder, const std::string& clientId,
+             UniqueFunction<void(std::shared_ptr<ManagedFolder>, std::exception_ptr)> done) {
+    const auto state = std::make_shared<FolderRequest::State>(std::move(done));
+    createStrandExecutor("CMProvideFolder")
+        ->post([provide = PooledManagedFolderProvider::later(provider), folder, clientId, state] {
+            if (!state->isWanted())
+                return;
+            std::shared_ptr<ManagedFolder> provided;
+            std::exception_ptr error;
+            try {
+                provided = provide(folder, clientId);
+            } catch (...) {
+                error = std::current_exception();
+            }
+            if (auto callback = state->take())
+                callback(std::move(provided), std::move(error));
+        });
+    return FolderRequest(state);
 }
 
 Path managedPath(const Path& path) {
     const auto files = platform::services()->files;
-    const auto name = path.fileName();
-    if (name.empty() || name.string() == u"." || name.string() == u"..")
-        return files->canonical(path);
-    return files->canonical(path.parentPath()) / name;
+    return files->isDirectory(path) ? files->canonical(path) : entryPath(*files, path);
+}
+
+Path managedPath(const ManagedFolder& folder, const Path& path) {
+    const auto files = platform::services()->files;
+    const auto root = folder.getRootFolder();
+    for (auto& candidate : {entryPath(*files, path), files->canonical(path)})
+        if (isIn(root, candidate))
+            return candidate;
+    return managedPath(path);
 }
 
 } // namespace quendo

@@ -3,6 +3,8 @@
 #include "quendo/platform/Export.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 
+#include <functional>
+
 namespace quendo {
 
 class PooledManagedFolderProviderImpl;
@@ -30,6 +32,10 @@ public:
     boost::signals2::connection connectFaultRecorded(const FaultSlot& slot) override;
     boost::signals2::connection connectFolderDeleted(const PathSlot& slot) override;
     boost::signals2::connection connectFolderReleased(const PathSlot& slot) override;
+
+    /// provider.provideFor(); needs `provider` itself no more if it is of this very class.
+    static std::function<std::shared_ptr<ManagedFolder>(const Path&, const std::string&)>
+    later(ManagedFolderProvider& provider);
 
 private:
     const std::shared_ptr<PooledManagedFolderProviderImpl> m_impl;

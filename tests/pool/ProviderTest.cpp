@@ -12,6 +12,7 @@
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/FakeFolderWatcher.h"
+#include "tests/support/SteppedDetection.h"
 
 namespace quendo {
 namespace {
@@ -57,7 +58,7 @@ protected:
         std::make_shared<test::FakeFolderWatcher>();
     const std::shared_ptr<platform::StandardSettingsService> settings =
         std::make_shared<platform::StandardSettingsService>();
-    const std::unique_ptr<ManagedFolderProvider> provider = [this] {
+    std::unique_ptr<ManagedFolderProvider> provider = [this] {
         platform::Services services;
         services.factorySources = std::make_shared<test::FakeSources>(factory);
         services.folderWatcher = watcher;
@@ -98,12 +99,60 @@ TEST_F(ProviderTest, GivesOneFolderForEverySpellingOfOneRoot) {
     first = provider->provideFor(at("a"), "ide");
     EXPECT_NE(first->getUUID(), uuid);
     EXPECT_THAT(told, ElementsAre("released a", "made a", "client ide"));
-    EXPECT_EQ(managedPath(at("link/../link/x/file")), at("a/x/file"));
-    EXPECT_EQ(managedPath(at("link")), at("link"));
     EXPECT_EQ(test::within(provideLater(*provider, at("a"), "ui"))->getUUID(), first->getUUID());
+
+    fs::create_directory_symlink(at("a/x").toNative(), at("sub").toNative());
+    fs::create_directory_symlink(at("a").toNative(), at("a/x/self").toNative());
+    fs::create_symlink("nowhere", at("a/dangling").toNative());
+    fs::create_symlink("a/nowhere", at("dangling").toNative());
+    const std::tuple<const char*, const char*, const char*> spellings[] = {
+        // asked for, as a request, as an entry of "a"
+        {"link", "a", "a"},
+        {"link/../link/x/file", "a/x/file", "a/x/file"},
+        {"sub", "a/x", "a/x"},
+        {"sub/new", "a/x/new", "a/x/new"},
+        {"link/x/self", "a", "a/x/self"},
+        {"link/x/self/x/.", "a/x", "a/x"},
+        {"link/dangling", "a/dangling", "a/dangling"},
+        {"dangling", "dangling", "dangling"},
+        {"a/inner/to-file", "a/inner/to-file", "a/inner/to-file"}};
+    for (const auto& [path, request, entry] : spellings) {
+        EXPECT_EQ(managedPath(at(path)), at(request)) << path;
+        EXPECT_EQ(managedPath(*first, at(path)), at(entry)) << path;
+    }
 
     settings->setBoolean("kestro.sourcecontrol", "EnableSourceControl", false);
     EXPECT_EQ(provider->provideFor(at("a")), nullptr);
+}
+
+TEST_F(ProviderTest, CallsBackUnlessCancelled) {
+    test::SteppedDetection detection;
+    std::vector<std::string> calls;
+    const auto ask = [&](const Path& path) {
+        return provideLater(*provider, path, "ui", [&](auto provided, auto error) {
+            calls.push_back(provided ? name(provided->getRootFolder()) : error ? "failed" : "none");
+        });
+    };
+    const auto none = ask(folder.quendoPath()), failed = ask(Path(u"relative"));
+    auto made = ask(at("link")), replaced = ask(at("a"));
+    replaced = ask(at("a/inner"));
+    ask(at("a")).cancel();
+    detection.runStrands();
+    EXPECT_THAT(calls, ElementsAre("none", "failed", "a", "a/inner"));
+    made.cancel();
+
+    factory->createHook = [&](const Path& root) {
+        made.cancel();
+        return test::makeMemoryAdapter(factory->copyAt(root));
+    };
+    made = ask(at("a"));
+    told.clear();
+    detection.runStrands();
+    EXPECT_THAT(told, ElementsAre("made a", "client ui", "released a"));
+    const auto last = ask(at("a"));
+    provider.reset();
+    detection.runStrands();
+    EXPECT_EQ(calls.size(), 5U) << "the provider need not wait for it";
 }
 
 TEST_F(ProviderTest, RefusesWhatNobodyCanBeGivenAFolderFor) {
