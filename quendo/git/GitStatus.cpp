@@ -167,7 +167,7 @@ private:
     struct Folder {
         bool tracked = false;
         bool untracked = false;
-        bool mustExist = false; ///< git looks on the disk for something tracked in it
+        bool mustExist = false; ///< it holds something that git looked for on the disk
     };
     /// What is found on the way to a folder.
     enum class Way { Folders, Link, Nothing };
@@ -354,7 +354,7 @@ void Collector::take(const PorcelainRecord& record) {
     const std::string path(record.path);
     if (m_scope.includeUntracked &&
         (record.kind == Kind::Untracked || record.kind == Kind::Ignored))
-        noteFolders(parentOf(path), false, record.kind == Kind::Untracked);
+        noteFolders(parentOf(path), false, record.kind == Kind::Untracked).mustExist = true;
     if (record.kind == Kind::Changed) {
         // What is removed makes no folder a tracked one: git may call that ignored or untracked.
         if (record.columns[0] == 'D')
@@ -790,8 +790,7 @@ void Collector::takeMissing(const std::string& path) {
 // the rest is nothing.
 void Collector::addVanished() {
     for (const auto& [folder, content] : m_folders) {
-        if (folder.empty() || wayTo(folder) != Way::Nothing ||
-            wayTo(std::string(parentOf(folder))) != Way::Folders)
+        if (!content.mustExist || wayTo(folder) != Way::Nothing)
             continue;
         const auto key = pathOf(folder);
         std::vector<std::string> suspects;
@@ -799,7 +798,7 @@ void Collector::addVanished() {
              it != m_states.end() && it->first.string().starts_with(key.string());) {
             const auto state = it->second.getState();
             const auto found = it++;
-            if (!found->first.isBelow(key))
+            if (found->first.parentPath() != key)
                 continue;
             if (state == LocalStatus::NotUnderSourceControl || state == LocalStatus::Ignored)
                 m_states.erase(found);
@@ -807,10 +806,7 @@ void Collector::addVanished() {
                      state != LocalStatus::Conflicted)
                 suspects.push_back(m_repository.relative(found->first).value());
         }
-        // Most often these are entries that need not exist, as in a sparse checkout.
-        std::erase_if(suspects, [&](const auto& path) {
-            return !m_folders.at(std::string(parentOf(path))).mustExist;
-        });
+        // Some may be entries that need not exist, as in a sparse checkout.
         if (suspects.empty())
             continue;
         const std::unordered_set<std::string> wanted(suspects.begin(), suspects.end());

@@ -62,6 +62,13 @@ TEST(GitAdapterTest, IgnoreFilesThatAreLinksAreNotRead) {
     }
 }
 
+TEST(GitAdapterTest, UntrackedFilesOfASubmoduleCountAlways) {
+    Copy copy({}, "git init -q; git init -q s; git -C s commit -q --allow-empty -m s\n"
+                  "git add s 2>&1; git commit -qm s; touch s/new");
+    EXPECT_EQ(copy.adapter().getStatus(copy.root(), false).at(copy.at("s")),
+              copy.adapter().getStatus(copy.root(), true).at(copy.at("s")));
+}
+
 // Between two of git's answers, and between them and the look at the disk.
 TEST(GitAdapterTest, AFolderThatGoesMeanwhileIsMissing) {
     const OtherGit git("status", "git \"$@\"; rm -rf d; exit");
