@@ -13,6 +13,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/adapter/EventBroadcastingCMAdapter.h
     quendo/adapter/FileProperty.h
     quendo/adapter/FileState.h
+    quendo/adapter/IgnoreRuleEditor.h
     quendo/adapter/LocalStatus.h
     quendo/adapter/MetadataFolder.h
     quendo/adapter/QueryOrigin.h
@@ -43,6 +44,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/factory/InjectedCMAdapterFactories.h
     quendo/git/GitAdapterFactory.h
     quendo/management/CMActionManager.h
+    quendo/management/IgnoreFiles.h
     quendo/management/ListUntrackedFiles.h
     quendo/platform/ChangeEventsSubscriptionException.h
     quendo/platform/DelayedTaskService.h
@@ -78,6 +80,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/platform/VirtualFileSystem.h
     quendo/pool/ClientRegisteredManagedFolder.h
     quendo/pool/FaultyFolder.h
+    quendo/pool/FindInterface.h
     quendo/pool/GetClients.h
     quendo/pool/ManagedFolder.h
     quendo/pool/ManagedFolderDecorator.h

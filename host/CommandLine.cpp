@@ -5,6 +5,7 @@
 #include "host/CompletionCommand.h"
 #include "host/ExportCommand.h"
 #include "host/HelpCommand.h"
+#include "host/IgnoreCommand.h"
 #include "host/ListingCommands.h"
 #include "host/LogCommand.h"
 #include "host/RevertCommands.h"
@@ -45,8 +46,9 @@ std::vector<std::unique_ptr<Command>> make() {
 /// In the order of the help.
 std::vector<std::unique_ptr<Command>> allCommands() {
     return make<StatusCommand, WatchCommand, AddCommand, RemoveCommand, MoveCommand, CheckinCommand,
-                RevertCommand, DiscardCommand, ResolveCommand, LockCommand, UntrackedCommand,
-                ClientsCommand, LogCommand, ExportCommand, HelpCommand, CompletionCommand>();
+                RevertCommand, DiscardCommand, ResolveCommand, LockCommand, IgnoreCommand,
+                UntrackedCommand, ClientsCommand, LogCommand, ExportCommand, HelpCommand,
+                CompletionCommand>();
 }
 
 /// Where several paths may stand, the parser takes "[a,b]" for two of them. A NUL behind it, which

@@ -2,6 +2,7 @@
 
 #include "quendo/adapter/BranchInformation.h"
 #include "quendo/adapter/CredentialProvider.h"
+#include "quendo/adapter/IgnoreRuleEditor.h"
 #include "quendo/adapter/RevisionContent.h"
 #include "quendo/exception/AdapterErrors.h"
 
@@ -10,6 +11,7 @@ namespace quendo {
 CMAdapter::~CMAdapter() = default;
 BranchInformation::~BranchInformation() = default;
 CredentialProvider::~CredentialProvider() = default;
+IgnoreRuleEditor::~IgnoreRuleEditor() = default;
 Revision::~Revision() = default;
 RevisionContent::~RevisionContent() = default;
 

@@ -123,14 +123,15 @@ public:
     /// The text to start a check-in message with, such as that of a merge; may be empty.
     virtual UString getInitialCheckinMessage() const = 0;
 
-    /// An optional interface of this adapter (BranchInformation, RevisionContent): a std::any that
-    /// holds a pointer to what `type` names, valid as long as the adapter, or an empty one.
+    /// An optional interface of this adapter (BranchInformation, RevisionContent; findInterface()
+    /// finds them): a std::any that holds a pointer to what `type` names, valid as long as the
+    /// adapter, or an empty one.
     virtual std::any getSubsystem(const std::type_info& type) = 0;
 
     virtual void setCredentialProvider(std::weak_ptr<CredentialProvider> provider) = 0;
 
-    /// Makes the back end ignore `file` from now on. Decorators do not forward this operation:
-    /// call it on the raw adapter.
+    /// Makes the back end ignore `file` from now on. Decorators do not forward this operation: of a
+    /// managed folder call management::ignoreFiles().
     /// @throws exception::NotAvailableError unless an adapter overrides it.
     virtual void ignoreFile(const Path& file);
 };

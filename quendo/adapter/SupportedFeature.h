@@ -14,7 +14,7 @@ enum class SupportedFeature {
     DiscardChanges,    ///< discardChanges: give all local changes up
     Checkout,          ///< checkout does something: takes a lock, or makes writable
     ResolveConflict,   ///< resolveConflict
-    IgnoreFile,        ///< ignoreFile on the adapter itself, not on a decorator
+    IgnoreFile,        ///< ignoreFile on the adapter itself, and management::ignoreFiles
     ListRevisions,     ///< listRevisions, findRevision, getCurrentRevision, getParentRevisions
     ExportRevision,    ///< exportRevision
     ConflictRevisions, ///< getConflictRevisions

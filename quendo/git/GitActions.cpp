@@ -597,24 +597,35 @@ void GitActions::resolve(const Path& file) {
     m_index.stage({path});
 }
 
-void GitActions::ignore(const Path& file) {
-    const auto path = m_tree.relative(file);
-    if (path.empty())
-        throw OperationFailedError("the working copy's root cannot be ignored");
-    m_tree.refuseOthers({path});
-    const auto items = m_tree.look({file});
-    if (std::ranges::any_of(items, [](const TreeItem& item) {
-            return item.state != LocalStatus::NotUnderSourceControl &&
-                   item.state != LocalStatus::Ignored && item.state != LocalStatus::External;
-        }))
-        throw OperationFailedError(m_tree.shown(path) +
-                                   " is under source control, or holds files that are; ignoring "
-                                   "has no effect on those: remove them first");
-    const auto item = std::ranges::find(items, path, &TreeItem::path);
-    if (item == items.end())
-        throw OperationFailedError(m_tree.shown(path) + " does not exist");
-    if (item->state != LocalStatus::Ignored)
-        addIgnoreRule(m_tree.root(), path, item->isFolder, m_tree.shown(".gitignore"));
+std::vector<Path> GitActions::ignore(const std::vector<Path>& files) {
+    std::vector<TreeItem> wanted;
+    for (const auto& file : files) {
+        const auto path = m_tree.relative(file);
+        if (path.empty())
+            throw OperationFailedError("the working copy's root cannot be ignored");
+        m_tree.refuseOthers({path});
+        const auto items = m_tree.look({file});
+        if (std::ranges::any_of(items, [](const TreeItem& item) {
+                return item.state != LocalStatus::NotUnderSourceControl &&
+                       item.state != LocalStatus::Ignored && item.state != LocalStatus::External;
+            }))
+            throw OperationFailedError(m_tree.shown(path) +
+                                       " is under source control, or holds files that are; "
+                                       "ignoring has no effect on those: remove them first");
+        const auto item = std::ranges::find(items, path, &TreeItem::path);
+        if (item == items.end())
+            throw OperationFailedError(m_tree.shown(path) + " does not exist");
+        if (item->state == LocalStatus::Ignored ||
+            std::ranges::find(wanted, path, &TreeItem::path) != wanted.end())
+            continue;
+        ignoreRuleFor(path, item->isFolder); // refuses it before anything is written
+        wanted.push_back(*item);
+    }
+    for (const auto& item : wanted)
+        addIgnoreRule(m_tree.root(), item.path, item.isFolder, m_tree.shown(".gitignore"));
+    if (wanted.empty())
+        return {};
+    return {m_repository.rootPath() / u".gitignore"};
 }
 
 void GitActions::checkin(const std::vector<Path>& given, const UString& message) {

@@ -33,7 +33,8 @@ public:
     void discard();
     void makeWritable(const std::vector<Path>& files);
     void resolve(const Path& file);
-    void ignore(const Path& file);
+    /// @return the rules file, if it was written
+    std::vector<Path> ignore(const std::vector<Path>& files);
 
 private:
     struct Reversion {

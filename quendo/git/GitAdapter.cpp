@@ -207,7 +207,13 @@ void GitAdapter::resolveConflict(const Path& file) const {
 }
 
 void GitAdapter::ignoreFile(const Path& file) {
-    act(u"Ignoring a file", [&](GitActions& git) { git.ignore(file); });
+    ignoreFiles({file});
+}
+
+std::vector<Path> GitAdapter::ignoreFiles(const std::vector<Path>& files) {
+    std::vector<Path> rules;
+    act(u"Ignoring files", [&](GitActions& git) { rules = git.ignore(files); });
+    return rules;
 }
 
 std::map<Path, FileState> GitAdapter::getStatus(const std::vector<Path>& files) const {
@@ -317,6 +323,8 @@ UString GitAdapter::getInitialCheckinMessage() const {
 std::any GitAdapter::getSubsystem(const std::type_info& type) {
     if (isSameType(type, typeid(BranchInformation)))
         return static_cast<BranchInformation*>(this);
+    if (isSameType(type, typeid(IgnoreRuleEditor)))
+        return static_cast<IgnoreRuleEditor*>(this);
     if (isSameType(type, typeid(RevisionContent)))
         return static_cast<RevisionContent*>(this);
     return {};

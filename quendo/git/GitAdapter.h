@@ -3,6 +3,7 @@
 #include "quendo/adapter/BranchInformation.h"
 #include "quendo/adapter/CMAdapter.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/adapter/IgnoreRuleEditor.h"
 #include "quendo/adapter/RevisionContent.h"
 #include "quendo/git/Repository.h"
 
@@ -18,7 +19,10 @@ class GitTool;
 /// One Git working copy. Every call runs the user's git and holds nothing between calls but where
 /// the repository's parts lie, so any operation may be called from any thread beside any other;
 /// those that change something go one after the other.
-class GitAdapter final : public CMAdapter, public BranchInformation, public RevisionContent {
+class GitAdapter final : public CMAdapter,
+                         public BranchInformation,
+                         public IgnoreRuleEditor,
+                         public RevisionContent {
 public:
     GitAdapter(std::shared_ptr<GitTool> tool, Repository repository,
                std::shared_ptr<CMApplicationInteractor> interactor);
@@ -56,6 +60,7 @@ public:
     void setCredentialProvider(std::weak_ptr<CredentialProvider> provider) override;
     void ignoreFile(const Path& file) override;
 
+    std::vector<Path> ignoreFiles(const std::vector<Path>& files) override;
     BranchState getBranchState() const override;
     std::optional<std::string> getContent(const Path& file, const UString& revision,
                                           std::size_t limit) const override;

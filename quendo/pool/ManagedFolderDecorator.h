@@ -8,7 +8,7 @@ namespace quendo {
 /// they change.
 class QUENDO_API ManagedFolderDecorator : public ManagedFolder {
 public:
-    /// @throws std::invalid_argument when `folder` is null
+    /// @throws exception::InvalidArgumentError when `folder` is null
     explicit ManagedFolderDecorator(std::shared_ptr<ManagedFolder> folder);
     ~ManagedFolderDecorator() override;
 
@@ -28,7 +28,7 @@ public:
     boost::signals2::connection connectDeleted(const DeletedSlot& slot) override;
     BranchStateCache* getBranchStateCache() const override;
 
-protected:
+    /// The folder that it wraps.
     ManagedFolder& wrapped() const noexcept { return *m_folder; }
 
 private:

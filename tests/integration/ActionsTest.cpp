@@ -41,6 +41,9 @@ w a 2; rm d/e; git rm -q d/f; w d/u|echo m | q checkin -F - d|checked in 2 files
 w a 2; w ../m m|q checkin --file ../m .|checked in 1 file as $HEAD|
 w a 2|q checkin --message=m a a d|checked in 1 file as $HEAD|
 chmod 444 a; chmod 644 b|q lock a b a && [ $(stat -c %a a) = 644 ]|made 2 files ready for change|
+w n; w e/m; w e/o; printf /x >.gitignore; git add .gitignore|q ignore e n n|ignored 2 paths|AM .gitignore
+w n; w x; w .git/info/exclude x|cd d; q ignore ../n ../x; rm ../.gitignore|ignored 1 path|?? n
+w .git/info/exclude x; w x|q ignore x|nothing to ignore|
 sub s; c; git -C s commit -q --allow-empty -m 2|q checkin -m m s|checked in 1 file as $HEAD|
 sub s; c; w s/f 2; w a 2|q revert . 's'|reverted 1 file|.M s
 sub s; c; w s/f 2; w a 2|q checkin -m m . s|checked in 1 file as $HEAD|.M s

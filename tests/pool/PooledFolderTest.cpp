@@ -1,5 +1,7 @@
 #include "quendo/cache/CMStatusCacheChanges.h"
 #include "quendo/exception/AdapterErrors.h"
+#include "quendo/management/IgnoreFiles.h"
+#include "quendo/platform/ExecutorService.h"
 #include "quendo/pool/PooledManagedFolder.h"
 #include "tests/support/MemoryAdapter.h"
 #include "tests/support/SteppedDetection.h"
@@ -20,6 +22,10 @@ protected:
                 throw exception::OperationFailedError("refused");
             if (isQuery)
                 return;
+            if (name == "ignoreFiles") { // what an own operation writes is no external change
+                EXPECT_TRUE(getSourceControlExecutor()->isRunningInThisThread());
+                test::writeFile(temporary.path() / "copy/.fake/index", "");
+            }
             if (name == "uncheckout")
                 test::writeFile(temporary.path() / "copy/foreign", "");
             copy->set(at("a"), LocalStatus::Added);
@@ -77,6 +83,10 @@ TEST_F(PooledFolderTest, SeesTheFilesOfItsOperations) {
     fs::create_directory(temporary.path() / "copy/d");
     EXPECT_THAT(during([&] { adapter.moveFile(at("d"), at("e")); }),
                 testing::IsSupersetOf({"folder+ d", "folder+ e"}));
+    EXPECT_THAT(during([&] {
+                    management::ignoreFiles({at("b"), at("d"), at("x")}, *folder);
+                }),
+                ElementsAre("ignoreFiles b d x", "folder+ d", "files b x .metadata"));
     const test::LogCapture log;
     failing = true; // what cannot be refreshed is no failure of the operation
     EXPECT_THAT(during([&] { adapter.addFiles({at("b")}); }), ElementsAre("addFiles b", "files b"));

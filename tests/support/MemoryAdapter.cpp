@@ -1,5 +1,7 @@
 #include "tests/support/MemoryAdapter.h"
 
+#include "quendo/adapter/IgnoreRuleEditor.h"
+
 namespace quendo::test {
 namespace {
 
@@ -7,7 +9,7 @@ using Paths = std::vector<Path>;
 using Revisions = std::vector<std::unique_ptr<Revision>>;
 using From = std::optional<std::reference_wrapper<const Revision>>;
 
-class MemoryAdapter : public CMAdapter {
+class MemoryAdapter : public CMAdapter, public IgnoreRuleEditor {
 public:
     explicit MemoryAdapter(std::shared_ptr<MemoryWorkingCopy> workingCopy)
         : m_copy(std::move(workingCopy)) {}
@@ -35,6 +37,8 @@ public:
         return feature == SupportedFeature::Checkout;
     }
     std::any getSubsystem(const std::type_info& type) override {
+        if (type == typeid(IgnoreRuleEditor))
+            return static_cast<IgnoreRuleEditor*>(this);
         return type == typeid(int) ? std::any(7) : std::any();
     }
     void setCredentialProvider(std::weak_ptr<CredentialProvider> provider) override {
@@ -55,6 +59,10 @@ public:
     void checkout(const Paths& files) const override { note("checkout", files); }
     void resolveConflict(const Path& file) const override { note("resolveConflict", {file}); }
     void ignoreFile(const Path& file) override { note("ignoreFile", {file}); }
+    Paths ignoreFiles(const Paths& files) override {
+        note("ignoreFiles", files);
+        return {m_copy->root / u".metadata"};
+    }
     Revisions listRevisions(const Path& file, From from) const override {
         note("listRevisions", {file}, from ? from->get().id : UString());
         return Revisions(2);
