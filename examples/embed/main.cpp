@@ -1,5 +1,6 @@
 #include "quendo/cache/CMStatusCache.h"
 #include "quendo/cache/CMStatusCacheChanges.h"
+#include "quendo/pool/FindInterface.h"
 #include "quendo/pool/ManagedFolder.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 
@@ -18,7 +19,7 @@ int main(int argc, char** argv) try {
     cache.setFolderStatusFlag(true); // untracked and ignored files too
     cache.refreshAll();              // from here on it follows the disk and the repository
 
-    auto& changes = dynamic_cast<quendo::CMStatusCacheChanges&>(cache);
+    auto& changes = *quendo::findInterface<quendo::CMStatusCacheChanges>(*folder);
     for (const auto& [path, state] : changes.listStatuses(folder->getRootFolder()).states)
         if (state.getState() != quendo::LocalStatus::Unmodified && !state.isFolder())
             std::cout << quendo::toString(state.getState()) << ' ' << path.toUtf8() << '\n';

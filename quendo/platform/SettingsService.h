@@ -21,6 +21,10 @@ public:
 };
 
 /// The host's settings. Read every time they are needed, so a change takes effect at once.
+///
+/// The library reads one: the boolean "EnableSourceControl" of the group "kestro.sourcecontrol".
+/// Unless it is there and true, no folder is managed: ManagedFolderProvider::provideFor() returns
+/// null. A service of the host's must have it.
 class QUENDO_API SettingsService {
 public:
     virtual ~SettingsService();

@@ -45,7 +45,8 @@ public:
     /// exist. The client is counted in as long as the result lives. Null when there is no working
     /// copy around it, or source control is switched off in the settings.
     /// @param folder absolute
-    /// @throws std::invalid_argument for a path that is not absolute, or an identifier that is
+    /// @throws exception::InvalidArgumentError for a path that is not absolute, or an identifier
+    /// that is
     ///         empty or holds control characters;
     ///         shared_quendo::core::VFSChangeEventsError, with the reason nested, when the host's
     ///         event service refuses to watch the working copy;
@@ -57,8 +58,10 @@ public:
     virtual std::shared_ptr<ManagedFolder> provideFor(const Path& folder) = 0;
 
     /// What is wrong with the working copy that holds `folder`: tries as provideFor() does, and
-    /// answers what that throws as a faulty folder. Null when nothing is wrong.
-    /// @throws std::invalid_argument as provideFor()
+    /// returns what that throws as a faulty folder. Null when nothing is wrong, and where
+    /// provideFor() returns null. To show and list a fault; where the folder itself is needed,
+    /// provideFor() gives it or the reason in one call.
+    /// @throws exception::InvalidArgumentError as provideFor()
     virtual std::shared_ptr<FaultyFolder> provideFaultyFor(const Path& folder,
                                                            const std::string& clientId) = 0;
     virtual std::shared_ptr<FaultyFolder> provideFaultyFor(const Path& folder) = 0;

@@ -8,7 +8,7 @@ failures=0
 
 makeTree() {
     rm -rf "$scratch"
-    mkdir -p "$scratch"/{cmake,examples/embed,host,tests/git} \
+    mkdir -p "$scratch"/{cmake,docs,examples/{embed,logging},host,tests/git} \
         "$scratch"/quendo/{platform/standard,adapter,change_detection,factory,git,pool}
     cd "$scratch" || exit 2
     printf '%s\n' 'set(QUENDO_PUBLIC_HEADERS' quendo/{platform/Path,adapter/CMAdapter}.h \
@@ -25,11 +25,12 @@ makeTree() {
         change_detection/disableChangeDetection.cpp)' >quendo/CMakeLists.txt
     echo '#include "quendo/adapter/CMAdapter.h"' >host/main.cpp
     echo 'add_executable(h main.cpp)' >host/CMakeLists.txt
-    echo 'int main() {}' | tee examples/embed/main.cpp >tests/git/GitTest.cpp
-    echo 'add_executable(e main.cpp)' >examples/embed/CMakeLists.txt
+    echo 'int main() {}' | tee examples/{embed,logging}/main.cpp >tests/git/GitTest.cpp
+    echo 'add_executable(e main.cpp)' | tee examples/{embed,logging}/CMakeLists.txt >/dev/null
     touch tests/Other.cpp
     echo 'quendo_test(g GitTest.cpp ../Other.cpp)' >tests/git/CMakeLists.txt
-    printf '%s\n' '# Quendo' '```cpp' 'int main() {}' '```' '```cpp' 'other' '```' >README.md
+    printf '%s\n' '# Quendo' '```cpp' 'int main() {}' '```' '```cpp' 'other' '```' |
+        tee README.md >docs/embedding.md
     cp "$1/.clang-format" .
 }
 
@@ -80,6 +81,7 @@ files|quendo/git/Off.cpp: no CMakeLists.txt names it|quendo/git/Off.cpp|
 files|quendo/adapter/New.h: name it|quendo/adapter/New.h|
 files|quendo/git/GitTool.h: name it|cmake/PublicHeaders.cmake|set(QUENDO_PUBLIC_HEADERS\n    quendo/git/GitTool.h\n)
 files|README.md: its first C++ block|examples/embed/main.cpp|// more
+files|docs/embedding.md: its first C++ block|examples/logging/main.cpp|// more
 format|clang-format -i mends it|host/main.cpp|int  x ;
 END
 exit $((failures > 0))

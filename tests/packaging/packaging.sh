@@ -77,6 +77,11 @@ border)
     frame=$(addr2line -ie "$library" "${frame##*+}")
     [[ $frame == *quendo/platform/StackTraceRecordingException.cpp:* ]] || fail "frame at $frame"
     ;;
+logging)
+    buildConsumer "$SOURCE/examples/logging" -DCMAKE_PREFIX_PATH="$prefix"
+    makeWorkingCopy
+    "$work/logging" 2>&1 | grep -E '^pool/PooledManagedFolderProvider:[0-9]+: virtual .*::provideFor\(.*: enter$'
+    ;;
 pkgconfig)
     export PKG_CONFIG_PATH=$prefix/$LIBDIR/pkgconfig
     read -ra flags < <(pkg-config --cflags --libs quendo)

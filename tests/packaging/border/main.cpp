@@ -56,18 +56,45 @@ void refusedWhy() {
 bool hasSubsystems() {
     const auto folder = quendo::getSingletonManagedFolderProvider().provideFor(
         quendo::Path::fromNative(std::filesystem::current_path().native()));
-    auto& adapter = folder->getAdapter();
-    const auto branch = adapter.getSubsystem(typeid(quendo::BranchInformation));
-    const auto content = adapter.getSubsystem(typeid(quendo::RevisionContent));
-    const auto state = std::any_cast<quendo::BranchInformation*>(branch)->getBranchState();
-    return std::any_cast<quendo::RevisionContent*>(content)->getContent(
+    const auto state = quendo::findInterface<quendo::BranchInformation>(*folder)->getBranchState();
+    return quendo::findInterface<quendo::RevisionContent>(*folder)->getContent(
                folder->getRootFolder() / u"same", state.commit, 4) == "one\n";
+}
+
+/// Whether each is found where it is implemented, and nothing where it is not.
+bool findsInterfaces() {
+    const auto folder = quendo::getSingletonManagedFolderProvider().provideFor(
+        quendo::Path::fromNative(std::filesystem::current_path().native()));
+    struct None {
+        virtual ~None() = default;
+    };
+    quendo::findInterface<quendo::EventBroadcastingCMAdapter>(*folder)->addUpdateListener([] {});
+    return quendo::findInterface<quendo::CMStatusCacheFreshness>(*folder) != nullptr &&
+           quendo::findInterface<quendo::ApplicationInteractor>(*folder) != nullptr &&
+           quendo::findInterface<quendo::FolderExternalChangeDetector>(*folder) != nullptr &&
+           quendo::findInterface<quendo::ManagedFolderDecorator>(*folder) == folder.get() &&
+           quendo::findInterface<None>(*folder) == nullptr;
+}
+
+/// Whether a host can put the layer that detects external changes around an adapter itself.
+bool detects() {
+    const auto interactor = std::make_shared<quendo::CMApplicationInteractor>();
+    const auto here = quendo::Path::fromNative(std::filesystem::current_path().native());
+    const auto adapter = quendo::makeExternalChangeDetectingCMAdapter(
+        quendo::getCMAdapterFactory(quendo::Git{})->createAdapter(here, interactor), interactor);
+    const auto detector = adapter->getSubsystem(typeid(quendo::FolderExternalChangeDetector));
+    return std::any_cast<quendo::FolderExternalChangeDetector*>(detector) != nullptr;
 }
 
 int main() {
     const auto badPath = [] { quendo::Path(std::u16string_view(u"a\0b", 3)); };
     const auto executor = quendo::createStrandExecutor("border");
     const auto deadlock = [&] { executor->runSyncTask([&] { executor->runSyncTask([] {}); }); };
+    const auto relative = [] {
+        quendo::getSingletonManagedFolderProvider().provideFor(quendo::Path(u"a"));
+    };
+    const auto unknown = [] { quendo::getCMAdapterFactory("QVSVNAdapter"); };
+    using quendo::exception::SourceControlException;
     const auto type = quendo::getCMAdapterType(*quendo::getCMAdapterFactory(quendo::Git{}));
     const bool results[] = {throws<quendo::InvalidPathError>(badPath),
                             throws<shared_quendo::core::VFSChangeEventsError>(again),
@@ -76,7 +103,16 @@ int main() {
                             throws<shared_quendo::core::VFSChangeEventsError>(refused),
                             throws<quendo::platform::ChangeEventsSubscriptionException>(refusedWhy),
                             std::holds_alternative<quendo::Git>(type),
-                            hasSubsystems()};
+                            hasSubsystems(),
+                            findsInterfaces(),
+                            detects(),
+                            throws<SourceControlException>(badPath),
+                            throws<SourceControlException>(deadlock),
+                            throws<SourceControlException>(relative),
+                            throws<std::exception>(relative),
+                            throws<SourceControlException>(refusedWhy),
+                            throws<std::runtime_error>(unknown) &&
+                                !throws<SourceControlException>(unknown)};
     try {
         badPath();
     } catch (const quendo::InvalidPathError& error) {
