@@ -5,7 +5,6 @@
 #include <boost/core/null_deleter.hpp>
 #include <boost/log/attributes/value_extraction.hpp>
 #include <boost/log/core.hpp>
-#include <boost/log/expressions/message.hpp>
 #include <boost/log/sinks/sync_frontend.hpp>
 #include <boost/log/sinks/text_ostream_backend.hpp>
 #include <boost/log/utility/formatting_ostream.hpp>
@@ -29,8 +28,10 @@ const char* nameOf(int severity) {
 void formatRecord(const log::record_view& record, log::formatting_ostream& stream) {
     stream << nameOf(log::extract_or_default<int>("Severity", record, 0)) << " "
            << log::extract_or_default<std::string>("Source", record, std::string()) << ": ";
-    if (const auto text = record[log::expressions::smessage])
-        stream << visibleText(*text);
+    const auto text = log::extract_or_default<std::string>("Message", record, std::string());
+    stream << visibleText(text);
+    if (text == "enter" || text == "leave") // of what, only the function says
+        stream << " " << log::extract_or_default<std::string>("Function", record, std::string());
 }
 
 } // namespace

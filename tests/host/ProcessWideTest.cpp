@@ -64,6 +64,7 @@ TEST(Interrupts, StopTheWorkFirstAndTheProcessThen) {
     setUpLog(lowest);
     QUENDO_LOG(Severity::Detail) << "fine";
     QUENDO_LOG(Severity::Notice) << "two\nlines";
+    { QUENDO_TRACE_SCOPE(); }
     std::cerr << "end" << std::endl;
     std::_Exit(0);
 }
@@ -73,8 +74,9 @@ TEST(LogSink, WritesWhatIsAskedForOneLineEach) {
     EXPECT_EXIT(logFrom(std::nullopt), testing::ExitedWithCode(0), "^end\n$");
     EXPECT_EXIT(logFrom(platform::Severity::Notice), testing::ExitedWithCode(0),
                 "^notice [^ ]*ProcessWideTest: two\\\\nlines\nend\n$");
-    EXPECT_EXIT(logFrom(platform::Severity::Detail), testing::ExitedWithCode(0),
-                "^detail [^ ]*ProcessWideTest: fine\nnotice ");
+    EXPECT_EXIT(
+        logFrom(platform::Severity::Detail), testing::ExitedWithCode(0),
+        "^detail [^ ]*ProcessWideTest: fine\nnotice .*\ndetail [^ ]*: enter .*logFrom.*leave ");
 }
 
 /// Ends with 0 when the terminal was shown that the work goes on although nobody knows how far it
