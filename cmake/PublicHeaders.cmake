@@ -19,6 +19,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/adapter/QueryOrigin.h
     quendo/adapter/Revision.h
     quendo/adapter/RevisionContent.h
+    quendo/adapter/RevisionHistory.h
     quendo/adapter/SingleThreadedCMAdapter.h
     quendo/adapter/SupportedFeature.h
     quendo/adapter/UserInfo.h

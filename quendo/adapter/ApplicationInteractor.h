@@ -39,7 +39,12 @@ public:
 
     virtual ~ProgressIndicator();
 
-    /// @param fraction 0 to 1 by convention; passed on as it is. Listeners run on this thread.
+    /// What `fraction` is while nobody knows how far the work is.
+    static constexpr double unknown = -1;
+
+    /// May be called again with the same values: the work goes on.
+    /// @param fraction how much of the work is done, 0 to 1, or `unknown`; passed on as it is.
+    ///        Listeners run on this thread.
     virtual void report(const UString& message, double fraction) = 0;
 
     virtual boost::signals2::connection connect(const Slot& slot) = 0;

@@ -4,6 +4,7 @@
 #include "quendo/adapter/CredentialProvider.h"
 #include "quendo/adapter/IgnoreRuleEditor.h"
 #include "quendo/adapter/RevisionContent.h"
+#include "quendo/adapter/RevisionHistory.h"
 #include "quendo/exception/AdapterErrors.h"
 
 namespace quendo {
@@ -14,6 +15,7 @@ CredentialProvider::~CredentialProvider() = default;
 IgnoreRuleEditor::~IgnoreRuleEditor() = default;
 Revision::~Revision() = default;
 RevisionContent::~RevisionContent() = default;
+RevisionHistory::~RevisionHistory() = default;
 
 void CMAdapter::ignoreFile(const Path& file) {
     throw exception::NotAvailableError(

@@ -123,9 +123,9 @@ public:
     /// The text to start a check-in message with, such as that of a merge; may be empty.
     virtual UString getInitialCheckinMessage() const = 0;
 
-    /// An optional interface of this adapter (BranchInformation, RevisionContent; findInterface()
-    /// finds them): a std::any that holds a pointer to what `type` names, valid as long as the
-    /// adapter, or an empty one.
+    /// An optional interface of this adapter (BranchInformation, RevisionContent, RevisionHistory;
+    /// findInterface() finds them): a std::any that holds a pointer to what `type` names, valid as
+    /// long as the adapter, or an empty one.
     virtual std::any getSubsystem(const std::type_info& type) = 0;
 
     virtual void setCredentialProvider(std::weak_ptr<CredentialProvider> provider) = 0;

@@ -22,7 +22,9 @@ namespace quendo {
 /// Errors, exception::OperationFailedError unless said otherwise (AdapterErrors.h):
 /// - a path outside the working copy or in the metadata, a folder, a submodule;
 /// - content of more than `limit` bytes, as it is kept or as a checkout would write it;
-/// - a filter that only the repository itself names: it is not run, and the error names it.
+/// - a filter that only the repository itself names: it is not run, and the error names it;
+/// - content that a partial clone does not hold: hosts ask for marks in the background, so nothing
+///   is fetched for them. CMAdapter::exportRevision fetches.
 ///
 /// Threads: any, beside every other operation; it waits for no turn on the source-control executor.
 /// The interactor's termination signal ends a call.

@@ -118,11 +118,10 @@ bool putStreams(const ChildLaunch& launch) {
 
     const auto& launch = prepared.launch;
     const bool outlives = launch.lifetime == ChildLifetime::OutlivesParent;
-    const bool ready =
-        (outlives ? ::setsid() > 0
-                  : ::setpgid(0, 0) == 0 && ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0) &&
-        putStreams(launch) &&
-        (launch.memoryLimit == 0 || ::setrlimit(RLIMIT_DATA, &prepared.memory) == 0);
+    const bool ready = (outlives || launch.ownSession ? ::setsid() > 0 : ::setpgid(0, 0) == 0) &&
+                       (outlives || ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0) &&
+                       putStreams(launch) &&
+                       (launch.memoryLimit == 0 || ::setrlimit(RLIMIT_DATA, &prepared.memory) == 0);
     // A kernel without filters gives nothing worse than a new time, or a tree that nobody needs.
     if (ready && launch.keepMetadata)
         keepFromWritingMetadata();

@@ -30,6 +30,7 @@ struct ChildLaunch {
     std::uint64_t memoryLimit = 0; ///< bytes of private memory (RLIMIT_DATA); 0: none
     bool keepMetadata = false;     ///< it cannot set a file's times or add objects
     ChildLifetime lifetime = ChildLifetime::EndsWithParent;
+    bool ownSession = false; ///< without a terminal, whatever its lifetime
 };
 
 struct StartedChild {

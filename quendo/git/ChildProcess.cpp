@@ -19,6 +19,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds round{100};
+constexpr std::chrono::milliseconds timeToStop{250};
 constexpr std::chrono::milliseconds patience{2'000};
 
 struct Pipe {
@@ -43,7 +44,8 @@ void makeNonBlocking(const FileDescriptor& descriptor) {
 } // namespace
 
 ChildProcess::ChildProcess(const ChildPlan& plan, std::function<void(std::string_view)> consume)
-    : m_consume(std::move(consume)), m_pendingInput(plan.input), m_errorsKept(plan.errorsKept) {
+    : m_consume(std::move(consume)), m_pendingInput(plan.input), m_errorsKept(plan.errorsKept),
+      m_asksServer(plan.asksServer) {
     FileDescriptor childInput;
     if (m_pendingInput.empty()) {
         childInput = aboveStandard(::open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -70,6 +72,7 @@ ChildProcess::ChildProcess(const ChildPlan& plan, std::function<void(std::string
         .errors = errors.write.get(),
         .memoryLimit = plan.memoryLimit,
         .keepMetadata = plan.keepMetadata,
+        .ownSession = plan.asksServer,
     });
     m_output = std::move(output.read);
     m_errors = std::move(errors.read);
@@ -85,6 +88,10 @@ ChildProcess::~ChildProcess() {
 void ChildProcess::end() noexcept {
     if (m_child.id <= 0 || m_ended)
         return;
+    if (m_asksServer) {
+        ::kill(-m_child.id, SIGTERM);
+        waitForEnd(m_child, timeToStop);
+    }
     ::kill(m_child.id, SIGKILL);
     try {
         sweepAndReap();
@@ -145,7 +152,7 @@ void ChildProcess::handleInput() {
 void ChildProcess::waitForAll(std::span<ChildProcess* const> children,
                               const Cancellation& cancellation,
                               std::chrono::milliseconds stallLimit,
-                              const std::function<void()>& eachRound) {
+                              const std::function<void()>& eachRound, const ChildService& service) {
     struct EndOnFailure {
         std::span<ChildProcess* const> children;
         bool armed = true;
@@ -169,9 +176,15 @@ void ChildProcess::waitForAll(std::span<ChildProcess* const> children,
             polled.push_back({child->m_input.get(), POLLOUT, 0});
             polled.push_back({child->m_ended ? -1 : child->m_child.handle.get(), POLLIN, 0});
         }
+        polled.push_back({service.descriptor, POLLIN, 0});
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(nextRound - Clock::now());
         ::poll(polled.data(), polled.size(), std::max(0, static_cast<int>(left.count())));
         cancellation.throwIfRequested();
+        if (polled.back().revents != 0) {
+            // The time that this takes does not count.
+            service.serve();
+            lastProgress = Clock::now();
+        }
         for (std::size_t i = 0; i < children.size(); ++i) {
             const auto* of = &polled[1 + 4 * i];
             if (of[0].revents != 0)

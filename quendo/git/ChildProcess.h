@@ -26,6 +26,15 @@ struct ChildPlan {
     std::uint64_t memoryLimit = 0;             ///< bytes of private memory (RLIMIT_DATA); 0: none
     bool keepMetadata = false;                 ///< it cannot set a file's times or add objects
     std::size_t errorsKept = 64U << 10U;       ///< bytes of standard error in the result
+    /// It asks a server, and writes what it gets: it has no terminal to ask at, and when it is to
+    /// end it has a moment to clean up.
+    bool asksServer = false;
+};
+
+/// What the thread that waits for children does for them meanwhile.
+struct ChildService {
+    int descriptor = -1;              ///< to be looked at
+    std::function<void()> serve = {}; ///< when it can be read; must not throw
 };
 
 /// How a child ended.
@@ -62,7 +71,8 @@ public:
     ///         `children` have been ended then.
     static void waitForAll(std::span<ChildProcess* const> children,
                            const Cancellation& cancellation, std::chrono::milliseconds stallLimit,
-                           const std::function<void()>& eachRound = {});
+                           const std::function<void()>& eachRound = {},
+                           const ChildService& service = {});
 
     /// After waitForAll.
     const ChildResult& result() const noexcept { return m_result; }
@@ -85,6 +95,7 @@ private:
     bool m_ended = false;
     bool m_heard = false; ///< it printed something since the last look
     const std::size_t m_errorsKept;
+    const bool m_asksServer;
     ChildResult m_result;
 };
 

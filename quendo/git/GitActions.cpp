@@ -34,6 +34,7 @@ using Strings = std::vector<std::string>;
 
 constexpr std::size_t largestWithMarkers = 64U << 20U;
 constexpr std::size_t largestHead = 64U << 10U;
+constexpr std::size_t mostArguments = 64; // beyond, everything is listed and the rest left out
 // git's commands for people compare each path given with each entry of the index. Beyond this many,
 // others do the same.
 constexpr std::size_t mostPathspecs = 1000;
@@ -427,9 +428,10 @@ void GitActions::revert(const Reversion& plan) {
         if (plan.toWrite.size() > mostPathspecs)
             m_index.writeOut(plan.toWrite);
         else if (!plan.toWrite.empty())
-            m_actor.run({.arguments = {"restore", "--no-recurse-submodules", "--worktree",
-                                       "--pathspec-from-file=-", "--pathspec-file-nul"},
-                         .input = pathspecsOf(plan.toWrite)});
+            m_actor.run(
+                {.arguments = {"restore", "--progress", "--no-recurse-submodules", "--worktree",
+                               "--pathspec-from-file=-", "--pathspec-file-nul"},
+                 .input = pathspecsOf(plan.toWrite)});
     });
 }
 
@@ -474,6 +476,10 @@ Strings GitActions::broughtByOperation(const std::vector<TreeItem>& items, const
             brought.insert(item.path);
     for (const auto& tree : trees) {
         GitRun list{.arguments = {"ls-tree", "-r", "-z", "--name-only", "--full-tree", tree}};
+        if (added.size() <= mostArguments) {
+            list.arguments.emplace_back("--");
+            list.arguments.insert(list.arguments.end(), added.begin(), added.end());
+        }
         list.consume = [&, names = NulSplitter("ls-tree")](std::string_view text) mutable {
             names.feed(text, [&](std::string_view name) {
                 if (std::ranges::binary_search(added, name))

@@ -11,7 +11,6 @@
 #include "quendo/platform/UString.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -236,16 +235,7 @@ void GitActor::fail(std::string_view command, const ActingResult& result) const 
 std::string GitActor::presentable(std::string text) const {
     text = m_credentials ? m_credentials->withoutPasswords(std::move(text)) : std::move(text);
     // Addresses may hold passwords as well: of the remote, of a proxy.
-    for (std::size_t at = 0; (at = text.find("://", at)) != std::string::npos;) {
-        auto start = at;
-        while (start > 0 && std::isalnum(static_cast<unsigned char>(text[start - 1])) != 0)
-            --start;
-        const auto end = std::min(text.find_first_of(" \t\r\n'\"", at), text.size());
-        const auto clean = withoutSecrets(text.substr(start, end - start));
-        text.replace(start, end - start, clean);
-        at = std::max(start + clean.size(), at + 3);
-    }
-    return text;
+    return withoutSecretsInText(std::move(text));
 }
 
 } // namespace quendo::git

@@ -1,6 +1,7 @@
 #include "quendo/git/GitAdapter.h"
 
 #include "quendo/adapter/SubsystemType.h"
+#include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/Cancellation.h"
 #include "quendo/git/GitActions.h"
 #include "quendo/git/GitActor.h"
@@ -10,6 +11,7 @@
 #include "quendo/git/GitRunner.h"
 #include "quendo/git/GitStatus.h"
 #include "quendo/git/GitText.h"
+#include "quendo/git/LazyFetch.h"
 #include "quendo/git/MetadataFilter.h"
 #include "quendo/git/SmallFile.h"
 #include "quendo/platform/ExecutorTurn.h"
@@ -17,7 +19,11 @@
 #include "quendo/platform/ScopeGuard.h"
 
 #include <algorithm>
+#include <cctype>
+#include <charconv>
 #include <chrono>
+#include <cstdint>
+#include <exception>
 #include <string_view>
 
 namespace quendo::git {
@@ -52,6 +58,27 @@ auto GitAdapter::withGit(Work&& work) const {
     return work(git);
 }
 
+// In a partial clone, what is missing is fetched when it turns out that it is: the user asked for
+// it. All others are spared the look at the configuration.
+template <class Work>
+auto GitAdapter::mayFetch(GitRunner& git, Work&& work) const {
+    try {
+        return work(git);
+    } catch (const exception::OperationCancelledError&) {
+        throw;
+    } catch (const exception::SourceControlException&) {
+        auto fetch = LazyFetch::of(git, [&] {
+            const std::lock_guard lock(m_lock);
+            return m_credentialProvider.lock();
+        }());
+        if (!fetch)
+            throw;
+        git.allowFetching(std::move(fetch));
+    }
+    report(u"Fetching what this clone lacks", ProgressIndicator::unknown);
+    return work(git);
+}
+
 // A listener's failure is its own: the work does not depend on it.
 void GitAdapter::report(const UString& message, double fraction) const noexcept {
     if (!m_interactor)
@@ -66,13 +93,10 @@ void GitAdapter::report(const UString& message, double fraction) const noexcept 
 template <class Work>
 auto GitAdapter::withProgress(const UString& message, Work&& work) const {
     const Cancellation cancellation(m_interactor.get());
-    double fraction = 0;
-    GitRunner git(*m_tool, m_repository, cancellation, [&] {
-        // git says nothing of how far it is: each round goes a little of what is left.
-        fraction += (1 - fraction) / 50;
-        report(message, fraction);
-    });
-    report(message, fraction);
+    // git says nothing of how far it is.
+    const auto goOn = [&] { report(message, ProgressIndicator::unknown); };
+    GitRunner git(*m_tool, m_repository, cancellation, goOn);
+    goOn();
     auto result = work(git);
     report(message, 1);
     return result;
@@ -99,20 +123,16 @@ void GitAdapter::act(const UString& message, Work&& work) const {
         m_hasActed.notify_one();
     });
     m_repository.checkMetadataFiles();
-    double fraction = 0;
-    const auto advance = [&](const UString& now) {
-        fraction += (1 - fraction) / 50;
-        report(now, fraction);
-    };
-    GitRunner reader(*m_tool, m_repository, cancellation, [&] { advance(message); });
+    const auto goOn = [&] { report(message, ProgressIndicator::unknown); };
+    GitRunner reader(*m_tool, m_repository, cancellation, goOn);
     GitActor actor(
         *m_tool, m_repository, cancellation,
-        [&](std::string_view line) { advance(toUString(line)); },
+        [&](std::string_view line) { report(toUString(line), fractionIn(line)); },
         [&] {
             const std::lock_guard lock(m_lock);
             return m_credentialProvider.lock();
         }());
-    report(message, fraction);
+    goOn();
     GitActions actions(reader, actor);
     work(actions);
     report(message, 1);
@@ -232,8 +252,10 @@ std::map<Path, FileState> GitAdapter::getStatus(const Path& path, bool includeUn
 std::vector<std::unique_ptr<Revision>>
 GitAdapter::listRevisions(const Path& file,
                           std::optional<std::reference_wrapper<const Revision>> from) const {
-    return withProgress(u"Reading revisions", [&](GitRunner& git) {
-        return GitHistory(git).list(file, from ? &from->get() : nullptr);
+    return withProgress(u"Reading revisions", [&](GitRunner& runner) {
+        return mayFetch(runner, [&](GitRunner& git) {
+            return GitHistory(git).list(file, from ? &from->get() : nullptr);
+        });
     });
 }
 
@@ -242,17 +264,24 @@ std::unique_ptr<Revision> GitAdapter::findRevision(const Path& file, const UStri
 }
 
 std::unique_ptr<Revision> GitAdapter::getCurrentRevision(const Path& file) const {
-    return withGit([&](GitRunner& git) { return GitHistory(git).current(file); });
+    return withGit([&](GitRunner& runner) {
+        return mayFetch(runner, [&](GitRunner& git) { return GitHistory(git).current(file); });
+    });
 }
 
 std::vector<std::unique_ptr<Revision>>
 GitAdapter::getParentRevisions(const Revision& revision) const {
-    return withGit([&](GitRunner& git) { return GitHistory(git).parentsOf(revision); });
+    return withGit([&](GitRunner& runner) {
+        return mayFetch(runner,
+                        [&](GitRunner& git) { return GitHistory(git).parentsOf(revision); });
+    });
 }
 
 void GitAdapter::exportRevision(const Path& file, const Revision& revision,
                                 const Path& target) const {
-    withGit([&](GitRunner& git) { GitHistory(git).exportTo(target, file, revision); });
+    withGit([&](GitRunner& runner) {
+        mayFetch(runner, [&](GitRunner& git) { GitHistory(git).exportTo(target, file, revision); });
+    });
 }
 
 ConflictRevisions GitAdapter::getConflictRevisions(const Path& file) const {
@@ -327,6 +356,8 @@ std::any GitAdapter::getSubsystem(const std::type_info& type) {
         return static_cast<IgnoreRuleEditor*>(this);
     if (isSameType(type, typeid(RevisionContent)))
         return static_cast<RevisionContent*>(this);
+    if (isSameType(type, typeid(RevisionHistory)))
+        return static_cast<RevisionHistory*>(this);
     return {};
 }
 
@@ -341,6 +372,41 @@ std::optional<std::string> GitAdapter::getContent(const Path& file, const UStrin
 
 std::optional<std::string> GitAdapter::getStagedContent(const Path& file, std::size_t limit) const {
     return withGit([&](GitRunner& git) { return GitHistory(git).stagedContent(file, limit); });
+}
+
+void GitAdapter::readRevisions(
+    const Path& path, const RevisionQuery& query,
+    const std::function<bool(std::unique_ptr<Revision>)>& receive) const {
+    // When git has to be started again, it begins at the same revision, and what was handed over
+    // already is left out.
+    RevisionQuery from = query;
+    Revision first;
+    std::size_t handedOver = 0;
+    std::exception_ptr failure; // the receiver's
+    withGit([&](GitRunner& runner) {
+        mayFetch(runner, [&](GitRunner& git) {
+            if (handedOver > 0)
+                from.from = &first;
+            GitHistory(git).read(path, from, [&, left = handedOver](auto revision) mutable {
+                if (left > 0) {
+                    --left;
+                    return true;
+                }
+                if (handedOver++ == 0) {
+                    first.id = revision->id;
+                    first.path = revision->path;
+                }
+                try {
+                    return receive(std::move(revision));
+                } catch (...) {
+                    failure = std::current_exception();
+                    return false;
+                }
+            });
+        });
+    });
+    if (failure)
+        std::rethrow_exception(failure);
 }
 
 void GitAdapter::setCredentialProvider(std::weak_ptr<CredentialProvider> provider) {
@@ -364,6 +430,35 @@ std::string withoutSecrets(const std::string& url) {
             result += user.substr(0, user.find(':')) + "@";
     }
     return result + url.substr(host, std::min(url.find_first_of("?#", host), url.size()) - host);
+}
+
+double fractionIn(std::string_view line) {
+    const auto end = line.rfind("% (");
+    if (end == std::string_view::npos)
+        return ProgressIndicator::unknown;
+    std::uint64_t done = 0, all = 0;
+    const auto* const last = line.data() + line.size();
+    const auto first = std::from_chars(line.data() + end + 3, last, done);
+    if (first.ec != std::errc() || first.ptr == last || *first.ptr != '/')
+        return ProgressIndicator::unknown;
+    const auto second = std::from_chars(first.ptr + 1, last, all);
+    if (second.ec != std::errc() || second.ptr == last || *second.ptr != ')' || done > all ||
+        all == 0)
+        return ProgressIndicator::unknown;
+    return static_cast<double>(done) / static_cast<double>(all);
+}
+
+std::string withoutSecretsInText(std::string text) {
+    for (std::size_t at = 0; (at = text.find("://", at)) != std::string::npos;) {
+        auto start = at;
+        while (start > 0 && std::isalnum(static_cast<unsigned char>(text[start - 1])) != 0)
+            --start;
+        const auto end = std::min(text.find_first_of(" \t\r\n'\"", at), text.size());
+        const auto clean = withoutSecrets(text.substr(start, end - start));
+        text.replace(start, end - start, clean);
+        at = std::max(start + clean.size(), at + 3);
+    }
+    return text;
 }
 
 } // namespace quendo::git

@@ -5,11 +5,13 @@
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/adapter/IgnoreRuleEditor.h"
 #include "quendo/adapter/RevisionContent.h"
+#include "quendo/adapter/RevisionHistory.h"
 #include "quendo/git/Repository.h"
 
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <string_view>
 
 namespace quendo::git {
 
@@ -22,7 +24,8 @@ class GitTool;
 class GitAdapter final : public CMAdapter,
                          public BranchInformation,
                          public IgnoreRuleEditor,
-                         public RevisionContent {
+                         public RevisionContent,
+                         public RevisionHistory {
 public:
     GitAdapter(std::shared_ptr<GitTool> tool, Repository repository,
                std::shared_ptr<CMApplicationInteractor> interactor);
@@ -65,10 +68,15 @@ public:
     std::optional<std::string> getContent(const Path& file, const UString& revision,
                                           std::size_t limit) const override;
     std::optional<std::string> getStagedContent(const Path& file, std::size_t limit) const override;
+    void
+    readRevisions(const Path& path, const RevisionQuery& query,
+                  const std::function<bool(std::unique_ptr<Revision>)>& receive) const override;
 
 private:
     template <class Work>
     auto withGit(Work&& work) const;
+    template <class Work>
+    auto mayFetch(GitRunner& git, Work&& work) const;
     template <class Work>
     auto withProgress(const UString& message, Work&& work) const;
     void report(const UString& message, double fraction) const noexcept;
@@ -87,5 +95,12 @@ private:
 /// `url` without what may be a secret: the password of any, the user too where a token often stands
 /// in its place (http, https, ftp), and a query. For people, not to connect with.
 std::string withoutSecrets(const std::string& url);
+
+/// The same of every address in a text.
+std::string withoutSecretsInText(std::string text);
+
+/// How far git is by its own words ("Updating files:  45% (9/20)"), or
+/// ProgressIndicator::unknown.
+double fractionIn(std::string_view line);
 
 } // namespace quendo::git

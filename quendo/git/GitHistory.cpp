@@ -6,6 +6,7 @@
 #include "quendo/git/GitFailure.h"
 #include "quendo/git/GitRunner.h"
 #include "quendo/git/GitText.h"
+#include "quendo/git/LazyFetch.h"
 #include "quendo/git/Repository.h"
 #include "quendo/git/SmallFile.h"
 
@@ -27,17 +28,8 @@ namespace {
 // A repository may ask for any number of comparisons.
 constexpr const char* renameLimit = "-l1000";
 
-// Six fields, each ended by a NUL: names and messages hold every other byte.
-constexpr const char* format = "--format=%H%x00%P%x00%an%x00%ae%x00%at%x00%B%x00";
-
-std::string_view takePart(std::string_view& text) {
-    const auto end = text.find('\0');
-    if (end == std::string_view::npos)
-        throwGarbage("log");
-    const auto part = text.substr(0, end);
-    text.remove_prefix(end + 1);
-    return part;
-}
+/// Thrown to end a git of which no more is wanted.
+struct Enough {};
 
 /// A file that is there whole under its name, or not at all.
 class NewFile {
@@ -103,51 +95,6 @@ private:
 
 } // namespace
 
-std::vector<std::unique_ptr<Revision>> parseLog(std::string_view output, const Path& root,
-                                                const Path& file) {
-    std::vector<std::unique_ptr<Revision>> revisions;
-    Path path = file;
-    while (!output.empty()) {
-        auto revision = std::make_unique<Revision>();
-        const auto id = takePart(output);
-        if (!isObjectName(id))
-            throwGarbage("log");
-        revision->id = toUString(id);
-        takePart(output); // parents
-        revision->author = toUString(takePart(output));
-        revision->authorEmail = toUString(takePart(output));
-        const auto time = takePart(output);
-        long long seconds = 0;
-        if (std::from_chars(time.data(), time.data() + time.size(), seconds).ec != std::errc())
-            throwGarbage("log");
-        // A clock of nanoseconds ends in 2262.
-        constexpr auto latest = std::chrono::duration_cast<std::chrono::seconds>(
-            std::chrono::system_clock::duration::max());
-        seconds = std::clamp<long long>(seconds, -latest.count(), latest.count());
-        revision->date = std::chrono::system_clock::time_point(std::chrono::seconds(seconds));
-        revision->message = toUString(withoutLineEnds(std::string(takePart(output))));
-        if (!output.empty() && output.front() == '\0')
-            output.remove_prefix(1); // the record's own end
-        // Then what the revision did to the file: a newline, and words each ended by a NUL.
-        Path before = path;
-        if (output.starts_with('\n')) {
-            output.remove_prefix(1);
-            while (!output.empty() && !isObjectName(output.substr(0, output.find('\0')))) {
-                const auto change = takePart(output);
-                const bool hasTwo = change.starts_with('R') || change.starts_with('C');
-                const auto first = takePart(output);
-                const auto last = hasTwo ? takePart(output) : first;
-                path = root.child(last);
-                before = hasTwo ? root.child(first) : path;
-            }
-        }
-        revision->path = path;
-        path = before;
-        revisions.push_back(std::move(revision));
-    }
-    return revisions;
-}
-
 std::string GitHistory::relative(const Path& file) const {
     auto relative = m_git.repository().relative(file);
     if (!relative || relative->empty())
@@ -193,52 +140,81 @@ bool GitHistory::hasCommits() {
     return result.exitCode == 0;
 }
 
-std::vector<std::unique_ptr<Revision>> GitHistory::log(const std::vector<std::string>& arguments,
-                                                       const Path& file) {
+// Only one file's renames can be followed; git refuses a folder's.
+bool GitHistory::isFollowed(const Path& file) const {
+    struct stat status;
+    return ::lstat(file.toNative().c_str(), &status) != 0 || !S_ISDIR(status.st_mode);
+}
+
+void GitHistory::read(const Path& path, const RevisionQuery& query,
+                      const std::function<bool(std::unique_ptr<Revision>)>& receive) {
+    checkedMetadata();
     const auto& repository = m_git.repository();
-    std::vector<std::string> all = {"log",
-                                    "-z",
-                                    "--no-show-signature",
-                                    "--no-color",
-                                    "--no-notes",
-                                    "--no-ext-diff",
-                                    "--no-textconv",
-                                    "--no-decorate",
-                                    format};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    return parseLog(m_git.read({.arguments = std::move(all)}), repository.rootPath(), file);
+    const bool isRoot = repository.relative(path) == "";
+    const bool hasOwnPath = query.from != nullptr && !query.from->path.empty() && !isRoot;
+    const Path newest = isRoot ? repository.rootPath() : hasOwnPath ? query.from->path : path;
+    const auto spec = isRoot ? std::string() : pathspec(relative(newest));
+    const auto start =
+        query.from == nullptr ? "HEAD" : resolve(toUtf8(query.from->id), toUtf8(query.from->id));
+    const bool follows = query.followRenames && isFollowed(path);
+    if (query.limit == 0)
+        return;
+
+    auto arguments = GitLog::arguments();
+    if (follows)
+        arguments.insert(arguments.end(), {"--name-status", "--follow", renameLimit});
+    else
+        arguments.insert(arguments.end(), {"--no-patch", "--no-follow"});
+    if (query.limit)
+        arguments.push_back("--max-count=" + std::to_string(*query.limit));
+    arguments.insert(arguments.end(), {"--end-of-options", start, "--"});
+    if (!isRoot)
+        arguments.push_back(spec);
+
+    bool hasAny = false;
+    GitLog log(repository.rootPath(), newest,
+               follows ? GitLog::Paths::Followed : GitLog::Paths::Constant,
+               [&](std::unique_ptr<Revision> revision) {
+                   hasAny = true;
+                   if (!receive(std::move(revision)))
+                       throw Enough();
+               });
+    GitRun run{.arguments = std::move(arguments)};
+    run.consume = [&](std::string_view text) { log.feed(text); };
+    try {
+        const auto result = m_git.run({run}).front();
+        if (result.exitCode != 0) {
+            if (!hasAny && query.from == nullptr && !hasCommits())
+                return;
+            throwGitFailure(repository.root(), "log", result);
+        }
+        log.finish();
+    } catch (const Enough&) {
+        // Git has been ended.
+    }
 }
 
 std::vector<std::unique_ptr<Revision>> GitHistory::list(const Path& file, const Revision* from) {
-    checkedMetadata();
-    auto spec = relative(file);
-    Path newest = file;
-    std::string start = "HEAD";
-    if (from != nullptr) {
-        start = resolve(toUtf8(from->id), toUtf8(from->id));
-        if (!from->path.empty()) {
-            newest = from->path;
-            spec = relative(newest);
-        }
-    } else if (!hasCommits()) {
-        return {};
-    }
-    std::vector<std::string> arguments = {"--name-status"};
-    // Only one file's renames can be followed; git refuses a folder's.
-    struct stat status;
-    const std::string onDisk = file.toNative();
-    if (::lstat(onDisk.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
-        arguments.insert(arguments.end(), {"--follow", renameLimit});
-    arguments.insert(arguments.end(), {"--end-of-options", start, "--", pathspec(spec)});
-    return log(arguments, newest);
+    relative(file); // the root is refused
+    std::vector<std::unique_ptr<Revision>> revisions;
+    read(file, {.from = from}, [&](std::unique_ptr<Revision> revision) {
+        revisions.push_back(std::move(revision));
+        return true;
+    });
+    return revisions;
 }
 
 std::unique_ptr<Revision> GitHistory::describe(const std::string& commit, const Path& file) {
-    auto revisions = log({"--no-walk", "--no-patch", "--end-of-options", commit}, file);
-    if (revisions.size() != 1)
+    std::unique_ptr<Revision> found;
+    GitLog log(m_git.repository().rootPath(), file, GitLog::Paths::Constant,
+               [&](std::unique_ptr<Revision> revision) { found = std::move(revision); });
+    auto arguments = GitLog::arguments();
+    arguments.insert(arguments.end(), {"--no-walk", "--no-patch", "--end-of-options", commit});
+    log.feed(m_git.read({.arguments = std::move(arguments)}));
+    log.finish();
+    if (!found)
         throwGarbage("log");
-    revisions.front()->path = file;
-    return std::move(revisions.front());
+    return found;
 }
 
 std::unique_ptr<Revision> GitHistory::find(const Path& file, const UString& id) {
@@ -249,18 +225,13 @@ std::unique_ptr<Revision> GitHistory::find(const Path& file, const UString& id) 
 }
 
 std::unique_ptr<Revision> GitHistory::current(const Path& file) {
-    checkedMetadata();
-    const auto spec = relative(file);
-    if (!hasCommits())
-        return nullptr;
-    // Followed as in list(), so that a rename is a revision here as it is there.
-    struct stat status;
-    std::vector<std::string> arguments = {"--name-status", "-1"};
-    if (::lstat(file.toNative().c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
-        arguments.insert(arguments.end(), {"--follow", renameLimit});
-    arguments.insert(arguments.end(), {"--end-of-options", "HEAD", "--", pathspec(spec)});
-    auto revisions = log(arguments, file);
-    return revisions.empty() ? nullptr : std::move(revisions.front());
+    relative(file);
+    std::unique_ptr<Revision> newest;
+    read(file, {.limit = 1}, [&](std::unique_ptr<Revision> revision) {
+        newest = std::move(revision);
+        return true;
+    });
+    return newest;
 }
 
 std::vector<std::unique_ptr<Revision>> GitHistory::parentsOf(const Revision& revision) {
@@ -342,20 +313,45 @@ void GitHistory::exportTo(const Path& target, const Path& file, const Revision& 
     output.commit();
 }
 
+template <class Work>
+auto GitHistory::sayingWhatIsNotHere(const Path& file, Work&& work) {
+    try {
+        return work();
+    } catch (const exception::SourceControlException& error) {
+        // git's own words depend on its version.
+        constexpr std::string_view signs[] = {
+            "promisor",           "unable to read", "could not get object",
+            "Not a valid object", "bad object",     "missing"};
+        const std::string_view words = error.what();
+        if (std::ranges::none_of(
+                signs, [&](auto sign) { return words.find(sign) != std::string_view::npos; }) ||
+            !LazyFetch::of(m_git, nullptr))
+            throw;
+        throw exception::OperationFailedError(
+            file.toUtf8() + " is not in this partial clone as it was then, and nothing is fetched "
+                            "for this; export that revision to have it fetched");
+    }
+}
+
 std::optional<std::string> GitHistory::content(const Path& file, const UString& revision,
                                                std::size_t limit) {
     checkedMetadata();
     const auto path = relative(file);
     const auto name = toUtf8(revision);
-    const auto entry = entryIn(resolve(name, name), path);
-    return entry ? std::optional(contentOf(*entry, file, " in revision " + name, limit))
-                 : std::nullopt;
+    return sayingWhatIsNotHere(file, [&]() -> std::optional<std::string> {
+        const auto entry = entryIn(resolve(name, name), path);
+        return entry ? std::optional(contentOf(*entry, file, " in revision " + name, limit))
+                     : std::nullopt;
+    });
 }
 
 std::optional<std::string> GitHistory::stagedContent(const Path& file, std::size_t limit) {
     checkedMetadata();
-    const auto entry = stagedEntry(file);
-    return entry ? std::optional(contentOf(*entry, file, " as it is staged", limit)) : std::nullopt;
+    return sayingWhatIsNotHere(file, [&]() -> std::optional<std::string> {
+        const auto entry = stagedEntry(file);
+        return entry ? std::optional(contentOf(*entry, file, " as it is staged", limit))
+                     : std::nullopt;
+    });
 }
 
 std::optional<GitHistory::Entry> GitHistory::entryIn(const std::string& commit,

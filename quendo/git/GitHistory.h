@@ -1,6 +1,7 @@
 #pragma once
 
-#include "quendo/adapter/Revision.h"
+#include "quendo/adapter/RevisionHistory.h"
+#include "quendo/git/GitLog.h"
 #include "quendo/platform/Path.h"
 #include "quendo/platform/UString.h"
 
@@ -16,11 +17,14 @@ namespace quendo::git {
 class GitRunner;
 struct GitRun;
 
-/// Answers for a file's revisions through the user's git. Threads: used by one.
+/// Answers for revisions through the user's git. Threads: used by one.
 class GitHistory {
 public:
     explicit GitHistory(GitRunner& git) : m_git(git) {}
 
+    /// As RevisionHistory has it, but that `receive` must not throw.
+    void read(const Path& path, const RevisionQuery& query,
+              const std::function<bool(std::unique_ptr<Revision>)>& receive);
     std::vector<std::unique_ptr<Revision>> list(const Path& file, const Revision* from);
     std::unique_ptr<Revision> find(const Path& file, const UString& id);
     std::unique_ptr<Revision> current(const Path& file);
@@ -48,21 +52,17 @@ private:
     void printContent(const Entry& entry, const Path& file, GitRun run);
     std::string contentOf(const Entry& entry, const Path& file, const std::string& where,
                           std::size_t limit);
+    template <class Work>
+    auto sayingWhatIsNotHere(const Path& file, Work&& work);
     void checkedMetadata() const;
     std::string pathspec(const std::string& relative) const;
     std::string relative(const Path& file) const;
     std::string resolve(std::string_view name, std::string_view shown);
     bool hasCommits();
-    std::vector<std::unique_ptr<Revision>> log(const std::vector<std::string>& arguments,
-                                               const Path& file);
+    bool isFollowed(const Path& file) const;
     std::unique_ptr<Revision> describe(const std::string& commit, const Path& file);
 
     GitRunner& m_git;
 };
-
-/// The revisions that `git log -z --name-status` printed in GitHistory's format.
-/// @param file the path of the newest one; renames are followed back from there
-std::vector<std::unique_ptr<Revision>> parseLog(std::string_view output, const Path& root,
-                                                const Path& file);
 
 } // namespace quendo::git

@@ -3,6 +3,7 @@
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/Cancellation.h"
 #include "quendo/git/GitFailure.h"
+#include "quendo/git/LazyFetch.h"
 #include "quendo/git/Repository.h"
 
 #include <cerrno>
@@ -62,14 +63,17 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
             ChildPlan plan{
                 .executable = executable,
                 .arguments = one.arguments,
-                .environment = GitTool::readingEnvironment(parentOf(folder), m_overrides,
-                                                           one.literalPathspecs),
+                .environment = m_fetch ? m_fetch->environment(parentOf(folder), m_overrides,
+                                                              one.literalPathspecs)
+                                       : GitTool::readingEnvironment(parentOf(folder), m_overrides,
+                                                                     one.literalPathspecs),
                 .workingFolder = opened.get(),
                 .input = one.input,
                 .outputFile = one.outputFile,
-                .memoryLimit = one.limitMemory ? memoryLimit : 0,
-                .keepMetadata = keepMetadata || one.keepMetadata,
+                .memoryLimit = one.limitMemory && !m_fetch ? memoryLimit : 0,
+                .keepMetadata = !m_fetch && (keepMetadata || one.keepMetadata),
                 .errorsKept = one.errorsKept,
+                .asksServer = m_fetch != nullptr,
             };
             if (one.asSubmodule)
                 plan.environment.emplace_back("GIT_DIR=.git");
@@ -79,8 +83,9 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
             waited.push_back(children.back().get());
         }
         ChildProcess::waitForAll(waited, *m_cancellation,
-                                 m_tool.options().stallLimit * (m_patient ? patience : 1),
-                                 m_eachRound);
+                                 m_fetch ? m_tool.options().actionStallLimit
+                                         : m_tool.options().stallLimit * (m_patient ? patience : 1),
+                                 m_eachRound, m_fetch ? m_fetch->service() : ChildService{});
     } catch (const ChildStalled& stalled) {
         throwGitStalled(m_repository, command, stalled.onFifo);
     } catch (const std::system_error& error) {
@@ -89,6 +94,9 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
     std::vector<ChildResult> results;
     for (const auto& child : children)
         results.push_back(child->result());
+    if (m_fetch)
+        for (auto& result : results)
+            result.errors = m_fetch->presentable(std::move(result.errors));
     return results;
 }
 

@@ -12,6 +12,7 @@
 namespace quendo::git {
 
 class Cancellation;
+class LazyFetch;
 class Repository;
 
 /// One run of git.
@@ -48,6 +49,9 @@ public:
     /// From now on git may be silent for longer: it runs programs of the user's.
     void bePatient() noexcept { m_patient = true; }
 
+    /// From now on git may ask a server for what a partial clone lacks.
+    void allowFetching(std::shared_ptr<LazyFetch> fetch) { m_fetch = std::move(fetch); }
+
     /// Runs all of `runs` at the same time and waits for them.
     /// @return how each ended, whatever its exit code
     /// @throws exception::ToolError, DamagedRepositoryError when one hangs, OperationCancelledError
@@ -66,6 +70,7 @@ private:
     std::function<void()> m_eachRound;
     std::vector<ConfigOverride> m_overrides;
     bool m_patient = false;
+    std::shared_ptr<LazyFetch> m_fetch; ///< null while nothing is fetched
 };
 
 /// Calls `consume` with each piece of `text` that ends with a NUL, without it; keeps the rest.

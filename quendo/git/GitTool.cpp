@@ -191,6 +191,23 @@ std::vector<std::string> GitTool::readingEnvironment(const std::string& ceiling,
     return environment;
 }
 
+std::vector<std::string> GitTool::fetchingEnvironment(const std::string& ceiling,
+                                                      const std::vector<ConfigOverride>& overrides,
+                                                      bool literalPathspecs) {
+    auto environment = readingEnvironment(ceiling, overrides, literalPathspecs);
+    std::erase_if(environment, [](const auto& one) {
+        return one.starts_with("GIT_ALLOW_PROTOCOL=") || one.starts_with("GIT_NO_LAZY_FETCH=") ||
+               one.starts_with("GIT_ASKPASS=");
+    });
+    for (auto& one : inherited([](std::string_view name) {
+             return contains(keptToAct, name) || name == "SSH_ASKPASS";
+         }))
+        environment.push_back(std::move(one));
+    environment.emplace_back("GIT_ASKPASS=false");
+    environment.emplace_back("GIT_ALLOW_PROTOCOL=file:git:http:https:ssh");
+    return environment;
+}
+
 std::vector<std::string> GitTool::actingEnvironment(const std::string& ceiling,
                                                     const std::vector<ConfigOverride>& overrides) {
     auto environment = inherited([](std::string_view name) {

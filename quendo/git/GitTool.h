@@ -41,6 +41,14 @@ public:
                                                        const std::vector<ConfigOverride>& overrides,
                                                        bool literalPathspecs);
 
+    /// The environment for a git that only reads, because the user asked for what it reads, and may
+    /// fetch what a partial clone lacks of it: the servers are reached as on the user's command
+    /// line, over the transports that run no program of the remote's choice. What else the
+    /// repository's configuration may name has to be put aside by `overrides` (LazyFetch).
+    static std::vector<std::string>
+    fetchingEnvironment(const std::string& ceiling, const std::vector<ConfigOverride>& overrides,
+                        bool literalPathspecs);
+
     /// The environment for a git that changes something because the user asked for it: as on the
     /// user's command line, hooks, filters, signing and credential helpers included, but that
     /// nothing asks at a terminal or opens an editor, and that git's words are those that this

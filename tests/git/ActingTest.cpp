@@ -3,6 +3,7 @@
 #include "tests/git/Copy.h"
 
 #include <poll.h>
+#include <set>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -234,6 +235,21 @@ TEST(ActingTest, LeavesWhatAnotherGitStagedMeanwhile) {
         EXPECT_EQ(copy.status(), " M a\nM  b\nM  c\n?? new\n") << command;
         copy.sh("for f in a b c new; do grep -qx 2 $f; done");
     }
+}
+
+TEST(ActingTest, ReportsAFractionOnlyWhenOneIsKnown) {
+    Copy copy;
+    copy.sh("printf '#!/bin/sh\nprintf \"Filtering content:  25%%%% (1/4)\\\\r\" >&2\n' > "
+            ".git/hooks/pre-commit; chmod +x .git/hooks/pre-commit; echo 2 > a");
+    std::set<double> fractions;
+    double last = 0;
+    const boost::signals2::scoped_connection connection =
+        copy.interactor()->getProgressDispatcher().connect(
+            [&](const UString&, double fraction) { fractions.insert(last = fraction); });
+    copy.adapter().getStatus(copy.root(), true);
+    checkin({"a"})(copy);
+    EXPECT_EQ(fractions, (std::set<double>{ProgressIndicator::unknown, 0.25, 1}));
+    EXPECT_EQ(last, 1);
 }
 
 } // namespace

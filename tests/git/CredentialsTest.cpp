@@ -184,6 +184,31 @@ TEST(CredentialsTest, AnswersThatDoNotHelpAreSaidAndChangeNothing) {
     EXPECT_EQ(words.find("4711"), std::string::npos) << words;
 }
 
+TEST(CredentialsTest, AreAskedForWhenAnExportFetches) {
+    Clone clone;
+    auto& adapter = clone.copy.adapter();
+    clone.copy.sh("git config credential.helper '!touch ../canary; false'"); // not the user's
+    const auto exportOf = [&](const char* name) {
+        const auto file = clone.copy.at(name);
+        adapter.exportRevision(file, *adapter.findRevision(file, u"HEAD"),
+                               clone.copy.at(std::string(name) + ".out"));
+    };
+    for (const auto& provider : {giving({}), std::shared_ptr<Provider>()}) {
+        adapter.setCredentialProvider(provider);
+        EXPECT_THAT([&] { exportOf("a"); },
+                    testing::ThrowsMessage<exception::SourceControlException>(testing::AllOf(
+                        HasSubstr(provider ? "no credentials were given" : "Username"),
+                        HasSubstr("http://" + clone.host()))));
+    }
+    const auto provider = givingWhatIsRight();
+    adapter.setCredentialProvider(provider);
+    EXPECT_NO_THROW(exportOf("a"));
+    EXPECT_EQ(provider->asked.size(), 1U);
+    EXPECT_EQ(clone.leaks(), std::vector<std::string>());
+    clone.copy.sh("cmp a.out - <<E\na\nE\ntest ! -e ../canary; ! git cat-file -p HEAD:b 2>&1\n"
+                  "test -e ../canary");
+}
+
 TEST(CredentialsTest, TheUsersOwnHelperComesFirst) {
     Clone clone;
     clone.copy.sh(

@@ -1,7 +1,7 @@
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/FormatConfig.h"
 #include "quendo/git/GitAdapter.h"
-#include "quendo/git/GitHistory.h"
+#include "quendo/git/GitLog.h"
 #include "quendo/git/GitRunner.h"
 #include "quendo/git/MetadataFilter.h"
 #include "quendo/git/PorcelainRecord.h"
@@ -91,21 +91,46 @@ TEST(RepositorySpecifierTest, HoldsNoSecret) {
         EXPECT_EQ(withoutSecrets(url), expected);
 }
 
+TEST(ProgressTest, IsKnownWhenGitTellsIt) {
+    const std::pair<const char*, double> rows[] = {
+        {"Updating files:  45% (9/20)", 0.45},
+        {"Receiving objects: 100% (1/1), 2.00 MiB | 1.00 MiB/s, done.", 1},
+        {"Counting objects: 7", -1},
+        {"a hook's 50% (of it)", -1},
+        {"x: 50% (1/0)", -1},
+        {"x: 50% (3/2)", -1},
+        {"x: 50% (1", -1},
+        {"", -1}};
+    for (const auto& [line, fraction] : rows)
+        EXPECT_EQ(fractionIn(line), fraction) << line;
+}
+
 TEST(LogTest, TakesNoPartOfARecord) {
     const std::string a(40, 'a'), b(40, 'b');
     const Path root = Path::fromNative("/r"), file = Path::fromNative("/r/new");
     const auto text = a +
                       "\0\0Ada\0a@x\0"
-                      "100\0one\n\nmore\n\0\0\nM\0new\0"s +
+                      "100\0one\n\nmore\n\0\0\nR090\0old\0new\0"s +
                       b +
                       "\0\0Ada\0a@x\0"
                       "90\0\0\0"s;
-    EXPECT_EQ(parseLog(text, root, file).at(1)->date, std::chrono::system_clock::time_point(90s));
+    const auto read = [&](std::string_view printed, std::size_t step) {
+        std::string seen;
+        GitLog log(root, file, GitLog::Paths::Followed, [&](std::unique_ptr<Revision> revision) {
+            seen += toUtf8(revision->message) + " " + revision->path.toUtf8() + " " +
+                    std::to_string(revision->date.time_since_epoch() / 1s) + "\n";
+        });
+        for (std::size_t at = 0; at < printed.size(); at += step)
+            log.feed(printed.substr(at, step));
+        log.finish();
+        return seen;
+    };
+    for (const auto step : {std::size_t{1}, text.size()})
+        EXPECT_EQ(read(text, step), "one\n\nmore /r/new 100\n /r/old 90\n");
     for (const auto garbage : {"hello"sv, "hello\0"sv, "\0\0\0\0\0\0\0"sv})
-        EXPECT_THROW(parseLog(garbage, root, file), exception::ToolError);
+        EXPECT_THROW(read(garbage, 100), exception::ToolError);
     for (std::size_t length = 1; length < a.size() + 20; ++length)
-        EXPECT_THROW(parseLog(std::string_view(text).substr(0, length), root, file),
-                     exception::ToolError);
+        EXPECT_THROW(read(std::string_view(text).substr(0, length), 100), exception::ToolError);
 }
 
 TEST(NulSplitterTest, PiecesDoNotDependOnHowTheTextArrives) {

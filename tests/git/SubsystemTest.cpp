@@ -1,6 +1,7 @@
 #include "quendo/adapter/BranchInformation.h"
 #include "quendo/adapter/QueryOrigin.h"
 #include "quendo/adapter/RevisionContent.h"
+#include "quendo/adapter/RevisionHistory.h"
 #include "tests/git/Copy.h"
 #include "tests/support/TreeWatch.h"
 
@@ -198,6 +199,120 @@ TEST_F(SubsystemTest, GivesContentAsACheckoutWouldWriteIt) {
     copy.sh(R"sh(o=$(git rev-parse HEAD:a.own)
         printf "0 $o 0\ta.mine\n100644 $o 2\ta.mine\n" | git update-index --index-info)sh");
     EXPECT_THAT([&] { staged("a.mine"); }, says("is conflicted"));
+}
+
+/// "message path, " for each revision, up to `most`; then git is stopped.
+std::string historyOf(CMAdapter& adapter, const Path& path, const RevisionQuery& query = {},
+                      std::size_t most = enough) {
+    const auto& history =
+        *std::any_cast<RevisionHistory*>(adapter.getSubsystem(typeid(RevisionHistory)));
+    std::string text;
+    std::size_t count = 0;
+    history.readRevisions(path, query, [&](std::unique_ptr<Revision> revision) {
+        const auto place = revision->path.lexicallyRelative(adapter.getRootFolder());
+        text += toUtf8(revision->message) + " " + place.toUtf8() + ", ";
+        return ++count < most;
+    });
+    return text;
+}
+
+TEST_F(SubsystemTest, ReadsTheHistoryOfWhateverIsNamed) {
+    const auto of = [&](const char* name, const RevisionQuery& query = {}) {
+        return historyOf(copy.adapter(), copy.at(name), query);
+    };
+    EXPECT_EQ(of("."), "");
+    EXPECT_EQ(of("f"), "");
+    copy.sh(R"sh(c() { git add -A; git commit -qm $1; }
+        mkdir d; seq 9 > d/old; c one; git mv d/old ':new'; c two; seq 10 > ':new'; c three; rmdir d; echo 1 > d; c four
+        git config log.follow true; git config log.showSignature true)sh");
+    EXPECT_EQ(of("."), "four ., three ., two ., one ., ");
+    EXPECT_EQ(of(":new"), "three :new, two :new, one d/old, ");
+    EXPECT_EQ(of(":new", {.limit = 2}), "three :new, two :new, ");
+    EXPECT_EQ(of(":new", {.limit = 0}), "");
+    EXPECT_EQ(of(":new", {.followRenames = false}), "three :new, two :new, ");
+    EXPECT_EQ(of("d/old"), "two d/old, one d/old, ");
+    const auto third = copy.adapter().findRevision(copy.at(":new"), u"HEAD~2");
+    EXPECT_EQ(of(":new", {.from = third.get()}), "two :new, one d/old, ");
+    third->path = copy.root();
+    EXPECT_EQ(of(".", {.from = third.get(), .limit = 1}), "two ., ");
+    copy.sh("rm d; mkdir d"); // that the file d is a folder now does not matter to git
+    EXPECT_EQ(of("d"), "four d, two d, one d, ");
+    for (const char* name : {"../other", ".git/HEAD"})
+        EXPECT_THROW(of(name), exception::OperationFailedError);
+}
+
+TEST_F(SubsystemTest, ReadsNoMoreHistoryThanIsWanted) {
+    copy.sh("for i in 1 2 3; do git commit -q --allow-empty -m $i; done");
+    // It prints them and never ends; or says what it was told.
+    const OtherGit endless("log", "git \"$@\"; exec sleep 1000"),
+        limited("log", "echo $* >&2; exit 3");
+    const auto with = [&](const OtherGit& git) {
+        return GitAdapterFactory({.executable = git.path().native()})
+            .createAdapter(copy.root(), copy.interactor());
+    };
+    const auto adapter = with(endless);
+    EXPECT_EQ(historyOf(*adapter, copy.root(), {}, 2), "3 ., 2 ., ");
+    const auto read = [&](const std::function<bool()>& receive) {
+        of<RevisionHistory>(*adapter).readRevisions(copy.root(), {},
+                                                    [&](auto) { return receive(); });
+    };
+    EXPECT_THROW(read([]() -> bool { throw std::system_error(EIO, std::generic_category()); }),
+                 std::system_error);
+    EXPECT_THROW(read([&] {
+                     copy.interactor()->getTerminationTrigger().trigger();
+                     return true;
+                 }),
+                 exception::OperationCancelledError);
+    EXPECT_THAT([&] { historyOf(*with(limited), copy.root(), {.limit = 10}); },
+                testing::ThrowsMessage<exception::OperationFailedError>(HasSubstr("=10")));
+}
+
+TEST_F(SubsystemTest, FetchesForAPartialCloneWhatTheUserAskedFor) {
+    // To tell that the file was renamed, its contents have to be compared.
+    copy.sh(R"sh(rm -rf .git; git init -q ../up; cd ../up; git config uploadpack.allowFilter true
+        c() { git add -A; git commit -qm $1; }; seq 9 > old; c one; git mv old new; seq 10 > new; c two
+        seq 11 > new; c three; for to in work listed; do
+        git clone -q --filter=blob:none --no-checkout "file://$PWD" ../$to; git -C ../$to read-tree HEAD
+        done)sh");
+    const auto open = [&](const char* folder) {
+        return GitAdapterFactory().createAdapter(copy.at(folder), copy.interactor());
+    };
+    const auto missing = [&] {
+        return copy.sh("git rev-list --objects --all --missing=print | grep -c '^?' || :");
+    };
+    const auto adapter = open("."), other = open("../listed");
+    adapter->getStatus(copy.root(), true);
+    EXPECT_EQ(branch(), "main follows origin/main +0 -0");
+    const auto& contents = of<RevisionContent>(*adapter);
+    for (const bool isStaged : {false, true})
+        EXPECT_THAT(
+            [&] {
+                isStaged ? contents.getStagedContent(copy.at("new"), enough)
+                         : contents.getContent(copy.at("new"), u"HEAD", enough);
+            },
+            testing::ThrowsMessage<exception::OperationFailedError>(HasSubstr("partial clone")));
+    EXPECT_EQ(missing(), "3\n");
+
+    // A program that only the repository names is not run; the user's own is.
+    const std::string server =
+        R"sh( remote.origin.uploadpack "touch $PWD/../canary; git-upload-pack")sh";
+    copy.sh("git config" + server);
+    const auto head = adapter->findRevision(copy.at("new"), u"HEAD");
+    const auto exportHead = [&] {
+        adapter->exportRevision(copy.at("new"), *head, copy.at("exported"));
+    };
+    EXPECT_THAT(exportHead, testing::ThrowsMessage<exception::SourceControlException>(
+                                HasSubstr("sets remote.origin.uploadpack, a program")));
+    copy.sh("test ! -e ../canary; git config --global" + server);
+    EXPECT_NO_THROW(exportHead());
+    copy.sh("test -e ../canary; seq 11 | cmp - exported");
+    EXPECT_EQ(missing(), "2\n");
+
+    // Nothing is handed over twice when git is started again.
+    EXPECT_EQ(historyOf(*adapter, copy.at("new")), "three new, two new, one old, ");
+    EXPECT_EQ(missing(), "0\n");
+    const auto listed = other->listRevisions(copy.at("../listed/new"), std::nullopt);
+    EXPECT_EQ(listed.size(), 3U);
 }
 
 } // namespace
