@@ -10,11 +10,14 @@ namespace quendo::host {
 struct ExportCommand : Command {
     std::string file;
     std::string revision;
-    std::string target;
+    std::string target; ///< "-" for standard output
     bool json = false;
 
     CLI::App* describe(CLI::App& program) override;
     void run() const override;
+
+private:
+    void print() const; ///< to standard output
 };
 
 } // namespace quendo::host

@@ -38,36 +38,26 @@ std::string shortID(const Revision& revision) {
     return visibleText(isHash ? std::string_view(id).substr(0, shortLength) : id);
 }
 
-std::string humanRevisions(std::span<const std::unique_ptr<Revision>> revisions, const Path& file,
-                           const Path& root) {
-    std::string result;
-    for (const auto& revision : revisions) {
-        const std::u16string_view message = revision->message;
-        result += shortID(*revision) + "  " + formatted(revision->date, true, "%Y-%m-%d %H:%M") +
-                  "  " + visibleText(toUtf8(revision->author)) + "  " +
-                  visibleText(toUtf8(message.substr(0, message.find(u'\n'))));
-        if (revision->path != file)
-            result += "  (as " + visiblePath(pathFromRoot(revision->path, root)) + ")";
-        result += '\n';
-    }
-    return result;
+std::string humanRevision(const Revision& revision, const Path& file, const Path& root) {
+    const std::u16string_view message = revision.message;
+    auto line = shortID(revision) + "  " + formatted(revision.date, true, "%Y-%m-%d %H:%M") + "  " +
+                visibleText(toUtf8(revision.author)) + "  " +
+                visibleText(toUtf8(message.substr(0, message.find(u'\n'))));
+    if (revision.path != file)
+        line += "  (as " + visiblePath(pathFromRoot(revision.path, root)) + ")";
+    return line + "\n";
 }
 
-std::string jsonRevisions(std::span<const std::unique_ptr<Revision>> revisions, const Path& root,
-                          const std::string& system) {
-    std::string result;
-    for (const auto& revision : revisions) {
-        nlohmann::ordered_json line;
-        line["system"] = system;
-        line["id"] = toUtf8(revision->id);
-        line["author"] = toUtf8(revision->author);
-        line["email"] = toUtf8(revision->authorEmail);
-        line["date"] = formatted(revision->date, false, "%Y-%m-%dT%H:%M:%SZ");
-        line["message"] = toUtf8(revision->message);
-        putPath(line, pathFromRoot(revision->path, root));
-        result += jsonLine(line);
-    }
-    return result;
+std::string jsonRevision(const Revision& revision, const Path& root, const std::string& system) {
+    nlohmann::ordered_json line;
+    line["system"] = system;
+    line["id"] = toUtf8(revision.id);
+    line["author"] = toUtf8(revision.author);
+    line["email"] = toUtf8(revision.authorEmail);
+    line["date"] = formatted(revision.date, false, "%Y-%m-%dT%H:%M:%SZ");
+    line["message"] = toUtf8(revision.message);
+    putPath(line, pathFromRoot(revision.path, root));
+    return jsonLine(line);
 }
 
 } // namespace quendo::host

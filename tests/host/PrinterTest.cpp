@@ -119,11 +119,12 @@ TEST(RevisionPrinter, ShowsWhatIsKnown) {
         revision->path = root.child(name);
         revisions.push_back(std::move(revision));
     }
-    EXPECT_EQ(humanRevisions(revisions, root.child("new"), root),
+    EXPECT_EQ(humanRevision(*revisions[0], root.child("new"), root) +
+                  humanRevision(*revisions[1], root.child("new"), root),
               "aaaaaaaaaa  1970-01-01 00:59  Ada\\x1b  first\n"
               "aaaaaaaaaa  1970-01-01 00:59  Ada\\x1b  first  (as $'old\\xff')\n");
-    EXPECT_THAT(jsonRevisions(revisions, root, "Git"),
-                testing::EndsWith("\n{\"system\":\"Git\",\"id\":\"" + string(40, 'a') +
+    EXPECT_THAT(jsonRevision(*revisions[1], root, "Git"),
+                testing::EndsWith("{\"system\":\"Git\",\"id\":\"" + string(40, 'a') +
                                   R"(","author":"Ada\u001b","email":"ada@example.org",)"
                                   R"("date":"1969-12-31T23:59:00Z","message":"first\nsecond",)"
                                   "\"path\":\"old\xef\xbf\xbd\",\"path_hex\":\"6f6c64ff\"}\n"));

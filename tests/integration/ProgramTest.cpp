@@ -29,7 +29,6 @@ TEST_F(Program, RefusesInOneLine) {
                        {"q status /dev/null", "/dev/null is not in a working copy"},
                        {"q status " + std::string(5000, 'x'), "File name too long"},
                        {"q log ../plain/x", "../plain/x is not in a working copy"},
-                       {"q log a", "a is a folder"},
                        {"q log never", "never does not exist and has no revisions"},
                        {"q export a/file no-such-revision out", "no-such-revision"},
                        {"q export a/file HEAD a", "exists"},
@@ -139,13 +138,43 @@ TEST_F(Program, ListsTheClientsOfWorkingCopies) {
     expectRefusals(m_sandbox, {{"q clients . ../plain", "../plain is not in a working copy"}});
 }
 
-TEST_F(Program, ListsAndExportsRevisionsOfWhatIsGone) {
+TEST_F(Program, ListsAndExportsRevisions) {
     const auto log = shell("rm -r a; q log a/file");
     EXPECT_EQ(std::ranges::count(log.output, '\n'), 2) << log.output << log.errors;
     EXPECT_NE(log.output.find("Ada Tester  message2\n"), std::string::npos) << log.output;
     EXPECT_EQ(shell("q log -n 1 --json a/file | wc -l").output, "1\n");
+    EXPECT_EQ(shell("cd /; q log \"$OLDPWD\" | wc -l").output, "2\n");
+    EXPECT_EQ(shell("git init -q ../empty; cd ../empty; q log").output,
+              (m_sandbox.root() / "empty has no revisions\n").native());
     const auto exported = shell("q export a/file HEAD~1 old && cat old");
     EXPECT_EQ(exported.output + exported.errors, "1");
+    // Everything and nothing else, and nothing stays behind.
+    shell("mkdir a ../tmp; head -c 200000 /dev/urandom > a/file; ln -s 'to nowhere' a/link\n"
+          "git add a; git commit -qm message3");
+    EXPECT_EQ(shell("TMPDIR=$PWD/../tmp; export TMPDIR; q export a/file HEAD - | cmp - a/file\n"
+                    "q export a/link HEAD -; ls ../tmp")
+                  .output,
+              "to nowhere");
+    EXPECT_EQ(notRefused(shell("q export --json a/file HEAD -"), 2), "");
+    expectRefusals(m_sandbox, {{"q export a HEAD - >&2", "a is a folder"},
+                               {"q export a/none HEAD -", "does not exist in revision"}});
+}
+
+TEST_F(Program, PagesOnATerminalOnly) {
+    const auto onTerminal = [&](const std::string& pager, const std::string& options) {
+        return shell("git config core.pager 'touch ../canary; cat'; export TERM=xterm; " + pager +
+                     " script -qec \"'$0' log " + options +
+                     "\" /dev/null </dev/null | tr -d '\\r'\n" +
+                     "echo ${PIPESTATUS[0]}; ls .. | grep canary")
+            .output;
+    };
+    EXPECT_THAT(onTerminal("PAGER='sed s/^.*Tester//'", ""), "  message2\n  message1\n0\n");
+    EXPECT_THAT(onTerminal("PAGER='sed s/^.*Tester//; false'", "-n 1"), "  message2\n0\n");
+    EXPECT_THAT(onTerminal("PAGER='sleep 0'", ""), "0\n"); // it is left at once
+    for (const char* none : {"PAGER=cat", "PAGER=", "PAGER=false TERM=dumb"})
+        EXPECT_THAT(onTerminal(none, ""), HasSubstr("Tester  message1\n0\n")) << none;
+    EXPECT_THAT(onTerminal("PAGER=false", "--no-pager"), HasSubstr("Tester  message1\n0\n"));
+    EXPECT_THAT(shell("PAGER=false q log").output, HasSubstr("Tester  message1\n"));
 }
 
 } // namespace
