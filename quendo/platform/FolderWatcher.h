@@ -34,7 +34,7 @@ struct WatchHealth {
     enum class Means {
         NotWatched, ///< nothing watches it
         Polled,     ///< it is looked at from time to time: changes are told seconds later
-        Native,     ///< the system tells its changes as they happen
+        Native,     ///< the system tells its changes as they happen, or that the folder comes
     };
 
     Means means = Means::NotWatched;

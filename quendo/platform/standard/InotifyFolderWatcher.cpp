@@ -310,6 +310,7 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     std::uint32_t maskOf(const Record& record) const;
     void setHealth(Record& record, WatchHealth health);
     bool updateHealth(Record& record);
+    bool isComingTold(const Record& record) const;
     std::vector<std::shared_ptr<Record>> recordsFrom(const Path& folder) const;
 
     // The reader
@@ -550,7 +551,7 @@ std::uint32_t InotifyFolderWatcher::Impl::maskOf(const Record& record) const {
 
 void InotifyFolderWatcher::Impl::setHealth(Record& record, WatchHealth health) {
     record.health = std::move(health);
-    const bool counts = record.health.means != WatchHealth::Means::Native;
+    const bool counts = record.health.means == WatchHealth::Means::NotWatched || record.isPolled();
     if (std::exchange(record.isCounted, counts) == counts)
         return;
     if (!counts) {
@@ -565,12 +566,21 @@ void InotifyFolderWatcher::Impl::setHealth(Record& record, WatchHealth health) {
 bool InotifyFolderWatcher::Impl::updateHealth(Record& record) {
     using Means = WatchHealth::Means;
     WatchHealth health{Means::Native, {}};
-    if (record.isPolled())
+    if (record.isPolled() && !isComingTold(record))
         health = {Means::Polled, record.watch < 0 ? record.reason : remoteReason};
-    if (health == record.health)
+    const bool hasChanged = health != record.health;
+    setHealth(record, std::move(health)); // whether it is polled may have changed in any case
+    return hasChanged;
+}
+
+/// Whether nothing lies at the record's path, and events tell when a folder comes there. It is
+/// polled nevertheless, because those watches may end.
+bool InotifyFolderWatcher::Impl::isComingTold(const Record& record) const {
+    if (!record.isAwaited)
         return false;
-    setHealth(record, std::move(health));
-    return true;
+    const auto parent = records.find(record.folder.parentPath());
+    return parent != records.end() && parent->second.get() != &record &&
+           (!parent->second->isPolled() || isComingTold(*parent->second));
 }
 
 /// The records at `folder` and below it, parents first.
