@@ -37,20 +37,32 @@ std::vector<std::string_view> partsOf(std::string_view path) {
 
 using Parts = std::vector<std::string_view>;
 
+// A table is written under its name's end and then listed; "tables.list" is replaced as a whole.
+bool isRefTable(const Parts& parts, std::size_t at) {
+    return parts[at] == "reftable" &&
+           (parts.size() == at + 1 || (parts.size() == at + 2 && (parts.back() == "tables.list" ||
+                                                                  parts.back().ends_with(".ref"))));
+}
+
+bool isOfSubmodule(const Parts& parts, std::size_t at);
+
 bool isOwn(const Parts& parts, std::size_t at) {
     const auto name = parts[at];
     const std::size_t left = parts.size() - at;
     if (left == 1)
         return contains(ownFiles, name) || name.starts_with("sharedindex.") ||
-               contains(ownFolders, name) || name == "refs";
+               contains(ownFolders, name) || name == "refs" || name == "modules" ||
+               isRefTable(parts, at);
     if (name == "info")
         return left == 2 && contains(infoFiles, parts[at + 1]);
-    return contains(ownFolders, name) || name == "refs";
+    if (name == "modules")
+        return isOfSubmodule(parts, at + 1);
+    return contains(ownFolders, name) || name == "refs" || isRefTable(parts, at);
 }
 
 bool isShared(const Parts& parts, std::size_t at) {
     const auto name = parts[at];
-    if (name == "refs")
+    if (name == "refs" || isRefTable(parts, at))
         return true;
     if (name == "info")
         return parts.size() == at + 1 ||
@@ -62,6 +74,8 @@ bool isShared(const Parts& parts, std::size_t at) {
 // name is found from what it looks like.
 bool isOfSubmodule(const Parts& parts, std::size_t at) {
     for (std::size_t i = at; i < parts.size(); ++i) {
+        if (parts[i] == "modules" && i > at)
+            return i + 1 == parts.size() || isOfSubmodule(parts, i + 1);
         if (parts[i] == "objects" || parts[i] == "logs" || parts[i] == "hooks")
             return false;
         if (i > at && (isOwn(parts, i) || isShared(parts, i)))
@@ -101,6 +115,12 @@ std::function<bool(const Path&)> makeMetadataFilter(const std::string& commonDir
             return false;
         return parts.size() <= ownParts.size() || isOwn(parts, ownParts.size());
     };
+}
+
+bool isRelevantMetadata(std::string_view relative) {
+    const auto parts = partsOf(relative);
+    return !parts.empty() && !relative.ends_with(".lock") &&
+           (isShared(parts, 0) || isOwn(parts, 0));
 }
 
 } // namespace quendo::git

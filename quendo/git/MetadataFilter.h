@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace quendo {
 class Path;
@@ -16,5 +17,9 @@ namespace quendo::git {
 /// @param gitDir the working copy's own metadata folder, in `commonDir` or equal to it
 std::function<bool(const Path&)> makeMetadataFilter(const std::string& commonDir,
                                                     const std::string& gitDir);
+
+/// The same for a path relative to the metadata folder of one working copy that shares it with no
+/// other.
+bool isRelevantMetadata(std::string_view relative);
 
 } // namespace quendo::git

@@ -64,16 +64,22 @@ TEST(MetadataFilterTest, LetsThroughWhatChangesStates) {
     };
     expect(true, true,
            {"", "/config", "/packed-refs", "/refs", "/refs/heads/a/b", "/info", "/info/exclude",
-            "/modules", "/modules/a/b", "/modules/a/HEAD", "/modules/a/b/index"});
+            "/modules", "/modules/a/b", "/modules/a/HEAD", "/modules/a/b/index",
+            "/modules/a/modules/b/index", "/reftable", "/reftable/tables.list",
+            "/reftable/0x01-0x02-ab.ref"});
     expect(true, false,
            {"/HEAD", "/index", "/sharedindex.00ff", "/config.worktree", "/MERGE_HEAD",
             "/CHERRY_PICK_HEAD", "/rebase-merge", "/rebase-merge/done", "/BISECT_LOG"});
-    expect(false, true, {"/worktrees", "/worktrees/w", "/worktrees/w/HEAD", "/worktrees/w/index"});
+    expect(false, true,
+           {"/worktrees", "/worktrees/w", "/worktrees/w/HEAD", "/worktrees/w/index",
+            "/worktrees/w/modules", "/worktrees/w/modules/a/b/HEAD",
+            "/worktrees/w/reftable/tables.list"});
     expect(false, false,
            {"/index.lock", "/config.lock", "/refs/heads/a.lock", "/info/refs", "/objects",
             "/objects/ab/cd", "/logs/HEAD", "/hooks/pre-commit", "/COMMIT_EDITMSG", "/FETCH_HEAD",
             "/worktrees/w/logs/HEAD", "/worktrees/other/index", "/modules/a/index.lock",
-            "/modules/a/objects", "/modules/a/logs/HEAD"});
+            "/modules/a/objects", "/modules/a/logs/HEAD", "/reftable/tables.list.lock",
+            "/reftable/0x01-0x02-ab.log", "/worktrees/other/modules/a/HEAD"});
     EXPECT_FALSE(main(Path::fromNative("/r/HEAD")));
     EXPECT_FALSE(main(Path::fromNative("/r/.github/HEAD")));
 }
