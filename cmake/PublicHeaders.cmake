@@ -21,6 +21,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/adapter/RevisionContent.h
     quendo/adapter/RevisionHistory.h
     quendo/adapter/SingleThreadedCMAdapter.h
+    quendo/adapter/StateDependencies.h
     quendo/adapter/SupportedFeature.h
     quendo/adapter/UserInfo.h
     quendo/cache/BranchStateCache.h

@@ -5,6 +5,7 @@
 #include "quendo/adapter/IgnoreRuleEditor.h"
 #include "quendo/adapter/RevisionContent.h"
 #include "quendo/adapter/RevisionHistory.h"
+#include "quendo/adapter/StateDependencies.h"
 #include "quendo/exception/AdapterErrors.h"
 
 namespace quendo {
@@ -16,6 +17,7 @@ IgnoreRuleEditor::~IgnoreRuleEditor() = default;
 Revision::~Revision() = default;
 RevisionContent::~RevisionContent() = default;
 RevisionHistory::~RevisionHistory() = default;
+StateDependencies::~StateDependencies() = default;
 
 void CMAdapter::ignoreFile(const Path& file) {
     throw exception::NotAvailableError(

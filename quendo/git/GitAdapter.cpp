@@ -48,13 +48,30 @@ std::string withoutComments(const std::string& text, const std::string& commentS
 
 GitAdapter::GitAdapter(std::shared_ptr<GitTool> tool, Repository repository,
                        std::shared_ptr<CMApplicationInteractor> interactor)
-    : m_tool(std::move(tool)), m_repository(std::move(repository)),
-      m_interactor(std::move(interactor)) {}
+    : m_tool(std::move(tool)), m_interactor(std::move(interactor)), m_root(repository.rootPath()),
+      m_repository(std::make_shared<const Repository>(std::move(repository))),
+      m_dependencies(GitAdapter::getMetadataFolder()) {}
+
+// git finds the metadata anew at each start, so they may have moved.
+std::shared_ptr<const Repository> GitAdapter::repository() const {
+    const std::lock_guard lock(m_lock);
+    if (!m_repository->isCurrent()) {
+        try {
+            auto now = Repository::open(Path::fromNative(m_repository->folder()));
+            if (now.root() == m_repository->root())
+                m_repository = std::make_shared<const Repository>(std::move(now));
+        } catch (const exception::SourceControlException&) {
+            // git says in its answer what is wrong
+        }
+    }
+    return m_repository;
+}
 
 template <class Work>
 auto GitAdapter::withGit(Work&& work) const {
     const Cancellation cancellation(m_interactor.get());
-    GitRunner git(*m_tool, m_repository, cancellation);
+    const auto repository = this->repository();
+    GitRunner git(*m_tool, *repository, cancellation);
     return work(git);
 }
 
@@ -95,7 +112,8 @@ auto GitAdapter::withProgress(const UString& message, Work&& work) const {
     const Cancellation cancellation(m_interactor.get());
     // git says nothing of how far it is.
     const auto goOn = [&] { report(message, ProgressIndicator::unknown); };
-    GitRunner git(*m_tool, m_repository, cancellation, goOn);
+    const auto repository = this->repository();
+    GitRunner git(*m_tool, *repository, cancellation, goOn);
     goOn();
     auto result = work(git);
     report(message, 1);
@@ -122,11 +140,12 @@ void GitAdapter::act(const UString& message, Work&& work) const {
         m_isActing = false;
         m_hasActed.notify_one();
     });
-    m_repository.checkMetadataFiles();
+    const auto repository = this->repository();
+    repository->checkMetadataFiles();
     const auto goOn = [&] { report(message, ProgressIndicator::unknown); };
-    GitRunner reader(*m_tool, m_repository, cancellation, goOn);
+    GitRunner reader(*m_tool, *repository, cancellation, goOn);
     GitActor actor(
-        *m_tool, m_repository, cancellation,
+        *m_tool, *repository, cancellation,
         [&](std::string_view line) { report(toUString(line), fractionIn(line)); },
         [&] {
             const std::lock_guard lock(m_lock);
@@ -162,8 +181,9 @@ UserInfo GitAdapter::getUserInfo() const {
 }
 
 MetadataFolder GitAdapter::getMetadataFolder() const {
-    return {Path::fromNative(m_repository.commonDir()),
-            makeMetadataFilter(m_repository.commonDir(), m_repository.gitDir())};
+    const auto repository = this->repository();
+    return {Path::fromNative(repository->commonDir()),
+            makeMetadataFilter(repository->commonDir(), repository->gitDir())};
 }
 
 std::vector<UString> GitAdapter::getMetadataFiles() const {
@@ -289,7 +309,7 @@ ConflictRevisions GitAdapter::getConflictRevisions(const Path& file) const {
 }
 
 Path GitAdapter::getRootFolder() const {
-    return m_repository.rootPath();
+    return m_root;
 }
 
 std::vector<UString> GitAdapter::getForbiddenFileNames() const {
@@ -316,7 +336,7 @@ UString GitAdapter::getRepositorySpecifier(const Path&) const {
             });
         std::string name = "origin";
         constexpr std::string_view branches = "refs/heads/";
-        if (const auto head = m_repository.headReference(); head && head->starts_with(branches))
+        if (const auto head = git.repository().headReference(); head && head->starts_with(branches))
             if (const auto found = ofBranch.find(head->substr(branches.size()));
                 found != ofBranch.end() && remotes.contains(found->second))
                 name = found->second;
@@ -324,7 +344,7 @@ UString GitAdapter::getRepositorySpecifier(const Path&) const {
         if (remote == remotes.end() && remotes.size() == 1)
             remote = remotes.begin();
         if (remote == remotes.end())
-            return UString(m_repository.rootPath().string());
+            return UString(m_root.string());
         return toUString(withoutSecrets(remote->second));
     });
 }
@@ -337,14 +357,14 @@ UString GitAdapter::getInitialCheckinMessage() const {
             git.read({.arguments = {"config", "--get", "core.commentChar"}}, noneFound));
         const std::string start = comment.empty() || comment == "auto" ? "#" : comment;
         for (const char* name : {"MERGE_MSG", "SQUASH_MSG"})
-            if (const auto text = readSmallFile(m_repository.gitDir() + "/" + name, limit))
+            if (const auto text = readSmallFile(git.repository().gitDir() + "/" + name, limit))
                 return toUString(withoutComments(*text, start));
         auto file = withoutLineEnds(git.read(
             {.arguments = {"config", "--type=path", "--get", "commit.template"}}, noneFound));
         if (file.empty())
             return UString();
         if (file.front() != '/')
-            file = m_repository.root() + "/" + file;
+            file = git.repository().root() + "/" + file;
         return toUString(withoutComments(readSmallFile(file, limit).value_or(""), start));
     });
 }
@@ -358,6 +378,8 @@ std::any GitAdapter::getSubsystem(const std::type_info& type) {
         return static_cast<RevisionContent*>(this);
     if (isSameType(type, typeid(RevisionHistory)))
         return static_cast<RevisionHistory*>(this);
+    if (isSameType(type, typeid(StateDependencies)))
+        return static_cast<StateDependencies*>(this);
     return {};
 }
 
@@ -407,6 +429,13 @@ void GitAdapter::readRevisions(
     });
     if (failure)
         std::rethrow_exception(failure);
+}
+
+std::vector<StateDependency>
+GitAdapter::getStateDependencies(const std::vector<Path>& nested,
+                                 const std::vector<Path>& changed) const {
+    const std::lock_guard lock(m_dependenciesLock);
+    return withGit([&](GitRunner& git) { return m_dependencies.find(git, nested, changed); });
 }
 
 void GitAdapter::setCredentialProvider(std::weak_ptr<CredentialProvider> provider) {

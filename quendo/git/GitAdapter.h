@@ -6,6 +6,8 @@
 #include "quendo/adapter/IgnoreRuleEditor.h"
 #include "quendo/adapter/RevisionContent.h"
 #include "quendo/adapter/RevisionHistory.h"
+#include "quendo/adapter/StateDependencies.h"
+#include "quendo/git/GitDependencies.h"
 #include "quendo/git/Repository.h"
 
 #include <condition_variable>
@@ -25,7 +27,8 @@ class GitAdapter final : public CMAdapter,
                          public BranchInformation,
                          public IgnoreRuleEditor,
                          public RevisionContent,
-                         public RevisionHistory {
+                         public RevisionHistory,
+                         public StateDependencies {
 public:
     GitAdapter(std::shared_ptr<GitTool> tool, Repository repository,
                std::shared_ptr<CMApplicationInteractor> interactor);
@@ -71,8 +74,12 @@ public:
     void
     readRevisions(const Path& path, const RevisionQuery& query,
                   const std::function<bool(std::unique_ptr<Revision>)>& receive) const override;
+    std::vector<StateDependency>
+    getStateDependencies(const std::vector<Path>& nested,
+                         const std::vector<Path>& changed) const override;
 
 private:
+    std::shared_ptr<const Repository> repository() const;
     template <class Work>
     auto withGit(Work&& work) const;
     template <class Work>
@@ -84,12 +91,15 @@ private:
     void act(const UString& message, Work&& work) const;
 
     const std::shared_ptr<GitTool> m_tool;
-    const Repository m_repository;
     const std::shared_ptr<CMApplicationInteractor> m_interactor;
+    const Path m_root;
     mutable std::mutex m_lock;
+    mutable std::shared_ptr<const Repository> m_repository; ///< guarded by m_lock
     mutable bool m_isActing = false; ///< an operation changes something; guarded by m_lock
     mutable std::condition_variable m_hasActed;
     std::weak_ptr<CredentialProvider> m_credentialProvider; ///< guarded by m_lock
+    mutable std::mutex m_dependenciesLock;
+    mutable GitDependencies m_dependencies; ///< guarded by m_dependenciesLock
 };
 
 /// `url` without what may be a secret: the password of any, the user too where a token often stands

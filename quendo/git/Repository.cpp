@@ -104,6 +104,16 @@ RepositoryStamp::File stampOf(const std::string& file) {
     return {status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
 }
 
+// A folder changes its time and size with what it holds.
+RepositoryStamp::File stampOfMarker(const std::string& metadata) {
+    struct stat status;
+    if (::lstat(metadata.c_str(), &status) != 0)
+        return {};
+    if (S_ISDIR(status.st_mode))
+        return {status.st_ino, 0, 0, 0};
+    return {status.st_ino, status.st_size, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
+}
+
 } // namespace
 
 bool Repository::isAt(const Path& folder) {
@@ -122,6 +132,7 @@ Repository Repository::open(const Path& folder) {
     repository.m_folder = *place;
     const std::string metadata = join(*place, ".git");
     const std::string name = shown(metadata);
+    repository.m_marker = stampOfMarker(metadata);
 
     struct stat status;
     if (::stat(metadata.c_str(), &status) != 0)
@@ -217,6 +228,10 @@ void Repository::readFormat() {
                                                 " is a bare repository (core.bare in " +
                                                 shown(file) + "): it has no working copy");
     }
+}
+
+bool Repository::isCurrent() const {
+    return m_marker == stampOfMarker(join(m_folder, ".git"));
 }
 
 void Repository::checkMetadataFiles() const {

@@ -52,6 +52,10 @@ public:
     /// format is not one that every supported git knows.
     bool needsGitsOpinion() const noexcept { return m_needsGitsOpinion; }
 
+    /// False once ".git" is another folder or file, or has another content, than when this was
+    /// opened.
+    bool isCurrent() const;
+
     /// Looks at the files that git opens first. git waits for ever on a FIFO and reads a device
     /// until memory ends, so anything but a regular file of a sane size is refused here.
     /// @throws exception::DamagedRepositoryError naming the file.
@@ -83,6 +87,7 @@ private:
     std::string m_gitDir;
     std::string m_commonDir;
     bool m_needsGitsOpinion = false;
+    RepositoryStamp::File m_marker; ///< of ".git", a link not followed
 };
 
 } // namespace quendo::git

@@ -1,0 +1,388 @@
+#include "quendo/git/GitDependencies.h"
+
+#include "quendo/exception/AdapterErrors.h"
+#include "quendo/git/GitRunner.h"
+#include "quendo/git/GitText.h"
+#include "quendo/git/MetadataFilter.h"
+#include "quendo/git/Repository.h"
+#include "quendo/git/SmallFile.h"
+#include "quendo/platform/Logging.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+#include <sys/stat.h>
+
+namespace quendo::git {
+namespace {
+
+constexpr std::size_t mostNested = 5'000;
+constexpr int mostInside = 1'000; // submodules of one submodule
+constexpr std::size_t mostPathspecs = 64;
+constexpr std::size_t pointerLimit = 64 * 1024;
+
+std::string join(const std::string& folder, const std::string& path) {
+    return path.starts_with('/') ? path : folder + "/" + path;
+}
+
+std::string parentOf(const std::string& path) {
+    const auto slash = path.rfind('/');
+    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
+std::string canonical(const std::string& path) {
+    const std::unique_ptr<char, void (*)(void*)> resolved(::realpath(path.c_str(), nullptr),
+                                                          std::free);
+    return resolved ? resolved.get() : path;
+}
+
+bool isFolder(const std::string& path) {
+    struct stat status;
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+std::string variable(const char* name, const std::string& otherwise) {
+    const char* value = std::getenv(name);
+    return value != nullptr && *value != '\0' ? value : otherwise;
+}
+
+/// Where the metadata of a working copy are; empty when it has none.
+std::string gitDirOf(const std::string& folder) {
+    const auto metadata = folder + "/.git";
+    if (isFolder(metadata))
+        return canonical(metadata);
+    const auto content = readSmallFile(metadata, pointerLimit);
+    return content && content->starts_with("gitdir: ")
+               ? canonical(join(folder, withoutLineEnds(content->substr(8))))
+               : "";
+}
+
+std::string commonDirOf(const std::string& gitDir) {
+    const auto common = readSmallFile(gitDir + "/commondir", pointerLimit);
+    return common ? canonical(join(gitDir, withoutLineEnds(*common))) : gitDir;
+}
+
+/// What makes git take a folder for a repository.
+bool isMarker(std::string_view inMetadata) {
+    return inMetadata == "HEAD" || inMetadata == "refs" || inMetadata == "objects" ||
+           inMetadata == "config" || inMetadata == "commondir";
+}
+
+/// Whether `relative` or a folder above it is one of `folders`.
+bool isIn(const std::set<std::string>& folders, std::string_view relative) {
+    for (auto end = relative.find('/');; end = relative.find('/', end + 1)) {
+        if (folders.contains(std::string(relative.substr(0, end))))
+            return true;
+        if (end == std::string_view::npos)
+            return false;
+    }
+}
+
+/// "…/.git/rest" of a path in a nested working copy or in one nested in that.
+std::size_t findMetadata(std::string_view relative) {
+    constexpr std::string_view name = ".git";
+    for (auto at = relative.find(name); at != std::string_view::npos;
+         at = relative.find(name, at + 1)) {
+        const auto end = at + name.size();
+        if ((at == 0 || relative[at - 1] == '/') &&
+            (end == relative.size() || relative[end] == '/'))
+            return at;
+    }
+    return std::string_view::npos;
+}
+
+StateDependency onFiles(const std::string& folder, std::set<Path> files, const Path& root) {
+    std::string name = "files";
+    for (const auto& file : files)
+        name += '\0' + file.toNative();
+    return {Path::fromNative(folder),
+            [files = std::move(files)](const Path& path) { return files.contains(path); },
+            std::move(name),
+            {root}};
+}
+
+} // namespace
+
+GitDependencies::Stamp GitDependencies::stampOf(const std::string& file) {
+    struct stat status;
+    if (::stat(file.c_str(), &status) != 0)
+        return {file, {}};
+    return {file,
+            {static_cast<long long>(status.st_ino), status.st_size, status.st_ctim.tv_sec,
+             status.st_ctim.tv_nsec}};
+}
+
+// Which files git reads beside .git/config follows from the settings that it has read: an origin of
+// a setting, what an include names (conditions are not looked at: to follow a file too many is
+// harmless), and the two settings that name rules.
+void GitDependencies::readConfiguration(GitRunner& git) {
+    if (!m_configStamps.empty() && std::ranges::all_of(m_configStamps, [](const Stamp& stamp) {
+            return stampOf(stamp.first) == stamp;
+        }))
+        return;
+    const auto& repository = git.repository();
+    const auto home = variable("HOME", "/");
+    const auto userFolder = variable("XDG_CONFIG_HOME", home + "/.config") + "/git";
+    std::set<std::string> files{repository.commonDir() + "/config",
+                                repository.gitDir() + "/config.worktree",
+                                variable("GIT_CONFIG_GLOBAL", home + "/.gitconfig"),
+                                userFolder + "/config",
+                                userFolder + "/ignore",
+                                userFolder + "/attributes",
+                                variable("GIT_CONFIG_SYSTEM", "/etc/gitconfig")};
+    std::vector<Stamp> stamps;
+    for (const auto& file : files)
+        stamps.push_back(stampOf(file)); // before it is read
+    m_ignoreByName.clear();
+    m_ignoreByDefault.clear();
+    std::string origin;
+    bool isOrigin = true;
+    NulSplitter("config").feed(
+        git.read({.arguments = {"config", "-z", "--show-origin", "--list"}}),
+        [&](std::string_view part) {
+            if (std::exchange(isOrigin, !isOrigin)) {
+                origin.clear();
+                if (part.starts_with("file:") &&
+                    files.insert(origin = join(repository.folder(), std::string(part.substr(5))))
+                        .second)
+                    stamps.push_back(stampOf(origin));
+                return;
+            }
+            const auto keyEnd = part.find('\n');
+            if (keyEnd == std::string_view::npos)
+                return;
+            const auto key = part.substr(0, keyEnd);
+            std::string value(part.substr(keyEnd + 1));
+            if (key == "diff.ignoresubmodules")
+                m_ignoreByDefault = value;
+            else if (key.starts_with("submodule.") && key.ends_with(".ignore"))
+                m_ignoreByName[std::string(key.substr(10, key.size() - 17))] = value;
+            if (value.starts_with("~/"))
+                value = home + value.substr(1);
+            const bool isInclude =
+                key == "include.path" || (key.starts_with("includeif.") && key.ends_with(".path"));
+            if (value.empty() || value.starts_with('~') ||
+                !(isInclude || key == "core.excludesfile" || key == "core.attributesfile"))
+                return;
+            const auto file =
+                join(isInclude && !origin.empty() ? parentOf(origin) : repository.root(), value);
+            if (files.insert(file).second)
+                stamps.push_back(stampOf(file));
+        });
+    m_configFiles = std::move(files);
+    m_configStamps = std::move(stamps);
+}
+
+void GitDependencies::addConfiguration(GitRunner& git, std::vector<StateDependency>& found) const {
+    std::map<std::string, std::set<Path>> byFolder;
+    for (const auto& named : m_configFiles) {
+        // The file itself as well as the link that leads there.
+        const auto normal = Path::fromNative(named).lexicallyNormal();
+        for (const auto& file : {Path::fromNative(canonical(parentOf(normal.toNative())))
+                                     .child(normal.fileName().toNative()),
+                                 Path::fromNative(canonical(named))}) {
+            const auto folder = parentOf(file.toNative());
+            if (!(file.isBelow(m_metadata.folder) && m_metadata.filter(file)) && isFolder(folder))
+                byFolder[folder].insert(file);
+        }
+    }
+    for (auto& [folder, files] : byFolder)
+        found.push_back(onFiles(folder, std::move(files), git.repository().rootPath()));
+}
+
+/// The metadata of `folder`, unless they are followed already: those that lie in a nested working
+/// copy are followed with it.
+void GitDependencies::addMetadata(GitRunner& git, const std::string& folder,
+                                  const std::string& gitDir,
+                                  std::vector<StateDependency>& found) const {
+    const auto head = Path::fromNative(gitDir + "/HEAD");
+    const bool isRoot = folder == git.repository().folder();
+    if (gitDir.empty() || (!isRoot && gitDir == folder + "/.git") || !isFolder(gitDir) ||
+        (head.isBelow(m_metadata.folder) && m_metadata.filter(head)))
+        return;
+    const auto common = commonDirOf(gitDir);
+    found.push_back({Path::fromNative(common),
+                     makeMetadataFilter(common, gitDir),
+                     "metadata " + gitDir,
+                     {isRoot ? git.repository().rootPath() : Path::fromNative(folder)}});
+}
+
+void GitDependencies::readLinks(GitRunner& git, const std::vector<std::string>& nested) {
+    const auto& repository = git.repository();
+    std::pair key(stampOf(repository.gitDir() + "/index"), nested);
+    if (key == m_linksKey)
+        return;
+    GitRun run{.arguments = {"ls-files", "-z", "-s", "--full-name", "--"}};
+    if (nested.size() <= mostPathspecs)
+        for (const auto& one : nested)
+            run.arguments.push_back(repository.root() + "/" + one);
+    std::set<std::string> links;
+    NulSplitter splitter("ls-files");
+    run.consume = [&](std::string_view text) {
+        splitter.feed(text, [&](std::string_view record) {
+            if (record.starts_with("160000"))
+                links.emplace(record.substr(std::min(record.find('\t'), record.size() - 1) + 1));
+        });
+    };
+    if (!nested.empty() && git.run({run}).front().exitCode != 0)
+        return; // a status query says what is wrong
+    m_links = std::move(links);
+    m_linksKey = std::move(key);
+}
+
+// What git does not look into, in the working copy at `folder` and those nested in it.
+std::set<std::string> GitDependencies::ignoredFolders(GitRunner& git, const std::string& folder,
+                                                      const std::string& prefix, int& budget) {
+    std::set<std::string> ignored;
+    const auto ask = [&](std::vector<std::string> arguments, std::string input = {}) {
+        std::string output;
+        GitRun run{.arguments = std::move(arguments),
+                   .input = std::move(input),
+                   .folder = folder,
+                   .asSubmodule = true,
+                   .keepMetadata = true,
+                   .literalPathspecs = false};
+        run.consume = [&](std::string_view text) { output += text; };
+        return git.run({run}).front().exitCode == 0 ? output : "";
+    };
+    // One whose configuration leads elsewhere is not asked about, see GitStatus.
+    if (ask({"rev-parse", "--show-toplevel"}) != canonical(folder) + "\n")
+        return ignored;
+    // This names a folder also when it only holds ignored files, in which a new file need not be.
+    std::string folders;
+    NulSplitter("ls-files")
+        .feed(ask({"ls-files", "-z", "-o", "-i", "--exclude-standard", "--directory"}),
+              [&](std::string_view path) {
+                  if (path.ends_with('/'))
+                      folders += "./" + std::string(path.substr(0, path.size() - 1)) + '\0';
+              });
+    if (!folders.empty())
+        NulSplitter("check-ignore")
+            .feed(ask({"check-ignore", "-z", "--stdin"}, std::move(folders)),
+                  [&](std::string_view path) {
+                      ignored.insert(prefix + std::string(path.substr(2)));
+                  });
+    if (!stampOf(folder + "/.gitmodules").second.empty())
+        NulSplitter("ls-files").feed(ask({"ls-files", "-z", "-s"}), [&](std::string_view record) {
+            const auto tab = record.find('\t');
+            if (!record.starts_with("160000") || tab == std::string_view::npos || --budget < 0)
+                return;
+            const std::string inner(record.substr(tab + 1));
+            if (!gitDirOf(folder + "/" + inner).empty())
+                ignored.merge(
+                    ignoredFolders(git, folder + "/" + inner, prefix + inner + "/", budget));
+        });
+    return ignored;
+}
+
+// A nested repository is one entry, whatever lies in it, for as long as it is one. A submodule's
+// entry says what differs inside.
+void GitDependencies::addNested(GitRunner& git, const Path& folder, const std::string& relative,
+                                bool isLink, std::vector<StateDependency>& found) {
+    const auto native = folder.toNative();
+    const auto gitDir = gitDirOf(native);
+    auto depth = Depth::Marker;
+    std::set<std::string> ignored;
+    if (isLink && !gitDir.empty()) {
+        auto ignore = m_ignoreByDefault;
+        if (const auto module = m_modules.find(relative); module != m_modules.end()) {
+            const auto& [name, setting] = module->second;
+            const auto own = m_ignoreByName.find(name);
+            if (own != m_ignoreByName.end() || !setting.empty())
+                ignore = own != m_ignoreByName.end() ? own->second : setting;
+        }
+        depth = ignore == "all" ? Depth::Marker : ignore == "dirty" ? Depth::Metadata : Depth::All;
+        if (depth != Depth::Marker)
+            addMetadata(git, native, gitDir, found);
+    } else if (!gitDir.empty() && gitDir != native + "/.git" && isFolder(gitDir)) {
+        found.push_back({Path::fromNative(gitDir),
+                         [at = Path::fromNative(gitDir)](const Path& path) {
+                             return path == at || (path.parentPath() == at &&
+                                                   isMarker(path.fileName().toNative()));
+                         },
+                         "marker",
+                         {folder}});
+    }
+    std::string name = "nested " + std::to_string(static_cast<int>(depth));
+    if (depth == Depth::All) {
+        int budget = mostInside;
+        auto known = m_ignored.find(relative);
+        if (known == m_ignored.end())
+            known = m_ignored.emplace(relative, ignoredFolders(git, native, "", budget)).first;
+        ignored = known->second;
+    }
+    for (const auto& one : ignored)
+        name += '\0' + one;
+    found.push_back({folder,
+                     [folder, depth, ignored = std::move(ignored)](const Path& path) {
+                         if (path == folder)
+                             return true;
+                         const auto inside = path.lexicallyRelative(folder).toNative();
+                         const auto at = findMetadata(inside);
+                         if (at == std::string::npos)
+                             return depth == Depth::All && !isIn(ignored, inside);
+                         if (at != 0 && (depth != Depth::All || isIn(ignored, inside)))
+                             return false;
+                         const auto rest = std::min(at + 5, inside.size());
+                         const auto metadata = std::string_view(inside).substr(rest);
+                         return metadata.empty() ||
+                                (depth == Depth::Marker ? isMarker(metadata)
+                                                        : isRelevantMetadata(metadata));
+                     },
+                     std::move(name),
+                     {folder}});
+}
+
+std::vector<StateDependency> GitDependencies::find(GitRunner& git, const std::vector<Path>& nested,
+                                                   const std::vector<Path>& changed) {
+    const auto& repository = git.repository();
+    repository.checkMetadataFiles();
+    std::vector<StateDependency> found;
+    readConfiguration(git);
+    addConfiguration(git, found);
+    addMetadata(git, repository.folder(), repository.gitDir(), found);
+
+    std::vector<std::string> relative;
+    for (const auto& path : nested)
+        if (const auto inside = repository.relative(path); inside && !inside->empty())
+            relative.push_back(*inside);
+    if (relative.size() > mostNested) {
+        QUENDO_LOG(Severity::Notice)
+            << repository.rootPath() << " has " << relative.size()
+            << " nested working copies; changes in all but " << mostNested << " are not followed";
+        relative.resize(mostNested);
+    }
+    for (const auto& path : changed)
+        if (const auto inside = repository.relative(path))
+            m_ignored.erase(*inside);
+    readLinks(git, relative);
+    if (const auto file = repository.root() + "/.gitmodules"; stampOf(file) != m_modulesStamp) {
+        m_modulesStamp = stampOf(file);
+        std::map<std::string, std::pair<std::string, std::string>> byName; // path, ignore
+        GitRun run{.arguments = {"config", "-z", "--file", file, "--get-regexp",
+                                 "^submodule\\..*\\.(path|ignore)$"}};
+        NulSplitter splitter("config");
+        run.consume = [&](std::string_view text) {
+            splitter.feed(text, [&](std::string_view record) {
+                const auto keyEnd = std::min(record.find('\n'), record.size() - 1);
+                const auto key = record.substr(10, keyEnd - 10);
+                auto& module = byName[std::string(key.substr(0, key.rfind('.')))];
+                (key.ends_with(".path") ? module.first : module.second) = record.substr(keyEnd + 1);
+            });
+        };
+        if (!m_modulesStamp.second.empty())
+            git.run({run});
+        m_modules.clear();
+        for (auto& [name, module] : byName)
+            m_modules[module.first] = {name, module.second};
+    }
+    for (const auto& one : relative)
+        addNested(git, repository.rootPath().child(one), one, m_links.contains(one), found);
+    std::erase_if(m_ignored, [&](const auto& entry) {
+        return std::ranges::find(relative, entry.first) == relative.end();
+    });
+    return found;
+}
+
+} // namespace quendo::git
