@@ -99,6 +99,7 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/adapter/TriggerableTerminator.h
     quendo/cache/CacheBarrier.h
     quendo/cache/CacheUpdateJob.h
+    quendo/cache/DependencyWatches.h
     quendo/cache/FileCacheUpdateJob.h
     quendo/cache/FolderCacheUpdateJob.h
     quendo/cache/JobQueingCacheUpdater.h

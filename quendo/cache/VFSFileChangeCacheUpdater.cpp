@@ -5,6 +5,7 @@
 #include "quendo/cache/CMStatusCacheChanges.h"
 #include "quendo/cache/CMStatusCacheFolders.h"
 #include "quendo/cache/CMStatusCacheFreshness.h"
+#include "quendo/cache/DependencyWatches.h"
 #include "quendo/platform/ChangeEventsSubscriptionException.h"
 #include "quendo/platform/EventMgr.h"
 #include "quendo/platform/Executor.h"
@@ -80,6 +81,14 @@
 // where what the cache holds of them does not fit what it holds below them. Only a change leads to
 // such a question, and only to one further up: an answer that still does not fit ends it. And a
 // file below which something is cached, as it takes a folder's place, is asked for with that.
+//
+// Nested working copies. A folder that the adapter answers with one entry, because it is another
+// working copy, is left to DependencyWatches, where the adapter offers StateDependencies. What lies
+// in it is neither watched nor queried here; of a file there the adapter would say that it belongs
+// to somebody else, and a fresh query would not list it. Such an answer is taken back by a refresh
+// of the nested folder. Where a folder gains or loses a forbidden name (".git"), it may have become
+// a nested working copy or ceased to be one: it is refreshed, and named to DependencyWatches,
+// because the new metadata may be incomplete yet. In the root, everything is refreshed.
 //
 // Bursts. Requests for folders join one that waits already (CMStatusCacheFreshness), but two that
 // lie beside each other are two queries, and a query of much costs little more than one of a
@@ -169,6 +178,7 @@ struct CacheUpdateInfo {
     std::shared_ptr<CMStatusCache> cache;
     std::atomic<bool> enabled{true};
     std::atomic<bool> hasLost{false};          ///< an event
+    std::atomic<bool> leavesNested{false};     ///< to DependencyWatches
     std::atomic<bool> hasMissedFolders{false}; ///< new folders may have no watch: see Suspensions
     std::atomic<Clock::time_point> enabledAt{Clock::time_point::min() +
                                              tick}; ///< by the last guard
@@ -290,14 +300,56 @@ struct CacheUpdateInfo {
     /// whole. A folder in which all is ignored, each by itself, has entries.
     bool isOneEntry(const Path& path) const {
         const auto state = cache->getCachedStatus(path);
-        return state && (state->getState() == LocalStatus::External ||
+        return state && (isNested(*state) || state->getState() == LocalStatus::External ||
                          (state->getState() == LocalStatus::Ignored && !holdsBelow(path)));
     }
 
-    /// Whether `path` is such an entry or lies in one that is ignored.
+    /// Whether `path` is such an entry or lies in one.
     bool isInOneEntry(const Path& path) const {
         const auto around = ignoredAround(path);
-        return isOneEntry(path) || (!around.empty() && isOneEntry(around));
+        return isOneEntry(path) || (!around.empty() && isOneEntry(around)) || isInNested(path);
+    }
+
+    /// Whether an entry stands for a nested working copy: that is the only folder that can be
+    /// modified, added or refused.
+    bool isNested(const FileState& state) const {
+        if (!leavesNested || !state.isFolder())
+            return false;
+        switch (state.getState()) {
+        case LocalStatus::NotUnderSourceControl:
+        case LocalStatus::Unmodified:
+        case LocalStatus::Ignored:
+            return false;
+        case LocalStatus::Unknown:
+            return state.findProperty(property::refused) != nullptr;
+        default:
+            return true;
+        }
+    }
+
+    bool isInNested(const Path& path) const {
+        for (Path folder = path.parentPath(); folder.isBelow(root); folder = folder.parentPath()) {
+            const auto state = cache->getCachedStatus(folder);
+            if (state && isNested(*state))
+                return true;
+        }
+        return false;
+    }
+
+    bool hasForbidden(const Path& folder) const {
+        struct stat status;
+        return std::ranges::any_of(forbiddenNames, [&](const UString& name) {
+            return ::lstat((folder / name).toNative().c_str(), &status) == 0;
+        });
+    }
+
+    /// The outermost folder around `path` that holds a forbidden name, or empty.
+    Path nestedAround(const Path& path) const {
+        Path result;
+        for (Path folder = path.parentPath(); folder.isBelow(root); folder = folder.parentPath())
+            if (hasForbidden(folder))
+                result = folder;
+        return result;
     }
 
     /// The innermost folder around `path` that the cache holds as ignored, or empty.
@@ -383,8 +435,40 @@ public:
         for (const auto& folder : watched)
             remove(folder);
         m_bareWatches.clear();
+        if (m_dependencies != nullptr)
+            m_dependencies->stop();
         m_changesConnection.disconnect();
         m_finishedConnection.disconnect();
+    }
+
+    void follow(std::shared_ptr<StateDependencies> dependencies) {
+        const auto hold = m_lock.write();
+        if (m_stopped || m_info->folders == nullptr || m_dependencies != nullptr)
+            return;
+        const auto weak = weak_from_this();
+        DependencyWatches::Callbacks callbacks;
+        callbacks.nested = [weak] {
+            const auto self = weak.lock();
+            return self ? self->nestedCandidates() : std::vector<Path>();
+        };
+        callbacks.answeredAt = [weak](const Path& path) {
+            const auto self = weak.lock();
+            return self ? self->answeredAt(path) : std::nullopt;
+        };
+        callbacks.changed = [weak](const std::vector<Path>& paths) {
+            const auto self = weak.lock();
+            if (self == nullptr)
+                return;
+            self->m_executor->post([weak, paths] {
+                const auto locked = weak.lock();
+                if (locked != nullptr && locked->m_info->enabled)
+                    for (const auto& path : paths)
+                        locked->refreshAround(path);
+            });
+        };
+        m_dependencies =
+            std::make_shared<DependencyWatches>(std::move(dependencies), std::move(callbacks));
+        m_info->leavesNested = true;
     }
 
     scope_guard disable() {
@@ -585,11 +669,15 @@ private:
         const auto& root = m_info->root;
         if (kind == StorageEventKind::ContentsUnknown && root.isBelow(path))
             return respond(kind, root);
-        if (path != root && (!path.isBelow(root) || m_info->isForbidden(path)))
+        if (path != root && !path.isBelow(root))
             return;
-        if (kind == StorageEventKind::ContentsUnknown) {
-            const auto around = m_info->folders != nullptr ? m_info->outermostUnsure(path) : Path();
-            refreshSoon(around.empty() ? path : around);
+        if (path != root && m_info->isForbidden(path)) {
+            if (m_info->leavesNested)
+                respondToForbidden(path.parentPath());
+        } else if (m_info->isInNested(path)) {
+            return; // what matters in there is watched by m_dependencies
+        } else if (kind == StorageEventKind::ContentsUnknown) {
+            refreshAround(path);
         } else if (m_info->metadataFileNames.contains(UString(path.fileName().string()))) {
             refreshSoon(path.parentPath());
         } else if (kind == StorageEventKind::Changed && m_info->holdsBelow(path)) {
@@ -597,6 +685,34 @@ private:
         } else {
             ask({path}, kind);
         }
+    }
+
+    /// On the strand: `folder` has got a forbidden name, or lost one, or that has changed.
+    void respondToForbidden(const Path& folder) {
+        noteForbidden(folder);
+        refreshAround(folder);
+    }
+
+    void noteForbidden(const Path& folder) {
+        if (folder == m_info->root)
+            return;
+        const std::lock_guard lock(m_nestedMutex);
+        m_withForbidden.insert(folder);
+    }
+
+    std::vector<Path> nestedCandidates() {
+        const std::lock_guard lock(m_nestedMutex);
+        std::erase_if(m_withForbidden,
+                      [&](const Path& folder) { return !m_info->hasForbidden(folder); });
+        std::vector<Path> nested;
+        std::ranges::set_union(m_nested, m_withForbidden, std::back_inserter(nested));
+        return nested;
+    }
+
+    /// On the strand: has `path` refreshed with all below it, and with what is unsure around it.
+    void refreshAround(const Path& path) {
+        const auto around = m_info->folders != nullptr ? m_info->outermostUnsure(path) : Path();
+        refreshSoon(around.empty() ? path : around);
     }
 
     /// Asks for files, and looks at what the answer means for folders.
@@ -613,11 +729,12 @@ private:
     /// On the cache's strand: what was ignored, or another's, and is not so any more, was not
     /// watched; and entries of folders may no longer fit.
     void lookAtChanges(const StatusChanges& changed) {
-        const auto isAside = [](const std::optional<FileState>& state) {
+        const auto isAside = [&](const std::optional<FileState>& state) {
             return state && state->isFolder() &&
                    (state->getState() == LocalStatus::Ignored ||
-                    state->getState() == LocalStatus::External);
+                    state->getState() == LocalStatus::External || m_info->isNested(*state));
         };
+        followNested(changed);
         std::vector<Path> folders, ignored, answered;
         for (const auto& change : changed.changes) {
             if (isAside(change.before) && !isAside(change.after))
@@ -650,6 +767,34 @@ private:
         });
     }
 
+    /// On the cache's strand: keeps the set of nested working copies, and has what was answered of
+    /// paths in one taken back.
+    void followNested(const StatusChanges& changed) {
+        if (!m_info->leavesNested)
+            return;
+        std::vector<Path> external;
+        {
+            const std::lock_guard lock(m_nestedMutex);
+            for (const auto& change : changed.changes) {
+                if (change.after && m_info->isNested(*change.after))
+                    m_nested.insert(change.path);
+                else if (change.before)
+                    m_nested.erase(change.path);
+                if (change.after && change.after->getState() == LocalStatus::External)
+                    external.push_back(change.path);
+            }
+        }
+        if (!external.empty())
+            m_executor->post([weak = weak_from_this(), external = std::move(external)] {
+                const auto self = weak.lock();
+                if (self == nullptr || !self->m_info->enabled)
+                    return;
+                for (const auto& path : external)
+                    if (auto around = self->m_info->nestedAround(path); !around.empty())
+                        self->refreshSoon(std::move(around));
+            });
+    }
+
     /// On the strand: what is ignored as a whole is to be one entry, in whatever order it and what
     /// lies in it were answered. What one answer says of both holds.
     /// @param ignored of those in `answered`
@@ -678,6 +823,8 @@ private:
             const auto hold = m_lock.write();
             if (std::exchange(m_isUnasked, false))
                 lookIntoLater({m_info->root}, {});
+            if (m_dependencies != nullptr)
+                m_dependencies->update();
         }
         std::vector<Asked> answered;
         {
@@ -877,8 +1024,12 @@ private:
             if (m_info->enabled && (!answered || listing.changed >= *answered - margin))
                 askForWhatWent(folder, listing);
             for (const auto& entry : listing.entries) {
-                if (m_info->isForbidden(entry.path))
+                if (m_info->isForbidden(entry.path)) {
+                    if (m_info->leavesNested && folder != m_info->root && m_info->enabled &&
+                        (!answered || entry.changed >= *answered - margin))
+                        respondToForbidden(folder);
                     continue;
+                }
                 // Of a folder that was never asked for, single files may have been.
                 const auto since = answered ? answered : answeredAt(entry.path);
                 if (since && entry.changed >= *since - margin && entry.changed >= notBefore)
@@ -938,6 +1089,11 @@ private:
     std::vector<Path> m_postponed; ///< bare folders to be watched or not; on the strand only
     std::atomic<bool> m_hasPostponed{false};
 
+    std::shared_ptr<DependencyWatches> m_dependencies; ///< guarded by m_lock
+
+    std::mutex m_nestedMutex; ///< no other lock is taken while it is held
+    std::set<Path> m_nested, m_withForbidden;
+
     std::mutex m_askedMutex;    ///< not held together with m_lock
     std::vector<Asked> m_asked; ///< as they were asked for; guarded by m_askedMutex
 };
@@ -958,6 +1114,11 @@ VFSFileChangeCacheUpdater::operator=(VFSFileChangeCacheUpdater&&) noexcept = def
 void VFSFileChangeCacheUpdater::stop() {
     QUENDO_TRACE_SCOPE();
     m_impl->stop();
+}
+
+void VFSFileChangeCacheUpdater::follow(std::shared_ptr<StateDependencies> dependencies) {
+    QUENDO_TRACE_SCOPE();
+    m_impl->follow(std::move(dependencies));
 }
 
 scope_guard VFSFileChangeCacheUpdater::disable() {

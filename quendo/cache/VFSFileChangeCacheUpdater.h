@@ -10,6 +10,7 @@ namespace quendo {
 
 class CMAdapter;
 class CMStatusCache;
+class StateDependencies;
 
 /// Keeps a status cache in step with the disk: watches every folder that holds cached files, and
 /// has the cache ask again for what changes there. VFSFileChangeCacheUpdater.cpp tells how.
@@ -29,6 +30,10 @@ public:
     ~VFSFileChangeCacheUpdater();
     VFSFileChangeCacheUpdater(VFSFileChangeCacheUpdater&&) noexcept;
     VFSFileChangeCacheUpdater& operator=(VFSFileChangeCacheUpdater&&) noexcept;
+
+    /// From now on follows what the adapter says its answers depend on elsewhere, and leaves what
+    /// lies in nested working copies to that. Once at most; held weakly.
+    void follow(std::shared_ptr<StateDependencies> dependencies);
 
     /// Ends watching for good.
     void stop();

@@ -1,6 +1,7 @@
 #include "quendo/pool/PooledManagedFolder.h"
 
 #include "quendo/adapter/SingleThreadedCMAdapter.h"
+#include "quendo/adapter/StateDependencies.h"
 #include "quendo/cache/JobCombiningCMStatusCache.h"
 #include "quendo/change_detection/ExternalChangeDetectingCMAdapter.h"
 #include "quendo/change_detection/UpdateResponses.h"
@@ -44,11 +45,15 @@ auto refreshed(std::weak_ptr<BranchStateCache> cache) {
     };
 }
 
-VFSFileChangeCacheUpdater startedUpdater(const std::shared_ptr<CMStatusCache>& cache,
-                                         const CMAdapter& adapter) {
-    VFSFileChangeCacheUpdater updater(cache, adapter);
+VFSFileChangeCacheUpdater
+startedUpdater(const std::shared_ptr<CMStatusCache>& cache,
+               const std::shared_ptr<EventBroadcastingCMAdapter>& adapter) {
+    VFSFileChangeCacheUpdater updater(cache, *adapter);
     if (const auto refusal = updater.rootRefusal())
         std::rethrow_exception(refusal);
+    const auto dependencies = adapter->getSubsystem(typeid(StateDependencies));
+    if (auto* const* found = std::any_cast<StateDependencies*>(&dependencies))
+        updater.follow(std::shared_ptr<StateDependencies>(adapter, *found));
     return updater;
 }
 
@@ -71,7 +76,7 @@ PooledManagedFolder::PooledManagedFolder(std::unique_ptr<CMAdapter> adapter, USt
                           m_adapter->addFolderStatusListener(refreshed(m_branchState)),
                           m_adapter->addUpdateListener(refreshed(m_branchState)),
                           m_interactor->getStatusDispatcher().connect(refreshed(m_branchState))},
-      m_updater(startedUpdater(m_cache, *m_adapter)),
+      m_updater(startedUpdater(m_cache, m_adapter)),
       m_deletedSignal(std::make_shared<DeletedSignal>()),
       m_rootWatch(
           m_adapter->getRootFolder(),

@@ -26,9 +26,12 @@ public:
 
     /// Follows it until it shows what a fresh listing does, which the test keeps the same
     /// meanwhile.
-    void expectCaughtUp(const std::string& about = {}) {
+    /// @param mayBeRefused the listing; then there is nothing to wait for
+    void expectCaughtUp(const std::string& about = {}, bool mayBeRefused = false) {
         const auto fresh = runQuendo(
             m_sandbox, {"status", "--json", "--all", "--ignored", m_sandbox.work().native()});
+        if (mayBeRefused && fresh.exitCode != 0)
+            return;
         ASSERT_EQ(fresh.errors, "") << about;
         States wanted;
         std::istringstream lines(fresh.output);
@@ -121,7 +124,8 @@ TEST(Watch, TellsWhateverHappens) {
     for (unsigned seed = first; seed < first + (only ? 1 : isLong ? 20 : 2); ++seed) {
         const GitSandbox sandbox;
         sandbox.init();
-        RandomWork work(sandbox, seed);
+        const bool hasNested = seed % 2 == 0;
+        RandomWork work(sandbox, seed, hasNested);
         work.act(30);
         Watch watch(sandbox);
         for (unsigned done = 0; done < (isLong ? 200U : 30U) && !HasFailure();) {
@@ -129,10 +133,13 @@ TEST(Watch, TellsWhateverHappens) {
             const auto script = work.act(count);
             done += count;
             watch.expectCaughtUp("seed " + std::to_string(seed) + ", after " +
-                                 std::to_string(done) + ":\n" + script);
+                                     std::to_string(done) + ":\n" + script,
+                                 hasNested);
         }
         EXPECT_EQ(watch.end(SIGINT), 130);
-        EXPECT_THAT(watch.said(), testing::IsEmpty());
+        if (!hasNested) {
+            EXPECT_THAT(watch.said(), testing::IsEmpty());
+        }
     }
 }
 

@@ -11,7 +11,9 @@ namespace quendo::test {
 /// People, tools and git itself at work in a sandbox's working copy, at random.
 class RandomWork {
 public:
-    RandomWork(const GitSandbox& sandbox, unsigned seed) : m_sandbox(sandbox), m_random(seed) {}
+    /// @param hasNested submodules, nested repositories, worktrees and moved metadata among it
+    RandomWork(const GitSandbox& sandbox, unsigned seed, bool hasNested = false)
+        : m_sandbox(sandbox), m_random(seed), m_hasNested(hasNested) {}
     /// Leaves nothing that cannot be read.
     ~RandomWork();
     RandomWork(const RandomWork&) = delete;
@@ -25,10 +27,11 @@ public:
 private:
     const GitSandbox& m_sandbox;
     std::mt19937 m_random;
+    const bool m_hasNested;
 };
 
-/// Whether a folder holds no files, however deep, or none that can be seen. A folder like that is
-/// answered when it is asked for, but in no other folder's answer.
+/// Whether a folder holds no files but metadata, however deep, or none that can be seen. A folder
+/// like that is answered when it is asked for, but in no other folder's answer.
 bool isWithoutFiles(const std::filesystem::path& folder);
 
 } // namespace quendo::test
