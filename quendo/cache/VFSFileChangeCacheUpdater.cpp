@@ -328,6 +328,8 @@ struct CacheUpdateInfo {
     }
 
     bool isInNested(const Path& path) const {
+        if (!leavesNested)
+            return false;
         for (Path folder = path.parentPath(); folder.isBelow(root); folder = folder.parentPath()) {
             const auto state = cache->getCachedStatus(folder);
             if (state && isNested(*state))
@@ -343,12 +345,22 @@ struct CacheUpdateInfo {
         });
     }
 
-    /// The outermost folder around `path` that holds a forbidden name, or empty.
+    /// The nested working copy in which `path`, which was answered as External, lies: the outermost
+    /// folder around it that holds a forbidden name, or that holds External paths only, because its
+    /// metadata are not there. Empty when `path` is a nested working copy itself.
     Path nestedAround(const Path& path) const {
         Path result;
         for (Path folder = path.parentPath(); folder.isBelow(root); folder = folder.parentPath())
             if (hasForbidden(folder))
                 result = folder;
+        if (!result.empty() || hasForbidden(path))
+            return result;
+        for (Path folder = path.parentPath(); folder.isBelow(root); folder = folder.parentPath()) {
+            const auto below = folders->getFolderSummary(folder).below;
+            if (below.total() != below[LocalStatus::External])
+                break;
+            result = folder;
+        }
         return result;
     }
 

@@ -212,6 +212,7 @@ INSTANTIATE_TEST_SUITE_P(
         Story{"SubmoduleComesAndGoes",
               {"begin", "subs add ../lib sub", "commit", "echo 2 >> sub/l", "git mv sub e/s",
                "commit", "git checkout -q -- .; git -C e/s checkout -q .", "subs deinit -f e/s",
+               ": > e/s/n; echo 3 > a", "mkdir e/s/x; : > e/s/x/y", "rm -r e/s/*",
                "subs update --init", "echo 2 >> e/s/l", "git rm -qf e/s", "commit",
                "git revert -n HEAD", "subs update --init", ": > e/s/n"}},
         Story{"SubmoduleThatIsIgnored",
