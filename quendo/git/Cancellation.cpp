@@ -3,11 +3,11 @@
 #include "quendo/adapter/QueryOrigin.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/FileDescriptor.h"
+#include "quendo/git/GitFailure.h"
 
 #include <cerrno>
-#include <cstring>
-#include <string>
 #include <sys/eventfd.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace quendo::git {
@@ -25,8 +25,7 @@ struct Cancellation::State {
 
 Cancellation::Cancellation(ApplicationInteractor* interactor) : m_state(std::make_shared<State>()) {
     if (!m_state->event)
-        throw exception::OperationFailedError(std::string("the operation cannot be started: ") +
-                                              std::strerror(errno));
+        throwCannotStart("the operation", std::system_error(errno, std::generic_category()));
     if (interactor == nullptr)
         return;
     const auto origin = QueryOrigin::current();

@@ -210,9 +210,9 @@ std::string describeEnd(const ChildResult& result) {
     return words.empty() ? "it exited with code " + std::to_string(result.exitCode) : words;
 }
 
-void throwCannotStart(const std::string& program, const std::system_error& error) {
+void throwCannotStart(const std::string& what, const std::system_error& error) {
     const int code = error.code().value();
-    throw exception::ToolError(program + " cannot be started: " + error.code().message() +
+    throw exception::ToolError(what + " cannot be started: " + error.code().message() +
                                (code == EAGAIN ? std::string("; ") + noMoreProcesses
                                 : code == EMFILE
                                     ? "; this process has too many files open (ulimit -n)"

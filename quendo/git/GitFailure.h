@@ -29,9 +29,9 @@ std::string describeEnd(const ChildResult& result);
 [[noreturn]] void throwCommandFailure(const std::string& folder, std::string_view command,
                                       const ChildResult& result);
 
-/// For a program that the system did not start.
+/// For a program or an operation that the system did not let start.
 /// @throws exception::ToolError with the limit that was reached, if one was
-[[noreturn]] void throwCannotStart(const std::string& program, const std::system_error& error);
+[[noreturn]] void throwCannotStart(const std::string& what, const std::system_error& error);
 
 /// For a git that hung: looks for what it may have waited for.
 [[noreturn]] void throwGitStalled(const Repository& repository, std::string_view command,

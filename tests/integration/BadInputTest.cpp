@@ -133,6 +133,7 @@ TEST(BadInput, NamesTheRealCause) {
          "ce_mode: 0; if nothing else helps, move the file 'index'"},
         {"", "chmod 500 .git; q checkin -m m f; e=$?; chmod 700 .git; exit $e",
          "/.git cannot be written to: Permission denied"},
+        {"", "ulimit -n 10; q status", "too many files open (ulimit -n)"},
         {"exit 255", "q status", "git does not print its version: it exited with code 255"},
         {real + "exit 255", "q status", "git config failed in "},
         {real + "kill -9 $$", "q status", ": it was killed, by another process"},
