@@ -1,5 +1,6 @@
 #include "quendo/cache/DependencyWatches.h"
 
+#include "quendo/exception/AdapterErrors.h"
 #include "quendo/platform/ChangeEventsSubscriptionException.h"
 #include "quendo/platform/Logging.h"
 
@@ -68,17 +69,22 @@ void DependencyWatches::updateNow() {
     const auto dependencies = m_dependencies.lock();
     if (dependencies == nullptr)
         return;
+    const auto keepChanged = [&] {
+        const std::lock_guard lock(m_mutex);
+        m_changed.insert(changed.begin(), changed.end());
+    };
     std::map<Key, StateDependency> wanted;
     try {
         for (auto& one : dependencies->getStateDependencies(m_callbacks.nested(), changed)) {
             Key key(one.folder, one.filterName, one.dependents);
             wanted.emplace(std::move(key), std::move(one));
         }
+    } catch (const exception::OperationCancelledError&) {
+        keepChanged(); // the host stopped everything that ran; a refresh need not follow
+        return update();
     } catch (...) {
-        QUENDO_LOG_CAUGHT_EXCEPTION(); // what is watched stays so until the next update
-        const std::lock_guard lock(m_mutex);
-        m_changed.insert(changed.begin(), changed.end());
-        return;
+        QUENDO_LOG_CAUGHT_EXCEPTION(); // what is watched stays so until the next refresh has ended
+        return keepChanged();
     }
     Detectors dropped; // destroyed without the lock
     {

@@ -281,6 +281,9 @@ std::set<std::string> GitDependencies::ignoredFolders(GitRunner& git, const std:
 void GitDependencies::addNested(GitRunner& git, const Path& folder, const std::string& relative,
                                 bool isLink, std::vector<StateDependency>& found) {
     const auto native = folder.toNative();
+    struct stat status;
+    if (::lstat(native.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+        return; // the folder around it is watched
     const auto gitDir = gitDirOf(native);
     auto depth = Depth::Marker;
     std::set<std::string> ignored;
