@@ -124,7 +124,7 @@ private:
             });
             m_isQueued = true;
         } catch (...) {
-            QUENDO_LOG_CAUGHT_EXCEPTION(); // it stays due: the next use or change tries again
+            m_error = std::current_exception(); // it stays due: the next use or change tries again
         }
     }
 
@@ -139,7 +139,7 @@ private:
             m_isRetryQueued = true;
             m_retryDelay = std::min(2 * m_retryDelay, longestRetry);
         } catch (...) {
-            QUENDO_LOG_CAUGHT_EXCEPTION();
+            // The next use or change reads.
         }
     }
 

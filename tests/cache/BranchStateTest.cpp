@@ -103,9 +103,9 @@ TEST_F(BranchStateTest, ReadsOnceItIsUsedAndOnceForAllChangesDuringARead) {
 
     services->strand->refuse(true); // no thread
     cache->refresh();
-    EXPECT_EQ(known(), "topic");
+    EXPECT_THAT(known(), testing::StartsWith("topic no thread"));
     services->strand->refuse(false);
-    EXPECT_EQ(known(), "topic ...") << "the next use tries again";
+    EXPECT_THAT(known(), testing::EndsWith(" ...")) << "the next use tries again";
     adapter->inRead = [&] { adapter.reset(); };
     adapter->branch = u"late";
     cache->connectChanged([&](const CachedBranchState&) { cache.reset(); });
