@@ -106,7 +106,7 @@ TEST(Roads, PassAQueryThatRuns) {
     EXPECT_EQ(toUtf8(state.commit) + "\n", road.sandbox.git({"rev-parse", "main"}));
 }
 
-// While a hook of one working copy runs, others are refreshed.
+// While an operation of one working copy waits, others are refreshed.
 TEST(Roads, PassAHookOfAnotherWorkingCopy) {
     Road road;
     const auto other = road.at("other");
@@ -132,6 +132,23 @@ TEST(Roads, PassAHookOfAnotherWorkingCopy) {
     std::ofstream(road.at("goOn")) << "\n";
     test::within(std::move(checkin));
     EXPECT_EQ(road.sandbox.git({"rev-list", "--count", "main"}), "2\n");
+
+    // So they are while another process holds the index.
+    std::promise<void> waits;
+    folder->getCMInteractor().getProgressDispatcher().connect([&](const UString& text, double) {
+        if (text.starts_with(u"waiting"))
+            waits.set_value();
+    });
+    road.write("a", "3");
+    const auto lock = road.sandbox.work() / ".git/index.lock";
+    test::writeFile(lock, "");
+    auto adding = test::onThread([&] { folder->getAdapter().addFiles({road.root / u"a"}); });
+    test::within(waits.get_future());
+    test::writeFile(other / "a", "1");
+    test::within(test::onThread([&] { followed.cache.refreshAll(); }));
+    EXPECT_TRUE(followed.has(u"a", LocalStatus::Unmodified));
+    fs::remove(lock);
+    test::within(std::move(adding));
 }
 
 // Own operations, changes by others, and a discarding, of which the adapter raises no signal.
