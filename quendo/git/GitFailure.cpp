@@ -170,7 +170,7 @@ void throwGitFailure(const std::string& folder, std::string_view command,
                 "malformed index", "unknown index entry format",
                 "malformed name field in the index", "broken index", "corrupted cache-tree",
                 "index uses ") ||
-        (result.signal == SIGABRT && says("BUG: ")))
+        (result.signal == SIGABRT && saysAny("BUG: ", "Assertion `")))
         throw exception::DamagedRepositoryError(root + " is damaged: " + words +
                                                 (says("ermission denied") ? "" : rebuildIndex));
     if (saysAny("unable to read ", "bad object", "bad tree", "could not parse HEAD",
