@@ -182,6 +182,8 @@ std::vector<std::string> GitTool::readingEnvironment(const std::string& ceiling,
 
     std::vector<ConfigOverride> all = {
         {"core.fsmonitor", "false"},
+        // `git status -- PATH` misses what is staged in a folder that a sparse index collapses.
+        {"index.sparse", "false"},
         {"core.hooksPath", "/dev/null"},
         {"log.showSignature", "false"},
         {"i18n.logOutputEncoding", "UTF-8"},

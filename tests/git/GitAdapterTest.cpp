@@ -69,6 +69,14 @@ TEST(GitAdapterTest, UntrackedFilesOfASubmoduleCountAlways) {
               copy.adapter().getStatus(copy.root(), true).at(copy.at("s")));
 }
 
+TEST(GitAdapterTest, ASparseIndexHidesNothingFromAList) {
+    Copy copy({}, "git init -q; mkdir a d; touch a/f d/f; git add .; git commit -qm one\n"
+                  "echo 2 > d/f; touch d/new; git add .\n"
+                  "git sparse-checkout set --cone --sparse-index a 2>&1");
+    EXPECT_EQ(stateOf(copy, "d/new"), "Added");
+    EXPECT_EQ(stateOf(copy, "d/f"), "Modified");
+}
+
 // Between two of git's answers, and between them and the look at the disk.
 TEST(GitAdapterTest, AFolderThatGoesMeanwhileIsMissing) {
     const OtherGit git("status", "git \"$@\"; rm -rf d; exit");
