@@ -19,7 +19,9 @@ void readAll(const GitSandbox& sandbox, const fs::path& root, const std::string&
           {"status", "--json", "--all", root.native()},
           {"log", path},
           {"export", path, "HEAD", target}}) {
-        const auto result = runQuendo(sandbox, arguments);
+        auto result = runQuendo(sandbox, arguments);
+        if (arguments.front() == "log")
+            result.output.clear(); // the revisions before the one that cannot be read
         EXPECT_TRUE(result.exitCode == 0 || notRefused(result).empty())
             << arguments.front() << " " << path << ": " << notRefused(result);
     }
@@ -170,9 +172,12 @@ TEST(HarmNone, RunsNothingThatTheRepositoryNames) {
         EXPECT_NE(taken.find(bait), std::string::npos) << bait << " hangs there for nothing";
 }
 
-TEST(HarmNone, FetchesNothingFromACraftedPartialClone) {
+TEST(HarmNone, RunsNothingForACraftedPartialClone) {
     for (const std::string url :
-         {"$PWD/../up", "ssh://host/x", "ext::$(bait ext) %S", "file://$PWD"}) {
+         {"$PWD/../up", "ssh://host/x", "ext::$(bait ext) %S", "file://$PWD",
+          // Without a program for the server's side, for which all of ssh is refused.
+          "ssh://127.0.0.1:1/x\"; git config --unset-all remote.origin.uploadpack; : \"",
+          "git://127.0.0.1:1/x"}) {
         const GitSandbox sandbox;
         runScript(sandbox, std::string(plant) + R"sh(
             i; w f "$(seq 99)"; w o; c; git mv f g; echo >> g; c; git mv g f; c; w f 2; c; sign
