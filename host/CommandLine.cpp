@@ -92,7 +92,8 @@ Invocation parseCommandLine(int count, const char* const* arguments) {
     app.set_help_flag("-h,--help", "Print this help and exit");
     app.require_subcommand(1, 1);
     app.get_formatter()->label("SUBCOMMAND", "COMMAND");
-    app.footer("Exit codes: 0 done, 1 refused or failed, 2 wrong usage, 130 interrupted.\n"
+    app.footer("Exit codes: 0 done, 1 refused or failed, 2 wrong usage, 130 interrupted,\n"
+               "141 when nobody reads the output.\n"
                "Examples for each command: quendo help COMMAND");
 
     Invocation result;

@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <optional>
@@ -128,8 +127,7 @@ ActingResult GitActor::runOnce(const GitAction& action) {
     const auto& folder = m_repository.folder();
     const FileDescriptor opened(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!opened)
-        throw exception::OperationFailedError(Path::fromNative(folder).toUtf8() +
-                                              " cannot be entered: " + std::strerror(errno));
+        throwCannotEnter(Path::fromNative(folder), errno);
     auto settings = action.settings;
     const auto lockLimit = std::to_string(m_tool.options().lockLimit.count());
     settings.push_back({"core.filesRefLockTimeout", lockLimit});

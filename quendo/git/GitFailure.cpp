@@ -83,6 +83,13 @@ constexpr const char* noMoreProcesses =
     "the system allows no further process or thread (see ulimit -u, and pids.max of the control "
     "group): end some, or raise the limit";
 
+std::string reachedLimit(int error) {
+    return error == EAGAIN   ? std::string("; ") + noMoreProcesses
+           : error == EMFILE ? "; this process has too many files open (ulimit -n)"
+           : error == ENFILE ? "; the system has too many files open"
+                             : "";
+}
+
 // "bad config line 3 in file <file>", "bad numeric config value 'x' for 'a.b' in file <file>: …"
 [[noreturn]] void throwBadConfiguration(const std::string& folder, const std::string& words) {
     constexpr std::string_view before = " in file ";
@@ -162,6 +169,10 @@ void throwGitFailure(const std::string& folder, std::string_view command,
         throw exception::OperationFailedError(
             root + " is a partial clone that lacks what git " + std::string(command) +
             " needs, and reading fetches nothing: " + words + "; run the same with git");
+    // Of a fetch: the server's words, or why it was not asked.
+    if (saysAny("' not allowed", "unable to access '", "Could not read from remote repository",
+                "no credentials were given for", "could not fetch "))
+        throwCommandFailure(folder, command, result);
     if (says("Resource temporarily unavailable"))
         throw exception::ToolError("git " + std::string(command) + " failed in " + root + ": " +
                                    words + "; " + noMoreProcesses);
@@ -211,13 +222,17 @@ std::string describeEnd(const ChildResult& result) {
 }
 
 void throwCannotStart(const std::string& what, const std::system_error& error) {
-    const int code = error.code().value();
     throw exception::ToolError(what + " cannot be started: " + error.code().message() +
-                               (code == EAGAIN ? std::string("; ") + noMoreProcesses
-                                : code == EMFILE
-                                    ? "; this process has too many files open (ulimit -n)"
-                                : code == ENFILE ? "; the system has too many files open"
-                                                 : ""));
+                               reachedLimit(error.code().value()));
+}
+
+void throwCannotEnter(const Path& folder, int error) {
+    const auto message = folder.toUtf8() +
+                         " cannot be entered: " + std::generic_category().message(error) +
+                         reachedLimit(error);
+    if (error == EMFILE || error == ENFILE)
+        throw exception::ToolError(message);
+    throw exception::OperationFailedError(message);
 }
 
 void throwGitStalled(const Repository& repository, std::string_view command, bool onFifo) {

@@ -4,6 +4,10 @@
 #include <string_view>
 #include <system_error>
 
+namespace quendo {
+class Path;
+}
+
 namespace quendo::git {
 
 class Repository;
@@ -32,6 +36,11 @@ std::string describeEnd(const ChildResult& result);
 /// For a program or an operation that the system did not let start.
 /// @throws exception::ToolError with the limit that was reached, if one was
 [[noreturn]] void throwCannotStart(const std::string& what, const std::system_error& error);
+
+/// For a folder of the working copy that the system did not let open.
+/// @throws exception::ToolError with the limit that was reached, if one was; else
+///         OperationFailedError with the system's words for `error`, an errno
+[[noreturn]] void throwCannotEnter(const Path& folder, int error);
 
 /// For a git that hung: looks for what it may have waited for.
 [[noreturn]] void throwGitStalled(const Repository& repository, std::string_view command,

@@ -7,7 +7,6 @@
 #include "quendo/git/Repository.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <system_error>
@@ -57,9 +56,7 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
             const std::string& folder = one.folder.empty() ? m_repository.folder() : one.folder;
             const FileDescriptor opened(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
             if (!opened)
-                throw exception::OperationFailedError(
-                    Path::fromNative(folder).toUtf8() +
-                    " cannot be entered: " + std::strerror(errno));
+                throwCannotEnter(Path::fromNative(folder), errno);
             ChildPlan plan{
                 .executable = executable,
                 .arguments = one.arguments,

@@ -146,8 +146,7 @@ public:
         : m_git(git), m_repository(git.repository()), m_scope(scope),
           m_rootFolder(::open(m_repository.root().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {
         if (!m_rootFolder)
-            throw exception::OperationFailedError(m_repository.rootPath().toUtf8() +
-                                                  " cannot be entered: " + std::strerror(errno));
+            throwCannotEnter(m_repository.rootPath(), errno);
     }
 
     std::map<Path, FileState> collect();

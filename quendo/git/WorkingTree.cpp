@@ -1,6 +1,7 @@
 #include "quendo/git/WorkingTree.h"
 
 #include "quendo/exception/AdapterErrors.h"
+#include "quendo/git/GitFailure.h"
 #include "quendo/git/GitRunner.h"
 #include "quendo/git/GitStatus.h"
 #include "quendo/git/Repository.h"
@@ -50,8 +51,7 @@ WorkingTree::WorkingTree(GitRunner& git)
     : m_git(git), m_repository(git.repository()),
       m_root(::open(m_repository.root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
     if (!m_root)
-        throw OperationFailedError(m_repository.rootPath().toUtf8() +
-                                   " cannot be entered: " + std::strerror(errno));
+        throwCannotEnter(m_repository.rootPath(), errno);
 }
 
 std::string WorkingTree::relative(const Path& file) const {

@@ -93,10 +93,10 @@ pkgconfig)
 program)
     # The manual page has the commands and options that the program lists, and no others.
     helpOf() { "$prefix/bin/quendo" "$@" --help; }
-    for command in "" $(helpOf | sed -n '/^Subcommands/,/^$/s/^  \([a-z]\+\) .*/\1/p'); do
+    for command in "" $(helpOf | sed -n '/^Commands/,/^$/s/^  \([a-z]\+\) .*/\1/p'); do
         [[ -z $command ]] || echo "$command"
         helpOf $command | sed -n 's/^  \(-[^ ]*\).*/\1/p' | tr , '\n' |
-            if [[ $command ]]; then grep -vxE -e '-h|--help|--log' || true; else cat; fi |
+            if [[ $command ]]; then grep -vxE -e '-h|--help|--log|--color' || true; else cat; fi |
             sed "s/^/$command /"
     done | LC_ALL=C sort >"$work/listed"
     sed 's/\\-/-/g' "$prefix/share/man/man1/quendo.1" | awk '
