@@ -120,7 +120,7 @@ TEST_P(Follow, WhatHappensInNestedWorkingCopies) {
     Means means;
     means.hasNested = true;
     auto length = lengthOf(GetParam(), 4, 500);
-    length.operations = std::min(length.operations, test::isLong ? 80U : 20U);
+    length.operations = std::min(length.operations / 2, 80U);
     follow(length, means);
 }
 INSTANTIATE_TEST_SUITE_P(Shard, Follow, testing::Range(0U, 4U));
@@ -275,21 +275,21 @@ TEST(FollowOwn, OperationsOnASubmodule) {
     const auto sub = followed.root / u"sub";
     for (const bool staged : {false, true}) {
         run("cd sub; echo 2 >> l; git commit -qam 2");
-        EXPECT_TRUE(followed.comes(u"sub", LocalStatus::Modified));
+        ASSERT_TRUE(followed.comes(u"sub", LocalStatus::Modified));
         if (staged)
             adapter.addFiles({sub});
         adapter.checkin(sub, u"two");
-        EXPECT_TRUE(followed.comes(u"sub", LocalStatus::External)) << staged;
+        ASSERT_TRUE(followed.comes(u"sub", LocalStatus::External)) << staged;
     }
     run(": > sub/n");
-    EXPECT_TRUE(followed.comes(u"sub", LocalStatus::Modified));
+    ASSERT_TRUE(followed.comes(u"sub", LocalStatus::Modified));
     run("rm sub/n");
     adapter.moveFile(sub, followed.root / u"e/s");
-    EXPECT_TRUE(followed.comes(u"e/s", LocalStatus::Added));
+    ASSERT_TRUE(followed.comes(u"e/s", LocalStatus::Added));
     adapter.checkin({sub, followed.root / u"e/s"}, u"moved");
-    EXPECT_TRUE(followed.comes(u"e/s", LocalStatus::External));
+    ASSERT_TRUE(followed.comes(u"e/s", LocalStatus::External));
     run("echo 3 > e/s/l");
-    EXPECT_TRUE(followed.comes(u"e/s", LocalStatus::Modified));
+    ASSERT_TRUE(followed.comes(u"e/s", LocalStatus::Modified));
     EXPECT_EQ(test::differences(followed.cached(), followed.asked()), "");
 }
 
