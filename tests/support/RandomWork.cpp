@@ -36,6 +36,7 @@ constexpr const char* nestedActions[] = {
     "git init -q --separate-git-dir=\"$PWD/../meta\"",
     "[ -f .git ] && [ -d ../meta ] && rm .git && mv ../meta .git",
     "cd 'X' && [ -d .git ] && mv .git ../sub.git && echo 'gitdir: ../sub.git' > .git",
+    "mkfifo 'X/pipe'",
     "mv 'X/.git' ../aside",
     "mv ../aside 'X/.git'",
     "git config core.excludesFile rules",
