@@ -57,8 +57,8 @@ public:
 };
 
 /// @return null when there is no adapter, or it offers no BranchInformation. The cache holds the
-/// adapter weakly,
-///         and strongly during a read. Destroying it disconnects the slots and waits for nothing.
+///         adapter weakly, and strongly during a read. Destroying it disconnects the slots and
+///         waits for nothing.
 QUENDO_API std::unique_ptr<BranchStateCache>
 createBranchStateCache(const std::shared_ptr<CMAdapter>& adapter);
 

@@ -2,6 +2,7 @@
 
 #include "quendo/adapter/CMAdapter.h"
 #include "quendo/adapter/CMInteractor.h"
+#include "quendo/cache/BranchStateCache.h"
 #include "quendo/cache/CMStatusCache.h"
 #include "quendo/pool/ManagedFolder.h"
 #include "quendo/pool/ManagedFolderDecorator.h"
@@ -16,11 +17,13 @@ namespace quendo {
 /// |---|---|
 /// | CMStatusCacheChanges, CMStatusCacheFolders, CMStatusCacheFreshness | the cache |
 /// | EventBroadcastingCMAdapter, for its listeners | the outermost layer of the adapter |
-/// | BranchInformation, RevisionContent, IgnoreRuleEditor | the adapter, as a subsystem |
+/// | BranchStateCache | the folder, which has a getter for it as well |
+/// | BranchInformation, RevisionContent, RevisionHistory | the adapter, as a subsystem |
+/// | IgnoreRuleEditor, StateDependencies | the adapter, as a subsystem |
 /// | FolderExternalChangeDetector | a layer of the adapter, as a subsystem |
 /// | ApplicationInteractor | the interactor |
 ///
-/// What is found first in the order folder (and what its decorators wrap), cache, adapter,
+/// What is found first in the order folder (and what its decorators wrap), caches, adapter,
 /// interactor, subsystems is returned. It is valid as long as the folder is held.
 ///
 ///     if (auto* branch = findInterface<BranchInformation>(*folder))
@@ -36,6 +39,8 @@ Interface* findInterface(ManagedFolder& folder) {
         each = decorator != nullptr ? &decorator->wrapped() : nullptr;
     }
     if (auto* found = dynamic_cast<Interface*>(&folder.getCache()))
+        return found;
+    if (auto* found = dynamic_cast<Interface*>(folder.getBranchStateCache()))
         return found;
     auto& adapter = folder.getAdapter();
     if (auto* found = dynamic_cast<Interface*>(&adapter))

@@ -99,7 +99,7 @@ provideLater(ManagedFolderProvider& provider, const Path& folder, const std::str
 
 /// Keeps a request of provideLater() wanted: destroying it cancels the request. Movable.
 ///
-/// Threads: as any value.
+/// Thread-compatible: concurrent use of one object needs external locking.
 class QUENDO_API FolderRequest {
 public:
     FolderRequest() noexcept;

@@ -70,6 +70,7 @@ bool findsInterfaces() {
     };
     quendo::findInterface<quendo::EventBroadcastingCMAdapter>(*folder)->addUpdateListener([] {});
     return quendo::findInterface<quendo::CMStatusCacheFreshness>(*folder) != nullptr &&
+           quendo::findInterface<quendo::BranchStateCache>(*folder) != nullptr &&
            quendo::findInterface<quendo::ApplicationInteractor>(*folder) != nullptr &&
            quendo::findInterface<quendo::FolderExternalChangeDetector>(*folder) != nullptr &&
            quendo::findInterface<quendo::ManagedFolderDecorator>(*folder) == folder.get() &&
