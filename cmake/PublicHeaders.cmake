@@ -31,6 +31,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/cache/CMStatusCacheFreshness.h
     quendo/cache/CacheTask.h
     quendo/cache/JobCombiningCMStatusCache.h
+    quendo/cache/RefreshReason.h
     quendo/cache/Stoppable.h
     quendo/cache/VFSFileChangeCacheUpdater.h
     quendo/change_detection/DisableChangeDetection.h

@@ -7,7 +7,13 @@
 
 namespace quendo {
 
-/// One background refresh, as far as stopping it goes.
+/// How urgent a query is.
+enum class QueryUrgency {
+    Requested,  ///< somebody waits for the answer
+    Background, ///< nobody does: it gives way to what was requested
+};
+
+/// One refresh of a cache, as far as stopping it goes, and how urgent it is.
 ///
 /// The termination signal of a folder (Terminator) serves everything that works for the folder and
 /// says nothing about who gave it. A refresh that is cancelled must stop its own query and nothing
@@ -25,6 +31,11 @@ namespace quendo {
 /// Threads: any; the scopes belong to the thread that made them and nest.
 class QUENDO_API QueryOrigin : public std::enable_shared_from_this<QueryOrigin> {
 public:
+    explicit QueryOrigin(QueryUrgency urgency = QueryUrgency::Requested) noexcept
+        : m_urgency(urgency) {}
+
+    QueryUrgency urgency() const noexcept { return m_urgency; }
+
     void cancel() noexcept { m_cancelled.store(true); }
     bool isCancelled() const noexcept { return m_cancelled.load(); }
 
@@ -61,6 +72,7 @@ public:
     };
 
 private:
+    const QueryUrgency m_urgency;
     std::atomic<bool> m_cancelled{false};
 };
 

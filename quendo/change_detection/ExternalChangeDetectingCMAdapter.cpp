@@ -2,6 +2,7 @@
 
 #include "quendo/adapter/CMAdapterDecorator.h"
 #include "quendo/adapter/SubsystemType.h"
+#include "quendo/cache/RefreshReason.h"
 #include "quendo/platform/FolderExternalChangeDetector.h"
 #include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/Logging.h"
@@ -20,8 +21,10 @@ public:
                                      std::shared_ptr<ApplicationInteractor> interactor)
         : CMAdapterDecorator(std::move(adapter)),
           m_detector(metadata.folder, window, metadata.filter) {
-        m_detector.onChange(
-            [interactor = std::move(interactor)] { interactor->getStatusTrigger().trigger(); });
+        m_detector.onChange([interactor = std::move(interactor)] {
+            const RefreshReasonScope reason(RefreshReason::ExternalChange);
+            interactor->getStatusTrigger().trigger();
+        });
     }
 
     void checkin(const Path& file, const UString& message) const override {

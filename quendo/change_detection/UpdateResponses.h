@@ -1,10 +1,12 @@
 #pragma once
 
 #include "quendo/cache/CMStatusCache.h"
+#include "quendo/cache/RefreshReason.h"
 #include "quendo/platform/Path.h"
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace quendo {
@@ -16,9 +18,11 @@ namespace quendo {
 /// Refreshes everything and waits. @throws as CMStatusCache::refreshAll()
 std::function<void()> fullUpdateResponse(std::weak_ptr<CMStatusCache> cache);
 
-/// Asks for a refresh of `folder` and does not wait.
-std::function<void()> nonBlockingFullUpdateResponse(std::weak_ptr<CMStatusCache> cache,
-                                                    const Path& folder);
+/// Requests a refresh of `folder` and does not wait.
+/// @param reason why; if empty, the reason that counts on the calling thread (RefreshReasonScope)
+std::function<void()>
+nonBlockingFullUpdateResponse(std::weak_ptr<CMStatusCache> cache, const Path& folder,
+                              std::optional<RefreshReason> reason = std::nullopt);
 
 /// Refreshes exactly these files and waits. @throws as CacheTask::wait()
 std::function<void(std::vector<Path>)> filesUpdateResponse(std::weak_ptr<CMStatusCache> cache);

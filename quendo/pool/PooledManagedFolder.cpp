@@ -81,13 +81,15 @@ PooledManagedFolder::PooledManagedFolder(std::unique_ptr<CMAdapter> adapter, USt
       m_rootWatch(
           m_adapter->getRootFolder(),
           [deleted = m_deletedSignal, branch = refreshed(m_branchState),
-           update = nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder())] {
+           update = nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder(),
+                                                  RefreshReason::RootReturned)] {
               (*deleted)();
               branch();
               update();
           },
           [branch = refreshed(m_branchState),
-           update = nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder())] {
+           update = nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder(),
+                                                  RefreshReason::RootReturned)] {
               branch();
               update();
           }) {}
