@@ -1,9 +1,9 @@
 # What ./run, ./test and .ci/run share: sourced by them with `root` set to the project's folder.
 # Everything here speaks on standard error; standard output belongs to what is run in the end.
 
-# Estimates. Processor seconds for one step of a first build: 2 processors took 341 s for the 249 steps
-# of the preset debug, and the 130 steps of release took 450 s of them. A later build has fewer steps.
-declare -A secondsPerStep=([debug]=3 [release]=4)
+# Estimates. Processor seconds for one step of a first build on a bare machine: the 240 steps of the
+# preset debug took 1,000 s of them, the 144 steps of release 580 s. A later build has fewer steps.
+declare -A secondsPerStep=([debug]=4 [release]=4)
 # Processor seconds for all tests: 2 processors took 4 minutes, and ctest recorded 358 s in sum.
 secondsOfTests=480
 processors=$(nproc)
