@@ -42,4 +42,12 @@ struct LockCommand : Command {
     void run() const override;
 };
 
+/// `quendo ignore`: adds ignore rules for exactly these files and folders.
+struct IgnoreCommand : Command {
+    std::vector<std::string> paths;
+
+    CLI::App* describe(CLI::App& program) override;
+    void run() const override;
+};
+
 } // namespace quendo::host

@@ -5,7 +5,6 @@
 #include "host/CompletionCommand.h"
 #include "host/ExportCommand.h"
 #include "host/HelpCommand.h"
-#include "host/IgnoreCommand.h"
 #include "host/ListingCommands.h"
 #include "host/LogCommand.h"
 #include "host/RevertCommands.h"
