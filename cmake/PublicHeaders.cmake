@@ -37,6 +37,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/change_detection/DisableChangeDetection.h
     quendo/change_detection/ExternalChangeDetectingCMAdapter.h
     quendo/exception/AdapterErrors.h
+    quendo/exception/ErrorText.h
     quendo/exception/MessageIDException.h
     quendo/exception/Rethrowable.h
     quendo/exception/SourceControlException.h

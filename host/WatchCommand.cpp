@@ -9,10 +9,11 @@
 #include "host/VisibleText.h"
 #include "host/WorkingCopy.h"
 #include "quendo/adapter/ApplicationInteractor.h"
+#include "quendo/cache/BranchStateCache.h"
 #include "quendo/cache/CMStatusCache.h"
 #include "quendo/cache/CMStatusCacheFolders.h"
 #include "quendo/cache/CMStatusCacheFreshness.h"
-#include "quendo/exception/SourceControlException.h"
+#include "quendo/exception/ErrorText.h"
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/ExecutorService.h"
 #include "quendo/platform/FileUtilities.h"
@@ -26,7 +27,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <exception>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -41,8 +41,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-/// A folder that has just come is polled until the watcher has noticed it, at the latest when it
-/// polls next (2 s). That passes and is not worth a message.
+/// While folders come and go, one may be polled for a moment because the folder above it is not
+/// watched yet; at the longest until the watcher polls next (2 s). That is not worth a message.
 constexpr auto passingPoorWatch = 5s;
 
 /// What the library tells, on threads of its own, kept for the program's. Only notes; whatever
@@ -55,7 +55,7 @@ public:
         bool isStopped = false;
         bool isUnread = false; ///< nobody reads the output any more
         bool hasGone = false;
-        bool mayHaveOtherBranch = false;
+        bool hasOtherBranch = false;
     };
 
     void addChanges(const StatusChanges& changes) {
@@ -78,7 +78,14 @@ public:
         add([&] { m_news.isUnread = true; });
     }
     void tellOtherBranch() {
-        add([&] { m_news.mayHaveOtherBranch = true; });
+        add([&] { m_news.hasOtherBranch = true; });
+    }
+
+    /// Waits until `isDone`, which is called again at each piece of news, or until stop().
+    template <class Condition>
+    void waitUntil(Condition isDone) {
+        std::unique_lock lock(m_mutex);
+        m_came.wait(lock, [&] { return m_news.isStopped || isDone(); });
     }
 
     /// Waits for news, at the longest until `limit`.
@@ -110,16 +117,7 @@ private:
 /// Why the newest refresh of `path` failed; empty when it did not.
 std::string failureOf(const ManagedFolder& folder, const Path& path) {
     const auto& freshness = dynamic_cast<const CMStatusCacheFreshness&>(folder.getCache());
-    const auto failure = freshness.getFreshness(path).failure;
-    if (failure == nullptr)
-        return {};
-    try {
-        std::rethrow_exception(failure);
-    } catch (const std::exception& error) {
-        return error.what();
-    } catch (...) {
-        return "an unknown error";
-    }
+    return exception::errorText(freshness.getFreshness(path).failure);
 }
 
 /// Says on standard error what keeps the program from telling the truth, each thing once.
@@ -133,8 +131,6 @@ public:
         writeError(visiblePath(m_copy.root) + " has gone; waiting for its return");
         m_isGone = true;
     }
-
-    bool isGone() const { return m_isGone; }
 
     /// @param failure of the newest refresh, if there was one since the last look
     /// @return when to look again even if nothing happens
@@ -214,33 +210,45 @@ private:
     std::string m_failure, m_toldFailure, m_poorWatch;
 };
 
-/// Prints the branch and the operation in progress when what it shows of them has changed.
+/// The branch and the operation in progress, as they are printed.
 class BranchDisplay {
 public:
-    BranchDisplay(const WorkingCopy& copy, const WatchCommand& command)
+    BranchDisplay(const WorkingCopy& copy, const WatchCommand& command,
+                  const std::shared_ptr<Feed>& feed)
         : m_copy(copy), m_isJson(command.json),
-          m_branches(command.json && !command.branch ? nullptr
-                                                     : branchInformationOf(copy.adapter())) {}
+          m_cache(command.json && !command.branch ? nullptr : copy.folder->getBranchStateCache()) {
+        if (m_cache != nullptr)
+            m_connection =
+                m_cache->connectChanged([feed](const auto&) { feed->tellOtherBranch(); });
+    }
 
-    /// What there is to print; empty when nothing has changed.
+    /// Whether the first read has ended, or there is nothing to read.
+    bool isRead() const {
+        if (m_cache == nullptr)
+            return true;
+        const auto known = m_cache->getBranchState();
+        return known.state || known.error != nullptr;
+    }
+
+    /// What to print; empty when that has not changed, or the branch cannot be read. Then the
+    /// states cannot be refreshed either, which is told.
     std::string next() {
-        if (m_branches == nullptr)
+        if (m_cache == nullptr)
             return {};
-        try {
-            const auto state = m_branches->getBranchState();
-            auto text = m_isJson ? jsonBranch(state, m_copy.root, m_copy.systemName())
-                                 : humanBranch(state, wantsColours());
-            return text == m_shown ? std::string() : m_shown = std::move(text);
-        } catch (const exception::SourceControlException&) {
-            return {}; // the refresh of the states fails as well, and that is told
-        }
+        const auto state = m_cache->getBranchState().state;
+        if (!state)
+            return {};
+        auto text = m_isJson ? jsonBranch(*state, m_copy.root, m_copy.systemName())
+                             : humanBranch(*state, wantsColours());
+        return text == m_shown ? std::string() : m_shown = std::move(text);
     }
 
 private:
     const WorkingCopy& m_copy;
     const bool m_isJson;
-    BranchInformation* const m_branches;
+    BranchStateCache* const m_cache;
     std::string m_shown;
+    boost::signals2::scoped_connection m_connection;
 };
 
 } // namespace
@@ -279,9 +287,10 @@ void WatchCommand::run() const {
     });
     Session session(copy.interactor());
     cache.setFolderStatusFlag(true);
+    BranchDisplay branchDisplay(copy, *this, feed); // reads beside the query of the states
     cache.refreshFolder(copy.path)->wait();
 
-    const std::array<boost::signals2::scoped_connection, 5> connections{
+    const std::array<boost::signals2::scoped_connection, 4> connections{
         changes.connectChanges([feed](const auto& changed) { feed->addChanges(changed); }),
         // The error stays on the thread that made it, and its text is handed over.
         cache.connectTasksFinished(
@@ -291,30 +300,28 @@ void WatchCommand::run() const {
             }),
         copy.folder->connectDeleted([feed] { feed->tellGone(); }),
         platform::services()->folderWatcher->connectHealthChanged(
-            [feed](const auto&, const auto&) { feed->wake(); }),
-        copy.folder->getStatusTrigger().connect([feed] { feed->tellOtherBranch(); })};
+            [feed](const auto&, const auto&) { feed->wake(); })};
     auto listing = changes.listStatuses(copy.path);
     report.states = {listing.states.begin(), listing.states.end()};
-    BranchDisplay branchDisplay(copy, *this);
     Blindness blindness(copy);
     try {
         const auto states =
             json ? jsonStatus(report) : humanStatus(report, current, wantsColours());
+        feed->waitUntil([&] { return branchDisplay.isRead(); });
         const auto first = branchDisplay.next();
         session.finishFirst(json ? first + states : states + first);
         report.states.clear();
         listing.states = {};
         const OutputWatch outputWatch([feed] { feed->tellUnread(); });
         for (Feed::News news;;) {
-            const bool wasGone = blindness.isGone();
             const auto next = blindness.look(std::move(news.failure));
-            if (news.mayHaveOtherBranch || (wasGone && !blindness.isGone()))
-                writeOutput(branchDisplay.next());
             news = feed->take(next);
             if (news.isStopped)
                 throw Interrupted();
             if (news.isUnread)
                 refuseClosedOutput();
+            if (news.hasOtherBranch)
+                writeOutput(branchDisplay.next());
             for (auto& changed : news.changes) {
                 if (changed.version > listing.version)
                     writeOutput(json ? jsonChanges(report, std::move(changed.changes))

@@ -1,6 +1,7 @@
 #include "quendo/cache/BranchStateCache.h"
 
 #include "quendo/adapter/CMAdapter.h"
+#include "quendo/exception/ErrorText.h"
 #include "quendo/platform/DelayedTaskService.h"
 #include "quendo/platform/EachSlot.h"
 #include "quendo/platform/Executor.h"
@@ -21,18 +22,6 @@ namespace {
 
 constexpr std::chrono::milliseconds firstRetry{1'000};
 constexpr std::chrono::milliseconds longestRetry{60'000};
-
-std::string textOf(const std::exception_ptr& error) {
-    if (error == nullptr)
-        return {};
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& failure) {
-        return failure.what();
-    } catch (...) {
-        return "unknown error";
-    }
-}
 
 // A read is due when something may have changed since the last one started, or when that failed.
 // At most one task is queued or running on the strand. It reads until no read is due, or until one
@@ -76,7 +65,7 @@ private:
                     error = std::current_exception();
                 }
             }
-            auto errorText = textOf(error);
+            auto errorText = exception::errorText(error);
             std::optional<CachedBranchState> news;
             {
                 const std::lock_guard lock(m_mutex);

@@ -1,5 +1,6 @@
 #include "quendo/adapter/CMAdapterDecorator.h"
 #include "quendo/cache/BranchStateCache.h"
+#include "quendo/exception/ErrorText.h"
 #include "tests/support/MemoryAdapter.h"
 #include "tests/support/SteppedDetection.h"
 
@@ -56,12 +57,8 @@ struct BranchStateTest : testing::Test {
     std::string known() {
         const auto cached = cache->getBranchState();
         std::string text = cached.state ? toUtf8(cached.state->branch) : "?";
-        try {
-            if (cached.error != nullptr)
-                std::rethrow_exception(cached.error);
-        } catch (const std::exception& error) {
-            text += std::string(" ") + error.what();
-        }
+        if (cached.error != nullptr)
+            text += " " + exception::errorText(cached.error);
         return text + (cached.isRefreshing ? " ..." : "");
     }
 
