@@ -7,9 +7,7 @@
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/adapter/RevisionHistory.h"
 #include "quendo/git/GitAdapterFactory.h"
-#include "tests/support/GitSandbox.h"
 
-#include <algorithm>
 #include <any>
 #include <cstdio>
 #include <cstdlib>
@@ -19,11 +17,7 @@
 namespace {
 
 using namespace quendo;
-
-double median(std::vector<double> values) {
-    std::ranges::sort(values);
-    return values[values.size() / 2];
-}
+using namespace quendo::benchmark;
 
 void makeHistory(const test::GitSandbox& sandbox, int commits) {
     sandbox.init();
@@ -65,11 +59,11 @@ int main(int argc, char** argv) {
         const auto timed = [&](std::vector<std::string> command) {
             if (!name.empty())
                 command.push_back(name);
-            return benchmark::millisecondsOf([&] { sandbox.run(command, sandbox.work()); });
+            return millisecondsOfProgram(sandbox, command);
         };
         for (int run = 0; run < runs; ++run) {
             git.push_back(timed({"git", "log", "-n", "10"}));
-            library.push_back(benchmark::millisecondsOf([&] {
+            library.push_back(millisecondsOf([&] {
                 history->readRevisions(name.empty() ? root : root.child(name), {.limit = 10},
                                        [&](auto) { return ++found > 0; });
             }));

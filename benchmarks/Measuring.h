@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/GitSandbox.h"
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -15,6 +17,8 @@
 #include <future>
 #include <malloc.h>
 #include <numeric>
+#include <stdexcept>
+#include <string>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -33,6 +37,16 @@ double millisecondsOf(Work&& work) {
     const auto start = Clock::now();
     work();
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+/// Of a program that is run in the sandbox's working copy. @throws std::runtime_error when it fails
+inline double millisecondsOfProgram(const test::GitSandbox& sandbox,
+                                    const std::vector<std::string>& command) {
+    return millisecondsOf([&] {
+        const auto result = sandbox.run(command, sandbox.work());
+        if (result.exitCode != 0)
+            throw std::runtime_error(command.front() + " failed: " + result.errors);
+    });
 }
 
 /// Of this thread: others that want the processor do not count.

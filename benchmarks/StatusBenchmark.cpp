@@ -3,36 +3,24 @@
 //
 // quendo_benchmark_status [FILES [RUNS]]
 
+#include "benchmarks/Measuring.h"
 #include "quendo/adapter/CMAdapter.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/git/GitAdapterFactory.h"
 #include "quendo/platform/Logging.h"
-#include "tests/support/GitSandbox.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
 namespace {
 
 using namespace quendo;
-using Clock = std::chrono::steady_clock;
-
-double millisecondsOf(const std::function<void()>& work) {
-    const auto start = Clock::now();
-    work();
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-double median(std::vector<double> values) {
-    std::ranges::sort(values);
-    return values[values.size() / 2];
-}
+using namespace quendo::benchmark;
 
 void makeFiles(const test::GitSandbox& sandbox, int files) {
     sandbox.init();
@@ -55,18 +43,8 @@ void makeFiles(const test::GitSandbox& sandbox, int files) {
 }
 
 void comparePrograms(const test::GitSandbox& sandbox, int runs) {
-    test::ProcessOptions options;
-    options.workingFolder = sandbox.work();
-    options.environment = sandbox.environment();
     const auto timed = [&](const std::vector<std::string>& command) {
-        return millisecondsOf([&] {
-            const auto result = test::runProcess(command, options);
-            if (result.exitCode != 0) {
-                std::fprintf(stderr, "%s failed: %s", command.front().c_str(),
-                             result.errors.c_str());
-                std::exit(1);
-            }
-        });
+        return millisecondsOfProgram(sandbox, command);
     };
     const std::vector<std::string> ours{QUENDO_PROGRAM, "status"}, theirs{"git", "status", "-uall"};
     timed(ours);
@@ -94,14 +72,9 @@ void measureOpening(const test::GitSandbox& sandbox) {
             millisecondsOf([&] { factory.createAdapter(folder, interactor)->getRootFolder(); }));
     const double first = times.front();
     std::ranges::sort(times);
-    test::ProcessOptions options;
-    options.workingFolder = sandbox.work();
-    options.environment = sandbox.environment();
     std::vector<double> git;
     for (int i = 0; i < 50; ++i)
-        git.push_back(millisecondsOf([&] {
-            test::runProcess({"git", "rev-parse", "--show-toplevel"}, options);
-        }));
+        git.push_back(millisecondsOfProgram(sandbox, {"git", "rev-parse", "--show-toplevel"}));
     std::printf("createAdapter and getRootFolder  %.3f ms (first %.3f, 99th percentile %.3f)\n"
                 "git rev-parse --show-toplevel    %.3f ms\n",
                 times[500], first, times[990], median(git));
