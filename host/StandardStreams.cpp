@@ -1,9 +1,11 @@
 #include "host/StandardStreams.h"
 
 #include "host/HostError.h"
+#include "host/Interrupts.h"
 #include "host/VisibleText.h"
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -80,11 +82,21 @@ bool wantsColours() {
 }
 
 void writeOutput(std::string_view text) {
-    const int error = writeAll(STDOUT_FILENO, text);
-    if (error == EPIPE)
-        refuseClosedOutput();
-    if (error != 0)
-        throw HostError("cannot write the output: " + std::generic_category().message(error));
+    constexpr int lookAtSignals = 100; // milliseconds
+    while (!text.empty()) {
+        pollfd file{STDOUT_FILENO, POLLOUT, 0};
+        while (::poll(&file, 1, lookAtSignals) == 0)
+            if (Interrupts::received() != 0)
+                throw Interrupted();
+        // A pipe that is ready takes this much without waiting.
+        const auto piece = text.substr(0, PIPE_BUF);
+        text.remove_prefix(piece.size());
+        const int error = writeAll(STDOUT_FILENO, piece);
+        if (error == EPIPE)
+            refuseClosedOutput();
+        if (error != 0)
+            throw HostError("cannot write the output: " + std::generic_category().message(error));
+    }
 }
 
 void refuseClosedOutput() {

@@ -6,12 +6,12 @@
 /// of it is written, and a stream that cannot take it is an error that is told.
 namespace quendo::host {
 
-/// Call first: puts something in the place of closed streams, so that no file opened later gets
-/// their numbers, and makes a reader that has gone an error instead of a signal, because git's
-/// pipes can break as well.
+/// Call first. Opens something in place of standard streams that are closed, so that no file opened
+/// later gets their descriptors. Ignores SIGPIPE, because pipes to git can break as well; a write
+/// to a closed pipe fails with an error instead.
 void prepareStandardStreams();
 
-/// Ends the process as SIGPIPE does, with what the caller's shell makes of that (141).
+/// Ends the process as SIGPIPE does; shells report exit code 141.
 [[noreturn]] void endByBrokenPipe();
 
 /// When output is coloured.
@@ -27,9 +27,10 @@ bool isTerminal(int stream) noexcept;
 /// Whether output is to be coloured, by setColours().
 bool wantsColours();
 
-/// @throws OutputClosed when the reader has gone; HostError when standard output does not take all
-///         of it for another reason, or when SIGPIPE was ignored before the program started:
-///         whoever did that wants to see the error
+/// Writes all of it to standard output.
+/// @throws OutputClosed when the reader has gone; HostError when writing fails for another reason,
+///         or when SIGPIPE was ignored before the program started: the caller wants the error then;
+///         Interrupted when an interrupt comes while the reader does not read
 void writeOutput(std::string_view text);
 
 /// Throws what writeOutput() does when the reader has gone.

@@ -155,6 +155,12 @@ TEST_F(Program, ListsAndExportsRevisions) {
                     "q export a/link HEAD -; ls ../tmp")
                   .output,
               "to nowhere");
+    // A reader that does not read holds up no signal.
+    EXPECT_EQ(
+        shell("mkfifo ../p; exec 8<> ../p; TMPDIR=$PWD/../tmp \"$0\" export a/file HEAD - >&8 &\n"
+              "head -c 1 <&8 > ../first; kill -TERM $!; wait $!; echo $?; ls ../tmp")
+            .output,
+        "143\n");
     EXPECT_EQ(notRefused(shell("q export --json a/file HEAD -"), 2), "");
     expectRefusals(m_sandbox, {{"q export a HEAD - >&2", "a is a folder"},
                                {"q export a/none HEAD -", "does not exist in revision"}});
