@@ -25,18 +25,26 @@ namespace {
 
 constexpr int lookAtSignals = 100; // milliseconds
 
-bool isInPath(const std::string& name) {
+/// The file of a program in PATH. Relative folders are left out: they may be the working copy's.
+std::optional<std::string> findInPath(const std::string& name) {
     const char* variable = std::getenv("PATH");
     std::string_view folders = variable != nullptr ? variable : "/usr/bin:/bin";
     while (!folders.empty()) {
         const auto end = std::min(folders.find(':'), folders.size());
-        const auto file = std::string(folders.substr(0, end)) + "/" + name;
+        const auto folder = folders.substr(0, end);
         folders.remove_prefix(std::min(end + 1, folders.size()));
-        // A relative folder may be one of the working copy.
-        if (file.starts_with('/') && ::access(file.c_str(), X_OK) == 0)
-            return true;
+        auto file = std::string(folder) + "/" + name;
+        if (folder.starts_with('/') && ::access(file.c_str(), X_OK) == 0)
+            return file;
     }
-    return false;
+    return std::nullopt;
+}
+
+std::string quotedForShell(const std::string& word) {
+    std::string quoted = "'";
+    for (const char c : word)
+        quoted += c == '\'' ? "'\\''" : std::string(1, c);
+    return quoted + "'";
 }
 
 /// This process's environment, with what makes the usual pagers quit when all fits on one screen.
@@ -61,7 +69,8 @@ std::optional<std::string> Pager::command() {
         const std::string command = chosen;
         return command.empty() || command == "cat" ? std::nullopt : std::optional(command);
     }
-    return isInPath("less") ? std::optional<std::string>("less") : std::nullopt;
+    const auto less = findInPath("less");
+    return less ? std::optional(quotedForShell(*less)) : std::nullopt;
 }
 
 Pager::Pager(const std::string& command) {
@@ -76,8 +85,8 @@ Pager::Pager(const std::string& command) {
     std::string shell = "sh", option = "-c", text = command;
     char* const arguments[] = {shell.data(), option.data(), text.data(), nullptr};
 
-    // This process ignores SIGPIPE and blocks the signals that Interrupts takes; the pager does
-    // not.
+    // This process ignores SIGPIPE and blocks the signals that Interrupts handles. The pager gets
+    // the default.
     sigset_t all, none;
     ::sigfillset(&all);
     ::sigemptyset(&none);
@@ -103,7 +112,7 @@ Pager::Pager(const std::string& command) {
     ignored.sa_handler = SIG_IGN;
     ::sigaction(SIGINT, &ignored, &m_interrupt);
     m_handle = static_cast<int>(::syscall(SYS_pidfd_open, m_process, 0));
-    // A user who reads the first page keeps the pipe full; meanwhile a signal may come.
+    // While the user reads the first page the pipe stays full, and a signal may come.
     ::fcntl(m_input, F_SETFL, O_NONBLOCK);
 }
 
@@ -132,7 +141,7 @@ void Pager::finish() noexcept {
         return;
     ::close(m_input);
     pollfd ended{m_handle, POLLIN, 0};
-    // Without a handle, the wait for its end is all there is.
+    // Without a handle there is only the wait for its end.
     while (m_handle >= 0 && ::poll(&ended, 1, lookAtSignals) <= 0)
         endIfTerminated();
     while (::waitpid(m_process, nullptr, 0) < 0 && errno == EINTR) {

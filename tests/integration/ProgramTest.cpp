@@ -177,6 +177,10 @@ TEST_F(Program, PagesOnATerminalOnly) {
     EXPECT_THAT(onTerminal("PAGER='sed s/^.*Tester//'", ""), "  message2\n  message1\n0\n");
     EXPECT_THAT(onTerminal("PAGER='sed s/^.*Tester//; false'", "-n 1"), "  message2\n0\n");
     EXPECT_THAT(onTerminal("PAGER='sleep 0'", ""), "0\n"); // it is left at once
+    shell("mkdir ../bin; printf '#!/bin/sh\ntouch ../canary\n' > less\n"
+          "printf '#!/bin/sh\nsed s/^.*Tester//\n' > ../bin/less; chmod +x less ../bin/less");
+    EXPECT_THAT(onTerminal("env -u PAGER PATH=.:$PWD/../bin:$PATH", ""),
+                "  message2\n  message1\n0\n");
     for (const char* none : {"PAGER=cat", "PAGER=", "PAGER=false TERM=dumb"})
         EXPECT_THAT(onTerminal(none, ""), HasSubstr("Tester  message1\n0\n")) << none;
     EXPECT_THAT(onTerminal("PAGER=false", "--no-pager"), HasSubstr("Tester  message1\n0\n"));
