@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <string_view>
 #include <sys/ioctl.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace quendo::host {
@@ -55,7 +56,11 @@ Progress::Progress(const std::vector<std::shared_ptr<CMInteractor>>& interactors
                 m_message = toUtf8(message);
                 m_fraction = fraction;
             }));
-    m_thread = std::thread(&Progress::show, this);
+    try {
+        m_thread = std::thread(&Progress::show, this);
+    } catch (const std::system_error&) {
+        m_connections.clear(); // without a thread there is no line
+    }
 }
 
 Progress::~Progress() {

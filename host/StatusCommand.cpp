@@ -83,7 +83,9 @@ std::future<BranchState> branchOf(const WorkingCopy& copy) {
     auto* const branches = branchInformationOf(copy.adapter());
     if (branches == nullptr)
         return {};
-    return std::async(std::launch::async, [branches] { return branches->getBranchState(); });
+    // Without a thread to be had, get() reads it.
+    return std::async(std::launch::async | std::launch::deferred,
+                      [branches] { return branches->getBranchState(); });
 }
 
 std::string humanBranchOf(std::future<BranchState>& branch, bool colours) {
