@@ -66,7 +66,7 @@ private:
 };
 
 void writeContentOf(const std::filesystem::path& file) {
-    // Of a symbolic link, that is where it leads to.
+    // The content of a symbolic link is its target.
     if (std::filesystem::is_symlink(file))
         return writeOutput(std::filesystem::read_symlink(file).native());
     std::ifstream content(file, std::ios::binary);

@@ -16,7 +16,7 @@ public:
     Interrupted() : std::runtime_error("interrupted") {}
 };
 
-/// Whoever read standard output has stopped reading. The program ends as by SIGPIPE.
+/// The reader of standard output has closed it. The program ends as by SIGPIPE.
 class OutputClosed : public std::runtime_error {
 public:
     OutputClosed() : std::runtime_error("nobody reads the output") {}

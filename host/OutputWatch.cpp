@@ -25,7 +25,7 @@ OutputWatch::OutputWatch(std::function<void()> onClosed)
     if (!canLoseItsReader(STDOUT_FILENO))
         return;
     m_thread = std::thread([stop = m_stop, onClosed = std::move(onClosed)] {
-        // No events: the kernel reports a reader that has gone unasked.
+        // No events are requested: poll() reports POLLERR and POLLHUP always.
         pollfd files[] = {{STDOUT_FILENO, 0, 0}, {stop, POLLIN, 0}};
         while (::poll(files, 2, -1) < 0) {
         }
