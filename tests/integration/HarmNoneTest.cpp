@@ -67,9 +67,9 @@ TEST(HarmNone, ReadingASparseIndexWritesNoObjects) {
     EXPECT_THAT(watch.drain(), testing::SizeIs(testing::Gt(3U))); // the watch sees what git does
 }
 
-// plant FILE TAG   makes the configuration FILE name a program for everything that git can be told
-// to
-//                  run, drivers TAG (by file) and TAG-p (by process); each leaves its name behind
+// plant FILE TAG: makes the configuration FILE name a program for everything that git can be told
+// to run, with the drivers TAG (by file) and TAG-p (by process). Each program leaves its name
+// behind.
 constexpr std::string_view plant = R"sh(
 bait() {
     local end='exit 1'; case $1 in *clean|*smudge) end=cat;; esac
