@@ -2,7 +2,6 @@
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/adapter/CredentialProvider.h"
 #include "quendo/exception/AdapterErrors.h"
-#include "quendo/platform/InvalidArgumentError.h"
 #include "tests/support/MemoryAdapter.h"
 #include "tests/support/Testing.h"
 
@@ -20,7 +19,6 @@ std::string line(const Words&... words) {
 }
 
 TEST(CMAdapterDecorator, ForwardsEachCallOnceAndUnchangedThroughTwoLayers) {
-    EXPECT_THROW(CMAdapterDecorator(nullptr), exception::InvalidArgumentError);
     const Path a(u"/a"), b(u"/b");
     const std::vector<Path> files{a, b};
     Revision revision;
@@ -88,48 +86,6 @@ TEST(FileProperty, StormOfComingAndGoingUsers) {
             ASSERT_EQ(one, two);
         }
     });
-}
-
-TEST(FileState, ComparesByContentAndFindsTheFirstProperty) {
-    static_assert(sizeof(FileState) == 24);
-    const FileState plain(LocalStatus::Modified);
-    const FileState state(LocalStatus::Modified, false, {{u"columns", u"D."}, {u"columns", u"??"}});
-    EXPECT_EQ(state, FileState(LocalStatus::Modified, false, state.getProperties()));
-    EXPECT_NE(state, plain);
-    EXPECT_EQ(plain, FileState(LocalStatus::Modified, false, {}));
-    EXPECT_NE(plain, FileState(LocalStatus::Modified, true));
-    ASSERT_NE(state.findProperty(property::columns), nullptr);
-    EXPECT_EQ(*state.findProperty(property::columns), u"D.");
-    EXPECT_EQ(state.findProperty(u"none"), nullptr);
-}
-
-TEST(Interactor, FacesReachOneAnother) {
-    CMApplicationInteractor interactor;
-    ApplicationInteractor& work = interactor;
-    CMInteractor& host = interactor;
-    host.getTerminationTrigger().trigger(); // nobody listens
-
-    std::string heard;
-    const auto listener = [&](const std::string& mark) {
-        return [&heard, mark](const auto&...) { heard += mark; };
-    };
-    const auto stop = work.getTerminator().connect(listener("stop "));
-    host.getStatusDispatcher().connect(listener("dispatched "));
-    work.getStatusTrigger().connect(listener("triggered "));
-    host.getProgressDispatcher().connect([&](const UString& text, double part) {
-        heard += toUtf8(text) + std::to_string(int(part * 10));
-    });
-    host.getTerminationTrigger().trigger();
-    work.getTerminator().trigger();
-    work.getStatusTrigger().trigger();
-    work.getProgressIndicator().report(u"beyond", 1.5);
-    EXPECT_EQ(heard, "stop stop dispatched triggered beyond15");
-    stop.disconnect();
-    work.getTerminator().connect([] { throw std::runtime_error("listener"); });
-    work.getTerminator().connect(listener("behind"));
-    EXPECT_THROW(host.getTerminationTrigger().trigger(), std::runtime_error);
-    EXPECT_THAT(heard, testing::EndsWith("15"))
-        << "none after the one that threw, nor who has gone";
 }
 
 TEST(Interactor, AKeyHoldsOneConnection) {

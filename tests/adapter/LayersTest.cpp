@@ -4,7 +4,6 @@
 #include "quendo/adapter/SingleThreadedCMAdapter.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/platform/Executor.h"
-#include "quendo/platform/InvalidArgumentError.h"
 #include "tests/support/MemoryAdapter.h"
 #include "tests/support/Testing.h"
 
@@ -56,9 +55,6 @@ TEST_F(LayersTest, OneThreadRunsWhatTouchesTheWorkingCopyAndNothingElse) {
     adapter.getStatus({other});
     EXPECT_EQ(seen, origin);
     EXPECT_EQ(executor->runSyncTask([] { return QueryOrigin::current(); }), nullptr);
-    EXPECT_THROW(SingleThreadedCMAdapter(nullptr, test::makeMemoryAdapter(copy)),
-                 exception::InvalidArgumentError);
-    EXPECT_THROW(SingleThreadedCMAdapter(executor, nullptr), exception::InvalidArgumentError);
 }
 
 TEST_F(LayersTest, TellsWhatWasChangedAfterItSucceeded) {

@@ -1,5 +1,4 @@
 #include "quendo/cache/CacheBarrier.h"
-#include "quendo/platform/InvalidArgumentError.h"
 #include "tests/cache/CacheFixture.h"
 
 namespace quendo {
@@ -220,14 +219,6 @@ TEST_F(CacheTest, RefusesToWaitWhereItWouldWaitForItself) {
     });
     drain();
     getSourceControlExecutor()->post([&] { task->wait(); }); // it has ended
-}
-
-static_assert(std::is_base_of_v<Stoppable, JobCombiningCMStatusCache>);
-
-TEST_F(CacheTest, RefusesToBeMadeOfNothing) {
-    EXPECT_THROW(createJobCombiningCache(nullptr, interactor), exception::InvalidArgumentError);
-    EXPECT_THROW(createJobCombiningCache(test::makeMemoryAdapter(copy), nullptr),
-                 exception::InvalidArgumentError);
 }
 
 TEST(CacheBarrier, SettlesOnce) {

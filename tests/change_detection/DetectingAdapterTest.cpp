@@ -3,7 +3,6 @@
 #include "quendo/change_detection/ExternalChangeDetectingCMAdapter.h"
 #include "quendo/change_detection/UpdateResponses.h"
 #include "quendo/platform/FolderExternalChangeDetector.h"
-#include "quendo/platform/InvalidArgumentError.h"
 #include "tests/support/FakeFolderWatcher.h"
 #include "tests/support/MemoryAdapter.h"
 #include "tests/support/SteppedDetection.h"
@@ -79,11 +78,6 @@ TEST_F(DetectingAdapterTest, DisregardsItsOwnOperationsOnly) {
     const auto guard = detector->disable();
     change();
     EXPECT_EQ(triggered(), 0);
-
-    EXPECT_THROW(makeExternalChangeDetectingCMAdapter(nullptr, interactor),
-                 exception::InvalidArgumentError);
-    EXPECT_THROW(makeExternalChangeDetectingCMAdapter(test::makeMemoryAdapter(copy), nullptr),
-                 exception::InvalidArgumentError);
 }
 
 TEST_F(DetectingAdapterTest, TellsRealChangesOfOthers) {

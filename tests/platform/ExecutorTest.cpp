@@ -70,17 +70,6 @@ TEST_P(Executors, GiveResultsAndTheVeryExceptionBack) {
     }
 }
 
-TEST_P(Executors, RefuseToWaitForThemselves) {
-    const auto executor = make("own");
-    const auto other = make();
-    within(executor->runAsyncTask([&] {
-        EXPECT_TRUE(executor->isRunningInThisThread());
-        EXPECT_FALSE(other->isRunningInThisThread());
-        EXPECT_THROW(executor->runSyncTask([] {}), ExecutorDeadlockError);
-        EXPECT_EQ(other->runSyncTask([] { return 1; }), 1);
-    }));
-}
-
 TEST_P(Executors, LogWhatTasksThrowAndMayEndInsideTheirOwn) {
     test::LogCapture log;
     auto executor = make();

@@ -98,13 +98,6 @@ TEST_F(PooledFolderTest, SeesTheFilesOfItsOperations) {
     EXPECT_THAT(run(), ElementsAre("addFiles b"));
 }
 
-TEST_F(PooledFolderTest, ShowsTheFacesOfItsInteractor) {
-    folder->getStatusTrigger().trigger();
-    EXPECT_THAT(run(), ElementsAre("folder+ ."));
-    EXPECT_EQ(&folder->getTerminator(),
-              &dynamic_cast<ApplicationInteractor&>(folder->getCMInteractor()).getTerminator());
-}
-
 TEST_F(PooledFolderTest, TracesPublicOperationsOfItsLayers) {
     const test::LogCapture log;
     folder->disable();
