@@ -5,6 +5,7 @@
 #include "quendo/git/ChildProcess.h"
 #include "quendo/git/GitAdapter.h"
 #include "quendo/git/GitFailure.h"
+#include "quendo/git/NativePath.h"
 #include "quendo/git/Repository.h"
 #include "quendo/platform/ExecutorTurn.h"
 #include "quendo/platform/Path.h"
@@ -25,11 +26,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds lookAtLock{25};
 constexpr std::size_t longestLine = 64U << 10U;
-
-std::string parentOf(const std::string& folder) {
-    const auto slash = folder.rfind('/');
-    return slash == 0 || slash == std::string::npos ? "/" : folder.substr(0, slash);
-}
 
 // "Unable to create '<file>': File exists."
 std::optional<std::string> lockNamedIn(const std::string& errors) {
@@ -162,7 +158,7 @@ ActingResult GitActor::runOnce(const GitAction& action) {
             {
                 .executable = m_tool.executable(),
                 .arguments = action.arguments,
-                .environment = GitTool::actingEnvironment(parentOf(folder), settings),
+                .environment = GitTool::actingEnvironment(parentFolderOf(folder), settings),
                 .workingFolder = opened.get(),
                 .input = action.input,
                 .message = action.message,

@@ -4,6 +4,7 @@
 #include "quendo/git/Cancellation.h"
 #include "quendo/git/GitFailure.h"
 #include "quendo/git/LazyFetch.h"
+#include "quendo/git/NativePath.h"
 #include "quendo/git/Repository.h"
 
 #include <cerrno>
@@ -25,11 +26,6 @@ constexpr std::uint64_t memoryPerIndexByte = 20;
 
 // A filter may ask a server; git waits for it without a sign of life.
 constexpr int patience = 3;
-
-std::string parentOf(const std::string& folder) {
-    const auto slash = folder.rfind('/');
-    return slash == 0 || slash == std::string::npos ? "/" : folder.substr(0, slash);
-}
 
 } // namespace
 
@@ -60,10 +56,11 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
             ChildPlan plan{
                 .executable = executable,
                 .arguments = one.arguments,
-                .environment = m_fetch ? m_fetch->environment(parentOf(folder), m_overrides,
-                                                              one.literalPathspecs)
-                                       : GitTool::readingEnvironment(parentOf(folder), m_overrides,
-                                                                     one.literalPathspecs),
+                .environment = m_fetch
+                                   ? m_fetch->environment(parentFolderOf(folder), m_overrides,
+                                                          one.literalPathspecs)
+                                   : GitTool::readingEnvironment(parentFolderOf(folder),
+                                                                 m_overrides, one.literalPathspecs),
                 .workingFolder = opened.get(),
                 .input = one.input,
                 .outputFile = one.outputFile,

@@ -8,6 +8,7 @@
 #include "quendo/git/GitRunner.h"
 #include "quendo/git/GitText.h"
 #include "quendo/git/IgnoreQuery.h"
+#include "quendo/git/NativePath.h"
 #include "quendo/git/PorcelainRecord.h"
 #include "quendo/git/Repository.h"
 #include "quendo/platform/IsChildFolderQuery.h"
@@ -16,10 +17,8 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <memory>
 #include <optional>
 #include <set>
 #include <sys/stat.h>
@@ -447,9 +446,7 @@ FilterDrivers Collector::driversOfSubmodule(const std::string& relative, Visited
     const auto top = ask({"rev-parse", "--show-toplevel"});
     if (!top)
         return {};
-    const std::unique_ptr<char, void (*)(void*)> place(::realpath(folder.c_str(), nullptr),
-                                                       std::free);
-    if (!place || *top != std::string(place.get()) + "\n")
+    if (const auto place = canonical(folder); !place || *top != *place + "\n")
         throw exception::OperationFailedError(name + " keeps its files elsewhere (core.worktree)");
     auto drivers = FilterDrivers::parse(ask(FilterDrivers::question()).value_or(""));
     visited.withoutClean.emplace_back(relative, drivers.withoutClean);
@@ -618,9 +615,9 @@ void Collector::addRenames() {
     }
 }
 
-// Where a filter was put aside, git compared the bytes on the disk with what the filter made of
-// others. Whichever way that went, it says nothing. Files that it did not compare, because the
-// index knows their size and times, are as they were.
+// Without a file's filter, git compares the bytes on the disk with filtered bytes in the index.
+// Whether these are equal says nothing about the content. A file whose size and times the index
+// knows is not compared, and is unmodified.
 std::vector<Collector::Unverified>
 Collector::findUnverified(const std::set<std::string>& withoutClean, const std::string& submodule) {
     if (withoutClean.empty())
@@ -785,8 +782,8 @@ void Collector::takeMissing(const std::string& path) {
     take({.kind = Kind::Changed, .columns = std::string{staged, 'D'}, .path = path});
 }
 
-// A folder may go after git has looked at what is in it. What is tracked there is missing then, and
-// the rest is nothing.
+// A folder may be deleted after git has listed it. What is tracked there is missing then, and the
+// rest has no state.
 void Collector::addVanished() {
     for (const auto& [folder, content] : m_folders) {
         if (!content.mustExist || wayTo(folder) != Way::Nothing)

@@ -4,11 +4,11 @@
 #include "quendo/git/FileDescriptor.h"
 #include "quendo/git/FormatConfig.h"
 #include "quendo/git/GitText.h"
+#include "quendo/git/NativePath.h"
 #include "quendo/git/SmallFile.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
@@ -29,23 +29,6 @@ constexpr off_t tableLimit = off_t{16} * 1024 * 1024 * 1024;
 
 std::string shown(std::string_view native) {
     return Path::fromNative(native).toUtf8();
-}
-
-std::string join(const std::string& folder, const std::string& path) {
-    if (path.starts_with('/'))
-        return path;
-    return (folder == "/" ? "" : folder) + "/" + path;
-}
-
-std::optional<std::string> canonical(const std::string& path) {
-    const std::unique_ptr<char, void (*)(void*)> resolved(::realpath(path.c_str(), nullptr),
-                                                          std::free);
-    return resolved ? std::optional<std::string>(resolved.get()) : std::nullopt;
-}
-
-bool isFolder(const std::string& path) {
-    struct stat status;
-    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 bool isLink(const std::string& path) {
