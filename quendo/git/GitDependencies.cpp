@@ -4,13 +4,13 @@
 #include "quendo/git/GitRunner.h"
 #include "quendo/git/GitText.h"
 #include "quendo/git/MetadataFilter.h"
+#include "quendo/git/NativePath.h"
 #include "quendo/git/Repository.h"
 #include "quendo/git/SmallFile.h"
 #include "quendo/platform/Logging.h"
 
 #include <algorithm>
 #include <cstdlib>
-#include <memory>
 #include <string_view>
 #include <sys/stat.h>
 
@@ -22,24 +22,8 @@ constexpr int mostInside = 1'000; // submodules of one submodule
 constexpr std::size_t mostPathspecs = 64;
 constexpr std::size_t pointerLimit = 64 * 1024;
 
-std::string join(const std::string& folder, const std::string& path) {
-    return path.starts_with('/') ? path : folder + "/" + path;
-}
-
-std::string parentOf(const std::string& path) {
-    const auto slash = path.rfind('/');
-    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
-}
-
-std::string canonical(const std::string& path) {
-    const std::unique_ptr<char, void (*)(void*)> resolved(::realpath(path.c_str(), nullptr),
-                                                          std::free);
-    return resolved ? resolved.get() : path;
-}
-
-bool isFolder(const std::string& path) {
-    struct stat status;
-    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+std::string resolved(const std::string& path) {
+    return canonical(path).value_or(path);
 }
 
 std::string variable(const char* name, const std::string& otherwise) {
@@ -51,16 +35,16 @@ std::string variable(const char* name, const std::string& otherwise) {
 std::string gitDirOf(const std::string& folder) {
     const auto metadata = folder + "/.git";
     if (isFolder(metadata))
-        return canonical(metadata);
+        return resolved(metadata);
     const auto content = readSmallFile(metadata, pointerLimit);
     return content && content->starts_with("gitdir: ")
-               ? canonical(join(folder, withoutLineEnds(content->substr(8))))
+               ? resolved(join(folder, withoutLineEnds(content->substr(8))))
                : "";
 }
 
 std::string commonDirOf(const std::string& gitDir) {
     const auto common = readSmallFile(gitDir + "/commondir", pointerLimit);
-    return common ? canonical(join(gitDir, withoutLineEnds(*common))) : gitDir;
+    return common ? resolved(join(gitDir, withoutLineEnds(*common))) : gitDir;
 }
 
 /// What makes git take a folder for a repository.
@@ -79,7 +63,8 @@ bool isIn(const std::set<std::string>& folders, std::string_view relative) {
     }
 }
 
-/// "…/.git/rest" of a path in a nested working copy or in one nested in that.
+/// Where the name ".git" starts in the path of something in a nested working copy; npos when it is
+/// not in there.
 std::size_t findMetadata(std::string_view relative) {
     constexpr std::string_view name = ".git";
     for (auto at = relative.find(name); at != std::string_view::npos;
@@ -113,14 +98,18 @@ GitDependencies::Stamp GitDependencies::stampOf(const std::string& file) {
              status.st_ctim.tv_nsec}};
 }
 
-// Which files git reads beside .git/config follows from the settings that it has read: an origin of
-// a setting, what an include names (conditions are not looked at: to follow a file too many is
-// harmless), and the two settings that name rules.
+bool GitDependencies::areCurrent(const std::vector<Stamp>& stamps) {
+    return std::ranges::all_of(stamps,
+                               [](const Stamp& stamp) { return stampOf(stamp.first) == stamp; });
+}
+
+// Which files git reads beside .git/config follows from its settings: the files that they come
+// from, those that an include names (whatever its condition says, as watching a file without effect
+// is harmless), and those that core.excludesFile and core.attributesFile name.
 void GitDependencies::readConfiguration(GitRunner& git) {
-    if (!m_configStamps.empty() && std::ranges::all_of(m_configStamps, [](const Stamp& stamp) {
-            return stampOf(stamp.first) == stamp;
-        }))
+    if (!m_configStamps.empty() && areCurrent(m_configStamps))
         return;
+    m_ignored.clear(); // the user's ignore rules hold in submodules as well
     const auto& repository = git.repository();
     const auto home = variable("HOME", "/");
     const auto userFolder = variable("XDG_CONFIG_HOME", home + "/.config") + "/git";
@@ -134,6 +123,8 @@ void GitDependencies::readConfiguration(GitRunner& git) {
     std::vector<Stamp> stamps;
     for (const auto& file : files)
         stamps.push_back(stampOf(file)); // before it is read
+    if (m_configStamps.empty())
+        m_configFiles = files;
     m_ignoreByName.clear();
     m_ignoreByDefault.clear();
     std::string origin;
@@ -165,8 +156,8 @@ void GitDependencies::readConfiguration(GitRunner& git) {
             if (value.empty() || value.starts_with('~') ||
                 !(isInclude || key == "core.excludesfile" || key == "core.attributesfile"))
                 return;
-            const auto file =
-                join(isInclude && !origin.empty() ? parentOf(origin) : repository.root(), value);
+            const auto file = join(
+                isInclude && !origin.empty() ? parentFolderOf(origin) : repository.root(), value);
             if (files.insert(file).second)
                 stamps.push_back(stampOf(file));
         });
@@ -179,10 +170,10 @@ void GitDependencies::addConfiguration(GitRunner& git, std::vector<StateDependen
     for (const auto& named : m_configFiles) {
         // The file itself as well as the link that leads there.
         const auto normal = Path::fromNative(named).lexicallyNormal();
-        for (const auto& file : {Path::fromNative(canonical(parentOf(normal.toNative())))
+        for (const auto& file : {Path::fromNative(resolved(parentFolderOf(normal.toNative())))
                                      .child(normal.fileName().toNative()),
-                                 Path::fromNative(canonical(named))}) {
-            const auto folder = parentOf(file.toNative());
+                                 Path::fromNative(resolved(named))}) {
+            const auto folder = parentFolderOf(file.toNative());
             if (!(file.isBelow(m_metadata.folder) && m_metadata.filter(file)) && isFolder(folder))
                 byFolder[folder].insert(file);
         }
@@ -231,10 +222,13 @@ void GitDependencies::readLinks(GitRunner& git, const std::vector<std::string>& 
     m_linksKey = std::move(key);
 }
 
-// What git does not look into, in the working copy at `folder` and those nested in it.
-std::set<std::string> GitDependencies::ignoredFolders(GitRunner& git, const std::string& folder,
-                                                      const std::string& prefix, int& budget) {
-    std::set<std::string> ignored;
+// Adds the ignored folders of the submodule at `folder` and of the submodules in it.
+void GitDependencies::findIgnored(GitRunner& git, const std::string& folder,
+                                  const std::string& prefix, int& budget, Ignored& found) const {
+    // An ignore file among the submodule's files is watched with them.
+    const auto gitDir = gitDirOf(folder), common = commonDirOf(gitDir);
+    for (const auto& file : {gitDir + "/index", common + "/config", common + "/info/exclude"})
+        found.stamps.push_back(stampOf(file));
     const auto ask = [&](std::vector<std::string> arguments, std::string input = {}) {
         std::string output;
         GitRun run{.arguments = std::move(arguments),
@@ -247,9 +241,10 @@ std::set<std::string> GitDependencies::ignoredFolders(GitRunner& git, const std:
         return git.run({run}).front().exitCode == 0 ? output : "";
     };
     // One whose configuration leads elsewhere is not asked about, see GitStatus.
-    if (ask({"rev-parse", "--show-toplevel"}) != canonical(folder) + "\n")
-        return ignored;
-    // This names a folder also when it only holds ignored files, in which a new file need not be.
+    if (ask({"rev-parse", "--show-toplevel"}) != resolved(folder) + "\n")
+        return;
+    // This also names a folder in which each file is ignored by itself. A new file there may not be
+    // ignored, so only folders that are ignored as a whole count.
     std::string folders;
     NulSplitter("ls-files")
         .feed(ask({"ls-files", "-z", "-o", "-i", "--exclude-standard", "--directory"}),
@@ -261,7 +256,7 @@ std::set<std::string> GitDependencies::ignoredFolders(GitRunner& git, const std:
         NulSplitter("check-ignore")
             .feed(ask({"check-ignore", "-z", "--stdin"}, std::move(folders)),
                   [&](std::string_view path) {
-                      ignored.insert(prefix + std::string(path.substr(2)));
+                      found.folders.insert(prefix + std::string(path.substr(2)));
                   });
     if (!stampOf(folder + "/.gitmodules").second.empty())
         NulSplitter("ls-files").feed(ask({"ls-files", "-z", "-s"}), [&](std::string_view record) {
@@ -270,14 +265,12 @@ std::set<std::string> GitDependencies::ignoredFolders(GitRunner& git, const std:
                 return;
             const std::string inner(record.substr(tab + 1));
             if (!gitDirOf(folder + "/" + inner).empty())
-                ignored.merge(
-                    ignoredFolders(git, folder + "/" + inner, prefix + inner + "/", budget));
+                findIgnored(git, folder + "/" + inner, prefix + inner + "/", budget, found);
         });
-    return ignored;
 }
 
-// A nested repository is one entry, whatever lies in it, for as long as it is one. A submodule's
-// entry says what differs inside.
+// The entry of a nested repository depends on whether it is one, and not on its files. That of a
+// submodule depends on all that differs inside.
 void GitDependencies::addNested(GitRunner& git, const Path& folder, const std::string& relative,
                                 bool isLink, std::vector<StateDependency>& found) {
     const auto native = folder.toNative();
@@ -309,11 +302,14 @@ void GitDependencies::addNested(GitRunner& git, const Path& folder, const std::s
     }
     std::string name = "nested " + std::to_string(static_cast<int>(depth));
     if (depth == Depth::All) {
-        int budget = mostInside;
         auto known = m_ignored.find(relative);
-        if (known == m_ignored.end())
-            known = m_ignored.emplace(relative, ignoredFolders(git, native, "", budget)).first;
-        ignored = known->second;
+        if (known == m_ignored.end() || !areCurrent(known->second.stamps)) {
+            int budget = mostInside;
+            Ignored now;
+            findIgnored(git, native, "", budget, now);
+            known = m_ignored.insert_or_assign(relative, std::move(now)).first;
+        }
+        ignored = known->second.folders;
     }
     for (const auto& one : ignored)
         name += '\0' + one;
@@ -337,14 +333,48 @@ void GitDependencies::addNested(GitRunner& git, const Path& folder, const std::s
                      {folder}});
 }
 
+void GitDependencies::readModules(GitRunner& git) {
+    auto stamp = stampOf(git.repository().root() + "/.gitmodules");
+    if (stamp == m_modulesStamp)
+        return;
+    std::map<std::string, std::pair<std::string, std::string>> byName; // path, ignore
+    GitRun run{.arguments = {"config", "-z", "--file", stamp.first, "--get-regexp",
+                             "^submodule\\..*\\.(path|ignore)$"}};
+    NulSplitter splitter("config");
+    run.consume = [&](std::string_view text) {
+        splitter.feed(text, [&](std::string_view record) {
+            const auto keyEnd = std::min(record.find('\n'), record.size() - 1);
+            const auto key = record.substr(10, keyEnd - 10);
+            auto& module = byName[std::string(key.substr(0, key.rfind('.')))];
+            (key.ends_with(".path") ? module.first : module.second) = record.substr(keyEnd + 1);
+        });
+    };
+    if (!stamp.second.empty())
+        git.run({run});
+    m_modules.clear();
+    for (auto& [name, module] : byName)
+        m_modules[module.first] = {name, module.second};
+    m_modulesStamp = std::move(stamp);
+}
+
 std::vector<StateDependency> GitDependencies::find(GitRunner& git, const std::vector<Path>& nested,
                                                    const std::vector<Path>& changed) {
     const auto& repository = git.repository();
     repository.checkMetadataFiles();
     std::vector<StateDependency> found;
-    readConfiguration(git);
+    try {
+        readConfiguration(git);
+    } catch (const exception::OperationCancelledError&) {
+        throw;
+    } catch (const exception::SourceControlException&) {
+        if (!m_configStamps.empty())
+            throw;
+        QUENDO_LOG_CAUGHT_EXCEPTION();
+    }
     addConfiguration(git, found);
     addMetadata(git, repository.folder(), repository.gitDir(), found);
+    if (m_configStamps.empty())
+        return found; // a file of the user's has an error, and is watched until it is corrected
 
     std::vector<std::string> relative;
     for (const auto& path : nested)
@@ -360,26 +390,7 @@ std::vector<StateDependency> GitDependencies::find(GitRunner& git, const std::ve
         if (const auto inside = repository.relative(path))
             m_ignored.erase(*inside);
     readLinks(git, relative);
-    if (const auto file = repository.root() + "/.gitmodules"; stampOf(file) != m_modulesStamp) {
-        m_modulesStamp = stampOf(file);
-        std::map<std::string, std::pair<std::string, std::string>> byName; // path, ignore
-        GitRun run{.arguments = {"config", "-z", "--file", file, "--get-regexp",
-                                 "^submodule\\..*\\.(path|ignore)$"}};
-        NulSplitter splitter("config");
-        run.consume = [&](std::string_view text) {
-            splitter.feed(text, [&](std::string_view record) {
-                const auto keyEnd = std::min(record.find('\n'), record.size() - 1);
-                const auto key = record.substr(10, keyEnd - 10);
-                auto& module = byName[std::string(key.substr(0, key.rfind('.')))];
-                (key.ends_with(".path") ? module.first : module.second) = record.substr(keyEnd + 1);
-            });
-        };
-        if (!m_modulesStamp.second.empty())
-            git.run({run});
-        m_modules.clear();
-        for (auto& [name, module] : byName)
-            m_modules[module.first] = {name, module.second};
-    }
+    readModules(git);
     for (const auto& one : relative)
         addNested(git, repository.rootPath().child(one), one, m_links.contains(one), found);
     std::erase_if(m_ignored, [&](const auto& entry) {

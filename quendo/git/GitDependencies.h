@@ -32,8 +32,14 @@ private:
     /// A file's path and what identifies its content.
     using Stamp = std::pair<std::string, std::vector<long long>>;
     enum class Depth { Marker, Metadata, All };
+    /// The folders of a submodule that git does not look into.
+    struct Ignored {
+        std::vector<Stamp> stamps; ///< of files in metadata that they follow from
+        std::set<std::string> folders;
+    };
 
     static Stamp stampOf(const std::string& file);
+    static bool areCurrent(const std::vector<Stamp>& stamps);
     void readConfiguration(GitRunner& git);
     void addConfiguration(GitRunner& git, std::vector<StateDependency>& found) const;
     void addMetadata(GitRunner& git, const std::string& folder, const std::string& gitDir,
@@ -41,8 +47,9 @@ private:
     void addNested(GitRunner& git, const Path& folder, const std::string& relative, bool isLink,
                    std::vector<StateDependency>& found);
     void readLinks(GitRunner& git, const std::vector<std::string>& nested);
-    std::set<std::string> ignoredFolders(GitRunner& git, const std::string& folder,
-                                         const std::string& prefix, int& budget);
+    void readModules(GitRunner& git);
+    void findIgnored(GitRunner& git, const std::string& folder, const std::string& prefix,
+                     int& budget, Ignored& found) const;
 
     const MetadataFolder m_metadata;
 
@@ -57,7 +64,7 @@ private:
     std::pair<Stamp, std::vector<std::string>> m_linksKey; ///< the index, and what was asked for
     std::set<std::string> m_links;                         ///< submodules among `nested`
 
-    std::map<std::string, std::set<std::string>> m_ignored; ///< by submodule
+    std::map<std::string, Ignored> m_ignored; ///< by submodule
 };
 
 } // namespace quendo::git

@@ -150,6 +150,9 @@ const std::vector<std::string> inSubmodule{"echo 2 >> sub/l",
                                            "rm sub/n",
                                            "mkdir -p sub/x/y; : > sub/x/y/z",
                                            "rm -r sub/x; mkdir sub/o; : > sub/o/n",
+                                           "cd sub; git add -f o/n; git commit -qm o",
+                                           "commit",
+                                           "echo 2 > sub/o/n",
                                            "echo 2 >> sub/d/f",
                                            "cd sub; git checkout -q .",
                                            "cd sub; git checkout -q HEAD~1",
@@ -203,6 +206,12 @@ INSTANTIATE_TEST_SUITE_P(
              "commit; subs update --init --recursive",
              "echo 2 >> sub/in/l", "cd sub/in; git commit -qam 2", "cd sub; git commit -qam in",
              "commit", ": > sub/in/n", "rm sub/in/n"}},
+        Story{"SubmoduleWithRulesElsewhere",
+              {"begin; subs add ../lib sub; commit; mkdir sub/v sub/w; : > sub/v/n; : > sub/w/n; "
+               "echo v > ../home/ignore; git config --global core.excludesFile ~/ignore; "
+               "echo w > .git/modules/sub/info/exclude",
+               ": > .git/modules/sub/info/exclude", "rm sub/w/n", ": > ../home/ignore",
+               "rm sub/v/n"}},
         Story{"SubmoduleComesAndGoes",
               {"begin", "subs add ../lib sub", "commit", "echo 2 >> sub/l", "git mv sub e/s",
                "commit", "git checkout -q -- .; git -C e/s checkout -q .", "subs deinit -f e/s",
@@ -294,6 +303,17 @@ TEST(FollowOwn, OperationsOnASubmodule) {
     run("echo 3 > e/s/l");
     ASSERT_TRUE(followed.comes(u"e/s", LocalStatus::Modified));
     EXPECT_EQ(test::differences(followed.cached(), followed.asked()), "");
+}
+
+TEST(FollowOwn, CorrectionOfTheUsersConfiguration) {
+    test::GitSandbox sandbox;
+    sandbox.enterEnvironment();
+    sandbox.init();
+    sandbox.run({"sh", "-c", ": > a; echo '[core' >> ~/.gitconfig"}, sandbox.work());
+    SteppedFolder folder(sandbox);
+    EXPECT_THROW(folder.followed.asked(), exception::SourceControlException);
+    sandbox.run({"sed", "-i", "/core$/d", ".gitconfig"}, sandbox.home());
+    EXPECT_EQ(differencesInTheEnd(folder, false), "");
 }
 
 // The reader is held up until the kernel's queue has run over, in the middle of the work.
