@@ -49,6 +49,17 @@ TEST(GitAdapterTest, AnswersForPathsThatGitDoesNotName) {
         answers.append(toString(mixed.at(path).getState())).append(" ");
     EXPECT_EQ(answers, "External Modified Ignored External NotUnderSourceControl ");
     EXPECT_THAT(copy.refusal(add({"link", "sub/l"})), HasSubstr("sub is a submodule"));
+
+    // However many they are, it is not started for each of them.
+    const OtherGit git("check-ignore", "echo >> ~/runs");
+    std::vector<Path> refused;
+    for (int i = 0; i < 40; ++i)
+        refused.push_back(copy.at((i % 2 ? "sub/" : "sub/x/y/") + std::to_string(i)));
+    copy.sh("mkdir -p sub/x/y; for i in $(seq 0 39); do : > sub/$i; : > sub/x/y/$i; done");
+    const auto counted = GitAdapterFactory({.executable = git.path().native()})
+                             .createAdapter(copy.root(), copy.interactor());
+    EXPECT_EQ(counted->getStatus(refused).size(), refused.size());
+    EXPECT_EQ(copy.sh("wc -l < ~/runs"), "1\n");
 }
 
 // git reads neither through a link, so what that leads to does not matter.
