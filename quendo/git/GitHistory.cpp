@@ -28,7 +28,7 @@ namespace {
 // A repository may ask for any number of comparisons.
 constexpr const char* renameLimit = "-l1000";
 
-/// Thrown to end a git of which no more is wanted.
+/// Thrown where git's output is taken, to stop git when no more is wanted.
 struct Enough {};
 
 /// A file that is there whole under its name, or not at all.
@@ -318,11 +318,17 @@ auto GitHistory::sayingWhatIsNotHere(const Path& file, Work&& work) {
     try {
         return work();
     } catch (const exception::SourceControlException& error) {
-        // git's own words depend on its version.
+        // git's own words, which follow the root and depend on git's version. A refusal of ours is
+        // not looked at: it names the file or the revision, which may be called like anything.
         constexpr std::string_view signs[] = {
             "promisor",           "unable to read", "could not get object",
             "Not a valid object", "bad object",     "missing"};
-        const std::string_view words = error.what();
+        const std::string_view text = error.what();
+        const auto root = m_git.repository().rootPath().toUtf8();
+        const auto at = text.find(root);
+        const bool isGits = text.starts_with("git ") || text.starts_with(root + " ");
+        const auto words = isGits && at != std::string_view::npos ? text.substr(at + root.size())
+                                                                  : std::string_view();
         if (std::ranges::none_of(
                 signs, [&](auto sign) { return words.find(sign) != std::string_view::npos; }) ||
             !LazyFetch::of(m_git, nullptr))

@@ -22,7 +22,7 @@ class GitHistory {
 public:
     explicit GitHistory(GitRunner& git) : m_git(git) {}
 
-    /// As RevisionHistory has it, but that `receive` must not throw.
+    /// As RevisionHistory::readRevisions(), but `receive` must not throw.
     void read(const Path& path, const RevisionQuery& query,
               const std::function<bool(std::unique_ptr<Revision>)>& receive);
     std::vector<std::unique_ptr<Revision>> list(const Path& file, const Revision* from);

@@ -291,6 +291,8 @@ TEST_F(SubsystemTest, FetchesForAPartialCloneWhatTheUserAskedFor) {
                          : contents.getContent(copy.at("new"), u"HEAD", enough);
             },
             testing::ThrowsMessage<exception::OperationFailedError>(HasSubstr("partial clone")));
+    EXPECT_THAT([&] { contents.getContent(copy.at("new"), u"missing", enough); },
+                testing::ThrowsMessage<exception::OperationFailedError>(HasSubstr("no revision")));
     EXPECT_EQ(missing(), "3\n");
 
     // A program that only the repository names is not run; the user's own is.
