@@ -406,7 +406,8 @@ GitActions::Reversion GitActions::planReversion(const std::vector<TreeItem>& ite
 void GitActions::revert(const Reversion& plan) {
     if (plan.toWrite.empty() && plan.toReset.empty() && plan.toForget.empty())
         return;
-    // A file to be deleted may stand where a folder is to be: then this is checked afterwards.
+    // A file to be deleted may stand where a folder is to be written: then obstacles are looked for
+    // after the deletion.
     if (plan.toDelete.empty())
         m_tree.refuseObstacles(plan.toWrite);
     m_tree.refuseReadOnly(plan.toWrite);
@@ -465,7 +466,7 @@ Strings GitActions::broughtByOperation(const std::vector<TreeItem>& items, const
     }
     if (trees.empty() && !isRebase)
         return {};
-    // What the merge of a pick wrote, under the names that it chose.
+    // The tree that the merge wrote, with the names that it chose for files on both sides.
     if (const auto tree = readSmallFile(gitDir + "/AUTO_MERGE", largestHead);
         tree && isObjectName(withoutLineEnds(*tree)))
         trees.push_back(withoutLineEnds(*tree));
@@ -486,18 +487,19 @@ Strings GitActions::broughtByOperation(const std::vector<TreeItem>& items, const
                     brought.emplace(name);
             });
         };
-        // The first commit of all has no parent, and nothing that it could bring back.
+        // This fails for the parent of a root commit. To revert a root commit adds no file.
         m_git.run({list});
     }
     if (isThere("rebase-apply/patch"))
-        m_git.run({GitRun{
-            .arguments = {"apply", "--numstat", "-z", gitDir + "/rebase-apply/patch"},
-            .consume = [&, names = NulSplitter("apply")](std::string_view text) mutable {
-                // "<added>\t<deleted>\t<name>"
-                names.feed(text, [&](std::string_view line) {
-                    brought.emplace(line.substr(std::min(line.rfind('\t') + 1, line.size())));
-                });
-            }}});
+        m_git.run(
+            {GitRun{.arguments = {"apply", "--numstat", "-z", gitDir + "/rebase-apply/patch"},
+                    .consume = [&, names = NulSplitter("apply")](std::string_view text) mutable {
+                        // "<added>\t<deleted>\t<name>"
+                        names.feed(text, [&](std::string_view line) {
+                            const auto second = line.find('\t', line.find('\t') + 1);
+                            brought.emplace(line.substr(std::min(second + 1, line.size())));
+                        });
+                    }}});
 
     Strings files;
     std::ranges::copy_if(added, std::back_inserter(files), [&](const auto& path) {

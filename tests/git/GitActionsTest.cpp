@@ -190,8 +190,8 @@ TEST(GitActionsTest, DiscardingLeavesWhatIsUnderWayUsable) {
     const char* start = R"sh(git init -q; c() { git add -A; git commit -qm "$1"; }
         b() { git checkout -q "$@"; }
         for f in a b d; do echo $f > $f; done; mkdir n; echo x > n/x; c base; b -b topic; echo t > a
-        echo new > new; mkdir t; echo 1 > t/u; c t1; echo 2 >> new; rm d; c t2; echo y > n/y; c t3
-        b main; echo m > a; echo m > d; c m1; b topic
+        echo new > new; mkdir t; echo 1 > "$(printf 't/u\t')"; c t1; echo 2 >> new; rm d; c t2
+        echo y > n/y; c t3; b main; echo m > a; echo m > d; c m1; b topic
         )sh";
     const Case cases[] = {
         {"git rebase main", "rebase"}, // both changed a file, and new ones beside
