@@ -24,8 +24,8 @@ constexpr std::chrono::milliseconds firstRetry{1'000};
 constexpr std::chrono::milliseconds longestRetry{60'000};
 
 // A read is due when something may have changed since the last one started, or when that failed.
-// At most one task is queued or running on the strand. It reads until no read is due, or until one
-// fails; then the timer queues the next.
+// At most one task is queued or running on the strand. It reads until nothing changed during a
+// read; if that read failed, the timer queues the next task.
 class State : public std::enable_shared_from_this<State> {
 public:
     State(const std::shared_ptr<CMAdapter>& adapter, BranchInformation& branches)
@@ -69,13 +69,13 @@ private:
             std::optional<CachedBranchState> news;
             {
                 const std::lock_guard lock(m_mutex);
-                goesOn = state && m_isDue;
+                goesOn = m_isDue;
                 m_isQueued = goesOn;
-                if (error != nullptr) {
+                if (error == nullptr) {
+                    m_retryDelay = firstRetry;
+                } else if (!goesOn) {
                     m_isDue = true;
                     queueRetry();
-                } else {
-                    m_retryDelay = firstRetry;
                 }
                 const bool isNew = (state && state != m_state) || errorText != m_errorText;
                 if (state)

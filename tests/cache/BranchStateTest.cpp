@@ -138,6 +138,13 @@ TEST_F(BranchStateTest, TellsFailuresAndRetriesMoreAndMoreSeldom) {
     EXPECT_EQ(known(), "main again");
     EXPECT_EQ(services->delays.back(), 1'000);
     EXPECT_EQ(told, 3);
+    adapter->inRead = [&] { // a change during a read that fails, which corrects it
+        cache->refresh();
+        adapter->inRead = [&] { adapter->error.clear(); };
+    };
+    cache->refresh();
+    services->run();
+    EXPECT_EQ(known(), "main");
 }
 
 } // namespace
