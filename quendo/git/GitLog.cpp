@@ -45,23 +45,18 @@ void GitLog::take(std::string_view piece) {
             throwGarbage("log");
         m_revision = std::make_unique<Revision>();
         m_revision->id = toUString(piece);
-        m_part = Part::Parents;
-        return;
+        break;
     case Part::Parents:
-        m_part = Part::Author;
-        return;
+        break;
     case Part::Author:
         m_revision->author = toUString(piece);
-        m_part = Part::Email;
-        return;
+        break;
     case Part::Email:
         m_revision->authorEmail = toUString(piece);
-        m_part = Part::Date;
-        return;
+        break;
     case Part::Date:
         m_revision->date = dateFrom(piece);
-        m_part = Part::Message;
-        return;
+        break;
     case Part::Message:
         m_revision->message = toUString(withoutLineEnds(std::string(piece)));
         m_part = Part::End;
@@ -93,6 +88,7 @@ void GitLog::take(std::string_view piece) {
         m_part = Part::End;
         return;
     }
+    m_part = static_cast<Part>(static_cast<int>(m_part) + 1);
 }
 
 void GitLog::takeChange(std::string_view piece) {

@@ -20,7 +20,7 @@ public:
 
     enum class Paths {
         Constant, ///< every revision has the path of the newest one
-        Followed, ///< git is told `--name-status`, which shows where a file had another name
+        Followed, ///< the output is that of `--name-status` and tells of renames
     };
 
     /// `git log` and the options that fix its output.
@@ -42,6 +42,7 @@ public:
     void finish();
 
 private:
+    /// What the next piece is; those of a record come in this order.
     enum class Part { ID, Parents, Author, Email, Date, Message, End, OldPath, NewPath };
 
     void take(std::string_view piece);
