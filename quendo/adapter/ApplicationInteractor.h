@@ -39,7 +39,7 @@ public:
 
     virtual ~ProgressIndicator();
 
-    /// What `fraction` is while nobody knows how far the work is.
+    /// The value of `fraction` when it is not known how far the work is.
     static constexpr double unknown = -1;
 
     /// May be called again with the same values: the work goes on.

@@ -124,7 +124,7 @@ void DependencyWatches::watch(const StateDependency& dependency, Key key) {
         noteChange(dependency.dependents);
 }
 
-// What changed between the query and the watch is told by no event.
+// No event reports a change between the query and the start of the watch, so this looks for one.
 bool DependencyWatches::hasChangedSinceAnswer(const StateDependency& dependency) const {
     std::optional<Clock::time_point> since;
     for (const auto& path : dependency.dependents) {

@@ -84,9 +84,9 @@
 //
 // Nested working copies. A folder that the adapter answers with one entry, because it is another
 // working copy, is left to DependencyWatches, where the adapter offers StateDependencies. What lies
-// in it is neither watched nor queried here; of a file there the adapter would say that it belongs
-// to somebody else, and a fresh query would not list it. Such an answer is taken back by a refresh
-// of the nested folder. Where a folder gains or loses a forbidden name (".git"), it may have become
+// in it is neither watched nor queried here: the adapter answers External for a file there, and a
+// query of the folder lists no such entry. When there is one all the same, a refresh of the nested
+// folder removes it. Where a folder gains or loses a forbidden name (".git"), it may have become
 // a nested working copy or ceased to be one: it is refreshed, and named to DependencyWatches,
 // because the new metadata may be incomplete yet. In the root, everything is refreshed.
 //
@@ -178,7 +178,7 @@ struct CacheUpdateInfo {
     std::shared_ptr<CMStatusCache> cache;
     std::atomic<bool> enabled{true};
     std::atomic<bool> hasLost{false};          ///< an event
-    std::atomic<bool> leavesNested{false};     ///< to DependencyWatches
+    std::atomic<bool> leavesNested{false};     ///< what is nested, to DependencyWatches
     std::atomic<bool> hasMissedFolders{false}; ///< new folders may have no watch: see Suspensions
     std::atomic<Clock::time_point> enabledAt{Clock::time_point::min() +
                                              tick}; ///< by the last guard
@@ -779,8 +779,8 @@ private:
         });
     }
 
-    /// On the cache's strand: keeps the set of nested working copies, and has what was answered of
-    /// paths in one taken back.
+    /// On the cache's strand: updates the set of nested working copies. Refreshes those that have
+    /// got entries for paths in them, which removes these entries.
     void followNested(const StatusChanges& changed) {
         if (!m_info->leavesNested)
             return;

@@ -17,7 +17,7 @@ namespace quendo {
 /// Threads: as the wrapped adapter. Destroying it waits for a trigger under way, unless that is
 /// what destroys it.
 /// @throws exception::InvalidArgumentError when either is null; what the adapter and the detector
-/// throw
+///         throw
 QUENDO_API std::unique_ptr<CMAdapter>
 makeExternalChangeDetectingCMAdapter(std::unique_ptr<CMAdapter> adapter,
                                      std::shared_ptr<ApplicationInteractor> interactor);

@@ -127,7 +127,8 @@ ActingResult runActing(const ActingPlan& plan, const Cancellation& cancellation,
         .lifetime = ChildLifetime::OutlivesParent,
     });
 
-    // A quick git keeps the executor. Each OutsideExecutor may cost the length of somebody's query.
+    // A git that ends soon keeps its turn: to take the turn back may mean to wait for a whole
+    // query.
     std::optional<OutsideExecutor> outside;
     const auto stepOutside = [&] {
         if (!outside)

@@ -181,7 +181,7 @@ void ChildProcess::waitForAll(std::span<ChildProcess* const> children,
         ::poll(polled.data(), polled.size(), std::max(0, static_cast<int>(left.count())));
         cancellation.throwIfRequested();
         if (polled.back().revents != 0) {
-            // The time that this takes does not count.
+            // This may wait for the user, which is no stall.
             service.serve();
             lastProgress = Clock::now();
         }

@@ -61,7 +61,7 @@ std::shared_ptr<const Repository> GitAdapter::repository() const {
             if (now.root() == m_repository->root())
                 m_repository = std::make_shared<const Repository>(std::move(now));
         } catch (const exception::SourceControlException&) {
-            // git says in its answer what is wrong
+            // The error of the git that is run next says what is wrong.
         }
     }
     return m_repository;
@@ -110,7 +110,7 @@ void GitAdapter::report(const UString& message, double fraction) const noexcept 
 template <class Work>
 auto GitAdapter::withProgress(const UString& message, Work&& work) const {
     const Cancellation cancellation(m_interactor.get());
-    // git says nothing of how far it is.
+    // git reports no progress of a query.
     const auto goOn = [&] { report(message, ProgressIndicator::unknown); };
     const auto repository = this->repository();
     GitRunner git(*m_tool, *repository, cancellation, goOn);

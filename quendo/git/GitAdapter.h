@@ -106,7 +106,7 @@ private:
 /// in its place (http, https, ftp), and a query. For people, not to connect with.
 std::string withoutSecrets(const std::string& url);
 
-/// The same of every address in a text.
+/// The same for every URL in a text.
 std::string withoutSecretsInText(std::string text);
 
 /// How far git is by its own words ("Updating files:  45% (9/20)"), or

@@ -27,8 +27,7 @@ struct PorcelainRecord {
     static bool namesImpossiblePath(std::string_view text);
 };
 
-/// Whether a path out of an index or a tree can be that of a file: no part of it is empty or a dot
-/// or two.
+/// Whether a path in an index or a tree can be that of a file: no part of it is empty, "." or "..".
 bool isPossiblePath(std::string_view path);
 
 } // namespace quendo::git

@@ -11,12 +11,10 @@ namespace quendo {
 void checkClientId(const std::string& clientId) {
     if (clientId.empty())
         throw exception::InvalidArgumentError(
-            "a client identifier must not be empty: leave it out to be "
-            "counted as \"UNKNOWN\"");
+            "a client identifier must not be empty: leave it out to be counted as \"UNKNOWN\"");
     if (std::ranges::any_of(clientId, [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; }))
         throw exception::InvalidArgumentError(
-            "a client identifier must not hold control characters, such as "
-            "line breaks");
+            "a client identifier must not hold control characters, such as line breaks");
 }
 
 ClientRegisteredManagedFolder::ClientRegisteredManagedFolder(std::shared_ptr<ManagedFolder> folder,

@@ -11,8 +11,7 @@ namespace quendo {
 class QUENDO_API ClientRegisteredManagedFolder : public ManagedFolderDecorator {
 public:
     /// @throws exception::InvalidArgumentError for an identifier that is empty or holds control
-    /// characters,
-    ///         which would make the listing of clients ambiguous
+    ///         characters, which would make the listing of clients ambiguous
     ClientRegisteredManagedFolder(std::shared_ptr<ManagedFolder> folder, std::string clientId);
     ~ClientRegisteredManagedFolder() override;
 

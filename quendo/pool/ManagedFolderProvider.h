@@ -46,8 +46,7 @@ public:
     /// copy around it, or source control is switched off in the settings.
     /// @param folder absolute
     /// @throws exception::InvalidArgumentError for a path that is not absolute, or an identifier
-    /// that is
-    ///         empty or holds control characters;
+    ///         that is empty or holds control characters;
     ///         shared_quendo::core::VFSChangeEventsError, with the reason nested, when the host's
     ///         event service refuses to watch the working copy;
     ///         exception::SourceControlException and what else the factory throws for a working
