@@ -9,6 +9,7 @@
 #include "quendo/platform/FolderDeletionWatcher.h"
 #include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/InstallationService.h"
+#include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/SettingsService.h"
 #include "quendo/platform/UuidGenerator.h"
 #include "quendo/platform/VirtualFileSystem.h"
@@ -91,9 +92,17 @@ thread_local std::shared_ptr<const Services> ofThisThread;
 } // namespace
 
 std::shared_ptr<const Services> completed(Services services) {
+    if ((services.events == nullptr) != (services.fileSystem == nullptr))
+        throw exception::InvalidArgumentError(
+            std::string("platform::Services has `") +
+            (services.events != nullptr ? "events` and no `fileSystem`"
+                                        : "fileSystem` and no `events`") +
+            ": give both or neither, because subscriptions deliver what was published through the "
+            "same service; one that forwards to the library's own goes with the other one of "
+            "completed({})");
     const auto& standard = standardServices();
     if (const auto& watcher = services.folderWatcher; watcher != nullptr) {
-        if (services.events == nullptr && services.fileSystem == nullptr) {
+        if (services.events == nullptr) {
             const auto events = std::make_shared<StandardEventMgr>(watcher);
             services.events = events;
             services.fileSystem = events;

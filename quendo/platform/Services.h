@@ -26,8 +26,8 @@ class VirtualFileSystem;
 /// library's own implementation (see quendo/platform/standard), so a host sets only what it has.
 /// Implementations are called from any thread.
 ///
-/// `fileSystem` and `events` work as a pair: give both or neither. To wrap a service of the
-/// library's own, take it from completed({}).
+/// `fileSystem` and `events` work as a pair: one without the other is refused. To wrap a service of
+/// the library's own, take it from completed({}).
 struct QUENDO_API Services {
     std::shared_ptr<SettingsService> settings;
     std::shared_ptr<FeatureFlagService> featureFlags;
@@ -53,12 +53,14 @@ public:
 
 /// Puts the host's services in place, for the rest of the process. Call it once, before anything
 /// else of the library: the first use of services() fixes them.
-/// @throws ServicesInUseError on a second call, or after the first use. Nothing changes then.
+/// @throws ServicesInUseError on a second call, or after the first use; what completed() throws.
+///         Nothing changes then.
 QUENDO_API void install(Services services,
                         std::source_location where = std::source_location::current());
 
 /// These services with the library's own for the members left null, `factorySources` excepted. The
 /// library's event service and deletion watchers stand over the given `folderWatcher`.
+/// @throws exception::InvalidArgumentError for only one of `fileSystem` and `events`
 QUENDO_API std::shared_ptr<const Services> completed(Services services);
 
 /// The services in force on this thread, every member set except `factorySources`, whose null

@@ -1,12 +1,14 @@
 #include "quendo/platform/Services.h"
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/ExecutorService.h"
+#include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/Logging.h"
 #include "quendo/platform/ScopeGuard.h"
 #include "quendo/platform/standard/StandardFeatureFlagService.h"
 #include "quendo/platform/standard/StandardFileUtilities.h"
 #include "quendo/platform/standard/StandardMessageCatalogue.h"
 #include "quendo/platform/standard/StandardUuidGenerator.h"
+#include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/Testing.h"
 
 #include <regex>
@@ -67,6 +69,20 @@ TEST(Services, ScopesNestAndMissingMembersAreStandard) {
     EXPECT_EQ(getSourceControlExecutor(), getSourceControlExecutor());
     EXPECT_NE(createStrandExecutor("a"), createStrandExecutor("a"));
     EXPECT_EQ(createStrandExecutor("a")->name(), "a");
+}
+
+TEST(Services, RefuseHalfOfTheEventService) {
+    Services events, fileSystem;
+    events.events = services()->events;
+    fileSystem.fileSystem = services()->fileSystem;
+    for (const auto& half : {events, fileSystem}) {
+        const auto refused = testing::ThrowsMessage<exception::InvalidArgumentError>(
+            HasSubstr("give both or neither"));
+        EXPECT_THAT([&] { install(half); }, refused);
+        EXPECT_THAT([&] { createNewManagedFolderProviderInstance(half); }, refused);
+    }
+    events.fileSystem = fileSystem.fileSystem;
+    EXPECT_EQ(completed(events)->events, events.events);
 }
 
 TEST(Services, StandardUuidsAreRandomOnes) {
