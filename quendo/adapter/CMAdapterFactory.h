@@ -13,8 +13,10 @@ class CMAdapter;
 class CMApplicationInteractor;
 
 /// Recognises the working copies of one source-control system and makes adapters for them.
-/// Any thread may call any operation, several at once.
-class QUENDO_API CMAdapterFactory {
+/// Any thread may call any operation, several at once. Whenever the library calls one of a factory
+/// that a host gave it, a shared_ptr owns the factory, so shared_from_this() works there (not for a
+/// factory that was injected without an owner).
+class QUENDO_API CMAdapterFactory : public std::enable_shared_from_this<CMAdapterFactory> {
 public:
     virtual ~CMAdapterFactory();
 

@@ -9,6 +9,7 @@
 #include "quendo/platform/SettingsService.h"
 
 #include <atomic>
+#include <iterator>
 #include <utility>
 
 namespace quendo {
@@ -45,8 +46,7 @@ bool readSwitchSafely(platform::SettingsService& settings) {
     }
 }
 
-bool isSourceControlEnabled() {
-    const auto services = platform::services();
+bool isSourceControlEnabled(const std::shared_ptr<const platform::Services>& services) {
     const auto* settings = services->settings.get();
     const bool isEnabled = readSwitchSafely(*services->settings);
     // Logged when it is switched off, and not for each folder that is asked about afterwards.
@@ -62,8 +62,8 @@ bool isSourceControlEnabled() {
 }
 
 /// Takes the first factory of `factories` that recognises `folder`.
-template <class Pointer>
-std::shared_ptr<CMAdapterFactory> search(std::vector<Pointer> factories, const Path& folder) {
+std::shared_ptr<CMAdapterFactory> search(std::vector<std::shared_ptr<CMAdapterFactory>> factories,
+                                         const Path& folder) {
     for (auto& factory : factories) {
         try {
             if (factory != nullptr && factory->canManage(folder))
@@ -78,15 +78,31 @@ std::shared_ptr<CMAdapterFactory> search(std::vector<Pointer> factories, const P
 } // namespace
 
 std::shared_ptr<CMAdapterFactory> AllCMAdapterFactoryProvider::provide(const Path& folder) const {
-    if (!isSourceControlEnabled())
+    return provide(folder, platform::services());
+}
+
+std::shared_ptr<CMAdapterFactory> AllCMAdapterFactoryProvider::provide(
+    const Path& folder, const std::shared_ptr<const platform::Services>& services) const {
+    if (!isSourceControlEnabled(services))
         return nullptr;
+    // The lists come from these services, and the factories are called without them.
+    const auto installed = [&] {
+        const platform::ThreadServices use(services);
+        return getInstalledFactories();
+    };
+    const auto ofJava = [&] {
+        const platform::ThreadServices use(services);
+        auto owned = jni::getCMAdapterFactories();
+        return std::vector<std::shared_ptr<CMAdapterFactory>>(
+            std::make_move_iterator(owned.begin()), std::make_move_iterator(owned.end()));
+    };
     // A factory may drop the caller's path while it is asked.
     const Path copy = folder;
     if (auto found = search(getInjectedCMAdapterFactoriesInstance().getFactories(), copy))
         return found;
-    if (auto found = search(getInstalledFactories(), copy))
+    if (auto found = search(installed(), copy))
         return found;
-    return search(jni::getCMAdapterFactories(), copy);
+    return search(ofJava(), copy);
 }
 
 } // namespace quendo

@@ -42,12 +42,12 @@ std::function<void()>
 InjectedCMAdapterFactories::inject(std::shared_ptr<CMAdapterFactory> factory) {
     if (factory == nullptr)
         throw exception::InvalidArgumentError("inject: there is no factory to add");
-    // The remover is made first: whatever fails leaves the list as it was. It knows the factory
-    // weakly beside its address, because another one may stand at that address later.
+    // The remover is made first: whatever fails leaves the list as it was. It knows an owned
+    // factory weakly beside its address, because another one may stand at that address later.
     std::function<void()> remover = [list = std::weak_ptr(m_impl), weak = std::weak_ptr(factory),
-                                     address = factory.get()] {
+                                     isOwned = factory.use_count() != 0, address = factory.get()] {
         const auto alive = weak.lock();
-        if (const auto impl = list.lock(); impl != nullptr && alive != nullptr)
+        if (const auto impl = list.lock(); impl != nullptr && (alive != nullptr || !isOwned))
             impl->remove(address);
     };
     Factories entry{std::move(factory)};

@@ -20,7 +20,8 @@ public:
     InjectedCMAdapterFactories(const InjectedCMAdapterFactories&) = delete;
     InjectedCMAdapterFactories& operator=(const InjectedCMAdapterFactories&) = delete;
 
-    /// Appends `factory`.
+    /// Appends `factory`. One that its shared_ptr does not own (an alias without owner, of a static
+    /// for example) must stay until it was removed and nobody calls it any more.
     /// @return removes every entry of that factory; may be called more than once, and after the
     ///         list has gone. Dropping it without a call leaves the factory in.
     /// @throws exception::InvalidArgumentError for a null pointer.

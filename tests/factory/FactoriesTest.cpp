@@ -193,5 +193,15 @@ TEST(InjectedCMAdapterFactories, RemoverHoldsNothingAndFactoriesDieUnlocked) {
     remove();
 }
 
+TEST(InjectedCMAdapterFactories, RemoverKnowsAFactoryThatNobodyOwns) {
+    InjectedCMAdapterFactories list;
+    FakeFactory factory;
+    const auto remove =
+        list.inject(std::shared_ptr<CMAdapterFactory>(std::shared_ptr<void>(), &factory));
+    EXPECT_EQ(list.getFactories().size(), 1U);
+    remove();
+    EXPECT_THAT(list.getFactories(), testing::IsEmpty());
+}
+
 } // namespace
 } // namespace quendo

@@ -60,7 +60,9 @@ struct FakeSources : platform::FactorySources {
         std::vector<std::unique_ptr<CMAdapterFactory>> result;
         for (const auto& id : java) {
             auto made = std::make_unique<FakeFactory>(id);
-            made->canManageHook = [](const Path&) { return true; };
+            made->canManageHook = [raw = made.get()](const Path&) {
+                return raw->shared_from_this() != nullptr;
+            };
             result.push_back(std::move(made));
         }
         return result;
