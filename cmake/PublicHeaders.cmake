@@ -17,6 +17,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/adapter/LocalStatus.h
     quendo/adapter/MetadataFolder.h
     quendo/adapter/QueryOrigin.h
+    quendo/adapter/ListenerFailure.h
     quendo/adapter/Revision.h
     quendo/adapter/RevisionContent.h
     quendo/adapter/RevisionHistory.h
@@ -96,6 +97,7 @@ set(QUENDO_PUBLIC_HEADERS
 # for the factories) and quendo/platform/standard are private without being named.
 set(QUENDO_PRIVATE_HEADERS
     quendo/adapter/DispatchingProgressIndicator.h
+    quendo/adapter/ListenerSignal.h
     quendo/adapter/SubsystemType.h
     quendo/adapter/TriggerableStatusDispatcher.h
     quendo/adapter/TriggerableTerminator.h

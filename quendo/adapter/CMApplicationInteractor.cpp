@@ -7,12 +7,16 @@
 namespace quendo {
 
 struct CMApplicationInteractor::Impl {
+    explicit Impl(ListenerFailure onFailure)
+        : terminator(onFailure), progress(onFailure), status(onFailure) {}
+
     TriggerableTerminator terminator;
     DispatchingProgressIndicator progress;
     TriggerableStatusDispatcher status;
 };
 
-CMApplicationInteractor::CMApplicationInteractor() : m_impl(std::make_unique<Impl>()) {}
+CMApplicationInteractor::CMApplicationInteractor(ListenerFailure onFailure)
+    : m_impl(std::make_unique<Impl>(onFailure)) {}
 CMApplicationInteractor::~CMApplicationInteractor() = default;
 
 Terminator& CMApplicationInteractor::getTerminator() {

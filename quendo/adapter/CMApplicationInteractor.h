@@ -2,6 +2,7 @@
 
 #include "quendo/adapter/ApplicationInteractor.h"
 #include "quendo/adapter/CMInteractor.h"
+#include "quendo/adapter/ListenerFailure.h"
 #include "quendo/platform/Export.h"
 
 #include <memory>
@@ -13,10 +14,12 @@ namespace quendo {
 ///
 /// Threads: every operation may be called from any thread, the keyed connections of the
 /// Terminator excepted. Listeners run on the triggering thread; what they throw reaches the caller
-/// of the trigger and skips the listeners behind. Destroying the interactor disconnects them all.
+/// of the trigger, and ListenerFailure says whether the listeners behind are called. Destroying the
+/// interactor disconnects them all; a listener may do that too.
 class QUENDO_API CMApplicationInteractor : public ApplicationInteractor, public CMInteractor {
 public:
-    CMApplicationInteractor();
+    /// @param onFailure that of a managed folder spares the rest
+    explicit CMApplicationInteractor(ListenerFailure onFailure = ListenerFailure::SkipsRest);
     ~CMApplicationInteractor() override;
 
     Terminator& getTerminator() override;

@@ -2,9 +2,8 @@
 
 #include "quendo/adapter/ApplicationInteractor.h"
 #include "quendo/adapter/CMInteractor.h"
+#include "quendo/adapter/ListenerSignal.h"
 #include "quendo/platform/Export.h"
-
-#include <boost/signals2/signal.hpp>
 
 namespace quendo {
 
@@ -14,13 +13,14 @@ class QUENDO_API DispatchingProgressIndicator : public ProgressIndicator,
 public:
     using Slot = ProgressIndicator::Slot;
 
+    explicit DispatchingProgressIndicator(ListenerFailure onFailure) : m_signal(onFailure) {}
     ~DispatchingProgressIndicator() override;
 
     void report(const UString& message, double fraction) override;
     boost::signals2::connection connect(const Slot& slot) override;
 
 private:
-    boost::signals2::signal<void(const UString&, double)> m_signal;
+    ListenerSignal<void(const UString&, double)> m_signal;
 };
 
 } // namespace quendo

@@ -1,23 +1,27 @@
 #include "quendo/adapter/EventBroadcastingCMAdapter.h"
 
+#include "quendo/adapter/ListenerSignal.h"
 #include "quendo/platform/FileUtilities.h"
 #include "quendo/platform/Services.h"
 
-#include <boost/signals2/signal.hpp>
-
+#include <exception>
 #include <utility>
 
 namespace quendo {
 
 struct EventBroadcastingCMAdapter::Signals {
+    explicit Signals(ListenerFailure onFailure)
+        : folderStatus(onFailure), fileStatus(onFailure), update(onFailure) {}
+
     const std::shared_ptr<platform::FileUtilities> files = platform::services()->files;
-    boost::signals2::signal<void(std::vector<Path>)> folderStatus;
-    boost::signals2::signal<void(std::vector<Path>)> fileStatus;
-    boost::signals2::signal<void()> update;
+    ListenerSignal<void(std::vector<Path>)> folderStatus;
+    ListenerSignal<void(std::vector<Path>)> fileStatus;
+    ListenerSignal<void()> update;
 };
 
-EventBroadcastingCMAdapter::EventBroadcastingCMAdapter(std::unique_ptr<CMAdapter> adapter)
-    : CMAdapterDecorator(std::move(adapter)), m_signals(std::make_unique<Signals>()) {}
+EventBroadcastingCMAdapter::EventBroadcastingCMAdapter(std::unique_ptr<CMAdapter> adapter,
+                                                       ListenerFailure onFailure)
+    : CMAdapterDecorator(std::move(adapter)), m_signals(std::make_unique<Signals>(onFailure)) {}
 
 EventBroadcastingCMAdapter::~EventBroadcastingCMAdapter() = default;
 
@@ -41,6 +45,21 @@ void EventBroadcastingCMAdapter::dispatchFolderStatusChanged(
 
 void EventBroadcastingCMAdapter::dispatchFileStatusChanged(const std::vector<Path>& files) const {
     m_signals->fileStatus(files);
+}
+
+void EventBroadcastingCMAdapter::dispatchStatusChanged(const std::vector<Path>& folders,
+                                                       const std::vector<Path>& files) const {
+    const auto fileStatus = m_signals->fileStatus.hold();
+    std::exception_ptr failure;
+    try {
+        if (!folders.empty())
+            dispatchFolderStatusChanged(folders);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    (*fileStatus)(files); // this adapter may have gone
+    if (failure != nullptr)
+        std::rethrow_exception(std::move(failure));
 }
 
 void EventBroadcastingCMAdapter::dispatchUpdate() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "quendo/adapter/CMAdapterDecorator.h"
+#include "quendo/adapter/ListenerFailure.h"
 #include "quendo/platform/Export.h"
 
 #include <boost/signals2/connection.hpp>
@@ -22,15 +23,18 @@ namespace quendo {
 /// discardChanges and everything else tell nothing; that is deliberate.
 ///
 /// Threads: any. Listeners run on the thread that called the operation, before it returns. What a
-/// listener throws reaches that caller, though the operation has taken effect, and the listeners
-/// behind are not called. Destroying the adapter disconnects all listeners; not from inside one.
+/// listener throws reaches that caller, though the operation has taken effect; ListenerFailure says
+/// whether the listeners behind are called. Destroying the adapter disconnects all listeners; a
+/// listener may do that too.
 class QUENDO_API EventBroadcastingCMAdapter : public CMAdapterDecorator {
 public:
     using PathsSlot = boost::signals2::slot<void(std::vector<Path>)>;
     using UpdateSlot = boost::signals2::slot<void()>;
 
+    /// @param onFailure that of a managed folder spares the rest
     /// @throws exception::InvalidArgumentError when `adapter` is null
-    explicit EventBroadcastingCMAdapter(std::unique_ptr<CMAdapter> adapter);
+    explicit EventBroadcastingCMAdapter(std::unique_ptr<CMAdapter> adapter,
+                                        ListenerFailure onFailure = ListenerFailure::SkipsRest);
     ~EventBroadcastingCMAdapter() override;
 
     /// The states of these folders and of all below them may have changed.
@@ -43,6 +47,9 @@ public:
     void dispatchFolderStatusChanged(const std::vector<Path>& folders) const;
     void dispatchFileStatusChanged(const std::vector<Path>& files) const;
     void dispatchUpdate() const;
+    /// Both, for one operation: the folders first, unless there are none.
+    void dispatchStatusChanged(const std::vector<Path>& folders,
+                               const std::vector<Path>& files) const;
 
     void checkin(const Path& file, const UString& message) const override;
     void checkin(const std::vector<Path>& files, const UString& message) const override;

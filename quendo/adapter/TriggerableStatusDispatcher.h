@@ -2,9 +2,8 @@
 
 #include "quendo/adapter/ApplicationInteractor.h"
 #include "quendo/adapter/CMInteractor.h"
+#include "quendo/adapter/ListenerSignal.h"
 #include "quendo/platform/Export.h"
-
-#include <boost/signals2/signal.hpp>
 
 namespace quendo {
 
@@ -13,13 +12,14 @@ class QUENDO_API TriggerableStatusDispatcher : public StatusTrigger, public Stat
 public:
     using Slot = StatusTrigger::Slot;
 
+    explicit TriggerableStatusDispatcher(ListenerFailure onFailure) : m_signal(onFailure) {}
     ~TriggerableStatusDispatcher() override;
 
     void trigger() override;
     boost::signals2::connection connect(const Slot& slot) override;
 
 private:
-    boost::signals2::signal<void()> m_signal;
+    ListenerSignal<void()> m_signal;
 };
 
 } // namespace quendo

@@ -2,10 +2,10 @@
 
 #include "quendo/adapter/ApplicationInteractor.h"
 #include "quendo/adapter/CMInteractor.h"
+#include "quendo/adapter/ListenerSignal.h"
 #include "quendo/platform/Export.h"
 
 #include <boost/signals2/connection.hpp>
-#include <boost/signals2/signal.hpp>
 
 #include <map>
 #include <string>
@@ -15,6 +15,7 @@ namespace quendo {
 /// Both faces of termination, joined by one signal.
 class QUENDO_API TriggerableTerminator : public Terminator, public TerminationTrigger {
 public:
+    explicit TriggerableTerminator(ListenerFailure onFailure) : m_signal(onFailure) {}
     ~TriggerableTerminator() override;
 
     boost::signals2::connection connect(const Slot& slot) override;
@@ -23,7 +24,7 @@ public:
     void trigger() override;
 
 private:
-    boost::signals2::signal<void()> m_signal;
+    ListenerSignal<void()> m_signal;
     std::map<std::string, boost::signals2::scoped_connection> m_connections;
 };
 

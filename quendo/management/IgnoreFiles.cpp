@@ -27,9 +27,7 @@ void notify(const std::vector<Path>& files, const std::vector<Path>& rules,
     changed.erase(firstFolder.begin(), firstFolder.end());
     changed.insert(changed.end(), rules.begin(), rules.end());
     // A managed folder waits for the files only; the cache answers them after the folders.
-    if (!folders.empty())
-        broadcaster->dispatchFolderStatusChanged(folders);
-    broadcaster->dispatchFileStatusChanged(changed);
+    broadcaster->dispatchStatusChanged(folders, changed);
 }
 
 } // namespace

@@ -121,5 +121,56 @@ TEST_F(LayersTest, TellsWhatWasChangedAfterItSucceeded) {
                 ElementsAre("addFiles"));
 }
 
+/// Destroys what emits a signal in a listener, or on another thread while the listener runs. That
+/// disconnects the listeners behind.
+template <class Make, class Connect, class Emit>
+void destroyDuringEmission(Make make, Connect connect, Emit emit) {
+    for (const bool disconnectsOthers : {false, true})
+        for (const bool onOtherThread : {false, true}) {
+            auto owner = make();
+            std::string heard;
+            std::vector<boost::signals2::connection> others;
+            connect(*owner, [&](const auto&...) {
+                heard += "first";
+                if (disconnectsOthers)
+                    for (const auto& other : others)
+                        other.disconnect();
+                if (onOtherThread)
+                    test::within(test::onThread([&] { owner.reset(); }));
+                owner.reset();
+            });
+            for (int i = 0; i < 3; ++i)
+                others.push_back(connect(*owner, [&](const auto&...) { heard += " other"; }));
+            emit(*owner);
+            EXPECT_EQ(heard, "first");
+        }
+}
+
+TEST_F(LayersTest, MayBeDestroyedByListeners) {
+    const auto broadcaster = [&] {
+        return std::make_unique<EventBroadcastingCMAdapter>(test::makeMemoryAdapter(copy));
+    };
+    destroyDuringEmission(
+        broadcaster, [](auto& each, auto slot) { return each.addFolderStatusListener(slot); },
+        [](auto& each) { each.dispatchFolderStatusChanged({}); });
+    destroyDuringEmission(
+        broadcaster, [](auto& each, auto slot) { return each.addStatusListener(slot); },
+        [&](auto& each) { each.addFiles(files); });
+    destroyDuringEmission(
+        broadcaster, [](auto& each, auto slot) { return each.addUpdateListener(slot); },
+        [&](auto& each) { each.checkin(file, u""); });
+    const auto interactor = [] { return std::make_unique<CMApplicationInteractor>(); };
+    destroyDuringEmission(
+        interactor, [](auto& each, auto slot) { return each.getTerminator().connect(slot); },
+        [](auto& each) { each.getTerminationTrigger().trigger(); });
+    destroyDuringEmission(
+        interactor, [](auto& each, auto slot) { return each.getStatusDispatcher().connect(slot); },
+        [](auto& each) { each.getStatusTrigger().trigger(); });
+    destroyDuringEmission(
+        interactor,
+        [](auto& each, auto slot) { return each.getProgressDispatcher().connect(slot); },
+        [](auto& each) { each.getProgressIndicator().report(u"", 0); });
+}
+
 } // namespace
 } // namespace quendo
