@@ -115,6 +115,7 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/platform/EachSlot.h
     quendo/platform/Utf8.h
     quendo/pool/FaultyFolderRecord.h
+    quendo/pool/FolderTable.h
     quendo/pool/PooledManagedFolder.h
     quendo/pool/RootWatch.h
     quendo/pool/ViableLocation.h

@@ -4,6 +4,7 @@
 #include "quendo/platform/UuidGenerator.h"
 #include "quendo/pool/ViableLocation.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace quendo {
@@ -69,13 +70,19 @@ std::shared_ptr<FaultyFolder> FaultyFolderRecord::addFault(const ViableLocation&
 }
 
 std::vector<std::shared_ptr<FaultyFolder>> FaultyFolderRecord::getFaults() const {
-    std::vector<std::shared_ptr<FaultyFolder>> faults;
+    std::vector<std::shared_ptr<FaultyFolder>> faults; // destroyed without the lock
     const std::lock_guard lock(m_mutex);
+    faults.reserve(m_entries.size());
     for (const auto& entry : m_entries) {
         if (auto fault = entry.fault.lock())
             faults.push_back(std::move(fault));
     }
     return faults;
+}
+
+bool FaultyFolderRecord::isEmpty() const {
+    const std::lock_guard lock(m_mutex);
+    return std::ranges::all_of(m_entries, [](const auto& each) { return each.fault.expired(); });
 }
 
 } // namespace quendo

@@ -46,6 +46,9 @@ public:
     /// In the order in which they were made.
     std::vector<std::shared_ptr<FaultyFolder>> getFaults() const;
 
+    /// Whether nobody holds a fault.
+    bool isEmpty() const;
+
 private:
     struct Entry {
         std::string uuid;

@@ -31,7 +31,12 @@ struct Services;
 ///
 /// Threads: any. A request reads small files of the repository, and making a folder watches it:
 /// keep both off a thread that must not wait (provideLater()). Slots run on the thread of the
-/// request or of the release that they tell about, without a lock; what they throw is logged.
+/// request or of the release that they tell about, without a lock; what they throw is logged. They
+/// may do anything, also destroy the provider.
+///
+/// Of one root, folders are announced as made, deleted (any number of times), released, made, and
+/// so on. A notice that comes while slots are called for another one about the same root, on any
+/// thread, follows there, and nobody waits for it.
 class QUENDO_API ManagedFolderProvider {
 public:
     using FolderSlot = boost::signals2::slot<void(std::shared_ptr<ManagedFolder>)>;
@@ -50,7 +55,11 @@ public:
     ///         shared_quendo::core::VFSChangeEventsError, with the reason nested, when the host's
     ///         event service refuses to watch the working copy;
     ///         exception::SourceControlException and what else the factory throws for a working
-    ///         copy that cannot be used. Nothing is left behind, and the next request tries again.
+    ///         copy that cannot be used, also when another request made the attempt. Nothing is
+    ///         left behind, and the next request tries again;
+    ///         exception::SourceControlException when this thread, or one that waits for it, is
+    ///         opening the working copy already, and when another request has been opening it for
+    ///         minutes
     virtual std::shared_ptr<ManagedFolder> provideFor(const Path& folder,
                                                       const std::string& clientId) = 0;
     /// The same for the client "UNKNOWN".
@@ -69,7 +78,8 @@ public:
     virtual std::vector<std::shared_ptr<ManagedFolder>> getManagedFolders() const = 0;
     virtual std::vector<std::shared_ptr<FaultyFolder>> getFaultyFolders() const = 0;
 
-    /// A folder was made; before the request that made it returns.
+    /// A folder was made; as a rule before the request that made it returns. The argument counts
+    /// no client in.
     virtual boost::signals2::connection connectFolderMade(const FolderSlot& slot) = 0;
     /// A client was given a folder.
     virtual boost::signals2::connection connectClientRegistered(const ClientSlot& slot) = 0;
@@ -77,7 +87,8 @@ public:
     virtual boost::signals2::connection connectFaultRecorded(const FaultSlot& slot) = 0;
     /// The root of a living folder has gone; see ManagedFolder::connectDeleted().
     virtual boost::signals2::connection connectFolderDeleted(const PathSlot& slot) = 0;
-    /// A folder was let go by the last that held it, and is no more.
+    /// A folder was let go by the last that held it. Nobody can get it any more; where the next
+    /// folder of the root has been made already, its destructor may still be running.
     virtual boost::signals2::connection connectFolderReleased(const PathSlot& slot) = 0;
 };
 
@@ -86,7 +97,9 @@ QUENDO_API ManagedFolderProvider& getSingletonManagedFolderProvider();
 
 /// A provider with a pool of its own. Folders that it gave may outlive it.
 QUENDO_API std::unique_ptr<ManagedFolderProvider> createNewManagedFolderProviderInstance();
-/// The same with services of its own: what it makes uses these and not the process's.
+/// The same with services of its own: what it makes uses these and not the process's. Factories and
+/// listeners that it calls do not see them.
+/// @throws what platform::completed() throws
 QUENDO_API std::unique_ptr<ManagedFolderProvider>
 createNewManagedFolderProviderInstance(platform::Services services);
 

@@ -23,7 +23,8 @@ layered(std::unique_ptr<CMAdapter> adapter,
     auto oneAtATime = std::make_unique<SingleThreadedCMAdapter>(getSourceControlExecutor(),
                                                                 std::move(adapter), root);
     return std::make_shared<EventBroadcastingCMAdapter>(
-        makeExternalChangeDetectingCMAdapter(std::move(oneAtATime), interactor));
+        makeExternalChangeDetectingCMAdapter(std::move(oneAtATime), interactor),
+        ListenerFailure::SparesRest);
 }
 
 /// `listener`, whose failures reach nobody: the operation that it is told of has succeeded.
@@ -38,8 +39,15 @@ auto logging(Listener listener) {
     };
 }
 
+template <class Signal>
+std::shared_ptr<Signal> connectedTo(const typename Signal::slot_type& slot) {
+    auto signal = std::make_shared<Signal>();
+    signal->connect(slot);
+    return signal;
+}
+
 auto refreshed(std::weak_ptr<BranchStateCache> cache) {
-    return [cache = std::move(cache)](const auto&...) {
+    return [cache = std::move(cache)] {
         if (const auto locked = cache.lock())
             locked->refresh();
     };
@@ -61,42 +69,51 @@ startedUpdater(const std::shared_ptr<CMStatusCache>& cache,
 
 PooledManagedFolder::PooledManagedFolder(std::unique_ptr<CMAdapter> adapter, UString systemName,
                                          std::string systemId,
-                                         std::shared_ptr<CMApplicationInteractor> interactor)
-    : m_interactor(std::move(interactor)), m_adapter(layered(std::move(adapter), m_interactor)),
+                                         std::shared_ptr<CMApplicationInteractor> interactor,
+                                         const DeletedSlot& deleted)
+    : m_services(platform::services()), m_interactor(std::move(interactor)),
+      m_adapter(layered(std::move(adapter), m_interactor)), m_root(m_adapter->getRootFolder()),
       m_cache(createJobCombiningCache(m_adapter, m_interactor)),
       m_branchState(createBranchStateCache(m_adapter)), m_systemName(std::move(systemName)),
-      m_systemId(std::move(systemId)), m_uuid(platform::services()->uuids->generate()),
+      m_systemId(std::move(systemId)), m_uuid(m_services->uuids->generate()),
       m_statusConnection(m_adapter->addStatusListener(logging(filesUpdateResponse(m_cache)))),
       m_folderStatusConnection(
           m_adapter->addFolderStatusListener(logging(foldersUpdateResponse(m_cache)))),
       m_updateConnection(m_adapter->addUpdateListener(logging(fullUpdateResponse(m_cache)))),
       m_triggerConnection(m_interactor->getStatusDispatcher().connect(
-          logging(nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder())))),
-      m_branchConnections{m_adapter->addStatusListener(refreshed(m_branchState)),
-                          m_adapter->addFolderStatusListener(refreshed(m_branchState)),
-                          m_adapter->addUpdateListener(refreshed(m_branchState)),
-                          m_interactor->getStatusDispatcher().connect(refreshed(m_branchState))},
+          logging(nonBlockingFullUpdateResponse(m_cache, m_root)))),
+      m_branchConnections(onWhateverChanges(refreshed(m_branchState))),
       m_updater(startedUpdater(m_cache, m_adapter)),
-      m_deletedSignal(std::make_shared<DeletedSignal>()),
+      m_deletedSignal(connectedTo<DeletedSignal>(deleted)),
       m_rootWatch(
-          m_adapter->getRootFolder(),
+          m_root,
           [deleted = m_deletedSignal, branch = refreshed(m_branchState),
-           update = nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder(),
-                                                  RefreshReason::RootReturned)] {
+           update = nonBlockingFullUpdateResponse(m_cache, m_root, RefreshReason::RootReturned)] {
               (*deleted)();
               branch();
               update();
           },
           [branch = refreshed(m_branchState),
-           update = nonBlockingFullUpdateResponse(m_cache, m_adapter->getRootFolder(),
-                                                  RefreshReason::RootReturned)] {
+           update = nonBlockingFullUpdateResponse(m_cache, m_root, RefreshReason::RootReturned)] {
               branch();
               update();
           }) {}
 
+/// Connects `listener` to all that announces changes of the working copy.
+PooledManagedFolder::Connections
+PooledManagedFolder::onWhateverChanges(const std::function<void()>& listener) const {
+    const auto withPaths = [listener](const auto&) { listener(); };
+    return {m_adapter->addStatusListener(withPaths), m_adapter->addFolderStatusListener(withPaths),
+            m_adapter->addUpdateListener(listener),
+            m_interactor->getStatusDispatcher().connect(listener)};
+}
+
 PooledManagedFolder::~PooledManagedFolder() {
     QUENDO_TRACE_SCOPE();
-    QUENDO_LOG(Severity::Detail) << " folder.string()=" << m_adapter->getRootFolder();
+    try {
+        QUENDO_LOG(Severity::Detail) << " folder.string()=" << m_root;
+    } catch (...) { // there is no memory for the text
+    }
 }
 
 Path PooledManagedFolder::getRootFolder() const {

@@ -14,8 +14,13 @@
 #include <boost/signals2/signal.hpp>
 
 #include <array>
+#include <functional>
 
 namespace quendo {
+
+namespace platform {
+struct Services;
+}
 
 /// The one managed folder of a working copy. It owns all that works for it; what still runs when it
 /// is destroyed (a query, a listener) holds what it needs and ends by itself.
@@ -30,11 +35,14 @@ public:
     /// @param adapter made by the factory, raw
     /// @param systemId the factory's identifier
     /// @param interactor the one that the adapter was made with
+    /// @param deleted called as the first slot of connectDeleted(), which misses nothing: also for
+    ///        a root that goes before this returns
     /// @throws exception::InvalidArgumentError when either pointer is null;
     ///         platform::ChangeEventsSubscriptionException when the host's services refuse to watch
     ///         the root
     PooledManagedFolder(std::unique_ptr<CMAdapter> adapter, UString systemName,
-                        std::string systemId, std::shared_ptr<CMApplicationInteractor> interactor);
+                        std::string systemId, std::shared_ptr<CMApplicationInteractor> interactor,
+                        const DeletedSlot& deleted = DeletedSlot([] {}));
     ~PooledManagedFolder() override;
 
     Path getRootFolder() const override;
@@ -53,12 +61,20 @@ public:
     boost::signals2::connection connectDeleted(const DeletedSlot& slot) override;
     BranchStateCache* getBranchStateCache() const override;
 
+    /// What it was made with, as platform::completed() gives them.
+    const platform::Services& getServices() const noexcept { return *m_services; }
+
 private:
     using DeletedSignal = boost::signals2::signal<void(), platform::EachSlot>;
+    using Connections = std::array<boost::signals2::scoped_connection, 4>;
+
+    Connections onWhateverChanges(const std::function<void()>& listener) const;
 
     // Released in the reverse order: whoever tells first, then the cache, then the adapter.
+    const std::shared_ptr<const platform::Services> m_services;
     const std::shared_ptr<CMApplicationInteractor> m_interactor;
     const std::shared_ptr<EventBroadcastingCMAdapter> m_adapter;
+    const Path m_root; ///< the adapter's, for the destructor
     const std::shared_ptr<CMStatusCache> m_cache;
     const std::shared_ptr<BranchStateCache> m_branchState; ///< may be null
     const UString m_systemName;
@@ -68,7 +84,7 @@ private:
     boost::signals2::scoped_connection m_folderStatusConnection;
     boost::signals2::scoped_connection m_updateConnection;
     boost::signals2::scoped_connection m_triggerConnection; ///< the interactor's
-    const std::array<boost::signals2::scoped_connection, 4> m_branchConnections;
+    const Connections m_branchConnections;
     VFSFileChangeCacheUpdater m_updater;
     const std::shared_ptr<DeletedSignal> m_deletedSignal;
     const RootWatch m_rootWatch;

@@ -9,27 +9,30 @@
 #include "quendo/platform/FileUtilities.h"
 #include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/Logging.h"
-#include "quendo/platform/ReentrantReadWriteLock.h"
+#include "quendo/platform/ScopeGuard.h"
 #include "quendo/platform/Services.h"
 #include "quendo/pool/ClientRegisteredManagedFolder.h"
 #include "quendo/pool/FaultyFolderRecord.h"
+#include "quendo/pool/FolderTable.h"
 #include "quendo/pool/PooledManagedFolder.h"
 #include "quendo/pool/ViableLocation.h"
 
 #include <boost/signals2/signal.hpp>
 
 #include <algorithm>
+#include <iterator>
 #include <mutex>
-#include <optional>
+#include <tuple>
 #include <typeinfo>
 #include <unordered_map>
 #include <utility>
 
-// The pool's lock. Looking up takes the read side, making a folder the write side, which is kept
-// until the client is registered, so that two requests for one root get the same folder. Nothing is
-// destroyed under it that may be a last reference, because a folder that goes takes the write side
-// on whatever thread it goes, and nothing is told under it. A folder that went takes its entry out
-// of the table; an entry whose folder has gone counts as absent until then.
+// A request in steps: make the path canonical, find the factory that recognises the path or a
+// folder above it, have it make the raw adapter, ask that for its root, and look the root up in the
+// table (FolderTable), which decides who makes the folder. What the host gave for this provider
+// (its Services) is in force on the thread where the library's own code works, and not while a
+// factory or a listener is called: one that requests a folder of another provider would get it made
+// with these services.
 
 namespace quendo {
 
@@ -62,9 +65,13 @@ bool isIn(const Path& root, const Path& path) {
     return path == root || path.isBelow(root);
 }
 
-std::shared_ptr<CMAdapterFactory> probe(const Path& folder) {
+using SharedServices = std::shared_ptr<const platform::Services>;
+
+std::shared_ptr<CMAdapterFactory> probe(const Path& folder, const SharedServices& services) {
     try {
-        return AllCMAdapterFactoryProvider().provide(folder);
+        const AllCMAdapterFactoryProvider factories;
+        return services != nullptr ? factories.provide(folder, services)
+                                   : factories.provide(folder);
     } catch (...) {
         QUENDO_LOG_CAUGHT_EXCEPTION();
         return nullptr;
@@ -73,7 +80,7 @@ std::shared_ptr<CMAdapterFactory> probe(const Path& folder) {
 
 /// Fills in what the factory makes of the root that it recognised.
 void complete(ViableLocation& location, const Path& folder) {
-    location.interactor = std::make_shared<CMApplicationInteractor>();
+    location.interactor = std::make_shared<CMApplicationInteractor>(ListenerFailure::SparesRest);
     location.adapter = location.factory->createAdapter(location.root, location.interactor);
     if (location.adapter == nullptr)
         throw exception::SourceControlException(
@@ -91,8 +98,17 @@ void complete(ViableLocation& location, const Path& folder) {
 class PooledManagedFolderProviderImpl
     : public std::enable_shared_from_this<PooledManagedFolderProviderImpl> {
 public:
-    explicit PooledManagedFolderProviderImpl(std::shared_ptr<const platform::Services> services)
-        : m_services(std::move(services)) {}
+    explicit PooledManagedFolderProviderImpl(SharedServices services)
+        : m_services(std::move(services)),
+          m_table({[this](const auto& folder) { folderMade(folder); },
+                   [this](const Path& root) { folderDeleted(root); },
+                   [this](const Path& root) { folderReleased(root); }}) {}
+
+    template <class Work>
+    auto withServices(Work work) const {
+        const platform::ThreadServices use(m_services);
+        return work();
+    }
 
     struct Outcome {
         std::shared_ptr<ManagedFolder> folder;
@@ -101,13 +117,12 @@ public:
 
     /// @throws exception::InvalidArgumentError for what no factory is asked about
     Outcome request(const Path& folder, const std::string& clientId) {
-        const platform::ThreadServices use(m_services);
         checkClientId(clientId);
         QUENDO_LOG(Severity::Detail) << "Find viable location for folder: " << folder;
-        const Path path = requestedPath(folder);
+        const Path path = withServices([&] { return requestedPath(folder); });
         ViableLocation location;
         for (Path at = path; !at.empty() && location.factory == nullptr; at = at.parentPath()) {
-            location.factory = probe(at);
+            location.factory = probe(at, m_services);
             location.root = at;
         }
         if (location.factory == nullptr)
@@ -117,34 +132,36 @@ public:
             return {provide(location, clientId), nullptr};
         } catch (const platform::ChangeEventsSubscriptionException&) {
             try {
-                std::throw_with_nested(
-                    shared_quendo::core::VFSChangeEventsError(UString(folder.string())));
+                withServices([&] {
+                    std::throw_with_nested(
+                        shared_quendo::core::VFSChangeEventsError(UString(folder.string())));
+                });
             } catch (...) {
                 return {nullptr, recordFault(location, folder, clientId)};
             }
         } catch (...) {
             return {nullptr, recordFault(location, folder, clientId)};
         }
+        return {};
     }
 
     std::vector<std::shared_ptr<ManagedFolder>> getManagedFolders() const {
-        std::vector<std::shared_ptr<ManagedFolder>> folders;
-        {
-            const auto hold = m_lock.read();
-            folders.reserve(m_pool.size());
-            for (const auto& [root, weak] : m_pool) {
-                if (auto folder = weak.lock())
-                    folders.push_back(std::move(folder));
-            }
-        }
+        auto living = m_table.getFolders();
+        std::vector<std::shared_ptr<ManagedFolder>> folders(std::make_move_iterator(living.begin()),
+                                                            std::make_move_iterator(living.end()));
         std::ranges::sort(folders, {}, [](const auto& folder) { return folder->getRootFolder(); });
         return folders;
     }
 
     std::vector<std::shared_ptr<FaultyFolder>> getFaultyFolders() const {
+        std::vector<std::shared_ptr<FaultyFolderRecord>> records;
+        {
+            const std::lock_guard lock(m_faultsMutex);
+            for (const auto& [root, record] : m_faults)
+                records.push_back(record);
+        }
         std::vector<std::shared_ptr<FaultyFolder>> faults;
-        const auto hold = m_lock.read();
-        for (const auto& [root, record] : m_faults) {
+        for (const auto& record : records) {
             for (auto& fault : record->getFaults())
                 faults.push_back(std::move(fault));
         }
@@ -158,72 +175,51 @@ public:
     Signal<void(const Path&)> folderReleased;
 
 private:
-    std::shared_ptr<PooledManagedFolder> lookUp(const Path& root) const {
-        const auto found = m_pool.find(root);
-        return found != m_pool.end() ? found->second.lock() : nullptr;
-    }
-
     std::shared_ptr<ManagedFolder> provide(ViableLocation& location, const std::string& clientId) {
-        std::shared_ptr<PooledManagedFolder> folder;
-        std::shared_ptr<ManagedFolder> registered;
+        auto folder = m_table.find(location.root);
         bool isNew = false;
-        {
-            const auto hold = m_lock.read();
-            folder = lookUp(location.root);
-        }
         if (folder != nullptr) {
             QUENDO_LOG(Severity::Detail) << "Found cached entry with read lock.";
-            registered = registerClient(folder, clientId);
         } else {
-            const auto hold = m_lock.write();
-            folder = lookUp(location.root);
-            if (folder != nullptr) {
-                QUENDO_LOG(Severity::Detail) << "Found cached entry with write lock.";
-            } else {
+            std::tie(folder, isNew) = m_table.obtain(location.root, [&](auto life) {
                 QUENDO_LOG(Severity::Detail) << "Create new entry.";
-                folder = createNewEntry(location);
-                m_pool.insert_or_assign(location.root, folder);
-                isNew = true;
-            }
-            registered = registerClient(folder, clientId);
-        }
-        if (isNew) {
-            folder->connectDeleted([weak = weak_from_this(), root = location.root] {
-                if (const auto self = weak.lock())
-                    self->folderDeleted(root);
+                return createNewEntry(location, std::move(life));
             });
-            folderMade(registered);
+            if (!isNew) {
+                QUENDO_LOG(Severity::Detail) << "Found cached entry with write lock.";
+            }
+        }
+        std::shared_ptr<ManagedFolder> registered;
+        {
+            scope_guard announce([&] { m_table.announce(location.root); });
+            if (!isNew)
+                announce.dismiss();
+            registered = registerClient(folder, clientId);
         }
         clientRegistered(clientId);
         return registered;
     }
 
-    std::shared_ptr<PooledManagedFolder> createNewEntry(ViableLocation& location) {
-        const auto release = [weak = weak_from_this(), root = location.root](auto* folder) {
+    FolderTable::Folder createNewEntry(ViableLocation& location,
+                                       std::shared_ptr<FolderTable::Life> life) {
+        auto name = location.factory->getSystemName();
+        auto id = location.factory->getID();
+        const auto deleted = [weak = weak_from_this(), root = location.root, life] {
+            if (const auto self = weak.lock())
+                self->m_table.noteDeletion(root, life);
+        };
+        const auto release = [weak = weak_from_this(), root = location.root, life](auto* folder) {
             delete folder;
             if (const auto self = weak.lock())
-                self->released(root);
+                self->m_table.release(root, life);
         };
-        return {std::make_unique<PooledManagedFolder>(
-                    std::move(location.adapter), location.factory->getSystemName(),
-                    location.factory->getID(), location.interactor)
-                    .release(),
-                release};
-    }
-
-    /// On whatever thread the last reference was dropped.
-    void released(const Path& root) noexcept {
-        try {
-            {
-                const auto hold = m_lock.write();
-                const auto found = m_pool.find(root);
-                if (found != m_pool.end() && found->second.expired())
-                    m_pool.erase(found);
-            }
-            folderReleased(root);
-        } catch (...) {
-            QUENDO_LOG_CAUGHT_EXCEPTION();
-        }
+        return withServices([&]() -> FolderTable::Folder {
+            return {std::make_unique<PooledManagedFolder>(std::move(location.adapter),
+                                                          std::move(name), std::move(id),
+                                                          location.interactor, deleted)
+                        .release(),
+                    release};
+        });
     }
 
     /// In a handler of an exception.
@@ -231,40 +227,37 @@ private:
                                               const std::string& clientId) {
         const auto error = std::current_exception();
         std::shared_ptr<FaultyFolderRecord> record;
-        std::vector<std::shared_ptr<FaultyFolder>> kept; // released behind the lock
         {
-            const auto hold = m_lock.write();
+            const std::lock_guard lock(m_faultsMutex);
             std::erase_if(m_faults, [&](const auto& entry) {
-                auto faults = entry.second->getFaults();
                 // Who has taken a record out, as below, adds a fault to it in a moment.
-                const bool isDone =
-                    faults.empty() && entry.first != location.root && entry.second.use_count() == 1;
-                std::ranges::move(faults, std::back_inserter(kept));
-                return isDone;
+                return entry.first != location.root && entry.second.use_count() == 1 &&
+                       entry.second->isEmpty();
             });
             auto& entry = m_faults[location.root];
             if (entry == nullptr)
                 entry = std::make_shared<FaultyFolderRecord>();
             record = entry;
         }
-        auto fault = record->addFault(location, folder, clientId, error);
+        auto fault =
+            withServices([&] { return record->addFault(location, folder, clientId, error); });
         faultRecorded(fault);
         return fault;
     }
 
-    const std::shared_ptr<const platform::Services> m_services;
-    ReentrantReadWriteLock m_lock;
-    // Guarded by m_lock.
-    std::unordered_map<Path, std::weak_ptr<PooledManagedFolder>> m_pool;
-    std::unordered_map<Path, std::shared_ptr<FaultyFolderRecord>> m_faults;
+    const SharedServices m_services; ///< null: those of the calling thread
+    FolderTable m_table;
+    mutable std::mutex m_faultsMutex; ///< nothing of a host is called or destroyed under it
+    std::unordered_map<Path, std::shared_ptr<FaultyFolderRecord>> m_faults; ///< guarded by it
 };
 
 namespace {
 
-std::shared_ptr<ManagedFolder> provideFrom(PooledManagedFolderProviderImpl& impl,
+/// @param impl held, because a listener may destroy the provider
+std::shared_ptr<ManagedFolder> provideFrom(std::shared_ptr<PooledManagedFolderProviderImpl> impl,
                                            const Path& folder, const std::string& clientId) {
     QUENDO_LOG(Severity::Detail) << " folder.string()=" << folder << " clientId=" << clientId;
-    auto [provided, fault] = impl.request(folder, clientId);
+    auto [provided, fault] = impl->request(folder, clientId);
     if (fault != nullptr)
         std::rethrow_exception(fault->getError());
     return provided;
@@ -281,7 +274,7 @@ PooledManagedFolderProvider::~PooledManagedFolderProvider() = default;
 std::shared_ptr<ManagedFolder>
 PooledManagedFolderProvider::provideFor(const Path& folder, const std::string& clientId) {
     QUENDO_TRACE_SCOPE();
-    return provideFrom(*m_impl, folder, clientId);
+    return provideFrom(m_impl, folder, clientId);
 }
 
 std::function<std::shared_ptr<ManagedFolder>(const Path&, const std::string&)>
@@ -290,7 +283,7 @@ PooledManagedFolderProvider::later(ManagedFolderProvider& provider) {
     if (typeid(provider) == typeid(PooledManagedFolderProvider))
         return [impl = static_cast<PooledManagedFolderProvider&>(provider).m_impl](
                    const Path& folder, const std::string& clientId) {
-            return provideFrom(*impl, folder, clientId);
+            return provideFrom(impl, folder, clientId);
         };
     return [&provider](const Path& folder, const std::string& clientId) {
         return provider.provideFor(folder, clientId);
@@ -306,7 +299,8 @@ std::shared_ptr<FaultyFolder>
 PooledManagedFolderProvider::provideFaultyFor(const Path& folder, const std::string& clientId) {
     QUENDO_TRACE_SCOPE();
     QUENDO_LOG(Severity::Detail) << " folder.string()=" << folder << " clientId=" << clientId;
-    return m_impl->request(folder, clientId).fault;
+    const auto impl = m_impl; // a listener may destroy the provider
+    return impl->request(folder, clientId).fault;
 }
 
 std::shared_ptr<FaultyFolder> PooledManagedFolderProvider::provideFaultyFor(const Path& folder) {

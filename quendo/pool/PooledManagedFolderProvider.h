@@ -11,7 +11,7 @@ class PooledManagedFolderProviderImpl;
 
 /// Keeps its folders by weak references: a folder lives as long as somebody holds it.
 ///
-/// Threads: any. Looking up goes on beside looking up; folders are made one at a time.
+/// Threads: any. Folders of different roots are made beside each other.
 class QUENDO_API PooledManagedFolderProvider : public ManagedFolderProvider {
 public:
     /// @param services as platform::completed() gives them; null for the process's

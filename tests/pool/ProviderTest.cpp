@@ -1,23 +1,71 @@
+#include "quendo/adapter/ApplicationInteractor.h"
+#include "quendo/adapter/CMAdapterDecorator.h"
+#include "quendo/adapter/EventBroadcastingCMAdapter.h"
 #include "quendo/change_detection/DisableChangeDetection.h"
 #include "quendo/exception/VFSChangeEventsError.h"
 #include "quendo/factory/InjectedCMAdapterFactories.h"
+#include "quendo/platform/Executor.h"
+#include "quendo/platform/ExecutorService.h"
 #include "quendo/platform/HostArray.h"
 #include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/Services.h"
-#include "quendo/platform/UuidGenerator.h"
 #include "quendo/platform/standard/StandardSettingsService.h"
+#include "quendo/platform/standard/StandardUuidGenerator.h"
 #include "quendo/pool/ClientRegisteredManagedFolder.h"
 #include "quendo/pool/FaultyFolderRecord.h"
+#include "quendo/pool/FindInterface.h"
 #include "quendo/pool/GetClients.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/FakeFactory.h"
 #include "tests/support/FakeFolderWatcher.h"
 #include "tests/support/SteppedDetection.h"
 
+#include <latch>
+
 namespace quendo {
 namespace {
 
 using shared_quendo::core::VFSChangeEventsError;
+
+/// Asked for once for each folder that is made, and for each fault.
+struct HookedUuids : platform::StandardUuidGenerator {
+    std::string generate() override {
+        hook();
+        return StandardUuidGenerator::generate();
+    }
+    std::function<void()> hook = [] {};
+};
+
+/// Runs the tasks of root watches at once, on another thread.
+struct PromptRootWatches : platform::ExecutorService {
+    struct Prompt : Executor {
+        void post(Task task) override { test::within(test::onThread(std::move(task))); }
+        bool isRunningInThisThread() const noexcept override { return false; }
+        std::string name() const override { return "CMRootWatch"; }
+    };
+    std::shared_ptr<Executor> getSourceControlExecutor() override {
+        return own->getSourceControlExecutor();
+    }
+    std::shared_ptr<Executor> createStrandExecutor(const std::string& name) override {
+        return name == "CMRootWatch" ? std::make_shared<Prompt>() : own->createStrandExecutor(name);
+    }
+    const std::shared_ptr<ExecutorService> own = platform::completed({})->executors;
+};
+
+/// Calls the test when a folder is made of it, and when it goes.
+struct HookedAdapter : CMAdapterDecorator {
+    using CMAdapterDecorator::CMAdapterDecorator;
+    ~HookedAdapter() override { whenDestroyed(); }
+    MetadataFolder getMetadataFolder() const override { // asked for while a folder is made
+        inMaking();
+        return CMAdapterDecorator::getMetadataFolder();
+    }
+    Path getRootFolder() const override {
+        return hasNoRoot ? throw std::domain_error("no root") : CMAdapterDecorator::getRootFolder();
+    }
+    std::function<void()> whenDestroyed = [] {}, inMaking = [] {};
+    bool hasNoRoot = false;
+};
 
 /// Working copies "a" and "a/inner" of a made-up system, and a link to "a".
 class ProviderTest : public testing::Test {
@@ -30,20 +78,35 @@ protected:
         fs::create_directory_symlink("a", folder.path() / "link");
         fs::create_symlink("../link/x/file", folder.path() / "a/inner/to-file");
         provider->connectFolderMade(
-            [this](const auto& made) { told.push_back("made " + name(made->getRootFolder())); });
+            [this](const auto& made) { note("made " + name(made->getRootFolder())); });
         provider->connectClientRegistered(
-            [this](const std::string& client) { told.push_back("client " + client); });
+            [this](const std::string& client) { note("client " + client); });
         provider->connectFaultRecorded([this](std::shared_ptr<FaultyFolder> fault) {
-            told.push_back("fault " + name(fault->getLocation().first));
+            note("fault " + name(fault->getLocation().first));
+            const std::lock_guard lock(mutex);
             kept.push_back(std::move(fault));
         });
         provider->connectFolderReleased(
-            [this](const Path& root) { told.push_back("released " + name(root)); });
+            [this](const Path& root) { note("released " + name(root)); });
+        provider->connectFolderDeleted([this](const Path& root) { note("deleted " + name(root)); });
     }
 
+    void note(std::string text) {
+        const std::lock_guard lock(mutex);
+        told.push_back(std::move(text));
+    }
     Path at(const std::string& name) const { return folder.quendoPath().child(name); }
     std::string name(const Path& path) const {
         return path.lexicallyRelative(folder.quendoPath()).toUtf8();
+    }
+    /// The adapters that are made from now on are hooked.
+    void hookAdapters(const std::function<void(HookedAdapter&)>& hook) {
+        factory->createHook = [this, hook](const Path& root) {
+            auto made =
+                std::make_unique<HookedAdapter>(test::makeMemoryAdapter(factory->copyAt(root)));
+            hook(*made);
+            return made;
+        };
     }
     std::vector<std::string> listed() const {
         std::vector<std::string> names;
@@ -58,14 +121,18 @@ protected:
         std::make_shared<test::FakeFolderWatcher>();
     const std::shared_ptr<platform::StandardSettingsService> settings =
         std::make_shared<platform::StandardSettingsService>();
+    const std::shared_ptr<HookedUuids> uuids = std::make_shared<HookedUuids>();
     std::unique_ptr<ManagedFolderProvider> provider = [this] {
         platform::Services services;
+        services.uuids = uuids;
+        services.executors = std::make_shared<PromptRootWatches>();
         services.factorySources = std::make_shared<test::FakeSources>(factory);
         services.folderWatcher = watcher;
         services.settings = settings;
         return createNewManagedFolderProviderInstance(services);
     }();
-    std::vector<std::string> told;
+    std::mutex mutex;
+    std::vector<std::string> told; ///< guarded by it
     std::vector<std::shared_ptr<FaultyFolder>> kept;
 };
 
@@ -219,23 +286,203 @@ TEST_F(ProviderTest, RecordsFaultsAndTriesAgain) {
 }
 
 TEST_F(ProviderTest, ListsFaultsThatAreRecordedAtTheSameTime) {
-    struct Uuids : platform::UuidGenerator {
-        std::string generate() override {
-            std::exchange(beforeFirst, [] {})();
-            return "one";
-        }
-        std::function<void()> beforeFirst;
-    };
     factory->createHook = [](const Path&) { return nullptr; };
-    platform::Services services;
-    services.factorySources = std::make_shared<test::FakeSources>(factory);
-    const auto uuids = std::make_shared<Uuids>();
-    services.uuids = uuids;
-    const auto own = createNewManagedFolderProviderInstance(services);
     std::shared_ptr<FaultyFolder> inner;
-    uuids->beforeFirst = [&] { inner = own->provideFaultyFor(at("a/inner")); };
-    const auto outer = own->provideFaultyFor(at("a"));
-    EXPECT_THAT(own->getFaultyFolders(), testing::UnorderedElementsAre(inner, outer));
+    uuids->hook = [&, isOuter = true]() mutable {
+        if (std::exchange(isOuter, false))
+            inner = provider->provideFaultyFor(at("a/inner"));
+    };
+    const auto outer = provider->provideFaultyFor(at("a"));
+    EXPECT_THAT(provider->getFaultyFolders(), testing::UnorderedElementsAre(inner, outer));
+}
+
+TEST_F(ProviderTest, MakesFoldersBesideEachOther) {
+    for (const bool fails : {false, true}) {
+        std::promise<void> making, goOn, secondAsked;
+        const auto opened = goOn.get_future().share();
+        std::atomic<int> asked = 0, makings = 0;
+        hookAdapters([&](HookedAdapter& made) {
+            if (made.getRootFolder() != at("a"))
+                return;
+            made.inMaking = [&] {
+                if (++makings == 1) {
+                    making.set_value();
+                    opened.wait();
+                }
+                if (fails)
+                    throw exception::SourceControlException("broken");
+            };
+            if (++asked == 2)
+                secondAsked.set_value();
+        });
+        const auto ask = [&] { return provider->provideFor(at("a")); };
+        auto first = test::onThread(ask);
+        test::within(making.get_future());
+        auto second = test::onThread(ask);
+        test::within(secondAsked.get_future());
+        const auto inner =
+            test::within(test::onThread([&] { return provider->provideFor(at("a/inner")); }));
+        EXPECT_THAT(listed(), ElementsAre("a/inner"));
+        goOn.set_value();
+        if (fails) {
+            EXPECT_THROW(test::within(std::move(first)), exception::SourceControlException);
+            EXPECT_THROW(test::within(std::move(second)), exception::SourceControlException);
+        } else {
+            const auto one = test::within(std::move(first)), two = test::within(std::move(second));
+            EXPECT_EQ(one->getUUID(), two->getUUID());
+            EXPECT_EQ(makings, 1);
+        }
+    }
+}
+
+TEST_F(ProviderTest, RefusesRequestsThatWouldWaitForThemselves) {
+    int depth = 0;
+    hookAdapters([&](HookedAdapter& made) {
+        made.inMaking = [&] {
+            if (++depth == 1) {
+                EXPECT_THAT([&] { provider->provideFor(at("a/x")); },
+                            testing::ThrowsMessage<exception::SourceControlException>(
+                                HasSubstr("is being opened by this very request")));
+            }
+        };
+    });
+    EXPECT_NE(provider->provideFor(at("a")), nullptr);
+    EXPECT_EQ(depth, 1);
+
+    // Two that wait for each other.
+    std::latch both(2);
+    std::atomic<int> refused = 0;
+    hookAdapters([&](HookedAdapter& made) {
+        made.inMaking = [&, other = made.getRootFolder() == at("a") ? at("a/inner") : at("a")] {
+            both.arrive_and_wait();
+            try {
+                provider->provideFor(other);
+            } catch (const exception::SourceControlException&) {
+                ++refused;
+            }
+        };
+    });
+    auto one = test::onThread([&] { return provider->provideFor(at("a")); }),
+         two = test::onThread([&] { return provider->provideFor(at("a/inner")); });
+    EXPECT_TRUE(test::within(std::move(one)) && test::within(std::move(two)));
+    EXPECT_EQ(refused, 1);
+}
+
+TEST_F(ProviderTest, LetsGoOfWhatFailedWithoutALock) {
+    const test::LogCapture log;
+    int destroyed = 0;
+    HookedAdapter* last = nullptr;
+    hookAdapters([&](HookedAdapter& made) {
+        last = &made;
+        made.whenDestroyed = [&] {
+            test::within(test::onThread([&] { return listed(); }));
+            ++destroyed;
+        };
+    });
+    watcher->refused = at("a");
+    EXPECT_THROW(provider->provideFor(at("a")), VFSChangeEventsError);
+    EXPECT_EQ(destroyed, 1);
+    watcher->refused = Path();
+    auto made = provider->provideFor(at("a"));
+    last->hasNoRoot = true;
+    made.reset();
+    EXPECT_EQ(destroyed, 2) << "its destructor logs the root";
+}
+
+TEST_F(ProviderTest, OrdersWhatBecomesOfARoot) {
+    std::promise<void> dying, goOn;
+    hookAdapters([&](HookedAdapter& made) {
+        made.whenDestroyed = [&] {
+            dying.set_value();
+            goOn.get_future().wait();
+        };
+    });
+    auto dropped =
+        test::onThread([first = provider->provideFor(at("a"))]() mutable { first.reset(); });
+    test::within(dying.get_future());
+    hookAdapters([](HookedAdapter&) {});
+    told.clear();
+    auto second = provider->provideFor(at("a"), "ui");
+    EXPECT_THAT(told, ElementsAre("released a", "made a", "client ui"));
+    goOn.set_value();
+    test::within(std::move(dropped));
+    EXPECT_EQ(told.size(), 3U);
+
+    // Also for a listener behind one that brings the next notice.
+    std::string behind;
+    std::shared_ptr<ManagedFolder> third;
+    provider->connectFolderReleased([&](const Path&) { third = provider->provideFor(at("a")); });
+    provider->connectFolderReleased([&](const Path&) { behind += "released "; });
+    provider->connectFolderMade([&](const auto&) { behind += "made "; });
+    second.reset();
+    EXPECT_EQ(behind, "released made ");
+}
+
+TEST_F(ProviderTest, TellsThatTheRootWentWhileItsFolderWasMade) {
+    uuids->hook = [&] { fs::rename(folder.path() / "a", folder.path() / "away"); };
+    const auto made = provider->provideFor(at("a"), "ide");
+    EXPECT_THAT(told, ElementsAre("made a", "deleted a", "client ide"));
+}
+
+TEST_F(ProviderTest, CountsNoListenerInAndMayGoInOne) {
+    std::shared_ptr<ManagedFolder> seen;
+    provider->connectFolderMade([&](auto made) {
+        EXPECT_THAT(made->getClients(), ElementsAre(Pair("ide", 1U)));
+        seen = std::move(made);
+        provider.reset();
+    });
+    provider->provideFor(at("a"), "ide");
+    EXPECT_THAT(seen->getClients(), IsEmpty());
+}
+
+TEST_F(ProviderTest, KeepsItsServicesToItself) {
+    int called = 0;
+    const auto check = [&](const char* who) {
+        return [&, who](const auto&...) {
+            EXPECT_NE(platform::services()->settings, settings) << who;
+            ++called;
+        };
+    };
+    factory->canManageHook = [&, manages = factory->canManageHook](const Path& path) {
+        check("canManage")();
+        return manages(path);
+    };
+    hookAdapters([&](HookedAdapter& made) {
+        check("createAdapter")();
+        made.inMaking = [&] { EXPECT_EQ(platform::services()->settings, settings); };
+    });
+    provider->connectFolderMade(check("made"));
+    provider->connectClientRegistered(check("client"));
+    provider->connectFolderReleased(check("released"));
+    provider->connectFaultRecorded(check("fault"));
+    EXPECT_NE(provider->provideFor(at("a")), nullptr);
+    EXPECT_EQ(called, 5);
+    watcher->refused = at("a");
+    EXPECT_NE(provider->provideFaultyFor(at("a")), nullptr);
+    EXPECT_EQ(called, 8);
+}
+
+TEST_F(ProviderTest, TellsEveryListenerOfAFolderThoughOneThrows) {
+    const auto made = provider->provideFor(at("a"));
+    auto& broadcaster = *findInterface<EventBroadcastingCMAdapter>(*made);
+    auto& interactor = made->getCMInteractor();
+    int heard = 0;
+    const std::function<void()> slots[] = {[] { throw std::domain_error("listener"); },
+                                           [&] { ++heard; }};
+    for (const auto& slot : slots) {
+        const auto paths = [&slot](const auto&) { slot(); };
+        broadcaster.addFolderStatusListener(paths);
+        broadcaster.addStatusListener(paths);
+        broadcaster.addUpdateListener(slot);
+        made->getTerminator().connect(slot);
+        interactor.getStatusDispatcher().connect(slot);
+    }
+    EXPECT_THROW(broadcaster.dispatchFolderStatusChanged({}), std::domain_error);
+    EXPECT_THROW(broadcaster.dispatchFileStatusChanged({}), std::domain_error);
+    EXPECT_THROW(broadcaster.dispatchUpdate(), std::domain_error);
+    EXPECT_THROW(interactor.getTerminationTrigger().trigger(), std::domain_error);
+    EXPECT_THROW(made->getStatusTrigger().trigger(), std::domain_error);
+    EXPECT_EQ(heard, 5);
 }
 
 TEST(FaultyFolder, TellsItsRecordOnceThatItGoes) {

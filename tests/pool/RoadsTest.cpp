@@ -1,7 +1,10 @@
+#include "quendo/adapter/ApplicationInteractor.h"
 #include "quendo/adapter/BranchInformation.h"
+#include "quendo/adapter/EventBroadcastingCMAdapter.h"
 #include "quendo/cache/BranchStateCache.h"
 #include "quendo/cache/CMStatusCacheChanges.h"
 #include "quendo/change_detection/DisableChangeDetection.h"
+#include "quendo/pool/FindInterface.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/RealFolder.h"
 
@@ -289,6 +292,21 @@ TEST(Roads, EndOnEveryThread) {
         fs::create_directories(road.at("damaged/.git"));
         road.provider->provideFaultyFor(Path::fromNative(road.at("damaged").native()));
     };
+    const Cause trigger = [](Road& road) { road.last->getStatusTrigger().trigger(); };
+    const Cause stop = [](Road& road) {
+        road.last->getCMInteractor().getTerminationTrigger().trigger();
+    };
+    const Cause add = [](Road& road) { road.last->getAdapter().addFiles({road.root / u"a"}); };
+    const Cause move = [](Road& road) {
+        road.last->getAdapter().moveFile(road.root / u"sub", road.root / u"moved");
+    };
+    const Cause checkin = [](Road& road) {
+        road.write("a", "2");
+        road.last->getAdapter().checkin(road.root / u"a", u"own");
+    };
+    const auto broadcaster = [](ManagedFolder & folder) -> auto& {
+        return *findInterface<EventBroadcastingCMAdapter>(folder);
+    };
     const auto waitInVain = [](ManagedFolder& folder) {
         EXPECT_THROW(folder.getCache().refreshAll(), ExecutorDeadlockError);
     };
@@ -318,6 +336,12 @@ TEST(Roads, EndOnEveryThread) {
         {"ChangeDetector",
          [](auto& r, auto& f) { f.getCMInteractor().getStatusDispatcher().connect(Drop{r}); },
          branch},
+        {own, [](auto& r, auto& f) { f.getCMInteractor().getStatusDispatcher().connect(Drop{r}); },
+         trigger},
+        {own, [](auto& r, auto& f) { f.getTerminator().connect(Drop{r}); }, stop},
+        {own, [=](auto& r, auto& f) { broadcaster(f).addStatusListener(Drop{r}); }, add},
+        {own, [=](auto& r, auto& f) { broadcaster(f).addFolderStatusListener(Drop{r}); }, move},
+        {own, [=](auto& r, auto& f) { broadcaster(f).addUpdateListener(Drop{r}); }, checkin},
         {"CMRootWatch", [](auto& r, auto& f) { f.connectDeleted(Drop{r}); }, goAway},
         {"CMRootWatch", [](auto& r, auto&) { r.provider->connectFolderDeleted(Drop{r}); }, goAway},
         {own, [](auto& r, auto&) { r.provider->connectFolderMade(Drop{r}); }, askForOther},
