@@ -86,6 +86,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/pool/ClientRegisteredManagedFolder.h
     quendo/pool/FaultyFolder.h
     quendo/pool/FindInterface.h
+    quendo/pool/FolderDump.h
     quendo/pool/GetClients.h
     quendo/pool/ManagedFolder.h
     quendo/pool/ManagedFolderDecorator.h

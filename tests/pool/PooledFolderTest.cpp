@@ -2,6 +2,8 @@
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/management/IgnoreFiles.h"
 #include "quendo/platform/ExecutorService.h"
+#include "quendo/pool/FindInterface.h"
+#include "quendo/pool/FolderDump.h"
 #include "quendo/pool/PooledManagedFolder.h"
 #include "tests/support/MemoryAdapter.h"
 #include "tests/support/SteppedDetection.h"
@@ -96,6 +98,29 @@ TEST_F(PooledFolderTest, SeesTheFilesOfItsOperations) {
     run();
     EXPECT_THROW(adapter.addFiles({at("b")}), exception::OperationFailedError);
     EXPECT_THAT(run(), ElementsAre("addFiles b"));
+}
+
+TEST_F(PooledFolderTest, MayGoWhileIgnoredFilesAreAnnounced) {
+    fs::create_directory(temporary.path() / "copy/d");
+    findInterface<EventBroadcastingCMAdapter>(*folder)->addFolderStatusListener(
+        [this](const auto&) { folder.reset(); });
+    management::ignoreFiles({at("d"), at("b")}, *folder);
+    EXPECT_THAT(run(), ElementsAre("ignoreFiles d b")) << "nobody is left to be told";
+}
+
+TEST_F(PooledFolderTest, DescribesItselfForReports) {
+    folder->addClient("ide");
+    failing = true;
+    folder->getCache().refreshFolder(root);
+    run();
+    EXPECT_THAT(describe(*folder),
+                testing::MatchesRegex("root: .*/copy\nsystem: Fake\nsystem id: fake\nUUID: .*\n"
+                                      "client: ide 1\n"
+                                      "watch of the root: native\nwatch of the metadata: native\n"
+                                      "folder status flag: on\n"
+                                      "entries: 1 in 1 folders: 1 Modified\n"
+                                      "freshness of the root: answered .* s ago, to be retried\n"
+                                      "newest refresh failed: refused.*\n"));
 }
 
 TEST_F(PooledFolderTest, TracesPublicOperationsOfItsLayers) {
