@@ -71,6 +71,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/platform/IsChildFolderQuery.h
     quendo/platform/Logging.h
     quendo/platform/MessageCatalogue.h
+    quendo/platform/OwnWrites.h
     quendo/platform/Path.h
     quendo/platform/ReentrantReadWriteLock.h
     quendo/platform/ScopeGuard.h
@@ -113,8 +114,10 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/cache/RefreshLedger.h
     quendo/cache/TransactionalFileCache.h
     quendo/change_detection/UpdateResponses.h
+    quendo/platform/DetectionSwitch.h
     quendo/platform/EachSlot.h
     quendo/platform/Utf8.h
+    quendo/platform/WatchedTree.h
     quendo/pool/FaultyFolderRecord.h
     quendo/pool/FolderTable.h
     quendo/pool/PooledManagedFolder.h

@@ -3,6 +3,7 @@
 #include "quendo/adapter/QueryOrigin.h"
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/InvalidArgumentError.h"
+#include "quendo/platform/OwnWrites.h"
 
 #include <exception>
 #include <memory>
@@ -71,7 +72,15 @@ SingleThreadedCMAdapter::~SingleThreadedCMAdapter() = default;
 
 template <class Operation>
 auto SingleThreadedCMAdapter::change(Operation operation) const {
-    return runFor(*m_executor, subjectOf(m_workingCopy, false), std::move(operation));
+    auto writes = OwnWrites::current();
+    if (writes != nullptr)
+        writes->refine(); // it waits for its turn first
+    return runFor(*m_executor, subjectOf(m_workingCopy, false),
+                  [writes = std::move(writes), operation = std::move(operation)]() mutable {
+                      const OwnWrites::Scope scope(writes);
+                      const OwnWrites::Span span;
+                      return operation();
+                  });
 }
 
 template <class Operation>

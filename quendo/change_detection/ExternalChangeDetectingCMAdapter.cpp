@@ -6,6 +6,7 @@
 #include "quendo/platform/FolderExternalChangeDetector.h"
 #include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/Logging.h"
+#include "quendo/platform/OwnWrites.h"
 
 #include <utility>
 
@@ -21,51 +22,45 @@ public:
                                      std::shared_ptr<ApplicationInteractor> interactor)
         : CMAdapterDecorator(std::move(adapter)),
           m_detector(metadata.folder, window, metadata.filter) {
+        // It may still run when this adapter has gone.
         m_detector.onChange([interactor = std::move(interactor)] {
             const RefreshReasonScope reason(RefreshReason::ExternalChange);
-            interactor->getStatusTrigger().trigger();
+            const auto held = interactor;
+            held->getStatusTrigger().trigger();
         });
     }
 
     void checkin(const Path& file, const UString& message) const override {
         QUENDO_TRACE_SCOPE();
-        const auto guard = m_detector.disable();
-        CMAdapterDecorator::checkin(file, message);
+        disregarding([&] { CMAdapterDecorator::checkin(file, message); });
     }
     void checkin(const std::vector<Path>& files, const UString& message) const override {
         QUENDO_TRACE_SCOPE();
-        const auto guard = m_detector.disable();
-        CMAdapterDecorator::checkin(files, message);
+        disregarding([&] { CMAdapterDecorator::checkin(files, message); });
     }
     void addFiles(const std::vector<Path>& files) const override {
         QUENDO_TRACE_SCOPE();
-        const auto guard = m_detector.disable();
-        CMAdapterDecorator::addFiles(files);
+        disregarding([&] { CMAdapterDecorator::addFiles(files); });
     }
     void removeFiles(const std::vector<Path>& files) const override {
         QUENDO_TRACE_SCOPE();
-        const auto guard = m_detector.disable();
-        CMAdapterDecorator::removeFiles(files);
+        disregarding([&] { CMAdapterDecorator::removeFiles(files); });
     }
     void moveFile(const Path& source, const Path& destination) const override {
         QUENDO_TRACE_SCOPE();
-        const auto guard = m_detector.disable();
-        CMAdapterDecorator::moveFile(source, destination);
+        disregarding([&] { CMAdapterDecorator::moveFile(source, destination); });
     }
     void uncheckout(const std::vector<Path>& files) const override {
         QUENDO_TRACE_SCOPE();
-        const auto guard = m_detector.disable();
-        CMAdapterDecorator::uncheckout(files);
+        disregarding([&] { CMAdapterDecorator::uncheckout(files); });
     }
     void checkout(const std::vector<Path>& files) const override {
         QUENDO_TRACE_SCOPE();
-        const auto guard = m_detector.disable();
-        CMAdapterDecorator::checkout(files);
+        disregarding([&] { CMAdapterDecorator::checkout(files); });
     }
     void resolveConflict(const Path& file) const override {
         QUENDO_TRACE_SCOPE();
-        const auto guard = m_detector.disable();
-        CMAdapterDecorator::resolveConflict(file);
+        disregarding([&] { CMAdapterDecorator::resolveConflict(file); });
     }
 
     std::map<Path, FileState> getStatus(const std::vector<Path>& files) const override {
@@ -85,6 +80,15 @@ public:
     }
 
 private:
+    /// Performs an operation whose own writes to the metadata are no external change.
+    template <class Operation>
+    void disregarding(Operation&& operation) const {
+        std::shared_ptr<OwnWrites> writes;
+        const auto guard = m_detector.disable(writes);
+        const OwnWrites::Scope scope(std::move(writes));
+        operation();
+    }
+
     mutable FolderExternalChangeDetector m_detector; ///< goes before the wrapped adapter
 };
 

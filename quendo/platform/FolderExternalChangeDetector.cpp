@@ -1,313 +1,238 @@
 #include "quendo/platform/FolderExternalChangeDetector.h"
 
-#include "quendo/platform/ChangeEventsSubscriptionException.h"
 #include "quendo/platform/DelayedTaskService.h"
+#include "quendo/platform/DetectionSwitch.h"
 #include "quendo/platform/Executor.h"
-#include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/Logging.h"
 #include "quendo/platform/Services.h"
+#include "quendo/platform/WatchedTree.h"
 
 #include <boost/signals2/signal.hpp>
 
+#include <algorithm>
 #include <condition_variable>
-#include <cstdint>
-#include <filesystem>
-#include <map>
 #include <mutex>
-#include <thread>
 #include <utility>
-#include <vector>
+
+// From an event to a notification
+//
+//   watcher's thread  | WatchedTree -> DetectionSwitch: report it? -> count(): opens the window
+//   strand of folders | WatchedTree: lists and watches what is new  -> count(), when it may be late
+//   delays            | the window ends
+//   strand            | notify(): the listeners
+//
+// All of them hold the Impl weakly, but for a notification, which holds it until its listeners have
+// returned. So the detector may be destroyed on any thread, with any lock held: it waits for no
+// listener. A notification under way goes on with the listener that runs, and calls no other.
+//
+// A notification for which no thread can be had is not lost: without a thread for the window it is
+// posted at once, without one for the strand it is tried again after the window, then after twice
+// that and so on, and without either with the next event, suspension or operation.
+//
+// The release of a suspension waits a moment until all that happened before was looked at: folders
+// that an operation made are watched only when their appearance was reported, and what another
+// program does in one before that is reported by nothing. When that takes longer, folders that are
+// found late count as a change.
 
 namespace quendo {
 
 using platform::FolderEvent;
-using platform::FolderWatcher;
-using platform::Severity;
 
-// Every folder that the filter lets through has a watch. A folder is watched before it is listed,
-// so what is made in it meanwhile is either listed or told.
-//
-// disable() and the release of its guard draw lines through the watcher's events. Detection is off
-// for what is told between the two, whenever that is; so nothing has to be waited for to know on
-// which side a change lies. The release waits for its line nevertheless, for a moment: folders
-// that the operation made are watched only when their appearance is told, and what somebody else
-// does in one before that is told by nothing.
+namespace {
+
+constexpr std::chrono::milliseconds firstRetry{250}, lastRetry{30'000};
+// Long enough for any queue that is not being filled faster than it is emptied.
+constexpr std::chrono::milliseconds releasePatience{100};
+
+} // namespace
 
 struct FolderExternalChangeDetector::Impl : std::enable_shared_from_this<Impl> {
-    using Watches = std::map<Path, std::unique_ptr<FolderWatcher::Watch>>;
+    Impl(Path folder, std::chrono::milliseconds time) : root(std::move(folder)), window(time) {}
 
-    Impl(Path folder, std::chrono::milliseconds time, Filter letsThrough)
-        : root(std::move(folder)), window(time),
-          filter(letsThrough ? std::move(letsThrough) : [](const Path&) { return true; }) {}
-
-    // -- The tree. On the watcher's thread, but for start().
-
-    void start() {
-        {
-            const std::lock_guard lock(treeMutex);
-            add(root);
-        }
-        watchBelow(root);
-        const std::lock_guard lock(treeMutex);
-        started = true;
+    void start(Filter letsThrough) {
+        const auto weak = weak_from_this();
+        const auto watcher = platform::services()->folderWatcher;
+        detection = std::make_shared<DetectionSwitch>(watcher, root, [weak] {
+            if (const auto self = weak.lock())
+                self->count();
+        });
+        WatchedTree::Callbacks callbacks;
+        callbacks.filter = letsThrough ? std::move(letsThrough) : [](const Path&) { return true; };
+        callbacks.happened = [weak](const FolderEvent& event) {
+            const auto self = weak.lock();
+            return self == nullptr || self->happened(event);
+        };
+        callbacks.found = [weak](bool isDisregarded) {
+            if (const auto self = weak.lock();
+                self != nullptr && (!isDisregarded || self->isReleaseLate()))
+                self->count();
+        };
+        tree = std::make_shared<WatchedTree>(watcher, root, std::move(callbacks));
+        tree->start();
     }
 
-    /// With the lock of the tree.
-    void add(const Path& folder) {
-        if (treeIsClosed)
-            return;
-        try {
-            watches.emplace(folder,
-                            watcher->watch(folder, FolderWatcher::Scope::Entries,
-                                           [weak = weak_from_this()](const FolderEvent& event) {
-                                               if (const auto self = weak.lock())
-                                                   self->told(event);
-                                           }));
-        } catch (const platform::ChangeEventsSubscriptionException&) {
-            if (!started)
-                throw;
-            QUENDO_LOG_CAUGHT_EXCEPTION(); // a host's watcher that refuses will refuse again
-        }
+    bool happened(const FolderEvent& event) noexcept {
+        const bool isDisregarded = detection->disregards(event);
+        if (!isDisregarded)
+            count();
+        else
+            countOwed();
+        return isDisregarded;
     }
 
-    /// Watches what the tree below a watched folder has got. The lock covers listing a folder and
-    /// watching what was found: so a folder that vanishes meanwhile is dropped after it was added.
-    /// @return whether there was anything new
-    bool watchBelow(const Path& top) {
-        bool isNew = false;
-        for (std::vector<Path> folders{top}; !folders.empty();) {
-            const auto folder = std::move(folders.back());
-            folders.pop_back();
-            const std::lock_guard lock(treeMutex);
-            if (watches.count(folder) == 0)
-                continue;
-            std::error_code ignored; // what cannot be listed cannot be watched better either
-            std::filesystem::directory_iterator entry(folder.toNative(), ignored), end;
-            for (; !ignored && entry != end; entry.increment(ignored)) {
-                std::error_code gone;
-                if (entry->symlink_status(gone).type() != std::filesystem::file_type::directory)
-                    continue;
-                auto child = folder.child(entry->path().filename().native());
-                if (watches.count(child) != 0 || !filter(child))
-                    continue;
-                add(child);
-                folders.push_back(std::move(child));
-                isNew = true;
-            }
-        }
-        return isNew;
-    }
+    // -- The release
 
-    void drop(const Path& folder, bool itself) {
-        Watches dropped; // destroyed without the lock
-        const std::lock_guard lock(treeMutex);
-        if (itself)
-            dropped.insert(watches.extract(folder));
-        // What lies below a folder stands together in the order of paths.
-        const Path below(std::u16string(folder.string()) + u"/");
-        for (auto it = watches.lower_bound(below);
-             it != watches.end() && it->first.isBelow(folder);)
-            dropped.insert(watches.extract(it++));
-    }
-
-    bool isWatched(const Path& folder) {
-        const std::lock_guard lock(treeMutex);
-        return watches.count(folder) != 0;
-    }
-
-    void told(const FolderEvent& event) noexcept {
-        try {
-            bool isNew = false;
-            if (std::exchange(unsure, false)) {
-                drop(root, false);
-                isNew = watchBelow(root);
-            }
-            const auto& path = root.isBelow(event.path) ? root : event.path;
-            if (event.kind == FolderEvent::Kind::ContentsUnknown) {
-                // New watches: what is at a path now need not be what was watched there.
-                drop(path, false);
-                isNew |= watchBelow(path);
-            } else if (!filter(path)) {
-                return;
-            } else if (event.kind == FolderEvent::Kind::Changed) {
-                isNew |= isWatched(path) && watchBelow(path);
-            } else {
-                drop(path, true);
-                if (event.kind == FolderEvent::Kind::Appeared && isFolder(path)) {
-                    {
-                        const std::lock_guard lock(treeMutex);
-                        add(path);
-                    }
-                    watchBelow(path);
-                    isNew = true;
-                }
-            }
-            count(event.polled, isNew);
-        } catch (...) {
-            QUENDO_LOG_CAUGHT_EXCEPTION();
-            unsure = true;
-            count(true, true);
-        }
-    }
-
-    static bool isFolder(const Path& path) {
-        std::error_code gone;
-        return std::filesystem::symlink_status(path.toNative(), gone).type() ==
-               std::filesystem::file_type::directory;
-    }
-
-    // -- The switch.
-
-    void turnOff(std::uint64_t number) {
-        const std::lock_guard lock(mutex);
-        if (number > turnedOnBy)
-            isOn = false;
-    }
-
-    void turnOn(std::uint64_t number) noexcept {
-        {
-            const std::lock_guard lock(mutex);
-            if (number <= turnedOnBy)
-                return;
-            turnedOnBy = number;
-            isOn = true;
-            lineIsOverdue = false;
-        }
-        stateChanged.notify_all();
-    }
-
-    /// Turns detection on when it is called or destroyed uncalled.
-    struct OnLine {
-        OnLine(std::shared_ptr<Impl> owner, std::uint64_t ownNumber) noexcept
-            : impl(std::move(owner)), number(ownNumber) {}
-        OnLine(OnLine&&) noexcept = default;
-        ~OnLine() { (*this)(); }
-        void operator()() noexcept {
-            if (const auto owner = std::exchange(impl, nullptr))
-                owner->turnOn(number);
-        }
-
-        std::shared_ptr<Impl> impl;
-        std::uint64_t number;
+    struct Release {
+        bool isDone = false, isLate = false; // guarded by the mutex
     };
 
-    std::uint64_t nextNumber() {
-        const std::lock_guard lock(mutex);
-        return ++switches;
-    }
+    /// Called, or destroyed uncalled, when nothing is left to wait for.
+    struct ReleaseEnd {
+        ReleaseEnd(const std::shared_ptr<Impl>& impl, std::shared_ptr<Release> release) noexcept
+            : owner(impl), ended(std::move(release)) {}
+        ReleaseEnd(ReleaseEnd&&) noexcept = default;
+        ~ReleaseEnd() { (*this)(); }
+        void operator()() noexcept {
+            const auto release = std::exchange(ended, nullptr);
+            const auto impl = owner.lock();
+            if (release == nullptr || impl == nullptr)
+                return;
+            const std::lock_guard lock(impl->mutex);
+            release->isDone = true;
+            if (release->isLate)
+                --impl->lateReleases;
+            impl->releaseEnded.notify_all();
+        }
+
+        std::weak_ptr<Impl> owner;
+        std::shared_ptr<Release> ended;
+    };
 
     void release() {
-        // Long enough for any queue that is not being filled faster than it is emptied.
-        constexpr std::chrono::milliseconds patience{100};
-        const auto number = nextNumber();
-        watcher->fence(OnLine(shared_from_this(), number));
+        countOwed();
+        const auto release = std::make_shared<Release>();
+        detection->turnOn(
+            [folders = tree, end = ReleaseEnd(shared_from_this(), release)]() mutable {
+                folders->whenWatched(std::move(end));
+            });
         std::unique_lock lock(mutex);
-        if (!stateChanged.wait_for(lock, patience, [&] { return turnedOnBy >= number; }))
-            lineIsOverdue = true;
+        if (!releaseEnded.wait_for(lock, releasePatience, [&] { return release->isDone; })) {
+            release->isLate = true;
+            ++lateReleases;
+        }
     }
 
-    // -- The window.
+    bool isReleaseLate() {
+        const std::lock_guard lock(mutex);
+        return lateReleases != 0;
+    }
 
-    /// @param polled the change may be older than the line behind which it is told
-    /// @param isNew folders were found that nothing had watched
-    void count(bool polled, bool isNew) noexcept {
+    // -- The window
+
+    void count() noexcept {
         {
             const std::lock_guard lock(mutex);
-            if (isClosed || windowIsOpen || !(isOn || polled || (isNew && lineIsOverdue)))
+            isOwing = false;
+            if (isClosed || windowIsOpen)
                 return;
             windowIsOpen = true;
         }
-        openWindow();
+        openWindow(window);
     }
 
-    void openWindow() noexcept {
+    void countOwed() noexcept {
+        {
+            const std::lock_guard lock(mutex);
+            if (!isOwing)
+                return;
+        }
+        count();
+    }
+
+    void openWindow(std::chrono::milliseconds time) noexcept {
         try {
-            delays->runAfter(window, [weak = weak_from_this()] {
+            delays->runAfter(time, [weak = weak_from_this()] {
                 if (const auto self = weak.lock())
                     self->endWindow();
             });
+            return;
         } catch (...) {
             QUENDO_LOG_CAUGHT_EXCEPTION();
-            const std::lock_guard lock(mutex);
-            windowIsOpen = false; // the next change tries again
+        }
+        if (post())
+            return;
+        const std::lock_guard lock(mutex);
+        windowIsOpen = false;
+        isOwing = true;
+    }
+
+    bool post() noexcept {
+        try {
+            strand->post([self = shared_from_this()] { self->notify(); });
+            return true;
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+            return false;
         }
     }
 
     void endWindow() noexcept {
-        try {
-            strand->post([self = shared_from_this()] { self->notify(); });
-        } catch (...) {
-            QUENDO_LOG_CAUGHT_EXCEPTION();
-            openWindow();
+        if (post())
+            return;
+        std::chrono::milliseconds delay;
+        {
+            const std::lock_guard lock(mutex);
+            delay = std::exchange(retryDelay, std::min(2 * retryDelay, lastRetry));
         }
+        openWindow(delay);
     }
 
     void notify() {
         {
             const std::lock_guard lock(mutex);
             windowIsOpen = false;
+            retryDelay = firstRetry;
             if (isClosed)
                 return;
-            notifier = std::this_thread::get_id();
         }
         try {
             changed();
         } catch (...) {
             QUENDO_LOG_CAUGHT_EXCEPTION();
         }
-        {
-            const std::lock_guard lock(mutex);
-            notifier = {};
-        }
-        stateChanged.notify_all();
     }
 
     void close() {
-        Watches dropped; // destroyed without the lock; waits for the watcher's callbacks
-        {
-            const std::lock_guard lock(treeMutex);
-            treeIsClosed = true;
-            dropped.swap(watches);
-        }
+        if (tree != nullptr)
+            tree->close();
         changed.disconnect_all_slots();
-        std::unique_lock lock(mutex);
+        const std::lock_guard lock(mutex);
         isClosed = true;
-        stateChanged.wait(lock, [&] {
-            return notifier == std::thread::id() || notifier == std::this_thread::get_id();
-        });
     }
 
     const Path root;
     const std::chrono::milliseconds window;
-    const Filter filter;
-    const std::shared_ptr<FolderWatcher> watcher = platform::services()->folderWatcher;
     const std::shared_ptr<platform::DelayedTaskService> delays = platform::services()->delayedTasks;
     const std::shared_ptr<Executor> strand = createStrandExecutor("ChangeDetector");
+    std::shared_ptr<DetectionSwitch> detection; // constant after start()
+    std::shared_ptr<WatchedTree> tree;          // constant after start()
     boost::signals2::signal<void()> changed;
 
-    std::mutex treeMutex; // held while watches are made; the other one is not taken in here
-    Watches watches;
-    bool started = false;
-    bool treeIsClosed = false;
-    bool unsure = false; // the watcher's thread only: watches may be missing
-
-    std::mutex mutex;
-    std::condition_variable stateChanged;
-    std::thread::id notifier;
-    std::uint64_t switches = 0;   // lines drawn, of both kinds
-    std::uint64_t turnedOnBy = 0; // the last of them that has turned detection on
-    bool isOn = true;
-    bool lineIsOverdue = false;
+    std::mutex mutex; // guards the rest; no other is taken under it
+    std::condition_variable releaseEnded;
+    std::size_t lateReleases = 0; // that have given up waiting and have not ended
+    std::chrono::milliseconds retryDelay = firstRetry;
     bool windowIsOpen = false; // until the notification begins
+    bool isOwing = false;      // a notification for which there was no thread
     bool isClosed = false;
 };
 
 FolderExternalChangeDetector::FolderExternalChangeDetector(const Path& folder,
                                                            std::chrono::milliseconds window,
                                                            Filter filter)
-    : m_impl(std::make_shared<Impl>(folder, window, std::move(filter))) {
+    : m_impl(std::make_shared<Impl>(folder, window)) {
     try {
-        m_impl->start();
+        m_impl->start(std::move(filter));
     } catch (...) {
         m_impl->close();
         throw;
@@ -323,12 +248,19 @@ boost::signals2::connection FolderExternalChangeDetector::onChange(const Slot& s
 }
 
 scope_guard FolderExternalChangeDetector::disable() {
-    const std::weak_ptr<Impl> weak = m_impl;
-    m_impl->watcher->fence([weak, number = m_impl->nextNumber()] {
+    m_impl->countOwed();
+    m_impl->detection->turnOff();
+    return scope_guard([weak = std::weak_ptr(m_impl)] {
         if (const auto impl = weak.lock())
-            impl->turnOff(number);
+            impl->release();
     });
-    return scope_guard([weak] {
+}
+
+scope_guard FolderExternalChangeDetector::disable(std::shared_ptr<OwnWrites>& writes) {
+    m_impl->countOwed();
+    writes = m_impl->detection->makeOwnWrites();
+    return scope_guard([weak = std::weak_ptr(m_impl), writes] {
+        writes->end();
         if (const auto impl = weak.lock())
             impl->release();
     });

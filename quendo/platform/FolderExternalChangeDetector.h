@@ -13,15 +13,21 @@
 
 namespace quendo {
 
+class OwnWrites;
+
 /// Notices that somebody else changed a folder, at any depth, and tells so once for a burst of
 /// changes: the first change starts a window, and its end brings one notification.
 ///
 /// Paths that the filter refuses count for nothing; of a folder that it refuses, what lies below is
-/// not looked at. The filter is called from any thread. A folder that vanishes and comes back is
-/// watched again.
+/// not looked at. The filter decides by the path's text and is called from any thread. A folder
+/// that vanishes and comes back is watched again.
 ///
-/// Threads: any. Callbacks come from a thread of the detector's own, one at a time. Destroying the
-/// detector waits for a callback under way, unless it is the one that destroys it.
+/// Threads: any. Callbacks come from a thread of the detector's own, one at a time. The constructor
+/// lists the folder on the calling thread; later that is done on a strand.
+///
+/// Ownership: the destructor waits for no callback, so it may be called with any lock held. No
+/// callback begins after it, but one that runs may end later. So a callback holds what it uses, or
+/// holds it weakly (slot::track_foreign()).
 class QUENDO_API FolderExternalChangeDetector {
 public:
     using Slot = boost::signals2::slot<void()>;
@@ -46,6 +52,13 @@ public:
     /// what is only polled nobody knows when it happened, so it counts in any case.
     /// @throws std::bad_alloc, std::system_error; detection is on then
     [[nodiscard]] scope_guard disable();
+
+    /// The same for one operation that the caller starts and that ends before the guard is
+    /// released: disregards what it writes, as `writes` gets to know that. Until then all that
+    /// happens counts as written by it. Its end also ends every suspension by the other form, as
+    /// its guard does.
+    /// @param writes set; mark the thread with OwnWrites::Scope while the operation runs
+    [[nodiscard]] scope_guard disable(std::shared_ptr<OwnWrites>& writes);
 
 private:
     struct Impl;

@@ -1,4 +1,5 @@
 #include "quendo/platform/FolderExternalChangeDetector.h"
+#include "quendo/platform/OwnWrites.h"
 #include "quendo/platform/standard/StandardDelayedTaskService.h"
 #include "tests/support/FakeFolderWatcher.h"
 #include "tests/support/SteppedDetection.h"
@@ -168,7 +169,60 @@ TEST_F(ChangeDetectorTest, StaysOnWhenNoLineCanBeDrawn) {
     guard.release();
 }
 
-TEST_F(ChangeDetectorTest, WaitsForItsCallbackUnlessItIsDestroyedInIt) {
+TEST_F(ChangeDetectorTest, ReportsLostEventsWhenTheyMayBeOfOthers) {
+    makeDetector();
+    std::shared_ptr<OwnWrites> writes;
+    {
+        const auto guard = detector->disable(writes);
+        watcher->tell(Kind::ContentsUnknown, at("index"));
+        EXPECT_EQ(told(), 0);
+        watcher->tell(Kind::ContentsUnknown, root);
+        EXPECT_EQ(told(), 1);
+    }
+    auto guard = detector->disable();
+    watcher->tell(Kind::ContentsUnknown, root);
+    EXPECT_EQ(told(), 0);
+    guard.release();
+    EXPECT_EQ(told(), 1);
+}
+
+TEST_F(ChangeDetectorTest, RemembersWhatThereWasNoThreadFor) {
+    makeDetector();
+    detection.refuseDelays(true);
+    tell(Kind::Changed, "index");
+    EXPECT_EQ(told(), 1); // without a window
+    detection.strand().refuse(true);
+    tell(Kind::Changed, "index");
+    EXPECT_EQ(told(), 0);
+    detection.strand().refuse(false);
+    auto guard = detector->disable(); // whatever happens next
+    EXPECT_EQ(told(), 1);
+    guard.release();
+
+    detection.refuseDelays(false);
+    detection.strand().refuse(true);
+    tell(Kind::Changed, "index");
+    std::vector<int> delays;
+    for (int i = 0; i < 9; ++i) {
+        EXPECT_EQ(detection.endWindows(), 1U);
+        delays.push_back(static_cast<int>(detection.lastDelay().count()));
+    }
+    EXPECT_THAT(delays, ElementsAre(250, 500, 1000, 2000, 4000, 8000, 16000, 30000, 30000));
+    detection.strand().refuse(false);
+    EXPECT_EQ(told(), 1);
+
+    // A folder that was not watched at once counts as a change when it is.
+    fs::create_directory(folder.path() / "new");
+    detection.folderStrand().refuse(true);
+    EXPECT_EQ(toldAfter(Kind::Appeared, "new"), 1);
+    EXPECT_THAT(watcher->watched(), ElementsAre(root));
+    detection.folderStrand().refuse(false);
+    detection.endWindows();
+    EXPECT_THAT(watcher->watched(), ElementsAre(root, at("new")));
+    EXPECT_EQ(told(), 1);
+}
+
+TEST_F(ChangeDetectorTest, MayBeDestroyedWithALockThatItsCallbackWants) {
     makeDetector();
     bool behind = false;
     inCallback = [&] { detector.reset(); };
@@ -176,32 +230,64 @@ TEST_F(ChangeDetectorTest, WaitsForItsCallbackUnlessItIsDestroyedInIt) {
     tell(Kind::Changed, "index");
     detection.endWindows();
     EXPECT_FALSE(detector.has_value());
-    EXPECT_FALSE(behind);
 
-    std::promise<void> entered, go;
-    std::atomic<bool> left = false;
+    std::mutex mutex;
+    std::promise<void> entered;
     inCallback = [&] {
         entered.set_value();
-        test::within(go.get_future());
-        left = true;
+        const std::lock_guard lock(mutex);
     };
     makeDetector();
+    detector->onChange([&] { behind = true; });
     tell(Kind::Changed, "index");
+    std::unique_lock lock(mutex);
     auto callback = test::onThread([&] { detection.endWindows(); });
     test::within(entered.get_future());
-    auto destroyed = test::onThread([&] {
-        detector.reset();
-        return left.load();
-    });
-    go.set_value();
-    EXPECT_TRUE(test::within(std::move(destroyed)));
+    test::within(test::onThread([&] { detector.reset(); }));
+    lock.unlock();
     test::within(std::move(callback));
+    EXPECT_FALSE(behind);
 
     inCallback = [&] { ++count; };
     makeDetector();
     tell(Kind::Changed, "index");
     detector.reset();
     EXPECT_EQ(told(), 0);
+}
+
+// On a dead network mount, listing and watching may take for ever.
+TEST(ChangeDetector, HoldsUpNoOtherWhileItsFoldersHang) {
+    const test::TemporaryFolder folder;
+    const Path dead = folder.quendoPath() / u"dead", live = folder.quendoPath() / u"live";
+    fs::create_directory(folder.path() / "dead");
+    fs::create_directory(folder.path() / "live");
+    const auto watcher = std::make_shared<test::FakeFolderWatcher>();
+    const platform::ScopedServices scoped([&] {
+        platform::Services services;
+        services.folderWatcher = watcher;
+        return services;
+    }());
+    std::promise<void> hangs, goOn, deadTold, liveTold;
+    FolderExternalChangeDetector one(dead, {}, nullptr), other(live, {}, nullptr);
+    one.onChange([&] { deadTold.set_value(); });
+    other.onChange([&] { liveTold.set_value(); });
+    watcher->inWatch = [&](const Path&) {
+        hangs.set_value();
+        test::within(goOn.get_future());
+    };
+    auto guard = one.disable();
+    fs::create_directory(folder.path() / "dead/new");
+    const auto tell = [&](Kind kind, const Path& path) {
+        test::within(test::onThread([&] { watcher->tell(kind, path); }));
+    };
+    tell(Kind::Appeared, dead / u"new");
+    test::within(hangs.get_future());
+    tell(Kind::Changed, live / u"index");
+    test::within(liveTold.get_future());
+    test::within(test::onThread([&] { guard.release(); })); // gives up waiting
+    goOn.set_value();
+    test::within(deadTold.get_future()); // what is in there may have come later
+    watcher->inWatch = [](const Path&) {};
 }
 
 TEST(DelayedTasks, RunWhenTheyAreDueOnOneThreadThatGoes) {

@@ -17,6 +17,7 @@ public:
     std::unique_ptr<Watch> watch(const Path& folder, Scope scope, Callback callback) override {
         if (folder == refused)
             throw platform::ChangeEventsSubscriptionException("refused");
+        inWatch(folder);
         const std::lock_guard lock(m_mutex);
         m_watches.push_front({folder, scope, std::move(callback)});
         return std::make_unique<FakeWatch>(*this, m_watches.begin());
@@ -74,6 +75,7 @@ public:
     bool isHeld = false;
     bool fails = false; ///< no line can be drawn
     Path refused;
+    std::function<void(const Path&)> inWatch = [](const Path&) {};
     platform::WatchHealth health; ///< of every folder
 
 private:

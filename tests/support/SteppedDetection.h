@@ -26,6 +26,8 @@ public:
             m_tasks.push_back(std::move(task));
         }
         m_posted();
+        if (m_runsAtOnce)
+            runOne();
     }
     bool isRunningInThisThread() const noexcept override { return current == this; }
     std::string name() const override { return m_name; }
@@ -45,6 +47,8 @@ public:
         return true;
     }
     void refuse(bool refuses) { m_refuses = refuses; }
+    /// From now on tasks run where they are posted.
+    void runAtOnce() { m_runsAtOnce = true; }
     std::size_t size() const {
         const std::lock_guard lock(m_mutex);
         return m_tasks.size();
@@ -58,11 +62,12 @@ private:
     mutable std::mutex m_mutex;
     std::list<Task> m_tasks;
     bool m_refuses = false;
+    bool m_runsAtOnce = false;
 };
 
 /// While it lives, windows of change detection end when the test says so, and the notifications
-/// come on the test's thread, as does all that runs on strands. Working-copy operations run where
-/// they are called.
+/// come on the test's thread, as does all that runs on strands, but for the watching of new
+/// folders. That and working-copy operations run where they are called.
 class SteppedDetection {
 public:
     /// @param watcher where events come from; null for the library's own
@@ -96,6 +101,11 @@ public:
 
     /// The one made last.
     SteppedExecutor& strand() const { return *m_executors->strands.back(); }
+    /// The one made last for watching new folders.
+    SteppedExecutor& folderStrand() const { return *m_executors->folders; }
+    /// While `refuses`, there is no thread for what is to run later.
+    void refuseDelays(bool refuses) { m_delays->refuses = refuses; }
+    std::chrono::milliseconds lastDelay() const { return m_delays->last; }
     void runStrands() {
         for (bool ran = true; std::exchange(ran, false);) {
             for (const auto& strand : m_executors->strands)
@@ -114,16 +124,26 @@ public:
 
 private:
     struct Delays : platform::DelayedTaskService {
-        void runAfter(std::chrono::milliseconds, UniqueFunction<void()> task) override {
+        void runAfter(std::chrono::milliseconds delay, UniqueFunction<void()> task) override {
             const std::lock_guard lock(mutex);
+            if (refuses)
+                throw std::system_error(EAGAIN, std::generic_category(), "no thread");
+            last = delay;
             tasks.push_back(std::move(task));
         }
         std::mutex mutex;
+        std::atomic<bool> refuses = false;
+        std::chrono::milliseconds last{};
         std::list<UniqueFunction<void()>> tasks;
     };
     struct Executors : platform::ExecutorService {
         std::shared_ptr<Executor> getSourceControlExecutor() override { return sourceControl; }
         std::shared_ptr<Executor> createStrandExecutor(const std::string& name) override {
+            if (name == "DetectorFolders") {
+                folders = std::make_shared<SteppedExecutor>(name);
+                folders->runAtOnce();
+                return folders;
+            }
             return strands.emplace_back(std::make_shared<SteppedExecutor>(name, [this] {
                 const std::lock_guard lock(mutex);
                 posted = true;
@@ -141,6 +161,7 @@ private:
         std::condition_variable came;
         bool posted = false; ///< since it was waited for
         std::list<std::shared_ptr<SteppedExecutor>> strands;
+        std::shared_ptr<SteppedExecutor> folders;
     };
 
     const std::shared_ptr<Delays> m_delays = std::make_shared<Delays>();
