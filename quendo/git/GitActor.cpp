@@ -8,6 +8,7 @@
 #include "quendo/git/NativePath.h"
 #include "quendo/git/Repository.h"
 #include "quendo/platform/ExecutorTurn.h"
+#include "quendo/platform/OwnWrites.h"
 #include "quendo/platform/Path.h"
 #include "quendo/platform/UString.h"
 
@@ -118,6 +119,24 @@ void GitActor::waitForIndex(Time deadline) {
     }
 }
 
+// A check-in moves HEAD and the branch, and everything is refreshed after it. The other commands
+// write the index, and `mv` the configuration of a submodule: whatever else changes meanwhile,
+// another program did. They replace the index once, or not at all.
+OwnWrites::Footprint GitActor::footprintOf(const GitAction& action) const {
+    const auto& command = action.arguments.front();
+    if (command == "commit" || command == "reset")
+        return {};
+    const auto gitDir = Path::fromNative(m_repository.gitDir());
+    return {[gitDir,
+             modules = Path::fromNative(m_repository.commonDir()) / u"modules"](const Path& path) {
+                return path.isBelow(modules) ||
+                       (path.parentPath() == gitDir &&
+                        (path.fileName().string() == u"index" ||
+                         path.fileName().string().starts_with(u"sharedindex.")));
+            },
+            gitDir / u"index"};
+}
+
 ActingResult GitActor::runOnce(const GitAction& action) {
     m_cancellation->throwIfRequested();
     const auto& folder = m_repository.folder();
@@ -153,6 +172,7 @@ ActingResult GitActor::runOnce(const GitAction& action) {
             endLine();
         }
     };
+    OwnWrites::Span span(footprintOf(action));
     try {
         auto result = runActing(
             {
@@ -166,6 +186,8 @@ ActingResult GitActor::runOnce(const GitAction& action) {
             },
             *m_cancellation, meanwhile);
         endLine();
+        if (result.exitCode != 0)
+            span.fail(); // no refresh follows it
         return result;
     } catch (const std::system_error& error) {
         throwCannotStart("git", error);

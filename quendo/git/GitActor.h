@@ -3,6 +3,7 @@
 #include "quendo/git/ActingProcess.h"
 #include "quendo/git/CredentialServer.h"
 #include "quendo/git/GitTool.h"
+#include "quendo/platform/OwnWrites.h"
 
 #include <chrono>
 #include <functional>
@@ -63,6 +64,7 @@ private:
     Time lockDeadline() const;
     void waitForIndex(Time deadline);
     void tell(std::string line) const;
+    OwnWrites::Footprint footprintOf(const GitAction& action) const;
     ActingResult runOnce(const GitAction& action);
     [[noreturn]] void fail(std::string_view command, const ActingResult& result) const;
 

@@ -16,6 +16,7 @@
 #include "quendo/git/SmallFile.h"
 #include "quendo/platform/ExecutorTurn.h"
 #include "quendo/platform/Logging.h"
+#include "quendo/platform/OwnWrites.h"
 #include "quendo/platform/ScopeGuard.h"
 
 #include <algorithm>
@@ -122,6 +123,9 @@ auto GitAdapter::withProgress(const UString& message, Work&& work) const {
 
 template <class Work>
 void GitAdapter::act(const UString& message, Work&& work) const {
+    // It waits and looks before it writes; what writes says so.
+    if (const auto writes = OwnWrites::current())
+        writes->refine();
     const Cancellation cancellation(m_interactor.get());
     constexpr std::chrono::milliseconds lookAtCancellation{50};
     {

@@ -2,6 +2,7 @@
 
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/Repository.h"
+#include "quendo/platform/OwnWrites.h"
 #include "quendo/platform/Path.h"
 
 #include <array>
@@ -281,6 +282,7 @@ std::string KeptFiles::restoreIndex() {
 }
 
 std::string KeptFiles::restore() {
+    const OwnWrites::Span span;
     std::string problem;
     removeWhatWasAbsent();
     std::size_t lost = 0;
