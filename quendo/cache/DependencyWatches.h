@@ -22,7 +22,7 @@ namespace quendo {
 /// it changes. A burst of changes brings one refresh, a quarter of a second after its first change.
 ///
 /// Threads: any. The adapter is called and folders are listed on a strand of its own. Destroying it
-/// waits for a callback under way, unless that is what destroys it.
+/// waits for no callback: one that runs holds it until it returns.
 class DependencyWatches : public std::enable_shared_from_this<DependencyWatches> {
 public:
     using Clock = std::chrono::system_clock;
