@@ -116,6 +116,7 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/change_detection/UpdateResponses.h
     quendo/platform/DetectionSwitch.h
     quendo/platform/EachSlot.h
+    quendo/platform/MountTable.h
     quendo/platform/Utf8.h
     quendo/platform/WatchedTree.h
     quendo/pool/FaultyFolderRecord.h

@@ -13,8 +13,10 @@ namespace quendo::platform {
 /// Tells once when a folder has gone: deleted, moved away, replaced by another, or its file system
 /// unmounted; also when that happens to a folder above it. Lives as long as somebody wants to know.
 ///
-/// Threads: any. Listeners run on the folder watcher's thread; they must be quick. Destroying the
-/// watcher waits for a listener under way, unless it is the one that destroys it.
+/// Threads: any. Listeners run on the folder watcher's thread, or on a strand when the folder lies
+/// in a remote file system; they must be quick. One that throws std::bad_alloc or std::system_error
+/// is called again later, with those before it. Destroying the watcher waits for a listener under
+/// way, unless it is the one that destroys it.
 class QUENDO_API FolderDeletionWatcher {
 public:
     using Slot = boost::signals2::slot<void()>;

@@ -66,18 +66,13 @@ struct RootWatch::State : std::enable_shared_from_this<State> {
         return made;
     }
 
+    /// When no thread can be had this throws, and the watcher that called it calls it again.
     static void lookLater(const std::weak_ptr<State>& weak) {
-        const auto self = weak.lock();
-        if (self == nullptr)
-            return;
-        try {
+        if (const auto self = weak.lock())
             self->strand->post([weak] {
                 if (const auto state = weak.lock())
                     state->look();
             });
-        } catch (...) {
-            QUENDO_LOG_CAUGHT_EXCEPTION();
-        }
     }
 
     bool isDeleted() {

@@ -2,6 +2,7 @@
 #include "quendo/platform/Services.h"
 #include "quendo/platform/standard/FolderListing.h"
 #include "quendo/platform/standard/InotifyFolderWatcher.h"
+#include "quendo/platform/standard/PollSchedule.h"
 #include "tests/support/JoinedThreads.h"
 #include "tests/support/OwnNamespaces.h"
 
@@ -9,7 +10,6 @@
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/statfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -56,6 +56,19 @@ public:
         return result;
     }
 
+    /// Waits for each of these, in any order, and forgets it.
+    void each(const std::vector<std::string>& texts) {
+        std::unique_lock lock(m_mutex);
+        for (const auto& text : texts) {
+            const auto find = [&] { return std::ranges::find(m_heard, text); };
+            if (m_changed.wait_until(lock, test::byDeadline(),
+                                     [&] { return find() != m_heard.end(); }))
+                m_heard.erase(find());
+            else
+                ADD_FAILURE() << text << " did not come";
+        }
+    }
+
     void add(const std::string& text) {
         const std::lock_guard lock(m_mutex);
         if (m_heard.empty() || m_heard.back() != text)
@@ -70,6 +83,54 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<std::string> m_heard;
+};
+
+/// Lets a folder look like a mounted remote file system, whose calls hang while it is told so.
+class SlowMount : public FileSystemCalls {
+public:
+    explicit SlowMount(const fs::path& at) : m_at(at.native()) {}
+
+    void hang(bool on) {
+        const std::lock_guard lock(m_mutex);
+        m_hangs = on;
+        m_changed.notify_all();
+    }
+    /// Waits until that many calls hang.
+    void awaitHanging(int count) {
+        std::unique_lock lock(m_mutex);
+        EXPECT_TRUE(
+            m_changed.wait_until(lock, test::byDeadline(), [&] { return m_hanging >= count; }));
+    }
+    std::string mountTable() override {
+        return FileSystemCalls::mountTable() + "9999 1 0:9999 / " + m_at +
+               " rw - nfs server:/export rw\n";
+    }
+    int addWatch(int inotify, const std::string& folder, std::uint32_t mask) override {
+        pass(folder);
+        return FileSystemCalls::addWatch(inotify, folder, mask);
+    }
+    FolderListing list(const std::string& folder, bool withEntries,
+                       const std::function<void()>& progress) override {
+        pass(folder);
+        return FileSystemCalls::list(folder, withEntries, progress);
+    }
+
+private:
+    void pass(const std::string& folder) {
+        std::unique_lock lock(m_mutex);
+        if (!m_hangs || !fs::weakly_canonical(folder).native().starts_with(m_at))
+            return;
+        ++m_hanging;
+        m_changed.notify_all();
+        m_changed.wait_until(lock, test::byDeadline(), [&] { return !m_hangs; });
+        --m_hanging;
+    }
+
+    const std::string m_at;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_hangs = false;
+    int m_hanging = 0;
 };
 
 /// A folder, and a watcher of which every thread is joined in the end.
@@ -433,9 +494,7 @@ TEST(FolderListing, TellsWhatIsYoungOnceMore) {
 }
 
 TEST_F(Watching, RemoteFileSystemsArePolledBeside) {
-    struct statfs found {};
-    ::statfs(root.c_str(), &found);
-    options.polledFileSystems = {static_cast<std::uint32_t>(found.f_type)};
+    options.calls = std::make_shared<SlowMount>(root);
     options.pollInterval = 5ms;
     fs::create_directory(root / "old");
     watch(".");
@@ -445,6 +504,96 @@ TEST_F(Watching, RemoteFileSystemsArePolledBeside) {
     heard.until("+a");
     fs::create_directory(root / "old/x"); // the system tells those alone who watch "old"
     heard.until("~old");
+}
+
+TEST_F(Watching, AHangingMountHoldsUpNobodyElse) {
+    const auto calls = std::make_shared<SlowMount>(root / "slow");
+    options.calls = calls;
+    options.patience = 500ms;
+    for (const auto* name : {"slow/d", "slow/e", "slow/f", "live"})
+        fs::create_directories(root / name);
+    fs::create_directory_symlink("slow", root / "link");
+    watch(".", Scope::Itself);
+    watch("slow/d");
+    EXPECT_EQ(means("slow/d"), Means::Polled);
+    const auto threads = [] {
+        return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+    };
+    const auto before = threads();
+    for (int times = 0; times < 2; ++times) {
+        calls->hang(true);
+        watch("slow/e");
+        calls->awaitHanging(1);
+        EXPECT_EQ(means("slow/e"), Means::NotWatched);
+        EXPECT_THAT(reason("slow/e"), HasSubstr("slow does not answer"));
+        heard.until("polled slow/d");
+        EXPECT_EQ(means("slow/d"), Means::NotWatched);
+        watch("link/f");
+        watch("slow/f");
+        EXPECT_EQ(means("link/f"), Means::NotWatched);
+        watch("live");
+        fs::rename(root / "slow", root / "away"); // visits all of it
+        fs::rename(root / "away", root / "slow");
+        fs::create_directory(root / "live/a");
+        EXPECT_THAT(untilNow(), testing::Contains("+live/a"));
+        watches.erase("slow/f");
+        EXPECT_LE(threads(), before + 1);
+        calls->hang(false);
+        heard.each(
+            {"?slow/d", "?slow/e", "?link/f", "polled slow/d", "polled slow/e", "polled link/f"});
+        fs::create_directory(root / "slow/e/a");
+        heard.until("+slow/e/a");
+        fs::remove(root / "live/a");
+        fs::remove(root / "slow/e/a");
+        for (const auto* name : {"slow/e", "link/f", "live"})
+            watches.erase(name);
+        untilNow();
+    }
+}
+
+TEST_F(Watching, CallsAgainWhatHadNoMemoryOrThread) {
+    options.pollInterval = 5ms;
+    int calls = 0;
+    watch(".", Scope::Entries, [&](const FolderEvent& event) {
+        if (++calls < 3)
+            throw std::system_error(EAGAIN, std::generic_category());
+        EXPECT_TRUE(event.polled);
+        heard.callback()(event);
+    });
+    fs::create_directory(root / "a");
+    EXPECT_THAT(heard.until("?."), ElementsAre("?."));
+}
+
+TEST(PollSchedule, GroupsTakeTurnsAndRest) {
+    using Schedule = PollSchedule<int>;
+    Schedule schedule(2s);
+    const auto start = Schedule::Time() + 1h;
+    const Path big(u"/big"), small(u"/small");
+    std::vector<Schedule::Place> places;
+    for (int i = 0; i < 4; ++i)
+        places.push_back(schedule.add(big, i, start));
+    places.push_back(schedule.add(small, 9, start));
+    EXPECT_FALSE(schedule.begin(start));
+    auto now = start;
+    std::vector<std::string> looks; // one member a slice, each of which takes as long as a slice
+    const auto step = [&] {
+        now = std::max(now, *schedule.nextSlice());
+        ASSERT_TRUE(schedule.begin(now));
+        const auto* member = schedule.next();
+        looks.push_back(std::to_string((now - start) / 1ms) + ":" + std::to_string(*member));
+        const auto begun = now;
+        now += Schedule::slice;
+        schedule.end(begun, now);
+    };
+    for (int i = 0; i < 3; ++i)
+        step();
+    schedule.remove(places[2]); // the one whose turn it is
+    for (int i = 0; i < 2; ++i)
+        step();
+    EXPECT_THAT(looks, ElementsAre("2000:0", "2080:9", "2160:1", "2240:3", "4100:9"));
+    schedule.remove(places[4]);
+    // The pass over the big group took 60 ms.
+    EXPECT_EQ(*schedule.nextSlice(), start + 2260ms + 2s);
 }
 
 TEST_F(Watching, WithoutAThreadSaysSoAndRecovers) {
@@ -566,6 +715,29 @@ TEST_F(LimitedDeathTest, SeesMountingAndUnmounting) {
         while (::umount(root.c_str()) != 0)
             ASSERT_TRUE(errno == EBUSY && std::chrono::steady_clock::now() < limit);
         heard.until("native d");
+        finish();
+    });
+}
+
+// A file system whose server does nothing, in earnest.
+TEST_F(LimitedDeathTest, AHangingServerHoldsUpNobodyElse) {
+    options.patience = 500ms;
+    test::expectSuccessInOwnNamespaces([this] {
+        fs::create_directories(root / "live");
+        fs::create_directory(root / "slow");
+        const int server = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
+        const auto how = "fd=" + std::to_string(server) + ",rootmode=40000,user_id=0,group_id=0";
+        if (::mount("none", (root / "slow").c_str(), "fuse", 0, how.c_str()) != 0)
+            test::skipForWantOfRights();
+        watch("live");
+        watch("slow/d");
+        EXPECT_EQ(means("slow/d"), Means::NotWatched);
+        fs::create_directory(root / "live/a");
+        EXPECT_THAT(untilNow(), testing::Contains("+live/a"));
+        ::close(server); // from now on each call fails
+        heard.until("?slow/d");
+        EXPECT_THAT(reason("slow/d"), HasSubstr("refuses"));
+        ASSERT_EQ(::umount2((root / "slow").c_str(), MNT_DETACH), 0);
         finish();
     });
 }

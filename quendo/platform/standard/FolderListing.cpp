@@ -37,7 +37,8 @@ bool isUnchanged(const FolderListing::Entry& a, const FolderListing::Entry& b) n
 
 } // namespace
 
-FolderListing FolderListing::take(const std::string& folder, bool withEntries) {
+FolderListing FolderListing::take(const std::string& folder, bool withEntries,
+                                  const std::function<void()>& progress) {
     FolderListing result;
     struct stat found {};
     const auto failed = [&](int error = errno) {
@@ -72,6 +73,7 @@ FolderListing FolderListing::take(const std::string& folder, bool withEntries) {
     result.hasEntries = true;
     result.modified = nanoseconds(found.st_mtim);
     for (;;) {
+        progress();
         errno = 0;
         const dirent* const entry = ::readdir(stream.get());
         if (entry == nullptr) {

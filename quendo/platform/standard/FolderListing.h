@@ -36,7 +36,9 @@ struct QUENDO_API FolderListing {
 
     /// Looks at a folder, not at one that a symbolic link leads to. Without its entries only its
     /// identity is found out, for which it need not be readable.
-    static FolderListing take(const std::string& folder, bool withEntries);
+    /// @param progress called when a system call has returned
+    static FolderListing take(
+        const std::string& folder, bool withEntries, const std::function<void()>& progress = [] {});
 
     /// Whether both looked at the same folder in the same way, so that their entries compare.
     bool isSameFolder(const FolderListing& other) const noexcept;

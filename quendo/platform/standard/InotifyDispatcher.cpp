@@ -2,10 +2,9 @@
 #include "quendo/platform/standard/InotifyFolderWatcherImpl.h"
 
 #include <cstring>
-#include <fstream>
 #include <iterator>
 #include <poll.h>
-#include <sstream>
+#include <system_error>
 
 namespace quendo::platform {
 namespace {
@@ -13,30 +12,6 @@ namespace {
 constexpr std::uint32_t lostMask = IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED | IN_UNMOUNT;
 
 } // namespace
-
-Mounts readMounts() {
-    Mounts mounts;
-    std::ifstream table(mountTablePath);
-    for (std::string line; std::getline(table, line);)
-        mounts.insert(line);
-    return mounts;
-}
-
-Path mountPointOf(const std::string& line) {
-    std::istringstream fields(line);
-    std::string field, point;
-    for (int i = 0; i < 5; ++i)
-        fields >> field;
-    for (std::size_t at = 0; at < field.size(); ++at) {
-        if (field[at] == '\\' && at + 3 < field.size()) {
-            point += static_cast<char>(std::stoi(field.substr(at + 1, 3), nullptr, 8));
-            at += 3;
-        } else {
-            point += field[at];
-        }
-    }
-    return Path::fromNative(point);
-}
 
 void InotifyFolderWatcher::Impl::read(Session& current) {
     nameThisThread("quendo-inotify");
@@ -105,9 +80,11 @@ void InotifyFolderWatcher::Impl::dispatch() {
                 if (session == nullptr && lines.empty() && passed.empty()) {
                     dispatcher = {};
                     isDispatching = false;
+                    mounts.close();
                     return;
                 }
                 over = std::exchange(session, nullptr); // if there is one
+                mounts.close();
                 for (auto& line : lines)
                     line = {std::move(line.reached)};
             }
@@ -140,24 +117,31 @@ void InotifyFolderWatcher::Impl::dispatch() {
 /// @param passed the lines of the last call that were not reached, which was set `failed`
 void InotifyFolderWatcher::Impl::dispatchOnce(std::vector<char>& batch, std::list<Line>& passed,
                                               bool& failed) {
-    std::vector<std::shared_ptr<Record>> suspected;
-    std::string notable;
+    std::vector<RecordPtr> suspected;
+    std::vector<std::string> notable;
+    std::list<Look> looks;
     std::shared_ptr<Session> current;
-    std::optional<std::chrono::steady_clock::time_point> until;
     {
         const std::lock_guard lock(mutex);
         suspected.swap(suspects);
-        notable.swap(notice);
+        notable.swap(notices);
+        looks.swap(findings);
         current = session;
-        if (notNative != 0)
-            until = nextRound;
     }
-    if (!notable.empty()) {
-        QUENDO_LOG(Severity::Notice) << notable;
+    for (const auto& text : notable) {
+        QUENDO_LOG(Severity::Notice) << text;
     }
+    for (; !looks.empty(); looks.pop_front())
+        deliver(looks.front());
     for (const auto& record : suspected)
         visit(record, Visit::Suspect);
     suspected.clear();
+    serveLanes();
+    std::optional<Clock::time_point> until;
+    {
+        const std::lock_guard lock(mutex);
+        until = nextTime();
+    }
 
     bool overflowed = failed;
     bool mountsChanged = false;
@@ -205,8 +189,7 @@ void InotifyFolderWatcher::Impl::dispatchOnce(std::vector<char>& batch, std::lis
     }
     reach(passed, SIZE_MAX);
     failed = false;
-    if (until && std::chrono::steady_clock::now() >= *until)
-        round();
+    tellUntold();
 }
 
 /// @return whether there was a line
@@ -239,12 +222,15 @@ void InotifyFolderWatcher::Impl::interpret(const inotify_event& event) {
     const std::string_view name(event.name, ::strnlen(event.name, event.len));
     std::vector<Delivery> deliveries;
     std::vector<Path> folders;
-    std::vector<std::shared_ptr<Record>> closed;
+    std::vector<RecordPtr> closed;
     {
         const std::lock_guard lock(mutex);
         const auto found = byWatch.find(event.wd);
-        if (found == byWatch.end())
+        if (found == byWatch.end()) {
+            if (isLost)
+                noteStray(event.wd);
             return;
+        }
         for (const auto& record : found->second) {
             if (isLost) {
                 folders.push_back(record->folder);
@@ -258,7 +244,7 @@ void InotifyFolderWatcher::Impl::interpret(const inotify_event& event) {
                 collect(deliveries, *record, {kind, path}, Scope::Entries);
             if (isFolder)
                 folders.push_back(path);
-            if (mayHaveOpened && notNative != 0)
+            if (mayHaveOpened)
                 std::ranges::copy_if(recordsFrom(path), std::back_inserter(closed),
                                      [](const auto& each) { return each->isClosed; });
         }
@@ -271,7 +257,7 @@ void InotifyFolderWatcher::Impl::interpret(const inotify_event& event) {
 }
 
 void InotifyFolderWatcher::Impl::lost() {
-    std::vector<std::shared_ptr<Record>> all;
+    std::vector<RecordPtr> all;
     {
         const std::lock_guard lock(mutex);
         for (const auto& [folder, record] : records)
@@ -285,34 +271,14 @@ void InotifyFolderWatcher::Impl::lost() {
 }
 
 void InotifyFolderWatcher::Impl::lookAtMounts(Session& current) {
-    auto mounts = readMounts();
-    std::vector<std::string> changed;
-    std::ranges::set_symmetric_difference(current.mounts, mounts, std::back_inserter(changed));
-    current.mounts = std::move(mounts);
-    for (const auto& line : changed)
-        visitTree(mountPointOf(line), Visit::Check);
-}
-
-void InotifyFolderWatcher::Impl::round() {
-    std::vector<std::shared_ptr<Record>> polled;
-    {
-        const std::lock_guard lock(mutex);
-        for (const auto& [folder, record] : records)
-            if (record->isCounted)
-                polled.push_back(record);
-    }
-    const auto begin = std::chrono::steady_clock::now();
-    for (const auto& record : polled)
-        visit(record, Visit::Check);
-    const auto end = std::chrono::steady_clock::now();
-    const std::lock_guard lock(mutex);
-    nextRound = end + std::max<std::chrono::steady_clock::duration>(options.pollInterval,
-                                                                    10 * (end - begin));
+    const auto before = std::exchange(current.mounts, mounts.get());
+    for (const auto& point : current.mounts->changedSince(*before))
+        visitTree(point, Visit::Check);
 }
 
 /// Visits the record at `folder`, and those below it to find out whether they have gone with it.
 void InotifyFolderWatcher::Impl::visitTree(const Path& folder, Visit why) {
-    std::vector<std::shared_ptr<Record>> found;
+    std::vector<RecordPtr> found;
     {
         const std::lock_guard lock(mutex);
         found = recordsFrom(folder);
@@ -322,56 +288,62 @@ void InotifyFolderWatcher::Impl::visitTree(const Path& folder, Visit why) {
 }
 
 /// Watches the folder that lies at the record's path now, looks at it if it is polled, and tells
-/// what that brings.
-void InotifyFolderWatcher::Impl::visit(const std::shared_ptr<Record>& record, Visit why) {
-    bool isUnknown = why == Visit::Suspect;
-    bool isWatched = false;
-    bool wasPolled = false;
-    bool wantsEntries = false;
-    {
-        const std::lock_guard lock(mutex);
-        if (record->subscriptions.empty())
-            return;
-        wasPolled = record->isPolled();
-        isUnknown |= arm(record);
-        isWatched = record->watch >= 0;
-        wantsEntries = record->wantsEntries();
-    }
-    const bool remote = isRemote(record->native);
-    std::optional<FolderListing> listing;
-    if (!isWatched || remote)
-        listing = FolderListing::take(record->native, wantsEntries);
+/// what that brings; in a remote file system later.
+void InotifyFolderWatcher::Impl::visit(const RecordPtr& record, Visit why) {
+    const auto remote = findRemote(record->native);
+    std::unique_lock lock(mutex);
+    if (record->subscriptions.empty())
+        return;
+    setLane(record, laneOf(remote));
+    if (remote)
+        return enqueue(record, why);
+    auto look = beginLook(record, why);
+    lock.unlock();
+    perform(look);
+    lock.lock();
+    settle(look);
+    lock.unlock();
+    deliver(look);
+}
 
+/// Tells what a look has found.
+void InotifyFolderWatcher::Impl::deliver(Look& look) {
+    const auto& record = look.record;
+    auto& listing = look.listing;
     std::vector<Delivery> deliveries;
     std::optional<WatchHealth> changedHealth;
     {
         const std::lock_guard lock(mutex);
         if (record->subscriptions.empty())
             return;
-        if (listing && !(record->listing && record->listing->isSameFolder(*listing)))
-            isUnknown = true;
+        const bool isLate = look.number < record->delivered; // a later one was told before
+        const bool isComparable =
+            listing && record->listing && record->listing->isSameFolder(*listing);
+        const bool isUnknown = std::exchange(record->isOwed, false) || look.why == Visit::Suspect ||
+                               (look.isOther && !(look.continues && isComparable)) ||
+                               (!isLate && listing && !isComparable);
         if (isUnknown)
             collect(deliveries, *record,
-                    {FolderEvent::Kind::ContentsUnknown, record->folder, wasPolled}, Scope::Itself);
-        else if (listing)
+                    {FolderEvent::Kind::ContentsUnknown, record->folder, look.wasPolled},
+                    Scope::Itself);
+        else if (!isLate && listing)
             listing->compare(
                 *record->listing, [&](FolderEvent::Kind kind, const std::string& name) {
-                    collect(deliveries, *record, {kind, record->folder.child(name), wasPolled},
+                    collect(deliveries, *record, {kind, record->folder.child(name), look.wasPolled},
                             Scope::Entries);
                 });
-        record->isRemote = remote;
-        if (updateHealth(*record))
+        if (!isLate) {
+            record->delivered = look.number;
+            if (!record->isPolled())
+                listing.reset();
+            record->listing = std::move(listing);
+        }
+        if (updateHealth(record))
             changedHealth = record->health;
-        record->listing = std::move(listing);
     }
     tell(deliveries);
-    if (changedHealth) {
-        try {
-            healthChanged(record->folder, *changedHealth);
-        } catch (...) {
-            QUENDO_LOG_CAUGHT_EXCEPTION();
-        }
-    }
+    if (changedHealth)
+        tellHealth(record->folder, *changedHealth);
 }
 
 void InotifyFolderWatcher::Impl::collect(std::vector<Delivery>& deliveries, const Record& record,
@@ -389,14 +361,51 @@ void InotifyFolderWatcher::Impl::tell(const std::vector<Delivery>& deliveries) {
                 continue;
             running = to.get();
         }
+        bool isTold = true;
         try {
             (*to->callback)(event);
+        } catch (const std::bad_alloc&) {
+            isTold = false;
+        } catch (const std::system_error&) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+            isTold = false;
         } catch (...) {
             QUENDO_LOG_CAUGHT_EXCEPTION();
         }
+        {
+            const std::lock_guard lock(mutex);
+            running = nullptr;
+            callbackEnded.notify_all();
+        }
+        if (!isTold && std::ranges::find(untold, to) == untold.end()) {
+            // When this throws, all is told as lost.
+            untold.push_back(to);
+            tellAgain = Clock::now() + options.pollInterval;
+        }
+    }
+}
+
+/// Tells those whose callbacks failed for want of memory or of a thread.
+void InotifyFolderWatcher::Impl::tellUntold() {
+    if (untold.empty() || Clock::now() < tellAgain)
+        return;
+    std::vector<Delivery> deliveries;
+    {
         const std::lock_guard lock(mutex);
-        running = nullptr;
-        callbackEnded.notify_all();
+        for (const auto& to : untold)
+            if (to->record != nullptr)
+                deliveries.push_back(
+                    {to, {FolderEvent::Kind::ContentsUnknown, to->record->folder, true}});
+    }
+    untold.clear();
+    tell(deliveries);
+}
+
+void InotifyFolderWatcher::Impl::tellHealth(const Path& folder, const WatchHealth& health) {
+    try {
+        healthChanged(folder, health);
+    } catch (...) {
+        QUENDO_LOG_CAUGHT_EXCEPTION();
     }
 }
 

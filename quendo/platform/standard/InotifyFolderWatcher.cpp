@@ -9,8 +9,9 @@
 // Two threads. The reader does nothing but move bytes from the kernel's queue, which is short
 // (fs.inotify.max_queued_events, 16384 as a rule), to one in memory; the lock that it takes for
 // that is never held while anything slow happens. The dispatcher does all else: it finds out whom
-// an event concerns, calls the callbacks, and polls. So a slow callback delays other callbacks, but
-// loses no events until the queue in memory passes its bound.
+// an event concerns, and calls the callbacks. So a slow callback delays other callbacks, but loses
+// no events until the queue in memory passes its bound. Polling, and all calls on remote file
+// systems, which may hang, are left to further threads: see InotifyLanes.cpp.
 //
 // A record stands for one path with subscribers, however many. It has a watch of the kernel, which
 // belongs to an inode: the same folder under two spellings has two records and one watch. Watches
@@ -22,7 +23,7 @@
 // lost) the record is visited: the watch is added anew by path. The kernel gives the number of the
 // old watch if it is the same folder, and then nothing was missed. Another number means another
 // folder, whose contents nobody has heard of: ContentsUnknown. And no number means that the folder
-// is polled until it has one: until the round finds it, or its parent says that it came or may be
+// is polled until it has one: until polling finds it, or its parent says that it came or may be
 // read now, or a parent is watched by which it has come already. Numbers are not used twice, so
 // what the kernel still says about watches that were given up finds no record and means nothing.
 //
@@ -41,40 +42,54 @@
 // permission or of watches.
 //
 // Polling compares listings (FolderListing). The first is taken before watch() returns; where there
-// is none the round tells ContentsUnknown.
+// is none the first pass tells ContentsUnknown. A folder that is watched natively again after it
+// was polled is listed once more behind its new watch, and compared.
+//
+// A look is what adds the watch of a folder, and lists it where it is polled. It is begun and
+// settled under the mutex, and its system calls are made in between without it, also by several
+// threads for one folder: adding a watch twice does no harm. Looks at a record are numbered. The
+// one that began last decides which watch the record has; an older one that ends later is dropped,
+// since whatever makes a record's watch wrong begins another look. Two things can happen to a watch
+// between the call that adds it and its place in the table. Its folder may be moved or deleted: the
+// event finds no record, is kept among the strays, and has the record visited. And another record
+// of the same folder may end: watches without a record are therefore removed only when no look is
+// under way that may have got the same one.
 //
 // Lines (fence()) are drawn by whoever asks: he takes in what the kernel holds himself, so what he
 // does afterwards comes behind it in the queue in memory, and the line has a place in there. When
 // that queue was dropped, the line stands behind the news of that.
 //
-// Order: the watch is added first, then the folder is looked at, by the round or by whoever is told
+// A callback that fails for want of memory or of a thread has not been told: it is called again
+// with ContentsUnknown at the poll interval, until it does not fail. When the dispatcher itself has
+// no memory, all events count as lost, and every folder is told as ContentsUnknown.
+//
+// Order: the watch is added first, then the folder is looked at, by polling or by whoever is told
 // ContentsUnknown. What happens in between is told twice, never not at all.
 
 namespace quendo::platform {
 
-const std::vector<std::uint32_t>& remoteFileSystems() {
-    static const auto& types = *new std::vector<std::uint32_t>{
-        0x6969,     // NFS
-        0x517B,     // SMB
-        0xFF534D42, // CIFS
-        0xFE534D42, // SMB 2 and 3
-        0x65735546, // FUSE: sshfs and its kind
-        0x01021997, // 9p: the host's folders in a virtual machine
-        0x5346414F, // AFS
-        0x6B414653, // the kernel's AFS
-        0x00C36400, // Ceph
-        0x73757245, // Coda
-        0x564C,     // NetWare
-        0x0BD00BD0, // Lustre
-        0x47504653, // GPFS
-        0x01161970, // GFS2
-        0x7461636F, // OCFS2
-        0x786F4256, // VirtualBox
-        0xBACBACBC, // VMware
-        0x7C7C6673, // Parallels
-    };
-    return types;
+std::shared_ptr<const MountTable> CurrentMounts::get() {
+    const std::lock_guard lock(m_mutex);
+    if (m_file.get() < 0) {
+        m_file = Descriptor(::open(mountTablePath, O_RDONLY | O_CLOEXEC));
+        m_table = nullptr;
+    }
+    pollfd file{m_file.get(), POLLPRI, 0};
+    if (m_table == nullptr || (::poll(&file, 1, 0) > 0 && file.revents != 0))
+        m_table = std::make_shared<const MountTable>(m_calls.mountTable(), m_remote);
+    return m_table;
 }
+
+void CurrentMounts::close() {
+    const std::lock_guard lock(m_mutex);
+    m_file = Descriptor();
+    m_table = nullptr;
+}
+
+InotifyFolderWatcher::Impl::Impl(InotifyFolderWatcherOptions watcherOptions)
+    : options(std::move(watcherOptions)),
+      // A thread is started quickly, and none waits for the next pass.
+      pool({std::chrono::milliseconds(100), options.startThread}) {}
 
 std::unique_ptr<FolderWatcher::Watch>
 InotifyFolderWatcher::Impl::watch(const Path& folder, Scope scope, Callback callback) {
@@ -83,46 +98,56 @@ InotifyFolderWatcher::Impl::watch(const Path& folder, Scope scope, Callback call
     // Takes back what is done here when memory runs short.
     auto handle = std::make_unique<Handle>(shared_from_this(), subscription);
     auto record = std::make_shared<Record>(folder);
-    const bool remote = isRemote(record->native);
-    {
-        const std::lock_guard lock(mutex);
-        const auto [place, isNew] = records.try_emplace(folder, record);
-        record = subscription->record = place->second;
-        record->subscriptions.push_back(subscription);
-        if (!startDispatcher()) {
-            setHealth(*record, {WatchHealth::Means::NotWatched, noThreadReason});
-            return handle;
-        }
-        if (isNew) {
-            record->isRemote = remote;
-            if (const auto parent = records.find(folder.parentPath()); parent != records.end())
-                widen(parent->second);
-            arm(record);
-            updateHealth(*record);
-            if (record->watch >= 0)
-                armAwaitedBelow(folder);
-        } else {
-            widen(record);
-        }
-        if (!record->isPolled())
-            return handle;
-        if (!isNew) {
-            // Its listing is older than this subscription: what changed in between and back would
-            // not be told. The visit tells ContentsUnknown, and may find it can be watched by now.
-            suspects.push_back(record);
-            wake();
-            return handle;
-        }
+    const auto remote = findRemote(record->native);
+    std::unique_lock lock(mutex); // given up before the handle goes
+    record->lane = laneOf(remote);
+    const auto [place, isNew] = records.try_emplace(folder, record);
+    record = subscription->record = place->second;
+    record->subscriptions.push_back(subscription);
+    setGroup(record, scope);
+    if (!startDispatcher()) {
+        setHealth(record, {WatchHealth::Means::NotWatched, noThreadReason});
+        return handle;
     }
-    auto listing = FolderListing::take(record->native, scope == Scope::Entries);
-    const std::lock_guard lock(mutex);
-    if (!record->listing)
-        record->listing = std::move(listing);
+    const bool isFirst = record->settled == 0;
+    if (record->isRemote() && isFirst)
+        updateHealth(record);
+    std::vector<RecordPtr> targets;
+    if (isNew)
+        if (const auto parent = records.find(folder.parentPath());
+            parent != records.end() && needsWidening(*parent->second))
+            targets.push_back(parent->second);
+    if (record->isRemote() && isFirst)
+        awaitFirstLook(lock, record);
+    else if (isFirst || needsWidening(*record))
+        targets.push_back(record);
+    lookNow(lock, targets);
+    if (isNew && record->watch >= 0)
+        lookNow(lock, awaitedBelow(folder));
+    // Its listing is older than this subscription: what changed in between and back would not be
+    // told. The visit tells ContentsUnknown, and may find it can be watched by now.
+    if (!isFirst && record->isPolled())
+        suspect(record);
     return handle;
 }
 
+/// Waits for the first look at a folder of a remote file system, for a while.
+void InotifyFolderWatcher::Impl::awaitFirstLook(std::unique_lock<std::mutex>& lock,
+                                                const RecordPtr& record) {
+    enqueue(record, Visit::Check, true);
+    const auto hasEnded = [&] { return record->settled != 0 || record->subscriptions.empty(); };
+    const auto since = record->lane->busySince();
+    const auto now = Clock::now();
+    // Not where its task could not be had, and not for what hangs already.
+    if (record->queued && dispatcher != std::this_thread::get_id() && !record->lane->isHanging &&
+        !(since && now - *since >= options.patience))
+        looked.wait_until(lock, now + options.patience, hasEnded);
+    if (!hasEnded())
+        record->isOwed = true;
+}
+
 void InotifyFolderWatcher::Impl::end(const std::shared_ptr<Subscription>& subscription) noexcept {
-    std::shared_ptr<Record> record;
+    RecordPtr record;
     std::unique_ptr<const Callback> callback; // both destroyed without the lock
     std::unique_lock lock(mutex);
     record = std::exchange(subscription->record, nullptr);
@@ -131,11 +156,14 @@ void InotifyFolderWatcher::Impl::end(const std::shared_ptr<Subscription>& subscr
     std::erase(record->subscriptions, subscription);
     if (record->subscriptions.empty()) {
         detach(*record);
-        if (record->isCounted)
-            --notNative;
+        if (record->place)
+            record->lane->polls.remove(record->place);
         records.erase(record->folder);
-        if (records.empty())
+        if (records.empty()) {
+            if (!isDispatching)
+                mounts.close();
             wake();
+        }
     }
     callbackEnded.wait(lock, [&] {
         return running != subscription.get() || dispatcher == std::this_thread::get_id();
@@ -188,7 +216,8 @@ bool InotifyFolderWatcher::Impl::startDispatcher() {
     } catch (const std::system_error&) {
         return false;
     }
-    nextRound = std::chrono::steady_clock::now(); // for those that came when there was none
+    for (const auto& [id, lane] : lanes)
+        lane->polls.hurry(Clock::now()); // for those that came when there was none
     return isDispatching = true;
 }
 
@@ -200,12 +229,15 @@ int InotifyFolderWatcher::Impl::startSession() {
     if (next->error != 0)
         return next->error;
     next->buffer.resize(256U << 10U);
+    next->mounts = mounts.get();
     try {
         options.startThread([self = shared_from_this(), next] { self->read(*next); });
     } catch (const std::system_error&) {
         return EAGAIN;
     }
     session = std::move(next);
+    strays.clear();
+    orphans.clear();
     limitReached = false;
     wake();
     return 0;

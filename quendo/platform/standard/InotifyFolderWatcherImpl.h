@@ -1,11 +1,16 @@
 #pragma once
 
+#include "quendo/platform/MountTable.h"
+#include "quendo/platform/standard/FileSystemWorker.h"
 #include "quendo/platform/standard/FolderListing.h"
 #include "quendo/platform/standard/InotifyFolderWatcher.h"
+#include "quendo/platform/standard/PollSchedule.h"
+#include "quendo/platform/standard/StrandPool.h"
 
 #include <boost/signals2/signal.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <fcntl.h>
@@ -16,7 +21,6 @@
 #include <set>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
-#include <sys/vfs.h>
 #include <thread>
 #include <unistd.h>
 #include <unordered_map>
@@ -26,54 +30,103 @@ namespace quendo::platform {
 
 class Descriptor {
 public:
-    explicit Descriptor(int descriptor) noexcept : m_descriptor(descriptor) {}
+    explicit Descriptor(int descriptor = -1) noexcept : m_descriptor(descriptor) {}
+    Descriptor(Descriptor&& other) noexcept : m_descriptor(std::exchange(other.m_descriptor, -1)) {}
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        std::swap(m_descriptor, other.m_descriptor);
+        return *this;
+    }
     ~Descriptor() {
         if (m_descriptor >= 0)
             ::close(m_descriptor);
     }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
 
     int get() const noexcept { return m_descriptor; }
 
 private:
-    const int m_descriptor;
+    int m_descriptor;
 };
 
-/// The table of mounts, one line each; empty where there is none to be had.
-using Mounts = std::set<std::string>;
-Mounts readMounts();
+/// The mount table as it is now. Asks the kernel whether it has changed and reads it only then.
+///
+/// Threads: any.
+class CurrentMounts {
+public:
+    CurrentMounts(FileSystemCalls& calls, const std::vector<std::string>& remote)
+        : m_calls(calls), m_remote(remote) {}
 
-/// Where the file system of a line of the table is mounted.
-Path mountPointOf(const std::string& line);
+    std::shared_ptr<const MountTable> get();
+    /// Closes the descriptor until the next get().
+    void close();
 
-constexpr const char* mountTablePath = "/proc/self/mountinfo";
+private:
+    FileSystemCalls& m_calls;
+    const std::vector<std::string>& m_remote;
+    std::mutex m_mutex;
+    Descriptor m_file;                         // under it
+    std::shared_ptr<const MountTable> m_table; // under it
+};
+
 constexpr const char* noThreadReason =
     "no thread can be had to watch it; raise the limit of processes (ulimit -u)";
 
 // Shared by the watcher, its watches and its threads, so that none of them has to outlive another.
 struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
+    using Clock = std::chrono::steady_clock;
     struct Record;
+    using RecordPtr = std::shared_ptr<Record>;
+    using Polls = PollSchedule<RecordPtr>;
 
     struct Subscription {
         const Scope scope;
         std::unique_ptr<const Callback> callback;
-        std::shared_ptr<Record> record = nullptr; ///< null before it is in place and after it ended
+        RecordPtr record = nullptr; ///< null before it is in place and after it ended
+    };
+
+    enum class Visit {
+        Check,   ///< another folder may be at its path, or it is polled
+        Suspect, ///< that is so, or its events were lost: ContentsUnknown in any case
+    };
+
+    /// What looks at the folders of one remote file system; or polls those of all local ones.
+    struct Lane final : FileSystemWorker {
+        Lane(std::shared_ptr<Executor> strand, std::optional<Mount> mount, Clock::duration interval)
+            : FileSystemWorker(std::move(strand)), remote(std::move(mount)), polls(interval) {}
+
+        const std::optional<Mount> remote; ///< nothing for the local ones
+        // Under the mutex:
+        Polls polls;
+        bool isPolling = false;                 ///< a slice waits or runs
+        std::optional<Clock::time_point> check; ///< when to see whether it hangs
+        bool isHanging = false;
+        bool hasAnswered = false; ///< after it was hanging; for the dispatcher
+    };
+
+    /// The folders of one working copy: those below a folder that is watched for itself.
+    struct Group {
+        explicit Group(const Path& folder) : root(folder) {}
+        const Path root;
     };
 
     struct Record {
         const Path folder;
         const std::string native = folder.toNative();
         std::vector<std::shared_ptr<Subscription>> subscriptions;
+        std::shared_ptr<Lane> lane; ///< set once the record is in place
+        std::shared_ptr<Group> group;
         int watch = -1;
-        std::uint32_t mask = 0; ///< what `watch` was asked for
-        bool isRemote = false;
-        std::string reason;     ///< why `watch` is -1
-        bool isAwaited = false; ///< there is no folder at its path
-        bool isClosed = false;  ///< it may not be read
+        std::uint32_t mask = 0;      ///< what `watch` was asked for
+        std::string reason;          ///< why `watch` is -1
+        bool isAwaited = false;      ///< there is no folder at its path
+        bool isClosed = false;       ///< it may not be read
+        std::uint64_t begun = 0;     ///< numbers the looks at it
+        std::uint64_t settled = 0;   ///< the last look that counted for `watch`; 0: none as yet
+        std::uint64_t delivered = 0; ///< the last look that counted for `listing`
+        std::optional<Visit> queued; ///< a look waits in the lane
+        bool isOwed = false;         ///< the next look tells ContentsUnknown
         WatchHealth health;
-        bool isCounted = false;               ///< in `notNative`
-        std::optional<FolderListing> listing; ///< of the last round that polled it
+        Polls::Place place;                   ///< among the polled ones of its lane
+        std::optional<FolderListing> listing; ///< of the last look at it while it was polled
 
         explicit Record(const Path& path) : folder(path) {}
 
@@ -82,7 +135,8 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
                 return subscription->scope == Scope::Entries;
             });
         }
-        bool isPolled() const noexcept { return watch < 0 || isRemote; }
+        bool isRemote() const noexcept { return lane->remote.has_value(); }
+        bool isPolled() const noexcept { return watch < 0 || isRemote(); }
     };
 
     /// One life of the descriptor and its reader.
@@ -91,14 +145,52 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
         const Descriptor stop{inotify.get() < 0 ? -1 : ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
         const int error = stop.get() < 0 ? errno : 0;
         const Descriptor mountTable{error != 0 ? -1 : ::open(mountTablePath, O_RDONLY | O_CLOEXEC)};
-        Mounts mounts = error != 0 ? Mounts() : readMounts(); ///< as the dispatcher knows them
-        std::mutex readMutex;     ///< before the inbox mutex; held while events are moved
+        std::shared_ptr<const MountTable> mounts; ///< as the dispatcher knows them
+        std::mutex readMutex;     ///< before the inbox mutex; while events are moved
         std::vector<char> buffer; ///< under it
         // Under the inbox mutex:
         std::vector<char> bytes; ///< events as the kernel gave them
         bool overflowed = false; ///< some were dropped before `bytes`
         bool mountsChanged = false;
         bool ended = false;
+    };
+
+    /// Counts one in while it lives.
+    class Counted {
+    public:
+        explicit Counted(std::atomic<int>& count) noexcept : m_count(&count) { ++count; }
+        Counted(Counted&& other) noexcept : m_count(std::exchange(other.m_count, nullptr)) {}
+        Counted& operator=(Counted&& other) noexcept {
+            std::swap(m_count, other.m_count);
+            return *this;
+        }
+        ~Counted() {
+            if (m_count != nullptr)
+                --*m_count;
+        }
+
+    private:
+        std::atomic<int>* m_count;
+    };
+
+    /// Adding the watch of a folder by its path, and listing it where it is polled: begun and
+    /// settled under the mutex, performed without it.
+    struct Look {
+        RecordPtr record;
+        std::shared_ptr<Lane> lane;
+        std::shared_ptr<Session> session; ///< null when there is none, for `error`
+        Visit why = Visit::Check;
+        std::uint64_t number = 0;
+        std::uint32_t mask = 0;
+        bool wantsEntries = false;
+        bool wasPolled = false;
+        bool continues = false; ///< has a listing from before, to be compared with a last one
+        std::vector<Counted> counted{};
+        // What was found:
+        int error = 0; ///< why there is no watch
+        int watch = -1;
+        std::optional<FolderListing> listing{};
+        bool isOther = false; ///< the folder is another, or is watched no longer, or at last
     };
 
     /// Where the dispatcher is to call somebody.
@@ -124,35 +216,41 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
         const std::shared_ptr<Subscription> m_subscription;
     };
 
-    enum class Visit {
-        Check,   ///< another folder may be at its path, or it is polled
-        Suspect, ///< that is so, or its events were lost: ContentsUnknown in any case
-    };
-
     const InotifyFolderWatcherOptions options;
+    CurrentMounts mounts{*options.calls, options.polledFileSystems};
+    StrandPool pool;
     boost::signals2::signal<void(const Path&, const WatchHealth&)> healthChanged;
 
-    mutable std::mutex mutex; // before the inbox mutex
-    std::condition_variable callbackEnded;
-    std::map<Path, std::shared_ptr<Record>> records;
-    std::unordered_map<int, std::vector<std::shared_ptr<Record>>> byWatch;
-    std::vector<std::shared_ptr<Record>> suspects; ///< to be visited by the dispatcher
-    std::size_t notNative = 0;
-    std::chrono::steady_clock::time_point nextRound;
+    std::atomic<int> adding = 0, addingLocal = 0; ///< looks that may have got a watch
+
+    // Before the inbox mutex and those of the lanes. No call that may hang is made under it.
+    mutable std::mutex mutex;
+    std::condition_variable callbackEnded, looked;
+    std::map<Path, RecordPtr> records;
+    std::unordered_map<int, std::vector<RecordPtr>> byWatch;
+    std::map<std::string, std::shared_ptr<Lane>> lanes; ///< by the mount's id; "" for the local one
+    std::vector<RecordPtr> suspects;                    ///< to be visited by the dispatcher
+    std::list<Look> findings;                           ///< to be delivered by the dispatcher
+    std::set<int> strays;     ///< watches that ended before they were settled, maybe
+    std::vector<int> orphans; ///< watches without a record, to be removed when none is being added
+    bool straysDropped = false; ///< there were too many of them
     std::shared_ptr<Session> session;
     bool limitReached = false;
-    std::string notice; ///< to be logged by the dispatcher, without the lock
+    std::vector<std::string> notices; ///< to be logged by the dispatcher, without the lock
     bool isDispatching = false;
     std::thread::id dispatcher;
     const Subscription* running = nullptr;
+
+    // Of the dispatcher:
+    std::vector<std::shared_ptr<Subscription>> untold; ///< their callbacks had no memory or thread
+    Clock::time_point tellAgain;
 
     std::mutex inboxMutex; // guards what the reader shares, and the wake-up of the dispatcher
     std::condition_variable inboxChanged;
     bool woken = false;
     std::list<Line> lines;
 
-    explicit Impl(InotifyFolderWatcherOptions watcherOptions)
-        : options(std::move(watcherOptions)) {}
+    explicit Impl(InotifyFolderWatcherOptions watcherOptions);
 
     // Any thread
     std::unique_ptr<Watch> watch(const Path& folder, Scope scope, Callback callback);
@@ -160,22 +258,43 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     void fence(UniqueFunction<void()> reached);
     int take(Session& current);
     void wake() noexcept;
+    std::optional<Mount> findRemote(const std::string& native);
+    void perform(Look& look) const;
 
     // Under the mutex
     bool startDispatcher();
     int startSession();
-    bool arm(const std::shared_ptr<Record>& record);
-    void widen(const std::shared_ptr<Record>& record);
-    void armAwaitedBelow(const Path& folder);
+    std::shared_ptr<Lane> laneOf(const std::optional<Mount>& remote);
+    void setLane(const RecordPtr& record, std::shared_ptr<Lane> lane);
+    void setGroup(const RecordPtr& record, Scope scope);
+    static void moveToGroup(const RecordPtr& record, const std::shared_ptr<Group>& group);
+    Look beginLook(const RecordPtr& record, Visit why);
+    void settle(Look& look);
+    void noteStray(int watch);
+    void keepFirst(Look& look);
+    void lookNow(std::unique_lock<std::mutex>& lock, const std::vector<RecordPtr>& targets);
+    void awaitFirstLook(std::unique_lock<std::mutex>& lock, const RecordPtr& record);
+    void enqueue(const RecordPtr& record, Visit why, bool isUrgent = false);
+    void suspect(const RecordPtr& record);
+    bool needsWidening(const Record& record) const;
+    std::vector<RecordPtr> awaitedBelow(const Path& folder) const;
     void detach(Record& record) noexcept;
+    void removeWatch(int watch, Lane& lane) noexcept;
     std::uint32_t maskOf(const Record& record) const;
-    void setHealth(Record& record, WatchHealth health);
-    bool updateHealth(Record& record);
+    void setHealth(const RecordPtr& record, WatchHealth health);
+    bool updateHealth(const RecordPtr& record);
     bool isComingTold(const Record& record) const;
-    std::vector<std::shared_ptr<Record>> recordsFrom(const Path& folder) const;
+    std::vector<RecordPtr> recordsFrom(const Path& folder) const;
+    std::vector<RecordPtr> recordsOf(const Lane& lane) const;
+    std::optional<Clock::time_point> nextTime() const;
 
     // The reader
     void read(Session& current);
+
+    // Lanes
+    void lookInLane(const RecordPtr& record, const std::shared_ptr<Lane>& lane);
+    void pollSlice(const std::shared_ptr<Lane>& lane);
+    void hasProgressed(Lane& lane);
 
     // The dispatcher
     void dispatch();
@@ -184,19 +303,15 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     void interpret(const inotify_event& event);
     void lost();
     void lookAtMounts(Session& current);
-    void round();
-    void visit(const std::shared_ptr<Record>& record, Visit why);
+    void serveLanes();
+    void visit(const RecordPtr& record, Visit why);
     void visitTree(const Path& folder, Visit why);
+    void deliver(Look& look);
     static void collect(std::vector<Delivery>& deliveries, const Record& record,
                         const FolderEvent& event, Scope least);
     void tell(const std::vector<Delivery>& deliveries);
-
-    bool isRemote(const std::string& folder) const noexcept {
-        struct statfs found {};
-        return ::statfs(folder.c_str(), &found) == 0 &&
-               std::ranges::count(options.polledFileSystems,
-                                  static_cast<std::uint32_t>(found.f_type)) != 0;
-    }
+    void tellUntold();
+    void tellHealth(const Path& folder, const WatchHealth& health);
 };
 
 } // namespace quendo::platform

@@ -1,5 +1,6 @@
 #include "quendo/platform/standard/InotifyFolderWatcherImpl.h"
 
+#include <cstdlib>
 #include <system_error>
 
 namespace quendo::platform {
@@ -43,72 +44,283 @@ std::string reasonOf(int error) {
 constexpr const char* remoteReason =
     "it lies in a file system that others change unseen; their changes are told when it is polled";
 
+/// More than can be told of at once; looks that are under way then count as too late.
+constexpr std::size_t mostStrays = 65'536;
+
 } // namespace
 
-/// Adds the watch by path, for all that is wanted of the folder by now.
-/// @return whether that changed anything: the folder is another, or is watched no longer, or at
-/// last
-bool InotifyFolderWatcher::Impl::arm(const std::shared_ptr<Record>& record) {
-    const auto mask = maskOf(*record);
-    int number = -1;
-    int error = startSession();
-    if (error == 0) {
-        number =
-            ::inotify_add_watch(session->inotify.get(), record->native.c_str(),
-                                mask | IN_MASK_ADD | IN_ONLYDIR | IN_DONT_FOLLOW | IN_EXCL_UNLINK);
-        error = number < 0 ? errno : 0;
-    }
-    if (number < 0)
-        record->reason = error == EAGAIN ? noThreadReason : reasonOf(error);
-    record->isAwaited = error == ENOENT || error == ENOTDIR;
-    record->isClosed = error == EACCES;
-    if (error == ENOSPC && !std::exchange(limitReached, true))
-        notice = "Folders are polled instead of watched, the first of them " +
-                 record->folder.toUtf8() + ": " + record->reason;
-    if (number == record->watch) {
-        record->mask |= mask;
-        return false;
-    }
-    if (number >= 0)
-        byWatch[number].push_back(record);
-    detach(*record);
-    record->watch = number;
-    record->mask = mask;
-    return true;
+// -- Where a record belongs
+
+std::optional<Mount> InotifyFolderWatcher::Impl::findRemote(const std::string& native) {
+    return mounts.get()->findRemote(
+        native, [this](const std::string& path) { return options.calls->readLink(path); });
 }
 
-/// Asks for further events when more is wanted of the folder than before.
-void InotifyFolderWatcher::Impl::widen(const std::shared_ptr<Record>& record) {
-    if (record->watch < 0 || (maskOf(*record) & ~record->mask) == 0)
+std::shared_ptr<InotifyFolderWatcher::Impl::Lane>
+InotifyFolderWatcher::Impl::laneOf(const std::optional<Mount>& remote) {
+    auto& lane = lanes[remote ? remote->id + ' ' + remote->point : std::string()];
+    if (lane == nullptr)
+        lane = std::make_shared<Lane>(pool.createStrand(remote ? "quendo-mount" : "quendo-poll"),
+                                      remote, options.pollInterval);
+    return lane;
+}
+
+void InotifyFolderWatcher::Impl::setLane(const RecordPtr& record, std::shared_ptr<Lane> lane) {
+    if (record->lane == lane)
         return;
-    suspects.reserve(suspects.size() + 1);
-    if (arm(record)) {
-        suspects.push_back(record);
+    Polls::Place place;
+    if (record->place) {
+        place = lane->polls.add(record->group->root, record, Clock::now());
+        record->lane->polls.remove(record->place);
+    }
+    record->place = std::move(place);
+    record->lane = std::move(lane);
+    record->queued.reset();
+}
+
+/// Puts a record into the group of the nearest folder, itself or above, that is watched for
+/// itself: that is the root of its working copy.
+void InotifyFolderWatcher::Impl::setGroup(const RecordPtr& record, Scope scope) {
+    const auto isRoot = [](const Record& each) { return each.group->root == each.folder; };
+    if (scope == Scope::Itself) {
+        if (record->group != nullptr && isRoot(*record))
+            return;
+        const auto group = std::make_shared<Group>(record->folder);
+        for (const auto& each : recordsFrom(record->folder))
+            if (each->group == nullptr || !each->group->root.isBelow(record->folder))
+                moveToGroup(each, group);
+        return;
+    }
+    if (record->group != nullptr)
+        return;
+    for (auto above = record->folder.parentPath(); !above.empty(); above = above.parentPath())
+        if (const auto at = records.find(above); at != records.end()) {
+            record->group = at->second->group;
+            return;
+        }
+    record->group = std::make_shared<Group>(record->folder);
+}
+
+void InotifyFolderWatcher::Impl::moveToGroup(const RecordPtr& record,
+                                             const std::shared_ptr<Group>& group) {
+    if (record->place) {
+        auto place = record->lane->polls.add(group->root, record, Clock::now());
+        record->lane->polls.remove(record->place);
+        record->place = std::move(place);
+    }
+    record->group = group;
+}
+
+// -- Looking at a folder
+
+/// Begins to add the watch by path, for all that is wanted of the folder by now.
+InotifyFolderWatcher::Impl::Look InotifyFolderWatcher::Impl::beginLook(const RecordPtr& record,
+                                                                       Visit why) {
+    Look look;
+    look.record = record;
+    look.lane = record->lane;
+    look.why = why;
+    look.mask = maskOf(*record);
+    look.wantsEntries = record->wantsEntries();
+    look.wasPolled = record->isPolled();
+    look.continues = record->watch < 0 && record->listing.has_value();
+    look.error = startSession();
+    if (look.error == 0) {
+        look.session = session;
+        look.counted.reserve(2);
+        look.counted.emplace_back(adding);
+        if (!record->isRemote())
+            look.counted.emplace_back(addingLocal);
+    }
+    look.number = ++record->begun;
+    return look;
+}
+
+/// Without the mutex; of a remote file system in its lane.
+void InotifyFolderWatcher::Impl::perform(Look& look) const {
+    const bool isRemote = look.lane->remote.has_value();
+    const auto progress = [&] {
+        if (isRemote)
+            look.lane->progress();
+    };
+    const auto& folder = look.record->native;
+    if (look.session != nullptr) {
+        const int result = options.calls->addWatch(look.session->inotify.get(), folder,
+                                                   look.mask | IN_MASK_ADD | IN_ONLYDIR |
+                                                       IN_DONT_FOLLOW | IN_EXCL_UNLINK);
+        progress();
+        (result >= 0 ? look.watch : look.error) = std::abs(result);
+    }
+    if (look.watch < 0 || isRemote || look.continues)
+        look.listing = options.calls->list(folder, look.wantsEntries, progress);
+}
+
+/// Puts the watch that a look has got into the table.
+void InotifyFolderWatcher::Impl::settle(Look& look) {
+    auto& record = *look.record;
+    const bool isCurrent = look.session == nullptr || look.session == session;
+    const bool counts = isCurrent && look.number > record.settled && !record.subscriptions.empty();
+    if (counts) {
+        record.settled = look.number;
+        if (look.watch < 0)
+            record.reason = look.error == EAGAIN ? noThreadReason : reasonOf(look.error);
+        record.isAwaited = look.watch < 0 && (look.error == ENOENT || look.error == ENOTDIR);
+        record.isClosed = look.watch < 0 && look.error == EACCES;
+        if (look.watch < 0 && look.error == ENOSPC && !std::exchange(limitReached, true))
+            notices.push_back("Folders are polled instead of watched, the first of them " +
+                              record.folder.toUtf8() + ": " + record.reason);
+        if (look.watch == record.watch) {
+            record.mask |= look.mask;
+        } else {
+            if (look.watch >= 0)
+                byWatch[look.watch].push_back(look.record);
+            detach(record);
+            record.watch = look.watch;
+            record.mask = look.mask;
+            look.isOther = true;
+        }
+        if (look.watch >= 0 && (straysDropped || strays.contains(look.watch)))
+            suspect(look.record);
+    }
+    look.counted.clear();
+    if (!counts && isCurrent && look.watch >= 0 && !byWatch.contains(look.watch))
+        removeWatch(look.watch, *look.lane);
+    if (adding == 0) {
+        strays.clear();
+        straysDropped = false;
+    }
+    if (addingLocal == 0)
+        for (const int orphan : std::exchange(orphans, {}))
+            if (!byWatch.contains(orphan))
+                ::inotify_rm_watch(session->inotify.get(), orphan);
+}
+
+/// Remembers that a watch ended that no record has, or has as yet.
+void InotifyFolderWatcher::Impl::noteStray(int watch) {
+    if (adding == 0 || straysDropped)
+        return;
+    strays.insert(watch);
+    if (strays.size() > mostStrays) {
+        straysDropped = true;
+        strays.clear();
+    }
+}
+
+/// Looks at records on the calling thread, those of remote file systems excepted, which it hands
+/// to their lanes. The lock is given up meanwhile.
+void InotifyFolderWatcher::Impl::lookNow(std::unique_lock<std::mutex>& lock,
+                                         const std::vector<RecordPtr>& targets) {
+    std::vector<Look> looks;
+    for (const auto& record : targets) {
+        if (record->isRemote())
+            enqueue(record, Visit::Check);
+        else
+            looks.push_back(beginLook(record, Visit::Check));
+    }
+    if (looks.empty())
+        return;
+    lock.unlock();
+    for (auto& look : looks)
+        perform(look);
+    lock.lock();
+    for (auto& look : looks) {
+        const auto& record = look.record;
+        const bool isFirst = record->settled == 0;
+        settle(look);
+        if (isFirst)
+            keepFirst(look);
+        else if (look.isOther)
+            suspect(record);
+    }
+}
+
+/// Takes what the first look at a folder has found as what it is compared with later.
+void InotifyFolderWatcher::Impl::keepFirst(Look& look) {
+    look.record->delivered = look.number;
+    if (look.record->isPolled())
+        look.record->listing = std::move(look.listing);
+    updateHealth(look.record);
+}
+
+/// Hands a record to the lane of its remote file system.
+void InotifyFolderWatcher::Impl::enqueue(const RecordPtr& record, Visit why, bool isUrgent) {
+    if (record->queued) {
+        record->queued = std::max(*record->queued, why);
+        return;
+    }
+    const auto& lane = record->lane;
+    try {
+        lane->post([self = shared_from_this(), record, lane] { self->lookInLane(record, lane); },
+                   isUrgent);
+    } catch (const std::system_error&) {
+        record->isOwed = true; // when it is polled
+        return;
+    }
+    record->queued = why;
+    if (!lane->check && !lane->isHanging) {
+        lane->check = Clock::now() + options.patience;
         wake();
     }
 }
 
-/// Watches what came below `folder` before that was watched: its coming is told by nobody.
-void InotifyFolderWatcher::Impl::armAwaitedBelow(const Path& folder) {
-    for (const auto& record : recordsFrom(folder)) {
-        suspects.reserve(suspects.size() + 1);
-        if (record->isAwaited && arm(record)) {
-            suspects.push_back(record);
-            wake();
+/// Lets the dispatcher visit a record.
+void InotifyFolderWatcher::Impl::suspect(const RecordPtr& record) {
+    suspects.push_back(record);
+    wake();
+}
+
+/// Whether more is wanted of the folder than its watch was asked for.
+bool InotifyFolderWatcher::Impl::needsWidening(const Record& record) const {
+    return record.watch >= 0 && (maskOf(record) & ~record.mask) != 0;
+}
+
+/// What may have come below `folder` before that was watched: its coming is told by nobody.
+std::vector<InotifyFolderWatcher::Impl::RecordPtr>
+InotifyFolderWatcher::Impl::awaitedBelow(const Path& folder) const {
+    auto result = recordsFrom(folder);
+    std::erase_if(result, [](const auto& record) { return !record->isAwaited; });
+    return result;
+}
+
+void InotifyFolderWatcher::Impl::detach(Record& record) noexcept {
+    const int watch = std::exchange(record.watch, -1);
+    if (const auto found = byWatch.find(watch); found != byWatch.end()) {
+        std::erase_if(found->second, [&](const auto& each) { return each.get() == &record; });
+        if (found->second.empty()) {
+            byWatch.erase(found);
+            removeWatch(watch, *record.lane);
         }
     }
 }
 
-void InotifyFolderWatcher::Impl::detach(Record& record) noexcept {
-    if (const auto found = byWatch.find(record.watch); found != byWatch.end()) {
-        std::erase_if(found->second, [&](const auto& each) { return each.get() == &record; });
-        if (found->second.empty()) {
-            byWatch.erase(found);
-            // Fails when the kernel removed it before.
-            ::inotify_rm_watch(session->inotify.get(), record.watch);
+/// Removes a watch that no record has; fails when the kernel removed it before. It may be that a
+/// look has just got the same one anew: while there are looks, it is kept.
+void InotifyFolderWatcher::Impl::removeWatch(int watch, Lane& lane) noexcept {
+    const auto remove = [watch](const Session& from) {
+        ::inotify_rm_watch(from.inotify.get(), watch);
+    };
+    try {
+        if (!lane.remote) {
+            if (addingLocal == 0)
+                remove(*session);
+            else
+                orphans.push_back(watch);
+            return;
         }
+        // All looks that may get it are taken in that lane, one at a time.
+        lane.post(
+            [self = shared_from_this(), from = session, watch, remove] {
+                {
+                    const std::lock_guard lock(self->mutex);
+                    if (self->session == from && self->byWatch.contains(watch))
+                        return;
+                }
+                remove(*from);
+            },
+            false);
+    } catch (...) {
+        remove(*session);
     }
-    record.watch = -1;
 }
 
 std::uint32_t InotifyFolderWatcher::Impl::maskOf(const Record& record) const {
@@ -121,26 +333,36 @@ std::uint32_t InotifyFolderWatcher::Impl::maskOf(const Record& record) const {
                : selfMask;
 }
 
-void InotifyFolderWatcher::Impl::setHealth(Record& record, WatchHealth health) {
-    record.health = std::move(health);
-    const bool counts = record.health.means == WatchHealth::Means::NotWatched || record.isPolled();
-    if (std::exchange(record.isCounted, counts) == counts)
+// -- Health
+
+void InotifyFolderWatcher::Impl::setHealth(const RecordPtr& record, WatchHealth health) {
+    record->health = std::move(health);
+    const bool counts =
+        record->health.means == WatchHealth::Means::NotWatched || record->isPolled();
+    if (static_cast<bool>(record->place) == counts)
         return;
+    auto& polls = record->lane->polls;
     if (!counts) {
-        --notNative;
-    } else if (notNative++ == 0) {
-        nextRound = std::chrono::steady_clock::now() + options.pollInterval;
-        wake();
+        polls.remove(record->place);
+        return;
     }
+    const auto before = polls.nextSlice();
+    record->place = polls.add(record->group->root, record, Clock::now());
+    if (before != polls.nextSlice())
+        wake();
 }
 
 /// @return whether it changed
-bool InotifyFolderWatcher::Impl::updateHealth(Record& record) {
+bool InotifyFolderWatcher::Impl::updateHealth(const RecordPtr& record) {
     using Means = WatchHealth::Means;
     WatchHealth health{Means::Native, {}};
-    if (record.isPolled() && !isComingTold(record))
-        health = {Means::Polled, record.watch < 0 ? record.reason : remoteReason};
-    const bool hasChanged = health != record.health;
+    if (record->isRemote() && (record->lane->isHanging || record->settled == 0))
+        health = {Means::NotWatched, "the file system at " +
+                                         Path::fromNative(record->lane->remote->point).toUtf8() +
+                                         " does not answer; it is watched when that does"};
+    else if (record->isPolled() && !isComingTold(*record))
+        health = {Means::Polled, record->watch < 0 ? record->reason : remoteReason};
+    const bool hasChanged = health != record->health;
     setHealth(record, std::move(health)); // whether it is polled may have changed in any case
     return hasChanged;
 }
@@ -156,9 +378,9 @@ bool InotifyFolderWatcher::Impl::isComingTold(const Record& record) const {
 }
 
 /// The records at `folder` and below it, parents first.
-std::vector<std::shared_ptr<InotifyFolderWatcher::Impl::Record>>
+std::vector<InotifyFolderWatcher::Impl::RecordPtr>
 InotifyFolderWatcher::Impl::recordsFrom(const Path& folder) const {
-    std::vector<std::shared_ptr<Record>> result;
+    std::vector<RecordPtr> result;
     if (const auto at = records.find(folder); at != records.end())
         result.push_back(at->second);
     const auto beginning = textOfBelow(folder);
@@ -166,6 +388,15 @@ InotifyFolderWatcher::Impl::recordsFrom(const Path& folder) const {
          at != records.end() && at->first.string().starts_with(beginning); ++at)
         if (at->first != folder)
             result.push_back(at->second);
+    return result;
+}
+
+std::vector<InotifyFolderWatcher::Impl::RecordPtr>
+InotifyFolderWatcher::Impl::recordsOf(const Lane& lane) const {
+    std::vector<RecordPtr> result;
+    for (const auto& [folder, record] : records)
+        if (record->lane.get() == &lane)
+            result.push_back(record);
     return result;
 }
 

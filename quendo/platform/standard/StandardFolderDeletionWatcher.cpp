@@ -1,7 +1,10 @@
 #include "quendo/platform/standard/StandardFolderDeletionWatcher.h"
 
+#include "quendo/platform/Executor.h"
+#include "quendo/platform/ExecutorService.h"
 #include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/Logging.h"
+#include "quendo/platform/MountTable.h"
 #include "quendo/platform/Services.h"
 
 #include <boost/signals2/signal.hpp>
@@ -9,13 +12,18 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
+#include <exception>
 #include <fcntl.h>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 namespace quendo::platform {
@@ -62,42 +70,104 @@ std::optional<Identity> identify(const std::string& folder) {
 }
 
 /// What the watcher shares with its watches.
-class Deletion {
+///
+/// Finding out which folder is at the path may hang when it lies in a remote file system, and the
+/// folder watcher's thread, which calls look(), serves others. So that is left to a strand then,
+/// and never done under the lock.
+class Deletion : public std::enable_shared_from_this<Deletion> {
 public:
-    explicit Deletion(const Path& folder) : m_folder(folder.toNative()) {}
+    explicit Deletion(const Path& folder) : m_path(folder), m_folder(folder.toNative()) {}
 
     /// From now on another folder is another one.
     void remember() {
-        const std::lock_guard lock(m_mutex);
-        m_identity = identify(m_folder);
-        m_isRemembered = true;
-        m_isDeleted = !m_identity.has_value();
+        auto identity = identify(m_folder);
+        {
+            const std::lock_guard lock(m_mutex);
+            m_isDeleted = !identity.has_value();
+            m_identity = std::move(identity);
+            m_isRemembered = true;
+            if (!m_wasCalledEarly)
+                return;
+        }
+        find();
     }
 
+    /// @throws std::bad_alloc, std::system_error when it has to be called again
     void look() {
         {
             const std::lock_guard lock(m_mutex);
-            if (!m_isRemembered || m_isDeleted || identify(m_folder) == m_identity)
+            if (!m_isRemembered)
+                m_wasCalledEarly = true;
+            if (!m_isRemembered || m_isTold || m_isClosed)
                 return;
-            m_isDeleted = true;
         }
-        try {
-            m_deleted();
-        } catch (...) {
-            QUENDO_LOG_CAUGHT_EXCEPTION();
-        }
+        if (mayHang(m_path))
+            m_strand->post([self = shared_from_this()] { self->find(); });
+        else
+            find();
+    }
+
+    /// Waits for a listener under way, unless it is the one that closes it; none is called later.
+    void close() {
+        // Of a watcher that goes in one of its listeners, those behind are not called.
+        m_deleted.disconnect_all_slots();
+        std::unique_lock lock(m_mutex);
+        m_isClosed = true;
+        m_hasTold.wait(lock, [&] {
+            return m_teller == std::thread::id() || m_teller == std::this_thread::get_id();
+        });
     }
 
     bool isDeleted() const { return m_isDeleted; }
     boost::signals2::signal<void()>& signal() { return m_deleted; }
 
 private:
+    void find() {
+        const bool isOther = !m_isDeleted && identify(m_folder) != m_identity;
+        {
+            const std::lock_guard lock(m_mutex);
+            if (isOther)
+                m_isDeleted = true;
+            if (!m_isDeleted || m_isTold || m_isClosed)
+                return;
+            m_isTold = true;
+            m_teller = std::this_thread::get_id();
+        }
+        std::exception_ptr again;
+        try {
+            m_deleted();
+        } catch (const std::bad_alloc&) {
+            again = std::current_exception();
+        } catch (const std::system_error&) {
+            again = std::current_exception();
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+        }
+        {
+            const std::lock_guard lock(m_mutex);
+            m_isTold = again == nullptr;
+            m_teller = {};
+        }
+        m_hasTold.notify_all();
+        if (again != nullptr)
+            std::rethrow_exception(again);
+    }
+
+    const Path m_path;
     const std::string m_folder;
-    std::mutex m_mutex;
-    std::optional<Identity> m_identity;
-    bool m_isRemembered = false;
+    const std::shared_ptr<Executor> m_strand = createStrandExecutor("FolderDeletion");
+    std::optional<Identity> m_identity; ///< written once, before m_isRemembered
     std::atomic<bool> m_isDeleted = false;
     boost::signals2::signal<void()> m_deleted;
+
+    std::mutex m_mutex;
+    std::condition_variable m_hasTold;
+    // Guarded by it:
+    bool m_isRemembered = false;
+    bool m_wasCalledEarly = false; ///< before that
+    bool m_isTold = false;
+    bool m_isClosed = false;
+    std::thread::id m_teller;
 };
 
 class StandardFolderDeletionWatcher final : public FolderDeletionWatcher {
@@ -112,10 +182,7 @@ public:
         m_deletion->remember();
     }
 
-    ~StandardFolderDeletionWatcher() override {
-        // Of a watcher that goes in one of its listeners, those behind are not called.
-        m_deletion->signal().disconnect_all_slots();
-    }
+    ~StandardFolderDeletionWatcher() override { m_deletion->close(); }
 
     boost::signals2::connection onDeleted(const Slot& slot) override {
         return m_deletion->signal().connect(slot);

@@ -1,0 +1,30 @@
+#include "quendo/platform/standard/FileSystemCalls.h"
+
+#include "quendo/platform/MountTable.h"
+
+#include <cerrno>
+#include <sys/inotify.h>
+
+namespace quendo::platform {
+
+FileSystemCalls::~FileSystemCalls() = default;
+
+int FileSystemCalls::addWatch(int inotify, const std::string& folder, std::uint32_t mask) {
+    const int result = ::inotify_add_watch(inotify, folder.c_str(), mask);
+    return result >= 0 ? result : -errno;
+}
+
+FolderListing FileSystemCalls::list(const std::string& folder, bool withEntries,
+                                    const std::function<void()>& progress) {
+    return FolderListing::take(folder, withEntries, progress);
+}
+
+std::string FileSystemCalls::mountTable() {
+    return readMountTable();
+}
+
+std::optional<std::string> FileSystemCalls::readLink(const std::string& path) {
+    return platform::readLink(path);
+}
+
+} // namespace quendo::platform
