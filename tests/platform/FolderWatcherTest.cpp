@@ -3,10 +3,12 @@
 #include "quendo/platform/standard/FolderListing.h"
 #include "quendo/platform/standard/InotifyFolderWatcher.h"
 #include "quendo/platform/standard/PollSchedule.h"
+#include "quendo/platform/standard/WatchBudget.h"
 #include "tests/support/JoinedThreads.h"
 #include "tests/support/OwnNamespaces.h"
 
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -551,6 +553,44 @@ TEST_F(Watching, AHangingMountHoldsUpNobodyElse) {
     }
 }
 
+TEST_F(Watching, WorkingCopiesShareTheWatches) {
+    struct Limited : FileSystemCalls {
+        std::size_t watchLimit() override { return 128; } // half of them for us
+    };
+    options.calls = std::make_shared<Limited>();
+    options.pollInterval = 5ms;
+    const auto open = [&](const std::string& name, int folders) {
+        for (int i = 0; i < folders; ++i) {
+            const auto below = name + "/" + std::to_string(i);
+            fs::create_directories(root / below);
+            fs::last_write_time(root / below, fs::file_time_type::clock::now() - 1h);
+            if (i == 0)
+                watch(name, Scope::Itself);
+            watch(below);
+        }
+    };
+    const auto native = [&](const std::string& name) {
+        return std::ranges::count_if(watches, [&](const auto& entry) {
+            return entry.first.starts_with(name) && means(entry.first) == Means::Native;
+        });
+    };
+    open("a", 80);
+    EXPECT_EQ(native("a"), 64);
+    open("b", 20);
+    EXPECT_THAT(reason("b/19"), HasSubstr("left to other programs and working copies"));
+    for (int i = 0; i < 20; ++i)
+        heard.each({"native b/" + std::to_string(i)});
+    EXPECT_EQ(native("b"), 21);
+    EXPECT_LE(native("a"), 43);
+    EXPECT_EQ(means("a"), Means::Native) << "the first ones keep theirs";
+    fs::create_directory(root / "a/62/x");
+    EXPECT_THAT(heard.until("+a/62/x"), testing::Not(testing::Contains("?a/62")));
+    std::erase_if(watches, [](const auto& entry) { return entry.first.starts_with('b'); });
+    heard.until("native a/62");
+    EXPECT_THAT(fairShare({5, 1, 9}, 12), 6U);
+    EXPECT_THAT(fairShare({4, 9, 9, 9}, 2), 1U);
+}
+
 TEST_F(Watching, CallsAgainWhatHadNoMemoryOrThread) {
     options.pollInterval = 5ms;
     int calls = 0;
@@ -660,8 +700,8 @@ TEST_F(LimitedDeathTest, PollsWhatExceedsTheLimits) {
             fs::create_directory(root / std::to_string(i));
         for (int i = 0; i < 100; ++i)
             watch(std::to_string(i), i % 2 == 0 ? Scope::Itself : Scope::Entries);
-        EXPECT_EQ(means("63"), Means::Native);
-        EXPECT_EQ(means("64"), Means::Polled);
+        EXPECT_EQ(means("31"), Means::Native);
+        EXPECT_EQ(means("32"), Means::Polled) << "the other half is left to other programs";
         EXPECT_THAT(reason("99"), HasSubstr("fs.inotify.max_user_watches"));
         fs::create_directory(root / "99/a");
         heard.until("+99/a");
@@ -681,6 +721,38 @@ TEST_F(LimitedDeathTest, PollsWhatExceedsTheLimits) {
         heard.until("native 1");
         fs::create_directory(root / "1/b");
         heard.until("+1/b");
+        finish();
+    });
+}
+
+// What another program takes beyond its share is given up by this one.
+TEST_F(LimitedDeathTest, LeavesWatchesToOthers) {
+    options.pollInterval = 5ms;
+    test::expectSuccessInOwnNamespaces([this] {
+        test::limitInotify("watches", 64);
+        const int other = ::inotify_init1(IN_CLOEXEC);
+        const auto take = [&](int count) {
+            for (int i = 0; i < count; ++i) {
+                const auto each = root / ("other" + std::to_string(i));
+                fs::create_directories(each);
+                if (::inotify_add_watch(other, each.c_str(), IN_CREATE) < 0)
+                    return false;
+            }
+            return true;
+        };
+        EXPECT_TRUE(take(40));
+        watch(".", Scope::Itself);
+        for (int i = 0; i < 30; ++i) {
+            fs::create_directory(root / std::to_string(i));
+            watch(std::to_string(i));
+        }
+        EXPECT_EQ(means("22"), Means::Native);
+        EXPECT_EQ(means("23"), Means::Polled) << "the kernel refuses it";
+        heard.until("polled 11"); // of 24 half are given back
+        EXPECT_TRUE(take(52));
+        fs::create_directory(root / "11/a");
+        heard.until("+11/a");
+        ::close(other);
         finish();
     });
 }

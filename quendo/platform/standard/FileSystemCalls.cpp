@@ -2,7 +2,10 @@
 
 #include "quendo/platform/MountTable.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <fstream>
 #include <sys/inotify.h>
 
 namespace quendo::platform {
@@ -21,6 +24,18 @@ FolderListing FileSystemCalls::list(const std::string& folder, bool withEntries,
 
 std::string FileSystemCalls::mountTable() {
     return readMountTable();
+}
+
+std::size_t FileSystemCalls::watchLimit() {
+    // That of the user namespace, and that of the system.
+    std::size_t result = SIZE_MAX;
+    for (const auto* file :
+         {"/proc/sys/user/max_inotify_watches", "/proc/sys/fs/inotify/max_user_watches"}) {
+        std::size_t limit = 0;
+        if (std::ifstream(file) >> limit)
+            result = std::min(result, limit);
+    }
+    return result;
 }
 
 std::optional<std::string> FileSystemCalls::readLink(const std::string& path) {

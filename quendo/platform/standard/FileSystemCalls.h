@@ -2,6 +2,7 @@
 
 #include "quendo/platform/standard/FolderListing.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -27,6 +28,9 @@ public:
 
     /// The text of /proc/self/mountinfo.
     virtual std::string mountTable();
+
+    /// How many watches this user may have, over all processes.
+    virtual std::size_t watchLimit();
 
     /// Called for local paths only.
     virtual std::optional<std::string> readLink(const std::string& path);

@@ -335,8 +335,9 @@ void InotifyFolderWatcher::Impl::deliver(Look& look) {
         if (!isLate) {
             record->delivered = look.number;
             if (!record->isPolled())
-                listing.reset();
-            record->listing = std::move(listing);
+                record->listing.reset();
+            else if (listing)
+                record->listing = std::move(listing);
         }
         if (updateHealth(record))
             changedHealth = record->health;

@@ -89,7 +89,8 @@ void CurrentMounts::close() {
 InotifyFolderWatcher::Impl::Impl(InotifyFolderWatcherOptions watcherOptions)
     : options(std::move(watcherOptions)),
       // A thread is started quickly, and none waits for the next pass.
-      pool({std::chrono::milliseconds(100), options.startThread}) {}
+      pool({std::chrono::milliseconds(100), options.startThread}),
+      budget([calls = options.calls] { return calls->watchLimit(); }) {}
 
 std::unique_ptr<FolderWatcher::Watch>
 InotifyFolderWatcher::Impl::watch(const Path& folder, Scope scope, Callback callback) {
@@ -155,6 +156,8 @@ void InotifyFolderWatcher::Impl::end(const std::shared_ptr<Subscription>& subscr
         return;
     std::erase(record->subscriptions, subscription);
     if (record->subscriptions.empty()) {
+        count(*record, false);
+        record->isLacking = false;
         detach(*record);
         if (record->place)
             record->lane->polls.remove(record->place);
@@ -238,6 +241,7 @@ int InotifyFolderWatcher::Impl::startSession() {
     session = std::move(next);
     strays.clear();
     orphans.clear();
+    budget.refresh(Clock::now());
     limitReached = false;
     wake();
     return 0;

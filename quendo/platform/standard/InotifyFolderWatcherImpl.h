@@ -6,6 +6,7 @@
 #include "quendo/platform/standard/InotifyFolderWatcher.h"
 #include "quendo/platform/standard/PollSchedule.h"
 #include "quendo/platform/standard/StrandPool.h"
+#include "quendo/platform/standard/WatchBudget.h"
 
 #include <boost/signals2/signal.hpp>
 
@@ -70,6 +71,10 @@ private:
 constexpr const char* noThreadReason =
     "no thread can be had to watch it; raise the limit of processes (ulimit -u)";
 
+constexpr const char* shareReason =
+    "a share of the watched folders that the system allows is left to other programs and working "
+    "copies; raise fs.inotify.max_user_watches";
+
 // Shared by the watcher, its watches and its threads, so that none of them has to outlive another.
 struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     using Clock = std::chrono::steady_clock;
@@ -106,6 +111,9 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     struct Group {
         explicit Group(const Path& folder) : root(folder) {}
         const Path root;
+        std::size_t watched = 0;     ///< how many of them have a watch
+        std::size_t lacking = 0;     ///< how many want one that there is not
+        std::size_t most = SIZE_MAX; ///< may have a watch
     };
 
     struct Record {
@@ -119,6 +127,7 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
         std::string reason;          ///< why `watch` is -1
         bool isAwaited = false;      ///< there is no folder at its path
         bool isClosed = false;       ///< it may not be read
+        bool isLacking = false;      ///< for want of watches
         std::uint64_t begun = 0;     ///< numbers the looks at it
         std::uint64_t settled = 0;   ///< the last look that counted for `watch`; 0: none as yet
         std::uint64_t delivered = 0; ///< the last look that counted for `listing`
@@ -184,6 +193,7 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
         std::uint32_t mask = 0;
         bool wantsEntries = false;
         bool wasPolled = false;
+        bool isRefused = false; ///< the budget has no watch for it
         bool continues = false; ///< has a listing from before, to be compared with a last one
         std::vector<Counted> counted{};
         // What was found:
@@ -235,6 +245,11 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     std::vector<int> orphans; ///< watches without a record, to be removed when none is being added
     bool straysDropped = false; ///< there were too many of them
     std::shared_ptr<Session> session;
+    std::vector<std::weak_ptr<Group>> groups; ///< all, and some that have gone
+    WatchBudget budget;
+    std::size_t lacking = 0; ///< how many records are
+    Clock::time_point nextSharing;
+    bool isTakingAway = false; ///< watches from those who have more than their share
     bool limitReached = false;
     std::vector<std::string> notices; ///< to be logged by the dispatcher, without the lock
     bool isDispatching = false;
@@ -267,7 +282,11 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     std::shared_ptr<Lane> laneOf(const std::optional<Mount>& remote);
     void setLane(const RecordPtr& record, std::shared_ptr<Lane> lane);
     void setGroup(const RecordPtr& record, Scope scope);
-    static void moveToGroup(const RecordPtr& record, const std::shared_ptr<Group>& group);
+    void moveToGroup(const RecordPtr& record, const std::shared_ptr<Group>& group);
+    std::shared_ptr<Group> makeGroup(const Path& root);
+    bool mayAdd(const Record& record) const;
+    void count(const Record& record, bool in) noexcept;
+    std::vector<RecordPtr> shareWatches(Clock::time_point now);
     Look beginLook(const RecordPtr& record, Visit why);
     void settle(Look& look);
     void noteStray(int watch);
@@ -295,6 +314,7 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     void lookInLane(const RecordPtr& record, const std::shared_ptr<Lane>& lane);
     void pollSlice(const std::shared_ptr<Lane>& lane);
     void hasProgressed(Lane& lane);
+    void takeWatches(const std::vector<RecordPtr>& from);
 
     // The dispatcher
     void dispatch();

@@ -130,11 +130,14 @@ InotifyFolderWatcher::Impl::nextTime() const {
 /// answer again.
 void InotifyFolderWatcher::Impl::serveLanes() {
     std::vector<std::shared_ptr<Lane>> due;
-    std::vector<RecordPtr> changed, answered;
+    std::vector<RecordPtr> changed, answered, rich;
     std::vector<std::pair<Path, WatchHealth>> health;
     const auto now = Clock::now();
+    std::shared_ptr<Lane> local;
     {
         const std::lock_guard lock(mutex);
+        rich = shareWatches(now);
+        local = laneOf(std::nullopt);
         for (auto at = lanes.begin(); at != lanes.end();) {
             const auto& lane = at->second;
             if (lane->remote && lane.use_count() == 1 && !lane->hasTasks()) {
@@ -176,6 +179,15 @@ void InotifyFolderWatcher::Impl::serveLanes() {
             lane->isPolling = true;
             if (lane->remote && !lane->check && !lane->isHanging)
                 lane->check = now + options.patience;
+        }
+    }
+    if (!rich.empty()) {
+        try {
+            local->post([self = shared_from_this(), rich] { self->takeWatches(rich); }, true);
+        } catch (const std::exception&) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+            const std::lock_guard lock(mutex);
+            isTakingAway = false;
         }
     }
     for (const auto& lane : due) {

@@ -85,7 +85,7 @@ void InotifyFolderWatcher::Impl::setGroup(const RecordPtr& record, Scope scope) 
     if (scope == Scope::Itself) {
         if (record->group != nullptr && isRoot(*record))
             return;
-        const auto group = std::make_shared<Group>(record->folder);
+        const auto group = makeGroup(record->folder);
         for (const auto& each : recordsFrom(record->folder))
             if (each->group == nullptr || !each->group->root.isBelow(record->folder))
                 moveToGroup(each, group);
@@ -98,7 +98,7 @@ void InotifyFolderWatcher::Impl::setGroup(const RecordPtr& record, Scope scope) 
             record->group = at->second->group;
             return;
         }
-    record->group = std::make_shared<Group>(record->folder);
+    record->group = makeGroup(record->folder);
 }
 
 void InotifyFolderWatcher::Impl::moveToGroup(const RecordPtr& record,
@@ -108,7 +108,19 @@ void InotifyFolderWatcher::Impl::moveToGroup(const RecordPtr& record,
         record->lane->polls.remove(record->place);
         record->place = std::move(place);
     }
+    if (record->group != nullptr)
+        count(*record, false);
     record->group = group;
+    count(*record, true);
+}
+
+std::shared_ptr<InotifyFolderWatcher::Impl::Group>
+InotifyFolderWatcher::Impl::makeGroup(const Path& root) {
+    auto group = std::make_shared<Group>(root);
+    if (groups.size() == groups.capacity())
+        std::erase_if(groups, [](const auto& each) { return each.expired(); });
+    groups.push_back(group);
+    return group;
 }
 
 // -- Looking at a folder
@@ -125,6 +137,10 @@ InotifyFolderWatcher::Impl::Look InotifyFolderWatcher::Impl::beginLook(const Rec
     look.wasPolled = record->isPolled();
     look.continues = record->watch < 0 && record->listing.has_value();
     look.error = startSession();
+    if (look.error == 0 && record->watch < 0 && !mayAdd(*record)) {
+        look.isRefused = true;
+        look.error = ENOSPC;
+    }
     if (look.error == 0) {
         look.session = session;
         look.counted.reserve(2);
@@ -161,9 +177,15 @@ void InotifyFolderWatcher::Impl::settle(Look& look) {
     const bool isCurrent = look.session == nullptr || look.session == session;
     const bool counts = isCurrent && look.number > record.settled && !record.subscriptions.empty();
     if (counts) {
+        count(record, false);
         record.settled = look.number;
+        record.isLacking = look.watch < 0 && look.error == ENOSPC;
+        if (record.isLacking && !look.isRefused)
+            budget.refused(byWatch.size(), Clock::now());
         if (look.watch < 0)
-            record.reason = look.error == EAGAIN ? noThreadReason : reasonOf(look.error);
+            record.reason = look.isRefused         ? shareReason
+                            : look.error == EAGAIN ? noThreadReason
+                                                   : reasonOf(look.error);
         record.isAwaited = look.watch < 0 && (look.error == ENOENT || look.error == ENOTDIR);
         record.isClosed = look.watch < 0 && look.error == EACCES;
         if (look.watch < 0 && look.error == ENOSPC && !std::exchange(limitReached, true))
@@ -179,6 +201,7 @@ void InotifyFolderWatcher::Impl::settle(Look& look) {
             record.mask = look.mask;
             look.isOther = true;
         }
+        count(record, true);
         if (look.watch >= 0 && (straysDropped || strays.contains(look.watch)))
             suspect(look.record);
     }
