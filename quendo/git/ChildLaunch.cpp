@@ -95,6 +95,7 @@ struct Prepared {
     char* const* arguments;
     char* const* environment;
     rlimit memory;
+    rlimit processor;
     pid_t parent;
     volatile int error = 0;
 };
@@ -118,10 +119,11 @@ bool putStreams(const ChildLaunch& launch) {
 
     const auto& launch = prepared.launch;
     const bool outlives = launch.lifetime == ChildLifetime::OutlivesParent;
-    const bool ready = (outlives || launch.ownSession ? ::setsid() > 0 : ::setpgid(0, 0) == 0) &&
-                       (outlives || ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0) &&
-                       putStreams(launch) &&
-                       (launch.memoryLimit == 0 || ::setrlimit(RLIMIT_DATA, &prepared.memory) == 0);
+    const bool ready =
+        (outlives || launch.ownSession ? ::setsid() > 0 : ::setpgid(0, 0) == 0) &&
+        (outlives || ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0) && putStreams(launch) &&
+        (launch.memoryLimit == 0 || ::setrlimit(RLIMIT_DATA, &prepared.memory) == 0) &&
+        (launch.processorLimit.count() == 0 || ::setrlimit(RLIMIT_CPU, &prepared.processor) == 0);
     // A kernel without filters gives nothing worse than a new time, or a tree that nobody needs.
     if (ready && launch.keepMetadata)
         keepFromWritingMetadata();
@@ -161,20 +163,27 @@ std::vector<char*> pointersTo(const std::vector<std::string>& words, const char*
     return result;
 }
 
+/// The limit of this process for `resource`, lowered to these values where they are lower.
+rlimit limitOf(int resource, rlim_t soft, rlim_t hard) {
+    rlimit limit{};
+    ::getrlimit(static_cast<__rlimit_resource_t>(resource), &limit);
+    limit.rlim_max = std::min(limit.rlim_max, hard);
+    limit.rlim_cur = std::min({limit.rlim_cur, limit.rlim_max, soft});
+    return limit;
+}
+
 } // namespace
 
 StartedChild startChild(const ChildLaunch& launch) {
-    rlimit memory{};
-    ::getrlimit(RLIMIT_DATA, &memory);
-    memory.rlim_max = std::min<rlim_t>(memory.rlim_max, launch.memoryLimit);
-    memory.rlim_cur = std::min(memory.rlim_cur, memory.rlim_max);
+    const auto seconds = static_cast<rlim_t>(launch.processorLimit.count());
     const auto arguments = pointersTo(launch.arguments, launch.executable.c_str());
     const auto environment = pointersTo(launch.environment);
     Prepared prepared{
         .launch = launch,
         .arguments = arguments.data(),
         .environment = environment.data(),
-        .memory = memory,
+        .memory = limitOf(RLIMIT_DATA, launch.memoryLimit, launch.memoryLimit),
+        .processor = limitOf(RLIMIT_CPU, seconds, seconds + 1), // SIGXCPU, then SIGKILL
         .parent = ::getpid(),
     };
     StartedChild child;
@@ -208,19 +217,27 @@ bool waitForEnd(const StartedChild& child, std::chrono::milliseconds limit) {
 
 ExitStatus reap(const StartedChild& child) {
     siginfo_t info = {};
-    int answer = 0;
+    rusage used = {};
+    long answer = 0;
     do {
+        // The C library's waitid() does not give what the child used.
         answer = child.handle
-                     ? ::waitid(P_PIDFD, static_cast<id_t>(child.handle.get()), &info, WEXITED)
-                     : ::waitid(P_PID, static_cast<id_t>(child.id), &info, WEXITED);
+                     ? ::syscall(SYS_waitid, P_PIDFD, child.handle.get(), &info, WEXITED, &used)
+                     : ::syscall(SYS_waitid, P_PID, child.id, &info, WEXITED, &used);
     } while (answer != 0 && errno == EINTR);
     if (answer != 0)
         throw exception::ToolError(
             "the exit status of git is lost: this process ignores SIGCHLD, or another part of it "
             "reaps children that it did not start");
-    if (info.si_code == CLD_EXITED)
-        return {.code = info.si_status};
-    return {.code = 128 + info.si_status, .signal = info.si_status};
+    const auto millisecondsIn = [](const timeval& time) {
+        return std::chrono::milliseconds(time.tv_sec * 1000 + time.tv_usec / 1000);
+    };
+    ExitStatus status{.processorTime =
+                          millisecondsIn(used.ru_utime) + millisecondsIn(used.ru_stime)};
+    if (info.si_code != CLD_EXITED)
+        status.signal = info.si_status;
+    status.code = status.signal == 0 ? info.si_status : 128 + status.signal;
+    return status;
 }
 
 FileDescriptor aboveStandard(int descriptor) {

@@ -26,9 +26,10 @@ struct ChildLaunch {
     int input = -1;
     int output = -1;
     int errors = -1;
-    int extra = -1;                ///< becomes its descriptor 3, if set
-    std::uint64_t memoryLimit = 0; ///< bytes of private memory (RLIMIT_DATA); 0: none
-    bool keepMetadata = false;     ///< it cannot set a file's times or add objects
+    int extra = -1;                         ///< becomes its descriptor 3, if set
+    std::uint64_t memoryLimit = 0;          ///< bytes of private memory (RLIMIT_DATA); 0: none
+    std::chrono::seconds processorLimit{0}; ///< of each process on its own (RLIMIT_CPU); 0: none
+    bool keepMetadata = false;              ///< it cannot set a file's times or add objects
     ChildLifetime lifetime = ChildLifetime::EndsWithParent;
     bool ownSession = false; ///< without a terminal, whatever its lifetime
 };
@@ -49,6 +50,8 @@ bool waitForEnd(const StartedChild& child, std::chrono::milliseconds limit);
 struct ExitStatus {
     int code = 0;   ///< 128 + signal when a signal ended it, as a shell has it
     int signal = 0; ///< the signal that ended it; 0 when it exited
+    /// What it used of the processor, with the children that it waited for.
+    std::chrono::milliseconds processorTime{0};
 };
 
 /// Reaps a child that has ended.

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <iterator>
 #include <poll.h>
 #include <sys/socket.h>
 #include <system_error>
@@ -21,6 +22,9 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds round{100};
 constexpr std::chrono::milliseconds timeToStop{250};
 constexpr std::chrono::milliseconds patience{2'000};
+
+// Above the bound for the child with all that it started, which ends with the better error.
+constexpr std::chrono::seconds marginOfOne{2};
 
 struct Pipe {
     FileDescriptor read;
@@ -45,7 +49,10 @@ void makeNonBlocking(const FileDescriptor& descriptor) {
 
 ChildProcess::ChildProcess(const ChildPlan& plan, std::function<void(std::string_view)> consume)
     : m_consume(std::move(consume)), m_pendingInput(plan.input), m_errorsKept(plan.errorsKept),
-      m_asksServer(plan.asksServer) {
+      m_asksServer(plan.asksServer),
+      m_processorLimit(plan.processorLimit.count() == 0
+                           ? 0
+                           : std::max<std::uint64_t>(1, toClockTicks(plan.processorLimit))) {
     FileDescriptor childInput;
     if (m_pendingInput.empty()) {
         childInput = aboveStandard(::open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -71,6 +78,10 @@ ChildProcess::ChildProcess(const ChildPlan& plan, std::function<void(std::string
         .output = plan.outputFile < 0 ? output.write.get() : plan.outputFile,
         .errors = errors.write.get(),
         .memoryLimit = plan.memoryLimit,
+        .processorLimit =
+            plan.processorLimit.count() == 0
+                ? std::chrono::seconds(0)
+                : std::chrono::ceil<std::chrono::seconds>(plan.processorLimit) + marginOfOne,
         .keepMetadata = plan.keepMetadata,
         .ownSession = plan.asksServer,
     });
@@ -112,6 +123,7 @@ void ChildProcess::sweepAndReap() {
     const auto status = reap(m_child);
     m_result.exitCode = status.code;
     m_result.signal = status.signal;
+    m_result.processorTime = status.processorTime;
 }
 
 void ChildProcess::handleOutput() {
@@ -204,7 +216,8 @@ void ChildProcess::waitForAll(std::span<ChildProcess* const> children,
             eachRound();
         ProcessActivity activity;
         bool heard = false;
-        for (auto* child : children) {
+        for (std::size_t i = 0; i < children.size(); ++i) {
+            auto* const child = children[i];
             const bool one = std::exchange(child->m_heard, false);
             heard |= one;
             if (child->m_ended) {
@@ -218,6 +231,8 @@ void ChildProcess::waitForAll(std::span<ChildProcess* const> children,
             const auto seen = lookAtProcess(child->m_child.id);
             activity.processorTime += seen.processorTime;
             activity.opensFifo |= seen.opensFifo;
+            if (child->m_processorLimit != 0 && seen.processorTime > child->m_processorLimit)
+                throw ChildOverBound{i, commandLinesOf(descendantsOf(child->m_child.id))};
         }
         // A FIFO that somebody serves is opened at once; two looks in a row say nobody does.
         roundsOnFifo = activity.opensFifo ? roundsOnFifo + 1 : 0;
@@ -226,8 +241,14 @@ void ChildProcess::waitForAll(std::span<ChildProcess* const> children,
         if (heard || activity.processorTime != lastProcessorTime)
             lastProgress = Clock::now();
         lastProcessorTime = activity.processorTime;
-        if (Clock::now() - lastProgress > stallLimit)
-            throw ChildStalled{false};
+        if (Clock::now() - lastProgress > stallLimit) {
+            ChildStalled stalled{false};
+            for (const auto* child : children)
+                if (!child->m_ended)
+                    std::ranges::move(commandLinesOf(descendantsOf(child->m_child.id)),
+                                      std::back_inserter(stalled.commands));
+            throw stalled;
+        }
     }
     endOnFailure.armed = false;
 }

@@ -24,8 +24,11 @@ struct ChildPlan {
     std::string input = {};                    ///< for its standard input
     int outputFile = -1;                       ///< standard output goes there, if set
     std::uint64_t memoryLimit = 0;             ///< bytes of private memory (RLIMIT_DATA); 0: none
-    bool keepMetadata = false;                 ///< it cannot set a file's times or add objects
-    std::size_t errorsKept = 64U << 10U;       ///< bytes of standard error in the result
+    /// Processor time that it and all that it starts may use together; 0: as much as they like.
+    /// Each of them has a bound of its own somewhat above, for what cannot be watched.
+    std::chrono::milliseconds processorLimit{0};
+    bool keepMetadata = false;           ///< it cannot set a file's times or add objects
+    std::size_t errorsKept = 64U << 10U; ///< bytes of standard error in the result
     /// It asks a server, and writes what it gets: it has no terminal to ask at, and when it is to
     /// end it has a moment to clean up.
     bool asksServer = false;
@@ -42,12 +45,21 @@ struct ChildResult {
     int exitCode = 0;   ///< 128 + the number of the signal that ended it
     int signal = 0;     ///< the signal that ended it; 0 when it exited
     std::string errors; ///< what it wrote to standard error, as much of it as was to be kept
+    std::chrono::milliseconds processorTime{0}; ///< used by it and the children it waited for
 };
 
 /// Thrown when a child neither prints nor computes for longer than it is allowed to, or waits for
 /// a FIFO to be opened at the other end. It and its children have been ended.
 struct ChildStalled {
     bool onFifo;
+    std::vector<std::string> commands = {}; ///< command lines of what it had started
+};
+
+/// Thrown when a child and what it started have used more of the processor than they may. All
+/// children have been ended.
+struct ChildOverBound {
+    std::size_t child;                 ///< which of those that were waited for
+    std::vector<std::string> commands; ///< command lines of what it had started
 };
 
 /// A program that only reads, run beside this thread: in a process group of its own, ended with
@@ -67,8 +79,8 @@ public:
 
     /// Waits until all of `children` have ended and everything they printed was consumed.
     /// `eachRound` runs about every 100 ms meanwhile.
-    /// @throws ChildStalled, exception::OperationCancelledError, or what a consumer threw: all of
-    ///         `children` have been ended then.
+    /// @throws ChildStalled, ChildOverBound, exception::OperationCancelledError, or what a consumer
+    ///         threw: all of `children` have been ended then.
     static void waitForAll(std::span<ChildProcess* const> children,
                            const Cancellation& cancellation, std::chrono::milliseconds stallLimit,
                            const std::function<void()>& eachRound = {},
@@ -96,6 +108,7 @@ private:
     bool m_heard = false; ///< it printed something since the last look
     const std::size_t m_errorsKept;
     const bool m_asksServer;
+    const std::uint64_t m_processorLimit; ///< in clock ticks; 0: none
     ChildResult m_result;
 };
 

@@ -30,7 +30,7 @@ void FilterDrivers::add(const FilterDrivers& other) {
     overrides.erase(std::ranges::unique(overrides).begin(), overrides.end());
     withoutClean.insert(other.withoutClean.begin(), other.withoutClean.end());
     withoutSmudge.insert(other.withoutSmudge.begin(), other.withoutSmudge.end());
-    hasUsersOwn |= other.hasUsersOwn;
+    ofUser.insert(other.ofUser.begin(), other.ofUser.end());
 }
 
 FilterDrivers FilterDrivers::parse(std::string_view output) {
@@ -61,7 +61,9 @@ FilterDrivers FilterDrivers::parse(std::string_view output) {
 
     FilterDrivers result;
     for (const auto& [name, driver] : drivers) {
-        result.hasUsersOwn |= !driver.ofUser.empty();
+        for (const char* program : programs)
+            if (const auto found = driver.ofUser.find(program); found != driver.ofUser.end())
+                result.ofUser[name] += found->second + "\n";
         const auto isNamed = [&](const char* setting) {
             return driver.namedByRepository.contains(setting);
         };
@@ -95,7 +97,23 @@ FilterDrivers FilterDrivers::parse(std::string_view output) {
 }
 
 std::vector<std::string> FilterDrivers::question() {
-    return {"config", "-z", "--show-scope", "--get-regexp", "^filter\\."};
+    return {"config", "-z", "--show-scope", "--get-regexp",
+            "^(filter\\..*|core\\.(excludesfile|attributesfile))$"};
+}
+
+void FilterDrivers::suspend(const std::set<std::string>& names) {
+    for (const auto& name : names) {
+        const auto prefix = "filter." + name + ".";
+        std::erase_if(overrides, [&](const auto& one) {
+            return one.key.starts_with(prefix) && one.key.find('.', prefix.size()) == one.key.npos;
+        });
+        for (const char* program : programs)
+            overrides.push_back({prefix + program, ""});
+        overrides.push_back({prefix + "required", "false"});
+        withoutClean.insert(name);
+        withoutSmudge.insert(name);
+        ofUser.erase(name);
+    }
 }
 
 void FilterDrivers::checkSize() const {

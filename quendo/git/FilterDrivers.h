@@ -2,6 +2,7 @@
 
 #include "quendo/git/GitTool.h"
 
+#include <map>
 #include <set>
 #include <string>
 #include <string_view>
@@ -22,8 +23,12 @@ struct FilterDrivers {
     /// …and of those that cannot turn it back.
     std::set<std::string> withoutSmudge;
 
-    /// The user's configuration has filters, which may take their time.
-    bool hasUsersOwn = false;
+    /// Those of the user's configuration, which may take their time: by name, what is run.
+    std::map<std::string, std::string> ofUser;
+
+    /// Puts these of the user's aside as well. Does not go together with add() of drivers in which
+    /// they are not.
+    void suspend(const std::set<std::string>& names);
 
     void add(const FilterDrivers& other);
 
@@ -36,7 +41,7 @@ struct FilterDrivers {
     /// @throws exception::DamagedRepositoryError when there are more than can be put aside
     void checkSize() const;
 
-    /// The question whose answer parse() takes.
+    /// The question whose answer parse() takes; findUnfitNamed() takes it as well.
     static std::vector<std::string> question();
 };
 

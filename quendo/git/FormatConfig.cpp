@@ -66,7 +66,9 @@ std::string takeValue(std::string_view& text, bool& regular) {
 
 } // namespace
 
-FormatConfig FormatConfig::parse(std::string_view text) {
+FormatConfig FormatConfig::parse(
+    std::string_view text,
+    const std::function<void(const std::string&, const std::string&, const std::string&)>& each) {
     FormatConfig config;
     std::string section;
     if (text.starts_with("\xEF\xBB\xBF"))
@@ -105,7 +107,7 @@ FormatConfig FormatConfig::parse(std::string_view text) {
             config.isRegular = false;
             return config;
         }
-        const std::string name = section + "." + lowered(text.substr(0, length));
+        const auto last = lowered(text.substr(0, length));
         text.remove_prefix(length);
         trimFront(text);
         std::string value = "true"; // a name alone is a boolean that is on
@@ -117,8 +119,10 @@ FormatConfig FormatConfig::parse(std::string_view text) {
             config.isRegular = false;
             return config;
         }
+        if (each)
+            each(section, last, value);
         if (section == "core" || section == "extensions")
-            config.values[name] = value;
+            config.values[section + "." + last] = value;
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -13,7 +14,12 @@ struct FormatConfig {
     std::map<std::string, std::string> values;
     bool isRegular = true; ///< false when a line is not understood; git is to be asked then
 
-    static FormatConfig parse(std::string_view text);
+    /// @param each is called with every setting of the file, whatever it decides; the section is as
+    ///        it stands between the brackets, in lower case
+    static FormatConfig
+    parse(std::string_view text,
+          const std::function<void(const std::string& section, const std::string& name,
+                                   const std::string& value)>& each = {});
 
     const std::string* find(const std::string& name) const {
         const auto found = values.find(name);

@@ -1,5 +1,6 @@
 #include "quendo/git/GitAdapter.h"
 
+#include "quendo/adapter/QueryOrigin.h"
 #include "quendo/adapter/SubsystemType.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/Cancellation.h"
@@ -45,35 +46,84 @@ std::string withoutComments(const std::string& text, const std::string& commentS
     return withoutLineEnds(kept);
 }
 
+/// The question for the states of these.
+FailedQueries::Query statesOf(const Repository& repository, const std::vector<Path>& paths) {
+    FailedQueries::Query query{"states"};
+    for (const auto& path : paths) {
+        auto relative = repository.relative(path);
+        if (relative && relative->empty())
+            return {"states"};
+        if (relative)
+            query.paths.push_back(std::move(*relative));
+    }
+    if (query.paths.empty())
+        query.paths.emplace_back("."); // none of the repository's: this is no question for all
+    return query;
+}
+
 } // namespace
 
 GitAdapter::GitAdapter(std::shared_ptr<GitTool> tool, Repository repository,
                        std::shared_ptr<CMApplicationInteractor> interactor)
     : m_tool(std::move(tool)), m_interactor(std::move(interactor)), m_root(repository.rootPath()),
       m_repository(std::make_shared<const Repository>(std::move(repository))),
+      m_suspendedFilters(std::make_shared<SuspendedFilters>(m_tool->options().filterPause)),
       m_dependencies(GitAdapter::getMetadataFolder()) {}
 
-// git finds the metadata anew at each start, so they may have moved.
+// git finds the metadata anew at each start, so they may have moved. The file system may take its
+// time to say so, or never answer: it is not asked under the lock.
 std::shared_ptr<const Repository> GitAdapter::repository() const {
-    const std::lock_guard lock(m_lock);
-    if (!m_repository->isCurrent()) {
-        try {
-            auto now = Repository::open(Path::fromNative(m_repository->folder()));
-            if (now.root() == m_repository->root())
-                m_repository = std::make_shared<const Repository>(std::move(now));
-        } catch (const exception::SourceControlException&) {
-            // The error of the git that is run next says what is wrong.
-        }
+    const auto known = [&] {
+        const std::lock_guard lock(m_lock);
+        return m_repository;
+    }();
+    if (known->isCurrent())
+        return known;
+    try {
+        auto now =
+            std::make_shared<const Repository>(Repository::open(Path::fromNative(known->folder())));
+        if (now->root() != known->root())
+            return known;
+        const std::lock_guard lock(m_lock);
+        if (m_repository == known)
+            m_repository = now;
+        return now;
+    } catch (const exception::SourceControlException&) {
+        return known; // The error of the git that is run next says what is wrong.
     }
-    return m_repository;
 }
 
 template <class Work>
 auto GitAdapter::withGit(Work&& work) const {
     const Cancellation cancellation(m_interactor.get());
     const auto repository = this->repository();
-    GitRunner git(*m_tool, *repository, cancellation);
+    GitRunner git(*m_tool, *repository, cancellation, {}, m_suspendedFilters);
     return work(git);
+}
+
+// A query that a cache repeats by itself must not run into the same bound each time.
+template <class Work>
+auto GitAdapter::ask(GitRunner& git, FailedQueries::Query query, Work&& work) const {
+    const auto origin = QueryOrigin::current();
+    if (origin != nullptr && origin->urgency() == QueryUrgency::Background)
+        m_failedQueries.throwIfKnown(query);
+    const auto start = FailedQueries::Clock::now();
+    auto stamps = FailedQueries::stampsOf(git.repository());
+    try {
+        auto answer = work(git);
+        m_failedQueries.forget(query);
+        return answer;
+    } catch (const exception::SourceControlException& error) {
+        if (git.trouble() != GitRunner::Trouble::None)
+            m_failedQueries.add(std::move(query),
+                                {.error = error,
+                                 .stamps = std::move(stamps),
+                                 .cost = std::chrono::ceil<std::chrono::milliseconds>(
+                                     FailedQueries::Clock::now() - start),
+                                 .hung = git.trouble() == GitRunner::Trouble::Hung,
+                                 .suspect = git.suspect()});
+        throw;
+    }
 }
 
 // In a partial clone, what is missing is fetched when it turns out that it is: the user asked for
@@ -114,7 +164,7 @@ auto GitAdapter::withProgress(const UString& message, Work&& work) const {
     // git reports no progress of a query.
     const auto goOn = [&] { report(message, ProgressIndicator::unknown); };
     const auto repository = this->repository();
-    GitRunner git(*m_tool, *repository, cancellation, goOn);
+    GitRunner git(*m_tool, *repository, cancellation, goOn, m_suspendedFilters);
     goOn();
     auto result = work(git);
     report(message, 1);
@@ -147,7 +197,7 @@ void GitAdapter::act(const UString& message, Work&& work) const {
     const auto repository = this->repository();
     repository->checkMetadataFiles();
     const auto goOn = [&] { report(message, ProgressIndicator::unknown); };
-    GitRunner reader(*m_tool, *repository, cancellation, goOn);
+    GitRunner reader(*m_tool, *repository, cancellation, goOn, m_suspendedFilters);
     GitActor actor(
         *m_tool, *repository, cancellation,
         [&](std::string_view line) { report(toUString(line), fractionIn(line)); },
@@ -263,13 +313,16 @@ std::vector<Path> GitAdapter::ignoreFiles(const std::vector<Path>& files) {
 std::map<Path, FileState> GitAdapter::getStatus(const std::vector<Path>& files) const {
     if (files.empty())
         return {};
-    return withProgress(u"Reading file states",
-                        [&](GitRunner& git) { return GitStatus(git).ofPaths(files); });
+    return withProgress(u"Reading file states", [&](GitRunner& runner) {
+        return ask(runner, statesOf(runner.repository(), files),
+                   [&](GitRunner& git) { return GitStatus(git).ofPaths(files); });
+    });
 }
 
 std::map<Path, FileState> GitAdapter::getStatus(const Path& path, bool includeUntracked) const {
-    return withProgress(u"Reading file states", [&](GitRunner& git) {
-        return GitStatus(git).ofFolder(path, includeUntracked);
+    return withProgress(u"Reading file states", [&](GitRunner& runner) {
+        return ask(runner, statesOf(runner.repository(), {path}),
+                   [&](GitRunner& git) { return GitStatus(git).ofFolder(path, includeUntracked); });
     });
 }
 
@@ -388,7 +441,9 @@ std::any GitAdapter::getSubsystem(const std::type_info& type) {
 }
 
 BranchState GitAdapter::getBranchState() const {
-    return withGit([](GitRunner& git) { return readBranchState(git); });
+    return withGit([&](GitRunner& runner) {
+        return ask(runner, {"branch"}, [](GitRunner& git) { return readBranchState(git); });
+    });
 }
 
 std::optional<std::string> GitAdapter::getContent(const Path& file, const UString& revision,
@@ -439,7 +494,10 @@ std::vector<StateDependency>
 GitAdapter::getStateDependencies(const std::vector<Path>& nested,
                                  const std::vector<Path>& changed) const {
     const std::lock_guard lock(m_dependenciesLock);
-    return withGit([&](GitRunner& git) { return m_dependencies.find(git, nested, changed); });
+    return withGit([&](GitRunner& runner) {
+        return ask(runner, {"dependencies"},
+                   [&](GitRunner& git) { return m_dependencies.find(git, nested, changed); });
+    });
 }
 
 void GitAdapter::setCredentialProvider(std::weak_ptr<CredentialProvider> provider) {

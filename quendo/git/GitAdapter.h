@@ -7,8 +7,10 @@
 #include "quendo/adapter/RevisionContent.h"
 #include "quendo/adapter/RevisionHistory.h"
 #include "quendo/adapter/StateDependencies.h"
+#include "quendo/git/FailedQueries.h"
 #include "quendo/git/GitDependencies.h"
 #include "quendo/git/Repository.h"
+#include "quendo/git/SuspendedFilters.h"
 
 #include <condition_variable>
 #include <memory>
@@ -85,6 +87,8 @@ private:
     template <class Work>
     auto mayFetch(GitRunner& git, Work&& work) const;
     template <class Work>
+    auto ask(GitRunner& git, FailedQueries::Query query, Work&& work) const;
+    template <class Work>
     auto withProgress(const UString& message, Work&& work) const;
     void report(const UString& message, double fraction) const noexcept;
     template <class Work>
@@ -98,6 +102,8 @@ private:
     mutable bool m_isActing = false; ///< an operation changes something; guarded by m_lock
     mutable std::condition_variable m_hasActed;
     std::weak_ptr<CredentialProvider> m_credentialProvider; ///< guarded by m_lock
+    const std::shared_ptr<SuspendedFilters> m_suspendedFilters;
+    mutable FailedQueries m_failedQueries;
     mutable std::mutex m_dependenciesLock;
     mutable GitDependencies m_dependencies; ///< guarded by m_dependenciesLock
 };

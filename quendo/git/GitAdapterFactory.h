@@ -4,6 +4,7 @@
 #include "quendo/platform/Export.h"
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -26,6 +27,34 @@ struct GitOptions {
 
     /// The same for a git that changes something: it waits for hooks, signing agents and servers.
     std::chrono::milliseconds actionStallLimit{600'000};
+
+    /// The processor time that a git which only reads may use, with all that it starts; then it is
+    /// ended, and the error says so. Each byte of the index adds 10 µs, so that 100,000 files
+    /// (about 10 MB) add 100 s; content that is to be printed adds 50 ns a byte. A sixth of it for
+    /// reading the configuration; ten times as much while something is fetched. All gits of one
+    /// call together may use three times as much.
+    std::chrono::milliseconds processorLimit{60'000};
+
+    /// The private memory in bytes that each process of a git which only reads may use. Each byte
+    /// of the index adds 20.
+    std::uint64_t memoryLimit = std::uint64_t{1} << 30;
+
+    /// The same where content passes a filter or the conversion of line ends, which git does in
+    /// memory as a whole, and while something is fetched; half of the machine's memory if that is
+    /// less. Other content is exported in pieces.
+    std::uint64_t contentMemoryLimit = std::uint64_t{4} << 30;
+
+    /// What a git that lists files may print, in bytes. Each byte of the index adds 40.
+    std::uint64_t outputLimit = std::uint64_t{128} << 20;
+
+    /// How long reading does without a filter of the user's that hung or used more than it may.
+    /// Doubles each time that it does so again.
+    std::chrono::milliseconds filterPause{600'000};
+
+    /// How long a query that ended at one of these bounds is not repeated in the background: it
+    /// fails with the same error. Doubles each time, up to an hour, for as long as nothing has
+    /// changed that may be the cause.
+    std::chrono::milliseconds failurePause{30'000};
 
     /// How long an operation waits for another git that holds the index.
     std::chrono::milliseconds lockLimit{10'000};

@@ -2,7 +2,9 @@
 
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/ChildProcess.h"
+#include "quendo/git/NamedFiles.h"
 #include "quendo/git/Repository.h"
+#include "quendo/git/SmallFile.h"
 #include "quendo/platform/UString.h"
 
 #include <algorithm>
@@ -12,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <optional>
 #include <system_error>
 
@@ -42,21 +45,37 @@ std::optional<fs::path> findFifo(const fs::path& folder, bool anyName) {
     return std::nullopt;
 }
 
-/// The files of the user's and the system's configuration, whether they exist or not.
-std::vector<fs::path> configurationOfUser() {
-    const auto variable = [](const char* name) {
-        const char* value = std::getenv(name);
-        return fs::path(value != nullptr ? value : "");
-    };
-    const auto home = variable("HOME"), xdg = variable("XDG_CONFIG_HOME");
-    const auto global = variable("GIT_CONFIG_GLOBAL"), system = variable("GIT_CONFIG_SYSTEM");
-    std::vector<fs::path> files{system.empty() ? "/etc/gitconfig" : system};
-    if (!global.empty())
-        files.push_back(global);
-    else
-        files.insert(files.end(),
-                     {home / ".gitconfig", (xdg.empty() ? home / ".config" : xdg) / "git/config"});
-    return files;
+// Each star may match any number of characters, and git tries all combinations.
+constexpr int suspectStars = 6;
+constexpr std::uintmax_t suspectRules = 16U << 20U; // bytes
+constexpr std::uintmax_t suspectFile = std::uintmax_t{4} << 30U;
+
+/// The most stars in a line of a file of rules, not counting one right behind another.
+int mostStars(const std::string& rules) {
+    int most = 0, stars = 0;
+    char previous = '\n';
+    for (const char one : rules) {
+        if (one == '\n')
+            stars = 0;
+        else if (one == '*' && previous != '*')
+            most = std::max(most, ++stars);
+        previous = one;
+    }
+    return most;
+}
+
+std::string inSeconds(std::chrono::milliseconds time) {
+    const auto tenths = time.count() / 100;
+    return std::to_string(tenths / 10) +
+           (tenths % 10 == 0 ? "" : "." + std::to_string(tenths % 10)) + " s";
+}
+
+/// "the filter 'a'", "the filters 'a', 'b'"
+std::string namesOf(const std::set<std::string>& filters) {
+    std::string text = filters.size() == 1 ? "the filter" : "the filters";
+    for (const auto& name : filters)
+        text += (&name == &*filters.begin() ? " '" : ", '") + toUtf8(toUString(name)) + "'";
+    return text;
 }
 
 // "error: index uses XXXX extension, which we do not understand"
@@ -161,10 +180,11 @@ void throwGitFailure(const std::string& folder, std::string_view command,
         throw exception::UnsupportedFormatError(root + " needs a newer git than yours: " + words);
     if (saysAny("bad config", " config value "))
         throwBadConfiguration(folder, words);
-    if (saysAny("ut of memory", "memory exhausted", "Cannot allocate memory"))
-        throw exception::DamagedRepositoryError(
-            "git " + std::string(command) + " ran out of memory in " + root + ": " + words +
-            "; look for a damaged object, or a metadata or ignore file of an absurd size");
+    if (ranOutOfMemory(result))
+        throw exception::DamagedRepositoryError("git " + std::string(command) +
+                                                " ran out of memory in " + root + ": " + words +
+                                                findSuspect(folder, folder + "/.git").description +
+                                                "; a damaged object may be the cause as well");
     if (saysAny("from promisor remote", "lazy fetching disabled"))
         throw exception::OperationFailedError(
             root + " is a partial clone that lacks what git " + std::string(command) +
@@ -255,6 +275,100 @@ void throwGitStalled(const Repository& repository, std::string_view command, boo
             what + ": it waits for a FIFO; look for one among the files that Git's "
                    "configuration names");
     throw exception::ToolError(what + " and was ended; try it by hand");
+}
+
+Suspect findSuspect(const std::string& root, const std::string& metadata) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    Suspect suspect, largest;
+    std::uintmax_t largestSize = suspectFile;
+    int worst = suspectStars - 1;
+    const auto look = [&](const fs::path& file, bool isRules) {
+        std::error_code error;
+        if (!fs::is_regular_file(fs::symlink_status(file, error)))
+            return;
+        const auto size = fs::file_size(file, error);
+        if (error)
+            return;
+        const auto name = Path::fromNative(file.native()).toUtf8();
+        const auto hasSize = name + " has " + std::to_string(size) + " bytes";
+        if (size > largestSize) {
+            largestSize = size;
+            largest = {file.native(), "; " + hasSize};
+        }
+        if (!isRules)
+            return;
+        if (size > suspectRules) {
+            worst = std::numeric_limits<int>::max();
+            suspect = {file.native(), "; " + hasSize + ": make it smaller"};
+        }
+        const auto stars = mostStars(readSmallFile(file.native(), suspectRules).value_or(""));
+        if (stars > worst) {
+            worst = stars;
+            suspect = {file.native(), "; " + name + " has a pattern with " + std::to_string(stars) +
+                                          " stars, which takes git very long to match: make it "
+                                          "simpler"};
+        }
+    };
+    for (const char* name : {"/info/exclude", "/info/attributes"})
+        look(metadata + name, true);
+    std::error_code error;
+    for (fs::recursive_directory_iterator
+             it(root, fs::directory_options::skip_permission_denied, error),
+         end;
+         !error && it != end && std::chrono::steady_clock::now() < deadline; it.increment(error)) {
+        const auto name = it->path().filename();
+        if (name == ".git")
+            it.disable_recursion_pending();
+        else
+            look(it->path(), name == ".gitignore" || name == ".gitattributes");
+    }
+    if (!suspect.file.empty())
+        return suspect;
+    if (!largest.file.empty())
+        return largest;
+    return {"", "; look for ignore and attributes files with many wildcards in a pattern, and for "
+                "very large files"};
+}
+
+bool ranOutOfMemory(const ChildResult& result) {
+    return result.exitCode != 0 &&
+           std::ranges::any_of(
+               std::initializer_list<std::string_view>{"ut of memory", "memory exhausted",
+                                                       "Cannot allocate memory"},
+               [&](auto words) { return result.errors.find(words) != std::string::npos; });
+}
+
+void throwOverProcessorBound(const Repository& repository, std::string_view command,
+                             std::chrono::milliseconds bound, const std::set<std::string>& filters,
+                             const Suspect& suspect) {
+    auto message = "git " + std::string(command) + " in " + repository.rootPath().toUtf8() +
+                   " used more than " + inSeconds(bound) + " of processor time and was ended";
+    if (!filters.empty())
+        throw exception::ToolError(message + "; it ran " + namesOf(filters) +
+                                   " of your own configuration");
+    if (command == "config")
+        throw exception::DamagedRepositoryError(
+            message + "; look for configuration files that include each other, or that are very "
+                      "large, with git config --list --show-origin");
+    throw exception::DamagedRepositoryError(message + suspect.description);
+}
+
+void throwTooMuchOutput(const Repository& repository, std::string_view command,
+                        std::uint64_t bound) {
+    throw exception::DamagedRepositoryError(
+        "git " + std::string(command) + " in " + repository.rootPath().toUtf8() +
+        " printed more than " + std::to_string(bound) +
+        " bytes and was ended: that is more than its index and a sane number of untracked files "
+        "explain; look for a folder with a great many untracked files, and ignore it, or for a "
+        "damaged commit");
+}
+
+void throwFilterStalled(const Repository& repository, std::string_view command,
+                        const std::set<std::string>& filters) {
+    throw exception::ToolError("git " + std::string(command) + " hangs in " +
+                               repository.rootPath().toUtf8() +
+                               " and was ended: " + namesOf(filters) +
+                               " of your own configuration gave no sign of life; try it by hand");
 }
 
 void throwDamagedIndex(const std::string& folder, std::string_view what) {

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
+#include <set>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -45,6 +48,36 @@ std::string describeEnd(const ChildResult& result);
 /// For a git that hung: looks for what it may have waited for.
 [[noreturn]] void throwGitStalled(const Repository& repository, std::string_view command,
                                   bool onFifo);
+
+/// Something that may have made git use more than it may.
+struct Suspect {
+    std::string file;        ///< absolute, native; empty when nothing was found
+    std::string description; ///< for a message: "; look for …", never empty
+};
+
+/// Looks for what may have made git use more of the processor or of memory than it may: rules with
+/// many wildcards, files of rules of an absurd size, very large files. Takes a second at the most.
+/// @param root of the working copy, native
+/// @param metadata holds info/exclude
+Suspect findSuspect(const std::string& root, const std::string& metadata);
+
+/// For a git that used more of the processor than it may, with all that it had started.
+/// @param filters names of the user's filters that it ran and that did not come to an end, if any
+[[noreturn]] void throwOverProcessorBound(const Repository& repository, std::string_view command,
+                                          std::chrono::milliseconds bound,
+                                          const std::set<std::string>& filters,
+                                          const Suspect& suspect);
+
+/// For a git that printed more than its index and files can explain.
+[[noreturn]] void throwTooMuchOutput(const Repository& repository, std::string_view command,
+                                     std::uint64_t bound);
+
+/// For a filter of the user's that gave no sign of life.
+[[noreturn]] void throwFilterStalled(const Repository& repository, std::string_view command,
+                                     const std::set<std::string>& filters);
+
+/// Whether a git ended because it could get no more memory.
+bool ranOutOfMemory(const ChildResult& result);
 
 /// For an index that git reads although it cannot be right.
 [[noreturn]] void throwDamagedIndex(const std::string& folder, std::string_view what);

@@ -18,7 +18,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <initializer_list>
+#include <map>
 #include <optional>
+#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,6 +30,10 @@ namespace {
 
 // A repository may ask for any number of comparisons.
 constexpr const char* renameLimit = "-l1000";
+
+// Content of more than this part of what may be held in memory is handed over in pieces if
+// possible.
+constexpr std::uint64_t partInPieces = 16;
 
 /// Thrown where git's output is taken, to stop git when no more is wanted.
 struct Enough {};
@@ -179,7 +186,7 @@ void GitHistory::read(const Path& path, const RevisionQuery& query,
                    if (!receive(std::move(revision)))
                        throw Enough();
                });
-    GitRun run{.arguments = std::move(arguments)};
+    GitRun run{.arguments = std::move(arguments), .limitOutput = false};
     run.consume = [&](std::string_view text) { log.feed(text); };
     try {
         const auto result = m_git.run({run}).front();
@@ -307,7 +314,8 @@ void GitHistory::exportTo(const Path& target, const Path& file, const Revision& 
     }
 
     NewFile output(target, entry->mode == "100755");
-    printContent(*entry, file, {.arguments = {}, .outputFile = output.descriptor()});
+    printContent(*entry, file, sizeOf(*entry),
+                 {.arguments = {}, .outputFile = output.descriptor()});
     if (entry->isLink())
         output.becomeLink(output.content());
     output.commit();
@@ -410,50 +418,116 @@ std::string GitHistory::contentOf(const Entry& entry, const Path& file, const st
                                               ", and " + std::to_string(limit) +
                                               " is the limit for content in memory");
     };
-    // Before git loads it: only then is it known how much memory that takes.
-    const auto size = withoutLineEnds(m_git.read({.arguments = {"cat-file", "-s", entry.object}}));
-    std::uint64_t kept = 0;
-    if (std::from_chars(size.data(), size.data() + size.size(), kept).ec != std::errc())
-        throwGarbage("cat-file");
+    // Before git loads it.
+    const auto kept = sizeOf(entry);
     if (kept > limit)
-        refuse(size);
+        refuse(std::to_string(kept));
     std::string content;
-    printContent(entry, file, {.arguments = {}, .consume = [&](std::string_view text) {
-                                   if (text.size() > limit - content.size())
-                                       refuse("more than " + std::to_string(limit));
-                                   content += text;
-                               }});
+    printContent(entry, file, kept, {.arguments = {}, .consume = [&](std::string_view text) {
+                                         if (text.size() > limit - content.size())
+                                             refuse("more than " + std::to_string(limit));
+                                         content += text;
+                                     }});
     return content;
 }
 
+std::uint64_t GitHistory::sizeOf(const Entry& entry) {
+    const auto text = m_git.read({.arguments = {"cat-file", "-s", entry.object}});
+    std::uint64_t size = 0;
+    if (std::from_chars(text.data(), text.data() + text.size(), size).ec != std::errc())
+        throwGarbage("cat-file");
+    return size;
+}
+
+/// Whether git changes this content when it checks it out. Its attributes are asked for already.
+bool GitHistory::isConverted(const std::map<std::string, std::string>& attributes) {
+    const auto is = [&](const char* name, std::initializer_list<std::string_view> values) {
+        const auto found = attributes.find(name);
+        return found == attributes.end() ||
+               std::ranges::find(values, found->second) != values.end();
+    };
+    for (const char* name : {"filter", "ident", "working-tree-encoding"})
+        if (!is(name, {"unspecified", "unset"}))
+            return true;
+    if (is("text", {"unset"}))
+        return false;
+    for (const char* name : {"text", "crlf", "eol"})
+        if (!is(name, {"unspecified"}))
+            return true;
+    constexpr int isNotSet = 1;
+    const auto converts =
+        withoutLineEnds(m_git.read({.arguments = {"config", "--get", "core.autocrlf"}}, isNotSet));
+    return !converts.empty() && converts != "false" && converts != "input";
+}
+
 /// @param file for errors
+/// @param size of the content as it is kept
 /// @param run where the content goes; its arguments are set here
-void GitHistory::printContent(const Entry& entry, const Path& file, GitRun run) {
+void GitHistory::printContent(const Entry& entry, const Path& file, std::uint64_t size,
+                              GitRun run) {
+    const auto& options = m_git.options();
+    run.holdsContent = true;
+    run.limitOutput = false;
+    run.contentSize = size;
+    // git hands over what it need not change in pieces, but it keeps the whole of everything that
+    // passes a filter or a conversion.
+    bool isWhole = true;
     if (entry.isLink()) {
+        constexpr std::uint64_t longestLink = 64 * 1024;
+        if (size > longestLink)
+            throw exception::OperationFailedError(
+                file.toUtf8() + " is a symbolic link of " + std::to_string(size) +
+                " bytes there, which none can be; look for a damaged commit with git fsck");
         run.arguments = {"cat-file", "blob", entry.object};
     } else {
-        const auto drivers = FilterDrivers::read(m_git);
+        auto drivers = FilterDrivers::read(m_git);
+        const auto ofRepository = drivers.withoutSmudge;
+        // A host asks for content in memory in the background; to export it is a user's wish.
+        const auto suspended =
+            run.outputFile < 0 ? m_git.suspended(drivers.ofUser) : std::set<std::string>();
+        drivers.suspend(suspended);
         drivers.checkSize();
         m_git.setOverrides(drivers.overrides);
-        if (drivers.hasUsersOwn)
-            m_git.bePatient();
-        if (!drivers.withoutSmudge.empty()) {
+        m_git.bePatient(drivers.ofUser);
+        const bool isLarge = size > options.contentMemoryLimit / partInPieces;
+        if (isLarge || !drivers.withoutSmudge.empty()) {
             std::vector<std::string> parts;
             NulSplitter("check-attr")
-                .feed(m_git.read({.arguments = {"check-attr", "-z", "--stdin", "filter"},
+                .feed(m_git.read({.arguments = {"check-attr", "-z", "--stdin", "filter", "ident",
+                                                "working-tree-encoding", "text", "crlf", "eol"},
                                   .input = pathspec(entry.path) + '\0'}),
                       [&](std::string_view part) { parts.emplace_back(part); });
-            if (parts.size() == 3 && drivers.withoutSmudge.contains(parts[2]))
+            std::map<std::string, std::string> attributes;
+            for (std::size_t i = 0; i + 2 < parts.size(); i += 3)
+                attributes[parts[i + 1]] = parts[i + 2];
+            const auto filter = attributes["filter"];
+            const auto name = file.toUtf8() + " needs the filter '" + toUtf8(toUString(filter));
+            if (ofRepository.contains(filter))
                 throw exception::OperationFailedError(
-                    file.toUtf8() + " needs the filter '" + toUtf8(toUString(parts[2])) +
-                    "', which only the repository itself names; if you trust it, put it into your "
-                    "own configuration with git config --global");
+                    name + "', which only the repository itself names; if you trust it, put it "
+                           "into your own configuration with git config --global");
+            if (suspended.contains(filter))
+                throw exception::OperationFailedError(
+                    name + "' of your configuration, which did not come to an end here and is not "
+                           "run for a while; export the file to try it again");
+            isWhole = !isLarge || isConverted(attributes);
         }
-        run.arguments = {"cat-file", "--filters", "--path=" + entry.path, entry.object};
+        if (isWhole) {
+            run.arguments = {"cat-file", "--filters", "--path=" + entry.path, entry.object};
+        } else {
+            drivers.overrides.push_back({"core.bigFileThreshold", "16m"});
+            m_git.setOverrides(drivers.overrides);
+            run.arguments = {"cat-file", "blob", entry.object};
+        }
     }
-    // Filtering holds the whole content in memory, however large the file is that was asked for.
-    run.limitMemory = false;
     const auto result = m_git.run({run}).front();
+    if (ranOutOfMemory(result))
+        throw exception::OperationFailedError(
+            file.toUtf8() + " with " + std::to_string(size) +
+            " bytes takes more memory than a git that reads may use" +
+            (isWhole ? ": it passes a filter or a conversion of line ends, which git does in memory"
+                     : "") +
+            "; check the revision out with git to have it");
     if (result.exitCode != 0)
         throwGitFailure(m_git.repository().root(), "cat-file", result);
 }

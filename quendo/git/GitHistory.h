@@ -6,6 +6,8 @@
 #include "quendo/platform/UString.h"
 
 #include <cstddef>
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -49,7 +51,9 @@ private:
     };
     std::optional<Entry> entryIn(const std::string& commit, const std::string& path);
     std::optional<Entry> stagedEntry(const Path& file);
-    void printContent(const Entry& entry, const Path& file, GitRun run);
+    std::uint64_t sizeOf(const Entry& entry);
+    bool isConverted(const std::map<std::string, std::string>& attributes);
+    void printContent(const Entry& entry, const Path& file, std::uint64_t size, GitRun run);
     std::string contentOf(const Entry& entry, const Path& file, const std::string& where,
                           std::size_t limit);
     template <class Work>

@@ -30,6 +30,7 @@ std::vector<std::string> GitLog::arguments() {
             "--no-show-signature",
             "--no-color",
             "--no-notes",
+            "--no-mailmap",
             "--no-ext-diff",
             "--no-textconv",
             "--no-decorate",

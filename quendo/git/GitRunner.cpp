@@ -4,25 +4,40 @@
 #include "quendo/git/Cancellation.h"
 #include "quendo/git/GitFailure.h"
 #include "quendo/git/LazyFetch.h"
+#include "quendo/git/NamedFiles.h"
 #include "quendo/git/NativePath.h"
 #include "quendo/git/Repository.h"
+#include "quendo/platform/ExecutorTurn.h"
+#include "quendo/platform/Logging.h"
+#include "quendo/platform/ScopeGuard.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <system_error>
+#include <unistd.h>
+#include <utility>
 
 namespace quendo::git {
 namespace {
 
+// A path, or a commit's message.
 constexpr std::size_t largestPiece = 64 * 1024 * 1024;
-constexpr std::size_t largestAnswer = 512 * 1024 * 1024;
 
-// What git may hold in memory of its own. It keeps some 100 bytes for a file in the index and as
-// much for an untracked one; the rest is for objects that it compares. Packs and the index itself
-// are mapped, not counted.
-constexpr std::uint64_t memoryBase = std::uint64_t{1} << 30;
+// How the bounds of GitOptions grow. git keeps some 100 bytes for a file in the index and as much
+// for an untracked one; the rest of its memory is for objects that it compares. Packs and the index
+// itself are mapped, not counted. An entry of the index takes about 100 bytes, and it takes git
+// less than 1 ms to read a small file and compare it.
 constexpr std::uint64_t memoryPerIndexByte = 20;
+constexpr std::uint64_t outputPerIndexByte = 40;
+constexpr std::chrono::microseconds processorPerIndexByte{10};
+constexpr std::uint64_t contentPerMillisecond = 20'000; // inflated, checked and converted
+constexpr int partForConfiguration = 6;
+constexpr int timesForAFetch = 10;
+constexpr int timesForACall = 3;
 
 // A filter may ask a server; git waits for it without a sign of life.
 constexpr int patience = 3;
@@ -30,25 +45,117 @@ constexpr int patience = 3;
 } // namespace
 
 GitRunner::GitRunner(GitTool& tool, const Repository& repository, const Cancellation& cancellation,
-                     std::function<void()> eachRound)
+                     std::function<void()> eachRound, std::shared_ptr<SuspendedFilters> filters)
     : m_tool(tool), m_repository(repository), m_cancellation(&cancellation),
-      m_eachRound(std::move(eachRound)) {}
+      m_eachRound(std::move(eachRound)), m_suspendedFilters(std::move(filters)) {}
 
 void GitRunner::ignoreCancellation() {
     m_never = std::make_shared<const Cancellation>(nullptr);
     m_cancellation = m_never.get();
 }
 
+std::set<std::string> GitRunner::suspended(const SuspendedFilters::Drivers& users) const {
+    return m_suspendedFilters ? m_suspendedFilters->among(users) : std::set<std::string>();
+}
+
+std::set<std::string> GitRunner::suspendFilters(const std::vector<std::string>& running) {
+    if (!m_suspendedFilters || m_usersFilters.empty())
+        return {};
+    auto names = m_suspendedFilters->suspend(m_usersFilters, running);
+    for (const auto& name : names)
+        QUENDO_LOG(Severity::Notice) << m_repository.rootPath() << ": the filter " << name
+                                     << " of the user's configuration did not come to an end; it "
+                                        "is not run for a while, and "
+                                        "what it would have to look at counts as modified";
+    return names;
+}
+
+void GitRunner::checkNamedFiles() {
+    if (m_hasCheckedNamedFiles)
+        return;
+    const auto unfitFiles = findUnfitFiles(m_repository);
+    m_hasCheckedNamedFiles = true; // what it throws is thrown again for the next run
+    for (const auto& unfit : unfitFiles) {
+        const ConfigOverride replaced{unfit.setting, "/dev/null"};
+        if (std::ranges::find(m_replacedFiles, replaced) != m_replacedFiles.end())
+            continue;
+        // Which of several settings counts is known to git.
+        std::string output;
+        GitRun question{.arguments = {"config", "-z", "--type=path", "--get", unfit.setting}};
+        question.consume = [&](std::string_view text) { output += text; };
+        constexpr int isNotSet = 1;
+        const auto result = run({question}).front();
+        if (result.exitCode != 0 && result.exitCode != isNotSet)
+            return; // the command that needs it says what is wrong
+        auto file = result.exitCode == 0 ? output.substr(0, output.find('\0'))
+                                         : defaultFileOf(unfit.setting);
+        if (!file.starts_with('/'))
+            file.insert(0, m_repository.root() + "/");
+        if (const auto why = whyUnfit(file)) {
+            QUENDO_LOG(Severity::Notice) << m_repository.rootPath() << " is read without "
+                                         << unfit.setting << ": " << file << " " << *why;
+            m_replacedFiles.push_back(replaced);
+        }
+    }
+}
+
+std::chrono::milliseconds GitRunner::processorLimit(const GitRun& run,
+                                                    std::uint64_t indexSize) const {
+    auto limit = m_tool.options().processorLimit;
+    if (run.arguments.front() == "config")
+        return std::max(limit / partForConfiguration, std::chrono::milliseconds(1));
+    limit += std::chrono::duration_cast<std::chrono::milliseconds>(
+        processorPerIndexByte * static_cast<std::int64_t>(indexSize));
+    limit += std::chrono::milliseconds(run.contentSize / contentPerMillisecond);
+    return m_fetch ? limit * timesForAFetch : limit;
+}
+
+std::uint64_t GitRunner::memoryLimit(const GitRun& run, std::uint64_t indexSize) const {
+    const auto& options = m_tool.options();
+    if (!run.holdsContent && !m_fetch)
+        return options.memoryLimit + memoryPerIndexByte * indexSize;
+    const auto machine = static_cast<std::uint64_t>(std::max(0L, ::sysconf(_SC_PHYS_PAGES))) *
+                         static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+    return std::min(options.contentMemoryLimit, machine / 2);
+}
+
+void GitRunner::failOverProcessorBound(const std::string& command, std::chrono::milliseconds bound,
+                                       const std::vector<std::string>& running) {
+    const auto filters = suspendFilters(running);
+    Suspect suspect;
+    if (filters.empty()) {
+        suspect = findSuspect(m_repository.root(), m_repository.commonDir());
+        m_trouble = Trouble::OverBound;
+        m_suspect = suspect.file;
+    }
+    throwOverProcessorBound(m_repository, command, bound, filters, suspect);
+}
+
 std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
     m_cancellation->throwIfRequested();
+    checkNamedFiles();
     const auto executable = m_tool.executable();
     const bool keepMetadata = m_repository.isWrittenByReading();
-    const auto memoryLimit = memoryBase + memoryPerIndexByte * m_repository.indexSize();
+    const auto indexSize = m_repository.indexSize();
+    const auto outputLimit = m_tool.options().outputLimit + outputPerIndexByte * indexSize;
+    auto overrides = m_overrides;
+    overrides.insert(overrides.end(), m_replacedFiles.begin(), m_replacedFiles.end());
+    std::vector<std::chrono::milliseconds> bounds;
+    std::vector<std::uint64_t> printed(runs.size());
     std::vector<std::unique_ptr<ChildProcess>> children;
     std::vector<ChildProcess*> waited;
+    const scope_guard account([&] {
+        for (const auto& child : children)
+            m_processorTime += child->result().processorTime;
+    });
     const std::string& command = runs.front().arguments.front();
     try {
         for (const auto& one : runs) {
+            const auto bound = processorLimit(one, indexSize);
+            const auto ofCall = processorLimit({.arguments = {""}}, indexSize) * timesForACall;
+            if (m_processorTime >= std::max(ofCall, bound))
+                failOverProcessorBound(one.arguments.front(), std::max(ofCall, bound), {});
+            bounds.push_back(std::min(bound, std::max(ofCall, bound) - m_processorTime));
             const std::string& folder = one.folder.empty() ? m_repository.folder() : one.folder;
             const FileDescriptor opened(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
             if (!opened)
@@ -57,14 +164,15 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
                 .executable = executable,
                 .arguments = one.arguments,
                 .environment = m_fetch
-                                   ? m_fetch->environment(parentFolderOf(folder), m_overrides,
+                                   ? m_fetch->environment(parentFolderOf(folder), overrides,
                                                           one.literalPathspecs)
-                                   : GitTool::readingEnvironment(parentFolderOf(folder),
-                                                                 m_overrides, one.literalPathspecs),
+                                   : GitTool::readingEnvironment(parentFolderOf(folder), overrides,
+                                                                 one.literalPathspecs),
                 .workingFolder = opened.get(),
                 .input = one.input,
                 .outputFile = one.outputFile,
-                .memoryLimit = one.limitMemory && !m_fetch ? memoryLimit : 0,
+                .memoryLimit = memoryLimit(one, indexSize),
+                .processorLimit = bounds.back(),
                 .keepMetadata = !m_fetch && (keepMetadata || one.keepMetadata),
                 .errorsKept = one.errorsKept,
                 .asksServer = m_fetch != nullptr,
@@ -73,21 +181,49 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
                 plan.environment.emplace_back("GIT_DIR=.git");
             if (!one.indexFile.empty())
                 plan.environment.push_back("GIT_INDEX_FILE=" + one.indexFile);
-            children.push_back(std::make_unique<ChildProcess>(plan, one.consume));
+            const auto consume = [&, run = &one, count = &printed[children.size()]](auto text) {
+                *count += text.size();
+                if (run->limitOutput && *count > outputLimit) {
+                    m_trouble = Trouble::OverBound;
+                    throwTooMuchOutput(m_repository, run->arguments.front(), outputLimit);
+                }
+                if (run->consume)
+                    run->consume(text);
+            };
+            children.push_back(std::make_unique<ChildProcess>(plan, consume));
             waited.push_back(children.back().get());
         }
+        // A server may take its time, and nothing that other queries change matters to a fetch.
+        std::optional<OutsideExecutor> outside;
+        if (m_fetch)
+            outside.emplace();
         ChildProcess::waitForAll(waited, *m_cancellation,
                                  m_fetch ? m_tool.options().actionStallLimit
-                                         : m_tool.options().stallLimit * (m_patient ? patience : 1),
+                                         : m_tool.options().stallLimit *
+                                               (m_usersFilters.empty() ? 1 : patience),
                                  m_eachRound, m_fetch ? m_fetch->service() : ChildService{});
     } catch (const ChildStalled& stalled) {
+        if (const auto filters = suspendFilters(stalled.commands); !filters.empty())
+            throwFilterStalled(m_repository, command, filters);
+        m_trouble = Trouble::Hung;
         throwGitStalled(m_repository, command, stalled.onFifo);
+    } catch (const ChildOverBound& over) {
+        failOverProcessorBound(runs[over.child].arguments.front(), bounds[over.child],
+                               over.commands);
     } catch (const std::system_error& error) {
         throwCannotStart("git", error);
     }
     std::vector<ChildResult> results;
-    for (const auto& child : children)
-        results.push_back(child->result());
+    for (std::size_t i = 0; i < children.size(); ++i) {
+        results.push_back(children[i]->result());
+        // The bound of the process itself, which is above that of all together: this thread was
+        // held up meanwhile.
+        if (results.back().signal == SIGXCPU ||
+            (results.back().signal == SIGKILL && results.back().processorTime >= bounds[i]))
+            failOverProcessorBound(runs[i].arguments.front(), bounds[i], {});
+        if (ranOutOfMemory(results.back()))
+            m_trouble = Trouble::OverBound;
+    }
     if (m_fetch)
         for (auto& result : results)
             result.errors = m_fetch->presentable(std::move(result.errors));
@@ -97,11 +233,7 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
 std::string GitRunner::read(GitRun one, int accepted) {
     std::string output;
     const std::string command = one.arguments.front();
-    one.consume = [&](std::string_view text) {
-        if (output.size() + text.size() > largestAnswer)
-            throwGarbage(command);
-        output += text;
-    };
+    one.consume = [&](std::string_view text) { output += text; };
     const auto result = run({one}).front();
     if (result.exitCode != 0 && result.exitCode != accepted)
         throwGitFailure(one.folder.empty() ? m_repository.root() : one.folder, command, result);

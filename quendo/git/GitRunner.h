@@ -2,9 +2,13 @@
 
 #include "quendo/git/ChildProcess.h"
 #include "quendo/git/GitTool.h"
+#include "quendo/git/SuspendedFilters.h"
 
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,7 +30,9 @@ struct GitRun {
     int outputFile = -1;                 ///< standard output goes there, if set
     bool literalPathspecs = true;        ///< check-ignore does not stand it
     std::size_t errorsKept = 64U << 10U; ///< bytes of its standard error in the result
-    bool limitMemory = true;             ///< no absurd file is to eat the machine's memory
+    bool holdsContent = false;           ///< in memory, as a whole: it may use more of that
+    std::uint64_t contentSize = 0;       ///< bytes of content that it is to print, if it is known
+    bool limitOutput = true; ///< it lists what the index and the folders hold, and nothing else
     std::function<void(std::string_view)> consume = {}; ///< takes what it prints, in pieces
 };
 
@@ -34,11 +40,14 @@ struct GitRun {
 class GitRunner {
 public:
     /// @param eachRound runs about every 100 ms while git runs; must not throw
+    /// @param filters the user's that hung here before; null when none are remembered
     GitRunner(GitTool& tool, const Repository& repository, const Cancellation& cancellation,
-              std::function<void()> eachRound = {});
+              std::function<void()> eachRound = {},
+              std::shared_ptr<SuspendedFilters> filters = nullptr);
 
     const Repository& repository() const noexcept { return m_repository; }
     const Cancellation& cancellation() const noexcept { return *m_cancellation; }
+    const GitOptions& options() const noexcept { return m_tool.options(); }
 
     /// From now on nothing stops it: for what has to be set right after a cancellation.
     void ignoreCancellation();
@@ -46,15 +55,27 @@ public:
     /// Settings for every run from now on.
     void setOverrides(std::vector<ConfigOverride> overrides) { m_overrides = std::move(overrides); }
 
-    /// From now on git may be silent for longer: it runs programs of the user's.
-    void bePatient() noexcept { m_patient = true; }
+    /// From now on git may be silent for longer: it runs these programs of the user's, if there are
+    /// any.
+    void bePatient(const SuspendedFilters::Drivers& users) { m_usersFilters = users; }
+
+    /// Those of the user's filters that are not to be run now.
+    std::set<std::string> suspended(const SuspendedFilters::Drivers& users) const;
+
+    /// How a run ended at a bound, or hung, for a reason that lies in the repository.
+    enum class Trouble { None, OverBound, Hung };
+    Trouble trouble() const noexcept { return m_trouble; }
+    /// The file that may be the cause, absolute; empty if none is known.
+    const std::string& suspect() const noexcept { return m_suspect; }
 
     /// From now on git may ask a server for what a partial clone lacks.
     void allowFetching(std::shared_ptr<LazyFetch> fetch) { m_fetch = std::move(fetch); }
 
     /// Runs all of `runs` at the same time and waits for them.
     /// @return how each ended, whatever its exit code
-    /// @throws exception::ToolError, DamagedRepositoryError when one hangs, OperationCancelledError
+    /// @throws exception::ToolError, DamagedRepositoryError when one hangs or uses more than it
+    /// may,
+    ///         or would open something that is no file; OperationCancelledError
     std::vector<ChildResult> run(const std::vector<GitRun>& runs);
 
     /// Runs git and returns what it printed.
@@ -63,13 +84,27 @@ public:
     std::string read(GitRun run, int accepted = 0);
 
 private:
+    void checkNamedFiles();
+    std::chrono::milliseconds processorLimit(const GitRun& run, std::uint64_t indexSize) const;
+    std::uint64_t memoryLimit(const GitRun& run, std::uint64_t indexSize) const;
+    [[noreturn]] void failOverProcessorBound(const std::string& command,
+                                             std::chrono::milliseconds bound,
+                                             const std::vector<std::string>& running);
+    std::set<std::string> suspendFilters(const std::vector<std::string>& running);
+
     GitTool& m_tool;
     const Repository& m_repository;
     const Cancellation* m_cancellation;
     std::shared_ptr<const Cancellation> m_never; ///< in its place, once it is ignored
     std::function<void()> m_eachRound;
     std::vector<ConfigOverride> m_overrides;
-    bool m_patient = false;
+    bool m_hasCheckedNamedFiles = false;
+    std::vector<ConfigOverride> m_replacedFiles; ///< settings that name what git must not open
+    SuspendedFilters::Drivers m_usersFilters;    ///< that git may run
+    const std::shared_ptr<SuspendedFilters> m_suspendedFilters; ///< may be null
+    std::chrono::milliseconds m_processorTime{0};               ///< of all runs so far
+    Trouble m_trouble = Trouble::None;
+    std::string m_suspect;
     std::shared_ptr<LazyFetch> m_fetch; ///< null while nothing is fetched
 };
 

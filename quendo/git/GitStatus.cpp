@@ -8,6 +8,7 @@
 #include "quendo/git/GitRunner.h"
 #include "quendo/git/GitText.h"
 #include "quendo/git/IgnoreQuery.h"
+#include "quendo/git/NamedFiles.h"
 #include "quendo/git/NativePath.h"
 #include "quendo/git/PorcelainRecord.h"
 #include "quendo/git/Repository.h"
@@ -187,6 +188,11 @@ private:
         std::set<std::pair<dev_t, ino_t>> folders;
         std::vector<std::pair<std::string, std::set<std::string>>> withoutClean; ///< by path
     };
+    /// Without those of the user's that are suspended.
+    FilterDrivers usable(FilterDrivers drivers) const {
+        drivers.suspend(m_git.suspended(drivers.ofUser));
+        return drivers;
+    }
     FilterDrivers driversOfSubmodule(const std::string& relative, Visited& visited);
     void
     addUnverifiedIn(const std::string& submodule,
@@ -258,11 +264,10 @@ GitRun Collector::statusRun(const std::vector<std::string>& relative, bool lookI
 }
 
 std::map<Path, FileState> Collector::collect() {
-    const auto drivers = FilterDrivers::read(m_git);
+    const auto drivers = usable(FilterDrivers::read(m_git));
     drivers.checkSize();
     m_git.setOverrides(drivers.overrides);
-    if (drivers.hasUsersOwn)
-        m_git.bePatient();
+    m_git.bePatient(drivers.ofUser);
     noteFolders("", true, false);
     askGit();
     if (!m_submodules.empty())
@@ -448,7 +453,12 @@ FilterDrivers Collector::driversOfSubmodule(const std::string& relative, Visited
         return {};
     if (const auto place = canonical(folder); !place || *top != *place + "\n")
         throw exception::OperationFailedError(name + " keeps its files elsewhere (core.worktree)");
-    auto drivers = FilterDrivers::parse(ask(FilterDrivers::question()).value_or(""));
+    const auto configuration = ask(FilterDrivers::question()).value_or("");
+    if (const auto unfit = findUnfitNamed(configuration, folder))
+        throw exception::OperationFailedError(name + ": " + unfit->setting + " names " +
+                                              Path::fromNative(unfit->file).toUtf8() + ", which " +
+                                              unfit->why);
+    auto drivers = usable(FilterDrivers::parse(configuration));
     visited.withoutClean.emplace_back(relative, drivers.withoutClean);
     std::vector<std::string> nested;
     NulSplitter("ls-files")

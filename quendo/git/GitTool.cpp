@@ -186,6 +186,8 @@ std::vector<std::string> GitTool::readingEnvironment(const std::string& ceiling,
         {"index.sparse", "false"},
         {"core.hooksPath", "/dev/null"},
         {"log.showSignature", "false"},
+        // In which order files are listed does not matter, and any file may be named for it.
+        {"diff.orderFile", "/dev/null"},
         {"i18n.logOutputEncoding", "UTF-8"},
     };
     all.insert(all.end(), overrides.begin(), overrides.end());

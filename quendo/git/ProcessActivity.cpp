@@ -2,11 +2,13 @@
 
 #include "quendo/git/SmallFile.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <dirent.h>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <unistd.h>
 
 namespace quendo::git {
 namespace {
@@ -78,6 +80,24 @@ std::vector<pid_t> descendantsOf(pid_t pid) {
             found.push_back(one);
     });
     return found;
+}
+
+std::vector<std::string> commandLinesOf(const std::vector<pid_t>& processes) {
+    constexpr std::size_t most = 32, longest = 4096;
+    std::vector<std::string> lines;
+    for (std::size_t i = 0; i < std::min(processes.size(), most); ++i) {
+        auto line = readProcFile("/proc/" + std::to_string(processes[i]) + "/cmdline");
+        line.resize(std::min(line.size(), longest));
+        std::ranges::replace(line, '\0', ' ');
+        if (!line.empty())
+            lines.push_back(std::move(line));
+    }
+    return lines;
+}
+
+std::uint64_t toClockTicks(std::chrono::milliseconds time) {
+    return static_cast<std::uint64_t>(time.count()) *
+           static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK)) / 1000;
 }
 
 } // namespace quendo::git

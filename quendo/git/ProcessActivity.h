@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <string>
 #include <sys/types.h>
 #include <vector>
 
@@ -18,5 +20,11 @@ ProcessActivity lookAtProcess(pid_t pid);
 
 /// Everything that `pid` started and that still runs, as deep as lookAtProcess() looks.
 std::vector<pid_t> descendantsOf(pid_t pid);
+
+/// The command lines of these, words apart by blanks, each cut off at 4 KiB; at most 32.
+std::vector<std::string> commandLinesOf(const std::vector<pid_t>& processes);
+
+/// Processor time in the unit of ProcessActivity.
+std::uint64_t toClockTicks(std::chrono::milliseconds time);
 
 } // namespace quendo::git
