@@ -276,10 +276,12 @@ TEST(BoundsTest, AFileSystemThatHangsHoldsUpNoGetter) {
 TEST(BoundsTest, LargeRepositoriesPass) {
     if (!test::isLong)
         GTEST_SKIP() << "writes a 100,000-file repository: long form only";
-    Copy copy({}, "git init -q; for d in $(seq 100); do mkdir $d; for f in $(seq 1000); do\n"
-                  "echo $f > $d/$f; done; done; head -c 300M /dev/urandom > a\n"
-                  "seq 40000000 > t; echo 't text eol=crlf' > .gitattributes\n"
-                  "git add .; git commit -qm 1; touch -d @1 */*; touch -d @1 a t");
+    Copy copy(
+        {},
+        "git init -q; for d in $(seq 100); do mkdir $d; (cd $d; seq 1000 | split -l1 -a3); done");
+    copy.sh("head -c 300M /dev/urandom > a; seq 40000000 > t; echo 't eol=crlf' > .gitattributes");
+    copy.sh("git add a t .gitattributes");
+    copy.sh("git add .; git commit -qm 1; touch -d @1 */*; touch -d @1 a t");
     EXPECT_EQ(copy.adapter().getStatus(copy.root(), true).size(), 100'104U);
     exportHead(copy);
     copy.sh("cmp a exported; rm exported");
