@@ -3,6 +3,7 @@
 #include "benchmarks/Measuring.h"
 #include "quendo/adapter/CMAdapterDecorator.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/adapter/QueryMeter.h"
 #include "quendo/adapter/SingleThreadedCMAdapter.h"
 #include "quendo/cache/JobCombiningCMStatusCache.h"
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
@@ -121,11 +122,16 @@ public:
         m_watcher->observer = std::move(observer);
     }
 
-    /// Until everything that has happened was told, and every strand has done what it had to do.
-    void flush() const {
+    /// Until everything that has happened was told.
+    void flushEvents() const {
         std::promise<void> reached;
         m_watcher->fence([&] { reached.set_value(); });
         test::within(reached.get_future());
+    }
+
+    /// The same, and every strand has done what it had to do.
+    void flush() const {
+        flushEvents();
         std::list<std::shared_ptr<Executor>> strands;
         {
             const std::lock_guard lock(m_executors->mutex);
@@ -193,6 +199,8 @@ public:
     std::size_t queries() const { return fileQueries + folderQueries; }
 
     mutable std::atomic<std::size_t> fileQueries = 0, folderQueries = 0;
+    Clock::duration spent() const { return Clock::duration(m_spent.load()); }
+
     mutable std::atomic<Clock::time_point> begin{}, end{};
 
 private:
@@ -201,8 +209,11 @@ private:
         begin = Clock::now();
         auto answer = query();
         end = Clock::now();
+        m_spent += (end.load() - begin.load()).count();
         return answer;
     }
+
+    mutable std::atomic<Clock::rep> m_spent{0};
 };
 
 /// A filled cache of the repository, with the layers that a host puts around the adapter.
@@ -246,7 +257,7 @@ public:
         std::make_shared<TimedAdapter>(makeExternalChangeDetectingCMAdapter(
             std::make_unique<SingleThreadedCMAdapter>(
                 getSourceControlExecutor(),
-                git::GitAdapterFactory().createAdapter(root, interactor)),
+                meterQueries(git::GitAdapterFactory().createAdapter(root, interactor))),
             interactor));
     const std::shared_ptr<CMStatusCache> cache = createJobCombiningCache(adapter, interactor);
 

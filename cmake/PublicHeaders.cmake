@@ -100,18 +100,23 @@ set(QUENDO_PUBLIC_HEADERS
 set(QUENDO_PRIVATE_HEADERS
     quendo/adapter/DispatchingProgressIndicator.h
     quendo/adapter/ListenerSignal.h
+    quendo/adapter/QueryMeter.h
     quendo/adapter/SubsystemType.h
     quendo/adapter/TriggerableStatusDispatcher.h
     quendo/adapter/TriggerableTerminator.h
     quendo/cache/CacheBarrier.h
     quendo/cache/CacheUpdateJob.h
     quendo/cache/DependencyWatches.h
+    quendo/cache/EventInbox.h
+    quendo/cache/EventLog.h
     quendo/cache/FileCacheUpdateJob.h
     quendo/cache/FolderCacheUpdateJob.h
     quendo/cache/JobQueingCacheUpdater.h
     quendo/cache/NoOpTask.h
     quendo/cache/PathTrie.h
+    quendo/cache/PendingEvents.h
     quendo/cache/RefreshLedger.h
+    quendo/cache/RefreshPacer.h
     quendo/cache/TransactionalFileCache.h
     quendo/change_detection/UpdateResponses.h
     quendo/platform/DetectionSwitch.h

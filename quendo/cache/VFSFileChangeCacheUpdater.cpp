@@ -1,12 +1,20 @@
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
 
 #include "quendo/adapter/CMAdapter.h"
+#include "quendo/adapter/QueryMeter.h"
 #include "quendo/cache/CMStatusCache.h"
 #include "quendo/cache/CMStatusCacheChanges.h"
 #include "quendo/cache/CMStatusCacheFolders.h"
 #include "quendo/cache/CMStatusCacheFreshness.h"
 #include "quendo/cache/DependencyWatches.h"
+#include "quendo/cache/EventInbox.h"
+#include "quendo/cache/EventLog.h"
+#include "quendo/cache/NoOpTask.h"
+#include "quendo/cache/PendingEvents.h"
+#include "quendo/cache/RefreshPacer.h"
+#include "quendo/cache/RefreshReason.h"
 #include "quendo/platform/ChangeEventsSubscriptionException.h"
+#include "quendo/platform/DelayedTaskService.h"
 #include "quendo/platform/EventMgr.h"
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/FileUtilities.h"
@@ -26,6 +34,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -53,7 +62,12 @@
 // Suspensions. Events that arrive while detection is disabled are dropped, those of new folders
 // too. The first change of the cache after a suspension lists the watched folders for folders that
 // came meanwhile and watches these; what else changed before the end of the suspension is left to
-// the caller's refresh.
+// the caller's refresh. The watches of bare folders that went meanwhile are dropped when the
+// suspension ends.
+//
+// Without the folder status flag the cache holds tracked entries only. Then no bare folder is
+// watched or listed: the first file of such a folder is not tracked. When the flag is set, the next
+// change of the cache lists the watched folders, as after a suspension.
 //
 // The gap. What changed after the adapter had looked and before the watch stood would be missed. So
 // a folder is listed after its watch stands, and what changed since the query that put it into the
@@ -65,10 +79,31 @@
 // is there, and with it those of all queries before it, the same is done. Where nothing else came
 // or went, the watcher says that the contents are unknown.
 //
-// What an event brings. The handler, on the delivery thread, only posts a task to a strand. The
-// task asks for the path, or, for a metadata file, for its folder. When the events of a folder were
-// lost, or its tree was moved, all of it is asked for; of everything, where the strand could not
-// take an event.
+// What an event brings. The handler, on the delivery thread, adds the event to the inbox
+// (EventInbox), which holds one entry for each path and has one task posted to a strand while it
+// holds any. The task takes all entries, follows new and deleted folders, and moves what needs a
+// query to m_waiting. release() turns what waits into requests: for the path, or, for a metadata
+// file, for its folder. If the events of a folder were lost, or its tree was moved, all of it is
+// refreshed.
+//
+// Pacing. Events that arrive while a query runs or waits cost no further requests: release() keeps
+// them until every refresh that the updater requested has ended, so at most one batch is under way,
+// and memory depends on the number of paths and not on the number of events. Then RefreshPacer
+// decides when the next batch may start; a delayed task releases it. Requests of clients go
+// straight to the cache and do not wait. What the answer of a batch leads to (below) is requested
+// at once, because it is a part of the batch; its cost counts. The cost of a query is the time that
+// the adapter takes (QueryMeter), or that of the whole refresh where the adapter does not tell.
+//
+//     handler --> inbox --> strand: takeArrived() --> m_waiting --> release() --> cache
+//                                                         ^            |
+//                                     delayed task, end of a batch ----+
+//
+// No query. The content of an untracked or ignored file does not change its state, and what happens
+// in a tree that is cached as one ignored entry changes nothing. Such events are dropped, unless a
+// query is running that may have looked at the rules or at the index before the event: its answer
+// may make the content matter. A query that starts later sees the change itself. For the same
+// reason the event of a change is dropped when the path has been answered by a query that started
+// after the event.
 //
 // What else an answer may change. Where entries come or go, entries of folders may as well: a
 // folder that holds nothing under control is reported or not by what else it holds, and one that
@@ -96,8 +131,10 @@
 // folder around them all is asked for.
 //
 // Threads. The set of watches is guarded by the lock, which is held while watches are made and
-// dropped. Dropping one waits for its handler; so handlers take no lock. Tasks hold `info` weakly,
-// and the Impl only for the time of one task.
+// dropped. Dropping one waits for its handler; so handlers take no lock but the inbox's. Tasks hold
+// the Impl only for the time of one task. When no thread can be had for the strand, the inbox keeps
+// the events and tries again; work that follows an answer and finds no thread counts as a loss of
+// everything: the root goes to the inbox as unknown.
 
 namespace quendo {
 namespace {
@@ -111,6 +148,10 @@ constexpr std::chrono::milliseconds tick{10};
 constexpr std::chrono::milliseconds margin{100};
 
 constexpr std::size_t mostFoldersAtOnce = 4;
+
+// After so much time refreshes under way are looked up, in case their end was not told.
+constexpr std::chrono::milliseconds silence{1000};
+constexpr std::chrono::milliseconds retryInterval{250};
 
 struct Subscription {
     std::unique_ptr<platform::EventSubscription> handle;
@@ -177,7 +218,6 @@ struct CacheUpdateInfo {
     std::set<UString> metadataFileNames;
     std::shared_ptr<CMStatusCache> cache;
     std::atomic<bool> enabled{true};
-    std::atomic<bool> hasLost{false};          ///< an event
     std::atomic<bool> leavesNested{false};     ///< what is nested, to DependencyWatches
     std::atomic<bool> hasMissedFolders{false}; ///< new folders may have no watch: see Suspensions
     std::atomic<Clock::time_point> enabledAt{Clock::time_point::min() +
@@ -192,11 +232,41 @@ struct CacheUpdateInfo {
         return std::ranges::find(forbiddenNames, path.fileName().string()) != forbiddenNames.end();
     }
 
-    void refreshFolder(const Path& folder) const {
-        if (freshness != nullptr)
-            freshness->requireFreshFolder(folder);
-        else
-            cache->refreshFolder(folder);
+    std::shared_ptr<CacheTask> refreshFolder(const Path& folder) const {
+        return freshness != nullptr ? freshness->requireFreshFolder(folder)
+                                    : cache->refreshFolder(folder);
+    }
+
+    bool isMetadata(const Path& path) const {
+        return metadataFileNames.contains(UString(path.fileName().string()));
+    }
+
+    /// Whether the event can change what the cache will hold once the queries that run have ended;
+    /// see "No query" above. Reads the progress of queries before the states that they change.
+    bool needsQuery(const Path& path, const PendingEvents::Event& event) const {
+        constexpr unsigned ofEntry =
+            PendingEvents::Created | PendingEvents::Changed | PendingEvents::Deleted;
+        if (folders == nullptr || freshness == nullptr || (event.kinds & ~ofEntry) != 0 ||
+            path == root || isForbidden(path) || isMetadata(path))
+            return true;
+        const auto fresh = freshness->getFreshness(path);
+        if (event.kinds == PendingEvents::Changed && fresh.answeredAt &&
+            *fresh.answeredAt > event.last && !holdsBelow(path))
+            return false;
+        if (fresh.refresh == Freshness::Refresh::Running)
+            return true;
+        const auto state = cache->getCachedStatus(path);
+        if (state) {
+            const bool isIgnored = state->getState() == LocalStatus::Ignored;
+            return event.kinds != PendingEvents::Changed ||
+                   !(state->isFolder()
+                         ? isIgnored && isOneEntry(path)
+                         : isIgnored || state->getState() == LocalStatus::NotUnderSourceControl);
+        }
+        const auto around = ignoredAround(path);
+        return around.empty() ||
+               freshness->getFreshness(around).refresh == Freshness::Refresh::Running ||
+               !isOneEntry(around);
     }
 
     bool holdsBelow(const Path& path) const {
@@ -397,7 +467,7 @@ class VFSFileChangeCacheUpdater::Impl
     : public std::enable_shared_from_this<VFSFileChangeCacheUpdater::Impl> {
 public:
     Impl(std::shared_ptr<CMStatusCache> cache, const CMAdapter& adapter)
-        : m_info(std::make_shared<CacheUpdateInfo>()) {
+        : m_info(std::make_shared<CacheUpdateInfo>()), m_waiting(adapter.getRootFolder()) {
         for (auto& name : adapter.getMetadataFiles())
             m_info->metadataFileNames.insert(std::move(name));
         m_info->root = adapter.getRootFolder();
@@ -405,6 +475,10 @@ public:
         m_info->folders = dynamic_cast<CMStatusCacheFolders*>(cache.get());
         m_info->freshness = dynamic_cast<CMStatusCacheFreshness*>(cache.get());
         m_info->cache = std::move(cache);
+        // The interface is not const, but this leaves the adapter as it is.
+        const auto meter = const_cast<CMAdapter&>(adapter).getSubsystem(typeid(QueryMeter));
+        if (auto* const* found = std::any_cast<QueryMeter*>(&meter))
+            m_meter = (*found)->shared_from_this();
         m_executor = createStrandExecutor("CMFileSystemResponse");
     }
 
@@ -412,13 +486,23 @@ public:
 
     void start() {
         const auto hold = m_lock.write();
+        const auto weak = weak_from_this();
+        m_inbox = std::make_shared<EventInbox>(m_info->root, m_executor, m_services, [weak] {
+            if (const auto self = weak.lock())
+                self->takeArrived();
+        });
         if (isInstallation()) {
             QUENDO_LOG(Severity::Notice)
                 << "File watch not being enabled for folder because it is KESTRO root";
             return;
         }
-        const auto weak = weak_from_this();
         if (m_info->folders != nullptr) {
+            m_isTold = m_info->freshness != nullptr;
+            m_startedConnection =
+                m_info->cache->connectTasksStarted(logging([weak](const CMStatusCache::Tasks&) {
+                    if (const auto self = weak.lock())
+                        self->m_spentBefore = self->spentNow();
+                }));
             m_finishedConnection = m_info->cache->connectTasksFinished(
                 logging([weak](const CMStatusCache::Tasks& tasks) {
                     if (const auto self = weak.lock())
@@ -450,6 +534,7 @@ public:
         if (m_dependencies != nullptr)
             m_dependencies->stop();
         m_changesConnection.disconnect();
+        m_startedConnection.disconnect();
         m_finishedConnection.disconnect();
     }
 
@@ -468,15 +553,9 @@ public:
             return self ? self->answeredAt(path) : std::nullopt;
         };
         callbacks.changed = [weak](const std::vector<Path>& paths) {
-            const auto self = weak.lock();
-            if (self == nullptr)
-                return;
-            self->m_executor->post([weak, paths] {
-                const auto locked = weak.lock();
-                if (locked != nullptr && locked->m_info->enabled)
-                    for (const auto& path : paths)
-                        locked->refreshAround(path);
-            });
+            if (const auto self = weak.lock())
+                for (const auto& path : paths)
+                    self->m_inbox->add(path, PendingEvents::Dependency);
         };
         m_dependencies =
             std::make_shared<DependencyWatches>(std::move(dependencies), std::move(callbacks));
@@ -490,6 +569,7 @@ public:
                 self->m_info->enabledAt = Clock::now();
                 self->m_info->hasMissedFolders = true;
                 self->m_info->enabled.exchange(true);
+                self->dropGoneFoldersLater();
             }
         });
     }
@@ -499,14 +579,71 @@ public:
         return m_rootRefusal;
     }
 
+    std::optional<PendingEvents::Clock::time_point> outdatedSince(const Path& path) const {
+        const auto arrived = m_inbox->pending().since(path), waiting = m_waiting.since(path);
+        return arrived && waiting ? std::min(arrived, waiting) : arrived ? arrived : waiting;
+    }
+
+    std::optional<PendingEvents::Clock::time_point> waitsForThreadSince() const {
+        return m_inbox->waitsForThreadSince();
+    }
+
+    std::string describe() const {
+        std::vector<Path> watched;
+        std::size_t bare = 0, refused = 0;
+        {
+            const auto hold = m_lock.read();
+            bare = m_bareWatches.size();
+            refused = m_refused.size() + m_refusedBare.size();
+            for (const auto* watches : {&m_watches, &m_bareWatches})
+                for (const auto& [folder, subscription] : *watches)
+                    watched.push_back(folder);
+        }
+        std::size_t polled = 0;
+        for (const auto& folder : watched)
+            polled += m_services->folderWatcher->getHealth(folder).means !=
+                              platform::WatchHealth::Means::Native
+                          ? 1
+                          : 0;
+        std::ostringstream out;
+        out << "watches: " << watched.size() - polled << " native, " << polled << " polled, "
+            << refused << " refused; of uncached folders: " << bare << '\n';
+        out << "change detection: " << (m_info->enabled ? "enabled" : "disabled") << '\n';
+        out << "pending paths: " << m_inbox->pending().size() << " arrived, " << m_waiting.size()
+            << " waiting for a query";
+        if (waitsForThreadSince())
+            out << "; no thread can be had";
+        out << '\n';
+        {
+            const std::lock_guard lock(m_askedMutex);
+            const auto now = RefreshPacer::TimePoint::clock::now();
+            using Milliseconds = std::chrono::duration<long long, std::milli>;
+            const auto inMilliseconds = [](auto duration) {
+                return std::chrono::duration_cast<Milliseconds>(duration).count();
+            };
+            out << "refreshes under way: " << m_asked.size() + m_askedBeside.size()
+                << "; budget for queries: " << inMilliseconds(m_pacer.budget(now))
+                << " ms, the next one may start in " << inMilliseconds(m_pacer.delay(now))
+                << " ms\n";
+        }
+        out << "last events:\n";
+        m_log->print(out);
+        return out.str();
+    }
+
     /// Makes the watched folders those that are wanted now.
     void refresh() {
         const auto hold = m_lock.write();
         if (m_stopped)
             return;
         if (m_info->folders != nullptr) {
-            if (m_info->enabled && m_info->hasMissedFolders.exchange(false))
-                watchMissedFoldersLater();
+            if (!m_info->cache->getFolderStatusFlag() && !m_bareWatches.empty()) {
+                m_bareWatches.clear();
+                m_info->hasMissedFolders = true;
+            }
+            if (m_info->enabled && m_info->cache->getFolderStatusFlag() &&
+                m_info->hasMissedFolders.exchange(false))
+                watchMissedFoldersLater(m_info->root);
             const auto version = m_info->folders->getFolderSetVersion();
             if (version == m_folderSetVersion) {
                 retryRefused();
@@ -634,75 +771,195 @@ private:
     }
 
     platform::EventMgr::Handler respondToFileChanges() {
-        return [weakInfo = std::weak_ptr(m_info), weakExecutor = std::weak_ptr(m_executor),
-                weak = weak_from_this()](const platform::Event& event) {
+        return [weakInfo = std::weak_ptr(m_info), weakInbox = std::weak_ptr(m_inbox),
+                log = m_log](const platform::Event& event) {
             const auto info = weakInfo.lock();
-            if (info == nullptr || !info->enabled)
+            const auto inbox = weakInbox.lock();
+            if (info == nullptr || inbox == nullptr)
                 return;
-            const auto kind = event.getEventData().getKind();
             const auto path =
                 fromAbsoluteIRI(platform::getLocation(event.getEventData().getFileOrFolder()));
-            const auto executor = weakExecutor.lock();
-            if (executor == nullptr)
-                return;
-            try {
-                executor->post([weak, kind, path] {
-                    try {
-                        if (const auto self = weak.lock())
-                            self->take(kind, path);
-                    } catch (...) {
-                        QUENDO_LOG_CAUGHT_EXCEPTION();
-                    }
-                });
-            } catch (...) {
-                QUENDO_LOG_CAUGHT_EXCEPTION();
-                info->hasLost = true; // there is no thread to be had: told with the next event
-            }
+            const auto kind = kindOf(event.getEventData().getKind());
+            if (!info->enabled)
+                return log->add(path, kind, EventLog::Outcome::Disabled);
+            // A single entry with this name matters for the folder that holds it.
+            if (path.isBelow(info->root) && info->isForbidden(path))
+                inbox->add(path.parentPath(), PendingEvents::Forbidden);
+            else
+                inbox->add(path, kind);
         };
     }
 
-    /// On the strand.
-    void take(StorageEventKind kind, const Path& path) {
-        if (!m_info->enabled)
-            return;
-        if (m_info->folders != nullptr && kind != StorageEventKind::Changed)
-            followFolder(kind, path);
-        if (m_info->hasLost.exchange(false))
-            respond(StorageEventKind::ContentsUnknown, m_info->root);
-        else
-            respond(kind, path);
-    }
-
-    /// On the strand.
-    /// @param path may lie above the root or beside it: while nothing but the root is cached, its
-    ///             parent is watched. What was asked for there would be answered with nothing.
-    void respond(StorageEventKind kind, const Path& path) {
-        QUENDO_LOG(Severity::Detail) << " path.string()=" << path;
-        const auto& root = m_info->root;
-        if (kind == StorageEventKind::ContentsUnknown && root.isBelow(path))
-            return respond(kind, root);
-        if (path != root && !path.isBelow(root))
-            return;
-        if (path != root && m_info->isForbidden(path)) {
-            if (m_info->leavesNested)
-                respondToForbidden(path.parentPath());
-        } else if (m_info->isInNested(path)) {
-            return; // what matters in there is watched by m_dependencies
-        } else if (kind == StorageEventKind::ContentsUnknown) {
-            refreshAround(path);
-        } else if (m_info->metadataFileNames.contains(UString(path.fileName().string()))) {
-            refreshSoon(path.parentPath());
-        } else if (kind == StorageEventKind::Changed && m_info->holdsBelow(path)) {
-            refreshSoon(path); // it may have become readable, or unreadable
-        } else {
-            ask({path}, kind);
+    static unsigned kindOf(StorageEventKind kind) noexcept {
+        switch (kind) {
+        case StorageEventKind::Created:
+            return PendingEvents::Created;
+        case StorageEventKind::Changed:
+            return PendingEvents::Changed;
+        case StorageEventKind::Deleted:
+            return PendingEvents::Deleted;
+        default:
+            return PendingEvents::ContentsUnknown;
         }
     }
 
-    /// On the strand: `folder` has got a forbidden name, or lost one, or that has changed.
-    void respondToForbidden(const Path& folder) {
-        noteForbidden(folder);
-        refreshAround(folder);
+    /// On the strand: follows the folders that events name, and keeps what needs a query.
+    void takeArrived() {
+        const auto arrived = m_inbox->take();
+        for (const auto& [path, event] : arrived) {
+            if (!m_info->enabled) {
+                m_log->add(path, event.kinds, EventLog::Outcome::Disabled);
+                continue;
+            }
+            try {
+                if (m_info->folders != nullptr)
+                    followFolder(path, event.kinds);
+                if (m_info->needsQuery(path, event))
+                    m_waiting.add(PendingEvents::Events{{path, event}});
+                else
+                    m_log->add(path, event.kinds, EventLog::Outcome::NoQuery);
+            } catch (...) {
+                QUENDO_LOG_CAUGHT_EXCEPTION(); // it may be the next one's turn all the same
+                m_waiting.add(PendingEvents::Events{{path, event}});
+            }
+        }
+        release();
+    }
+
+    /// On the strand: requests what waits, unless refreshes are under way or the pacer says later.
+    void release() {
+        const auto now = RefreshPacer::TimePoint::clock::now();
+        if (m_paceEnded.exchange(false)) {
+            m_hasPaceTimer = false;
+            const std::lock_guard lock(m_askedMutex);
+            m_pacer.endDelay(now);
+        }
+        if (m_silenceEnded.exchange(false)) {
+            m_hasSilenceTimer = false;
+            m_looksForSkipped = true;
+        }
+        if (m_waiting.empty())
+            return;
+        if (!m_info->enabled) {
+            for (const auto& [path, event] : m_waiting.take())
+                m_log->add(path, event.kinds, EventLog::Outcome::Disabled);
+            return;
+        }
+        if (isUnderWay()) {
+            wakeAfter(silence, m_hasSilenceTimer, m_silenceEnded);
+            return;
+        }
+        if (m_hasPaceTimer)
+            return;
+        std::chrono::milliseconds delay{};
+        {
+            const std::lock_guard lock(m_askedMutex);
+            delay = std::chrono::ceil<std::chrono::milliseconds>(m_pacer.delay(now));
+        }
+        if (delay.count() == 0 || !wakeAfter(delay, m_hasPaceTimer, m_paceEnded))
+            request(m_waiting.take());
+    }
+
+    /// On the strand: whether a refresh that the updater requested has not ended. The cache does
+    /// not tell the end of one that was skipped because something combined with it was cancelled,
+    /// so from time to time they are looked up.
+    bool isUnderWay() {
+        const std::lock_guard lock(m_askedMutex);
+        if (!std::exchange(m_looksForSkipped, false))
+            return !m_asked.empty() || !m_askedBeside.empty();
+        const auto isRefreshing = [&](const Path& path) {
+            const auto refresh = m_info->freshness->getFreshness(path).refresh;
+            return refresh == Freshness::Refresh::Waiting || refresh == Freshness::Refresh::Running;
+        };
+        std::erase_if(m_askedBeside, [&](const auto& each) { return !isRefreshing(each.second); });
+        return !m_askedBeside.empty() || std::ranges::any_of(m_asked, [&](const auto& each) {
+            return isRefreshing(each.paths.front().first);
+        });
+    }
+
+    /// On the strand: has release() called after `delay`, with `ended` set.
+    /// @return false when no such task can be had
+    bool wakeAfter(std::chrono::milliseconds delay, bool& hasTimer, std::atomic<bool>& ended) {
+        if (hasTimer)
+            return true;
+        try {
+            m_services->delayedTasks->runAfter(delay, [weak = weak_from_this(), &ended] {
+                if (const auto self = weak.lock()) {
+                    ended = true;
+                    self->m_inbox->wake();
+                }
+            });
+            return hasTimer = true;
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+            return false;
+        }
+    }
+
+    /// On the strand. What cannot be requested, for lack of a thread or of memory, waits again.
+    void request(const PendingEvents::Events& events) {
+        try {
+            std::vector<AskedPath> files;
+            for (const auto& [path, event] : events) {
+                if (!m_info->needsQuery(path, event)) {
+                    m_log->add(path, event.kinds, EventLog::Outcome::NoQuery);
+                    continue;
+                }
+                const bool isFile = respond(path, event.kinds);
+                m_log->add(path, event.kinds,
+                           isFile ? EventLog::Outcome::FileQuery : EventLog::Outcome::FolderQuery);
+                if (isFile)
+                    files.emplace_back(path, event.kinds);
+            }
+            if (!files.empty())
+                ask(std::move(files));
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+            m_waiting.add(events);
+            wakeAfter(retryInterval, m_hasSilenceTimer, m_silenceEnded);
+        }
+    }
+
+    /// On the strand: has folders refreshed.
+    /// @return whether `path` itself is to be queried
+    bool respond(const Path& path, unsigned kinds) {
+        QUENDO_LOG(Severity::Detail) << " path.string()=" << path;
+        if ((kinds & PendingEvents::Forbidden) != 0 && m_info->leavesNested) {
+            noteForbidden(path);
+            refreshAround(path, RefreshReason::FileEvent);
+        }
+        if ((kinds & PendingEvents::Dependency) != 0)
+            refreshAround(path, RefreshReason::Dependency);
+        if (m_info->isInNested(path))
+            return false; // what matters in there is watched by m_dependencies
+        if ((kinds & (PendingEvents::ContentsUnknown | PendingEvents::Folded)) != 0) {
+            refreshAround(path, (kinds & PendingEvents::ContentsUnknown) != 0
+                                    ? RefreshReason::EventsLost
+                                    : RefreshReason::FileEvent);
+            return false;
+        }
+        const auto entry =
+            kinds & (PendingEvents::Created | PendingEvents::Changed | PendingEvents::Deleted);
+        if (entry != 0 && path != m_info->root && m_info->isMetadata(path)) {
+            refreshSoon(path.parentPath(), RefreshReason::FileEvent);
+            return false;
+        }
+        if ((entry & PendingEvents::Changed) != 0 && m_info->holdsBelow(path)) {
+            // It may have become readable, or unreadable.
+            refreshSoon(path, RefreshReason::FileEvent);
+            return entry != PendingEvents::Changed;
+        }
+        return entry != 0;
+    }
+
+    /// Posts work that follows an answer. Without a thread for it all counts as unknown.
+    void postWork(Executor::Task task) {
+        try {
+            m_executor->post(std::move(task));
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+            m_inbox->add(m_info->root, PendingEvents::ContentsUnknown);
+        }
     }
 
     void noteForbidden(const Path& folder) {
@@ -722,20 +979,51 @@ private:
     }
 
     /// On the strand: has `path` refreshed with all below it, and with what is unsure around it.
-    void refreshAround(const Path& path) {
+    void refreshAround(const Path& path, RefreshReason reason) {
         const auto around = m_info->folders != nullptr ? m_info->outermostUnsure(path) : Path();
-        refreshSoon(around.empty() ? path : around);
+        refreshSoon(around.empty() ? path : around, reason);
     }
 
+    using AskedPath = std::pair<Path, unsigned>; ///< and bits of PendingEvents::Kind
+
+    struct Asked {
+        std::shared_ptr<CacheTask> task;
+        std::vector<AskedPath> paths;
+    };
+
     /// Asks for files, and looks at what the answer means for folders.
-    void ask(const std::vector<Path>& paths, StorageEventKind kind) {
-        if (m_info->folders == nullptr) {
-            m_info->cache->refreshCMStatuses(paths);
-            return;
-        }
+    void ask(std::vector<AskedPath> asked) {
+        std::vector<Path> paths;
+        for (const auto& [path, kinds] : asked)
+            paths.push_back(path);
+        const RefreshReasonScope reason(RefreshReason::FileEvent);
         // The task may have finished before it is noted: then its notice waits here.
         const std::lock_guard lock(m_askedMutex);
-        m_asked.push_back({m_info->cache->refreshCMStatuses(paths), kind, paths});
+        m_asked.reserve(m_asked.size() + 1);
+        auto task = m_info->cache->refreshCMStatuses(paths);
+        if (isTold(task))
+            m_asked.push_back({std::move(task), std::move(asked)});
+    }
+
+    /// Calls `request` and notes its task as under way, for the sake of `path`.
+    template <class Request>
+    void askBeside(const Path& path, RefreshReason why, const Request& request) {
+        const RefreshReasonScope reason(why);
+        const std::lock_guard lock(m_askedMutex);
+        m_askedBeside.reserve(m_askedBeside.size() + 1);
+        auto task = request();
+        if (isTold(task))
+            m_askedBeside.emplace_back(std::move(task), path);
+    }
+
+    /// Whether the end of the task is told to lookAtAnswered().
+    bool isTold(const std::shared_ptr<CacheTask>& task) const {
+        return m_isTold && task != nullptr && dynamic_cast<const NoOpTask*>(task.get()) == nullptr;
+    }
+
+    RefreshPacer::Duration spentNow() const {
+        return m_meter != nullptr ? m_meter->spent()
+                                  : RefreshPacer::TimePoint::clock::now().time_since_epoch();
     }
 
     /// On the cache's strand: what was ignored, or another's, and is not so any more, was not
@@ -757,14 +1045,16 @@ private:
         lookIntoLater({}, std::move(folders));
         if (auto misfits = m_info->misfitsAround(changed);
             !misfits.alone.empty() || !misfits.whole.empty())
-            m_executor->post([weak = weak_from_this(), misfits = std::move(misfits)] {
+            postWork([weak = weak_from_this(), misfits = std::move(misfits)] {
                 const auto self = weak.lock();
                 if (self == nullptr || !self->m_info->enabled)
                     return;
                 if (!misfits.alone.empty())
-                    self->m_info->cache->refreshCMStatuses(misfits.alone);
+                    self->askBeside(misfits.alone.front(), RefreshReason::FileEvent, [&] {
+                        return self->m_info->cache->refreshCMStatuses(misfits.alone);
+                    });
                 for (const auto& path : misfits.whole)
-                    self->refreshSoon(path);
+                    self->refreshSoon(path, RefreshReason::FileEvent);
             });
         if (ignored.empty())
             return;
@@ -772,8 +1062,8 @@ private:
             if (change.after)
                 answered.push_back(change.path);
         }
-        m_executor->post([weak = weak_from_this(), ignored = std::move(ignored),
-                          answered = std::move(answered)]() mutable {
+        postWork([weak = weak_from_this(), ignored = std::move(ignored),
+                  answered = std::move(answered)]() mutable {
             if (const auto self = weak.lock())
                 self->foldIgnored(ignored, std::move(answered));
         });
@@ -797,13 +1087,13 @@ private:
             }
         }
         if (!external.empty())
-            m_executor->post([weak = weak_from_this(), external = std::move(external)] {
+            postWork([weak = weak_from_this(), external = std::move(external)] {
                 const auto self = weak.lock();
                 if (self == nullptr || !self->m_info->enabled)
                     return;
                 for (const auto& path : external)
                     if (auto around = self->m_info->nestedAround(path); !around.empty())
-                        self->refreshSoon(std::move(around));
+                        self->refreshSoon(std::move(around), RefreshReason::FileEvent);
             });
     }
 
@@ -825,7 +1115,7 @@ private:
                     around = path;
             }
             if (!around.empty())
-                refreshSoon(std::move(around));
+                refreshSoon(std::move(around), RefreshReason::FileEvent);
         }
     }
 
@@ -849,35 +1139,47 @@ private:
             });
             std::move(m_asked.begin(), last.base(), std::back_inserter(answered));
             m_asked.erase(m_asked.begin(), last.base());
+            const auto others = std::erase_if(
+                m_askedBeside, [&](const auto& each) { return finished.contains(each.first); });
+            if (!answered.empty() || others != 0)
+                m_pacer.spend(spentNow() - m_spentBefore, RefreshPacer::TimePoint::clock::now());
         }
-        if (answered.empty() && !m_hasPostponed)
+        m_inbox->retry();
+        if (answered.empty() && !m_hasPostponed) {
+            if (!m_waiting.empty())
+                m_inbox->wake();
             return;
-        m_executor->post([weak = weak_from_this(), answered = std::move(answered)] {
+        }
+        postWork([weak = weak_from_this(), answered = std::move(answered)] {
             const auto self = weak.lock();
             if (self == nullptr)
                 return;
             self->m_hasPostponed = false;
             self->lookIntoLater({}, std::exchange(self->m_postponed, {}));
-            if (!self->m_info->enabled)
-                return;
-            const auto& info = *self->m_info;
-            std::set<Path> changed; // folders
-            for (const auto& [task, kind, paths] : answered) {
-                for (const auto& path : paths) {
-                    auto folder = info.ignoredAround(path);
-                    if (folder.empty() && kind != StorageEventKind::Changed)
-                        folder = info.outermostUnsure(path);
-                    if (!folder.empty())
-                        self->refreshSoon(std::move(folder));
-                    if (kind != StorageEventKind::Changed)
-                        changed.insert(path.parentPath());
-                }
-            }
-            const auto& watcher = *self->m_services->folderWatcher;
-            for (const auto& folder : changed)
-                if (watcher.getHealth(folder).means == platform::WatchHealth::Means::Polled)
-                    self->askForWhatWent(folder, list(folder));
+            if (self->m_info->enabled)
+                self->followAnswers(answered);
+            self->release();
         });
+    }
+
+    void followAnswers(const std::vector<Asked>& answered) {
+        std::set<Path> changed; // folders
+        for (const auto& [task, paths] : answered) {
+            for (const auto& [path, kinds] : paths) {
+                const bool isChange = kinds == PendingEvents::Changed;
+                auto folder = m_info->ignoredAround(path);
+                if (folder.empty() && !isChange)
+                    folder = m_info->outermostUnsure(path);
+                if (!folder.empty())
+                    refreshSoon(std::move(folder), RefreshReason::FileEvent);
+                if (!isChange)
+                    changed.insert(path.parentPath());
+            }
+        }
+        for (const auto& folder : changed)
+            if (m_services->folderWatcher->getHealth(folder).means ==
+                platform::WatchHealth::Means::Polled)
+                askForWhatWent(folder, list(folder));
     }
 
     /// On the strand: asks for `folder` when not all is there any more that is cached in it.
@@ -887,60 +1189,96 @@ private:
             !m_info->missesAny(folder, listing.entries))
             return;
         auto around = m_info->outermostUnsure(folder);
-        refreshSoon(around.empty() ? folder : std::move(around));
+        refreshSoon(around.empty() ? folder : std::move(around), RefreshReason::FileEvent);
     }
 
     /// On the strand: has `folder` refreshed when what the strand has to do now is done; at once
     /// where the cache cannot share requests.
-    void refreshSoon(Path folder) {
+    void refreshSoon(Path folder, RefreshReason reason) {
         if (m_info->freshness == nullptr) {
+            const RefreshReasonScope scope(reason);
             m_info->refreshFolder(folder);
             return;
         }
-        if (m_unfresh.empty())
+        m_unfresh.emplace(std::move(folder), reason);
+        if (std::exchange(m_isCollecting, true))
+            return;
+        try {
             m_executor->post([weak = weak_from_this()] {
                 if (const auto self = weak.lock())
                     self->refreshCollected();
             });
-        m_unfresh.insert(std::move(folder));
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+            refreshCollected(); // at once, then
+        }
     }
 
     void refreshCollected() {
+        m_isCollecting = false;
         auto folders = std::exchange(m_unfresh, {});
         if (!m_info->enabled)
-            return;
+            return release();
         if (folders.size() > mostFoldersAtOnce) {
-            Path around = *folders.begin();
-            while (std::ranges::any_of(folders, [&](const auto& folder) {
-                return folder != around && !folder.isBelow(around);
+            Path around = folders.begin()->first;
+            while (std::ranges::any_of(folders, [&](const auto& each) {
+                return each.first != around && !each.first.isBelow(around);
             }))
                 around = around.parentPath();
-            folders = {around};
+            folders = {{around, folders.begin()->second}};
         }
-        for (const auto& folder : folders)
-            m_info->refreshFolder(folder);
+        for (const auto& [folder, reason] : folders) {
+            try {
+                askBeside(folder, reason, [&] { return m_info->refreshFolder(folder); });
+            } catch (...) {
+                QUENDO_LOG_CAUGHT_EXCEPTION();
+                m_waiting.add(folder, reason == RefreshReason::Dependency
+                                          ? PendingEvents::Dependency
+                                          : PendingEvents::ContentsUnknown);
+                wakeAfter(retryInterval, m_hasSilenceTimer, m_silenceEnded);
+            }
+        }
+        if (!m_waiting.empty())
+            release();
     }
 
     /// On the strand: keeps the bare folders right when `path` comes, goes, or is unknown.
-    void followFolder(StorageEventKind kind, const Path& path) {
-        std::vector<Path> found;
+    void followFolder(const Path& path, unsigned kinds) {
+        constexpr unsigned unknown = PendingEvents::ContentsUnknown | PendingEvents::Folded;
+        if ((kinds & (unknown | PendingEvents::Created | PendingEvents::Deleted)) == 0)
+            return;
+        bool isNew = false;
         {
             const auto hold = m_lock.write();
             if (m_stopped)
                 return;
-            if (kind == StorageEventKind::Created) {
-                if (!watchBare(path))
-                    return;
-            } else {
-                for (auto at = m_bareWatches.lower_bound(path);
-                     at != m_bareWatches.end() && at->first.string().starts_with(path.string());)
-                    at = (at->first == path || at->first.isBelow(path)) && !isOwnFolder(at->first)
-                             ? m_bareWatches.erase(at)
-                             : std::next(at);
-            }
+            if ((kinds & (unknown | PendingEvents::Deleted)) != 0)
+                dropGoneFolders(path);
+            if ((kinds & PendingEvents::Created) != 0)
+                isNew = watchBare(path);
         }
-        if (kind != StorageEventKind::Deleted)
+        if ((kinds & PendingEvents::Folded) != 0)
+            watchMissedFolders(path);
+        if (isNew || (kinds & unknown) != 0)
             lookInto({path});
+    }
+
+    /// With the lock held: drops the watches of bare folders at or below `path` that have gone.
+    void dropGoneFolders(const Path& path) {
+        for (auto at = m_bareWatches.lower_bound(path);
+             at != m_bareWatches.end() && at->first.string().starts_with(path.string());)
+            at = (at->first == path || at->first.isBelow(path)) && !isOwnFolder(at->first)
+                     ? m_bareWatches.erase(at)
+                     : std::next(at);
+    }
+
+    void dropGoneFoldersLater() {
+        postWork([weak = weak_from_this()] {
+            if (const auto self = weak.lock()) {
+                const auto hold = self->m_lock.write();
+                self->dropGoneFolders(self->m_info->root);
+            }
+        });
     }
 
     /// Whether `path` is a folder, and no symbolic link leads there from the root.
@@ -956,6 +1294,10 @@ private:
     /// On the strand, with the lock held.
     /// @return whether `path` is a folder that is watched now and was not before
     bool watchBare(const Path& path) {
+        if (!m_info->cache->getFolderStatusFlag()) {
+            m_info->hasMissedFolders = true; // to be watched when the flag is set
+            return false;
+        }
         if (m_watches.contains(path) || m_bareWatches.contains(path) || m_info->isForbidden(path) ||
             !isOwnFolder(path))
             return false;
@@ -978,39 +1320,45 @@ private:
         return true;
     }
 
-    /// With the lock held: watches the folders that came during a suspension, on the strand.
-    void watchMissedFoldersLater() {
-        m_executor->post([weak = weak_from_this()] {
-            const auto self = weak.lock();
-            if (self == nullptr)
-                return;
-            std::vector<Path> watched, found;
-            {
-                const auto hold = self->m_lock.read();
-                for (const auto* watches : {&self->m_watches, &self->m_bareWatches})
-                    for (const auto& [folder, subscription] : *watches)
-                        watched.push_back(folder);
+    /// Watches the folders at any depth below `top` that came while nobody followed them.
+    void watchMissedFoldersLater(const Path& top) {
+        postWork([weak = weak_from_this(), top] {
+            if (const auto self = weak.lock()) {
+                self->watchMissedFolders(top);
+                self->release();
             }
-            for (const auto& folder : watched)
-                for (const auto& entry : list(folder).entries) {
-                    if (!entry.isFolder)
-                        continue;
-                    const auto hold = self->m_lock.write();
-                    if (self->m_stopped)
-                        return;
-                    if (self->watchBare(entry.path))
-                        found.push_back(entry.path);
-                }
-            self->lookInto(std::move(found));
         });
+    }
+
+    /// On the strand.
+    void watchMissedFolders(const Path& top) {
+        std::vector<Path> watched, found;
+        {
+            const auto hold = m_lock.read();
+            for (const auto* watches : {&m_watches, &m_bareWatches})
+                for (const auto& [folder, subscription] : *watches)
+                    if (folder == top || folder.isBelow(top))
+                        watched.push_back(folder);
+        }
+        for (const auto& folder : watched)
+            for (const auto& entry : list(folder).entries) {
+                if (!entry.isFolder)
+                    continue;
+                const auto hold = m_lock.write();
+                if (m_stopped)
+                    return;
+                if (watchBare(entry.path))
+                    found.push_back(entry.path);
+            }
+        lookInto(std::move(found));
     }
 
     /// @param dropped may be there, with nothing cached in them
     void lookIntoLater(std::vector<Path> added, std::vector<Path> dropped) {
         if (added.empty() && dropped.empty())
             return;
-        m_executor->post([weak = weak_from_this(), folders = std::move(added),
-                          dropped = std::move(dropped)]() mutable {
+        postWork([weak = weak_from_this(), folders = std::move(added),
+                  dropped = std::move(dropped)]() mutable {
             const auto self = weak.lock();
             if (self == nullptr)
                 return;
@@ -1021,12 +1369,13 @@ private:
                     folders.push_back(folder);
             }
             self->lookInto(std::move(folders));
+            self->release();
         });
     }
 
-    /// On the strand: closes the gap for folders whose watch has just been made.
+    /// On the strand: closes the gap for folders whose watch has just been made. release() requests
+    /// what it finds.
     void lookInto(std::vector<Path> folders) {
-        std::vector<Path> changed;
         const auto notBefore = m_info->enabledAt.load() - tick;
         while (!folders.empty()) {
             const Path folder = std::move(folders.back());
@@ -1039,13 +1388,14 @@ private:
                 if (m_info->isForbidden(entry.path)) {
                     if (m_info->leavesNested && folder != m_info->root && m_info->enabled &&
                         (!answered || entry.changed >= *answered - margin))
-                        respondToForbidden(folder);
+                        m_waiting.add(folder, PendingEvents::Forbidden);
                     continue;
                 }
                 // Of a folder that was never asked for, single files may have been.
                 const auto since = answered ? answered : answeredAt(entry.path);
-                if (since && entry.changed >= *since - margin && entry.changed >= notBefore)
-                    changed.push_back(entry.path);
+                if (since && entry.changed >= *since - margin && entry.changed >= notBefore &&
+                    m_info->enabled)
+                    m_waiting.add(entry.path, PendingEvents::Created);
                 if (!entry.isFolder)
                     continue;
                 const auto hold = m_lock.write();
@@ -1055,8 +1405,6 @@ private:
                     folders.push_back(entry.path);
             }
         }
-        if (!changed.empty() && m_info->enabled)
-            ask(changed, StorageEventKind::Created);
     }
 
     /// When the query started that tells about `path`; now when the cache does not say, and nothing
@@ -1072,16 +1420,17 @@ private:
                std::chrono::duration_cast<Clock::duration>(std::chrono::steady_clock::now() - *at);
     }
 
-    struct Asked {
-        std::shared_ptr<CacheTask> task;
-        StorageEventKind kind;
-        std::vector<Path> paths;
-    };
-
     // Constant after construction.
     const std::shared_ptr<const platform::Services> m_services = platform::services();
     const std::shared_ptr<CacheUpdateInfo> m_info;
     std::shared_ptr<Executor> m_executor;
+    std::shared_ptr<const QueryMeter> m_meter; ///< null: the adapter has none
+    std::shared_ptr<EventInbox> m_inbox;
+    bool m_isTold = false; ///< of the end of refreshes
+
+    // Own synchronisation.
+    const std::shared_ptr<EventLog> m_log = std::make_shared<EventLog>();
+    PendingEvents m_waiting; ///< need a query; changed on the strand
 
     mutable ReentrantReadWriteLock m_lock;
     // Guarded by m_lock.
@@ -1094,20 +1443,31 @@ private:
     std::uint64_t m_folderSetVersion = ~std::uint64_t{0};
     std::exception_ptr m_rootRefusal;
     boost::signals2::scoped_connection m_changesConnection;
+    boost::signals2::scoped_connection m_startedConnection;
     boost::signals2::scoped_connection m_finishedConnection;
     boost::signals2::scoped_connection m_cacheConnection;
 
-    std::set<Path> m_unfresh;      ///< to be refreshed; on the strand only
-    std::vector<Path> m_postponed; ///< bare folders to be watched or not; on the strand only
+    // Used on the strand only.
+    std::map<Path, RefreshReason> m_unfresh; ///< to be refreshed, see refreshSoon()
+    bool m_isCollecting = false;             ///< refreshCollected() is posted
+    bool m_hasPaceTimer = false, m_hasSilenceTimer = false;
+    bool m_looksForSkipped = false;
+    std::vector<Path> m_postponed; ///< bare folders to be watched or not
+
     std::atomic<bool> m_hasPostponed{false};
+    std::atomic<bool> m_paceEnded{false}, m_silenceEnded{false}; ///< a timer
+    RefreshPacer::Duration m_spentBefore{}; ///< the query that runs; on the cache's strand only
 
     std::shared_ptr<DependencyWatches> m_dependencies; ///< guarded by m_lock
 
     std::mutex m_nestedMutex; ///< no other lock is taken while it is held
     std::set<Path> m_nested, m_withForbidden;
 
-    std::mutex m_askedMutex;    ///< not held together with m_lock
-    std::vector<Asked> m_asked; ///< as they were asked for; guarded by m_askedMutex
+    mutable std::mutex m_askedMutex; ///< not held together with m_lock
+    std::vector<Asked> m_asked; ///< as they were asked for; guarded by m_askedMutex, as is the rest
+    /// Other refreshes under way, and a path of each.
+    std::vector<std::pair<std::shared_ptr<CacheTask>, Path>> m_askedBeside;
+    RefreshPacer m_pacer{RefreshPacer::TimePoint::clock::now()};
 };
 
 VFSFileChangeCacheUpdater::VFSFileChangeCacheUpdater(std::shared_ptr<CMStatusCache> cache,
@@ -1136,6 +1496,21 @@ void VFSFileChangeCacheUpdater::follow(std::shared_ptr<StateDependencies> depend
 scope_guard VFSFileChangeCacheUpdater::disable() {
     QUENDO_TRACE_SCOPE();
     return m_impl->disable();
+}
+
+std::optional<std::chrono::steady_clock::time_point>
+VFSFileChangeCacheUpdater::outdatedSince(const Path& path) const {
+    return m_impl->outdatedSince(path);
+}
+
+std::optional<std::chrono::steady_clock::time_point>
+VFSFileChangeCacheUpdater::waitsForThreadSince() const {
+    return m_impl->waitsForThreadSince();
+}
+
+std::string VFSFileChangeCacheUpdater::describe() const {
+    QUENDO_TRACE_SCOPE();
+    return m_impl->describe();
 }
 
 std::exception_ptr VFSFileChangeCacheUpdater::rootRefusal() const {

@@ -1,10 +1,14 @@
 #pragma once
 
 #include "quendo/platform/Export.h"
+#include "quendo/platform/Path.h"
 #include "quendo/platform/ScopeGuard.h"
 
+#include <chrono>
 #include <exception>
 #include <memory>
+#include <optional>
+#include <string>
 
 namespace quendo {
 
@@ -46,6 +50,19 @@ public:
     /// Why the root cannot be watched, when the event service refused it
     /// (platform::ChangeEventsSubscriptionException); else null.
     std::exception_ptr rootRefusal() const;
+
+    /// Since when the cached state of `path` may be outdated by an event that has led to no
+    /// request yet, because it is paced, or because a query is running; empty when there is none.
+    /// What was requested is told by CMStatusCacheFreshness.
+    std::optional<std::chrono::steady_clock::time_point> outdatedSince(const Path& path) const;
+
+    /// Since when events wait because no thread can be had to work on them; empty when none do.
+    /// They are held, and are worked on as soon as there is a thread.
+    std::optional<std::chrono::steady_clock::time_point> waitsForThreadSince() const;
+
+    /// For people who look for a fault: the watches by kind, what is pending, the budget for
+    /// queries and the last events. Several lines; the text may change.
+    std::string describe() const;
 
 private:
     class Impl;

@@ -1,11 +1,16 @@
+#include "quendo/adapter/CMAdapterDecorator.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/adapter/QueryMeter.h"
 #include "quendo/cache/JobCombiningCMStatusCache.h"
+#include "quendo/cache/RefreshPacer.h"
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
 #include "tests/support/FakeFolderWatcher.h"
 #include "tests/support/MemoryAdapter.h"
 #include "tests/support/SteppedDetection.h"
 
 #include <boost/signals2/signal.hpp>
+
+#include <malloc.h>
 
 namespace quendo {
 namespace {
@@ -127,9 +132,13 @@ TEST_F(UpdaterTest, AsksForWhatChangedWhileItIsNotDisabled) {
     EXPECT_THAT(askedAfter(Kind::ContentsUnknown, "."), ElementsAre("folder ."));
     detection.strand().refuse(true);
     EXPECT_THAT(askedAfter(Kind::Changed, "x"), IsEmpty());
+    detection.endWindows();
+    EXPECT_TRUE(updater->waitsForThreadSince() && updater->outdatedSince(at("x")));
+    EXPECT_FALSE(updater->outdatedSince(at("y")));
     detection.strand().refuse(false);
-    EXPECT_THAT(askedAfter(Kind::Changed, "y"), ElementsAre("folder .")) << "x was lost";
-    EXPECT_THAT(askedAfter(Kind::Changed, "y"), ElementsAre("files y"));
+    detection.endWindows(); // with no further event
+    EXPECT_THAT(std::exchange(cache->asked, {}), ElementsAre("files x"));
+    EXPECT_FALSE(updater->waitsForThreadSince() || updater->outdatedSince(at("x")));
 
     auto first = updater->disable(), second = updater->disable();
     EXPECT_THAT(askedAfter(Kind::Changed, "x"), IsEmpty());
@@ -142,6 +151,132 @@ TEST_F(UpdaterTest, AsksForWhatChangedWhileItIsNotDisabled) {
     watcher->tell(Kind::Changed, at("x"));
     updater.reset();
     EXPECT_THAT(askedAfter(Kind::Changed, "x"), IsEmpty());
+}
+
+TEST_F(UpdaterTest, HoldsOneEntryForEachPathWhileAQueryWaits) {
+    for (const auto* name : {"a", "b"})
+        copy->set(at(name), LocalStatus::Unmodified);
+    startReal();
+    real->refreshCMStatuses({at("c")}); // waits for its strand
+    const auto bytesAfterEvents = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            watcher->tell(Kind::Changed, at(i % 2 == 0 ? "a" : "b"));
+            if (i % 16 == 0)
+                detection.strand().runOne();
+        }
+        EXPECT_EQ(detection.strand().size(), 1U);
+        return ::mallinfo2().uordblks;
+    };
+    const auto before = bytesAfterEvents(100);
+    EXPECT_LT(bytesAfterEvents(50'000), before + 20'000);
+    EXPECT_TRUE(updater->outdatedSince(at("a")) && updater->outdatedSince(at("b")));
+    detection.runStrands();
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files c a", "files b"));
+    EXPECT_FALSE(updater->outdatedSince(at("a")) || updater->outdatedSince(at("b")));
+    // Folders stand for too many paths.
+    real->refreshCMStatuses({at("c")});
+    for (int i = 0; i < 9000; ++i)
+        watcher->tell(Kind::Appeared, at(std::to_string(i)));
+    EXPECT_THAT(updater->describe(), testing::ContainsRegex("pending paths: [0-9]{1,4} arrived"));
+    detection.runStrands();
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files c", "folder+ ."));
+}
+
+TEST_F(UpdaterTest, PacesEventsByWhatQueriesCost) {
+    struct MeteredAdapter : CMAdapterDecorator {
+        using CMAdapterDecorator::CMAdapterDecorator;
+        std::any getSubsystem(const std::type_info& type) override {
+            return type == typeid(QueryMeter) ? std::any(meter.get()) : std::any();
+        }
+        const std::shared_ptr<QueryMeter> meter = std::make_shared<QueryMeter>();
+    } metered(test::makeMemoryAdapter(copy));
+    for (const auto* name : {"a", "b"})
+        copy->set(at(name), LocalStatus::Unmodified);
+    updater.emplace(real, metered);
+    real->refreshFolder(root);
+    detection.runStrands();
+    copy->takeCalls();
+    copy->inCall = [&](const auto&...) { metered.meter->add(std::chrono::milliseconds(100)); };
+    const auto appends = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            watcher->tell(Kind::Changed, at("a"));
+            detection.runStrands();
+        }
+        return copy->takeCalls().size();
+    };
+    EXPECT_EQ(appends(1), 1U);
+    EXPECT_THAT(appends(400), testing::AllOf(testing::Ge(2U), testing::Le(20U)));
+    copy->set(at("a"), LocalStatus::Modified);
+    appends(1);
+    EXPECT_TRUE(updater->outdatedSince(at("a")));
+    real->refreshCMStatuses({at("b")}); // a client's
+    detection.runStrands();
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files b"));
+    EXPECT_EQ(detection.endWindows(), 1U);
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files a"));
+    EXPECT_EQ(real->getCachedStatus(at("a"))->getState(), LocalStatus::Modified);
+    EXPECT_FALSE(updater->outdatedSince(at("a")));
+}
+
+TEST(RefreshPacerTest, SpendsAFifthOfTheTime) {
+    using namespace std::chrono_literals;
+    const RefreshPacer::TimePoint begin{};
+    for (const auto cost : {1ms, 25ms, 399ms, 1000ms, 3000ms}) {
+        RefreshPacer pacer(begin);
+        EXPECT_EQ(pacer.delay(begin), 0ms);
+        std::vector<RefreshPacer::TimePoint> ends;
+        for (auto now = begin; now < begin + 100s;) {
+            const auto wait = pacer.delay(now);
+            EXPECT_LE(wait, std::max<RefreshPacer::Duration>(10s, 5 * cost) + 1ms);
+            now += wait + cost;
+            pacer.spend(cost, now);
+            ends.push_back(now);
+        }
+        for (std::size_t i = 0, last = 0; i < ends.size(); ++i) {
+            while (last < ends.size() && ends[last] <= ends[i] + 10s - cost)
+                ++last;
+            EXPECT_LE((last - i) * cost, std::max<RefreshPacer::Duration>(2000ms, cost));
+        }
+        EXPECT_GE(ends.size() * cost, 13s) << "what is allowed is used";
+        EXPECT_EQ(pacer.delay(ends.back() + 60s), 0ms);
+        pacer.spend(cost, ends.back());
+        pacer.endDelay(ends.back());
+        EXPECT_EQ(pacer.delay(ends.back()), 0ms);
+    }
+}
+
+TEST_F(UpdaterTest, QueriesNothingWhereContentDoesNotMatter) {
+    const auto set = [&](const char* name, LocalStatus status) {
+        copy->states.insert_or_assign(at(name), FileState(status, *name == 'd'));
+    };
+    set("i", LocalStatus::Ignored);
+    set("u", LocalStatus::NotUnderSourceControl);
+    set("di", LocalStatus::Ignored);
+    set("t", LocalStatus::Unmodified);
+    startReal();
+    const auto callsAfter = [&](Kind kind, const char* name) {
+        watcher->tell(kind, at(name));
+        detection.runStrands();
+        return copy->takeCalls();
+    };
+    for (const auto* name : {"i", "u", "di"}) {
+        EXPECT_THAT(callsAfter(Kind::Changed, name), IsEmpty()) << name;
+        EXPECT_THAT(callsAfter(Kind::Appeared, name), testing::SizeIs(testing::Ge(1U))) << name;
+        EXPECT_THAT(callsAfter(Kind::Vanished, name), testing::SizeIs(testing::Ge(1U))) << name;
+    }
+    EXPECT_THAT(callsAfter(Kind::Changed, "t"), ElementsAre("files t"));
+    // A query that began before the change may find that the content matters.
+    copy->inCall = [&, isFirst = true](const auto&...) mutable {
+        if (!std::exchange(isFirst, false))
+            return;
+        set("u", LocalStatus::Added);
+        watcher->tell(Kind::Changed, at("u"));
+        while (detection.strand().runOne()) {
+        }
+    };
+    real->refreshFolder(root);
+    detection.runStrands();
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("folder+ .", "files u"));
 }
 
 TEST_F(UpdaterTest, ManyFoldersAreOneQuery) {
@@ -172,7 +307,18 @@ TEST_F(UpdaterTest, LooksBelowTheRootWhenTheFirstQueryHasEnded) {
     EXPECT_THAT(watched(), ElementsAre("."));
     real->refreshFolder(root); // has nothing in it, so the set of folders stays as it is
     detection.runStrands();
+    watcher->tell(Kind::Appeared, at("a"));
+    detection.runStrands();
+    EXPECT_THAT(watched(), ElementsAre(".")) << "untracked, and the flag is not set";
+    real->setFolderStatusFlag(true);
+    real->refreshFolder(root);
+    detection.runStrands();
     EXPECT_THAT(watched(), ElementsAre(".", "a", "a/empty"));
+    real->setFolderStatusFlag(false);
+    real->refreshFolder(root);
+    detection.runStrands();
+    EXPECT_THAT(watched(), ElementsAre("."));
+    real->setFolderStatusFlag(true);
     updater.emplace(real, *adapter); // on a cache that was asked
     detection.runStrands();
     EXPECT_THAT(watched(), ElementsAre(".", "a", "a/empty"));
@@ -212,6 +358,13 @@ TEST_F(UpdaterTest, WatchesFoldersOfASuspensionAtTheNextChange) {
     detection.runStrands();
     EXPECT_THAT(watched(), ElementsAre(".", "a", "a/b"));
     EXPECT_THAT(copy->takeCalls(), ElementsAre("files x"));
+
+    auto second = updater->disable();
+    fs::remove_all(folder.path() / "a/b");
+    watcher->tell(Kind::Vanished, at("a/b"));
+    second.release();
+    detection.runStrands();
+    EXPECT_THAT(watched(), ElementsAre(".", "a")) << "a folder that has gone would be polled";
 }
 
 TEST_F(UpdaterTest, AsksForWhatWentBeforeItsFolderWasWatched) {
@@ -257,8 +410,9 @@ TEST_F(UpdaterTest, LooksAtEveryAnswerAndSpoilsNoRefresh) {
     detection.strand().runOne();
     real->refreshCMStatuses({at("b")})->cancel();
     detection.runStrands();
-    watcher->tell(Kind::Changed, at("b"));
+    watcher->tell(Kind::Vanished, at("b"));
     detection.runStrands();
+    detection.endWindows(); // until then the skipped refresh counts as under way
     EXPECT_THAT(copy->takeCalls(), ElementsAre("files b", "files a/x", "folder+ a"));
 
     copy->set(at("b"), LocalStatus::Ignored);
