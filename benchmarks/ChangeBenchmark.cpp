@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <exception>
+#include <fstream>
 #include <functional>
 #include <sys/inotify.h>
 #include <sys/resource.h>
@@ -472,6 +473,124 @@ void measureOwn(const BigRepository& repository) {
     followed.settle();
 }
 
+// --- Chatty files ---
+
+/// Counts the gits that this process starts from now on: PATH leads to a script that notes each.
+class GitCounter {
+public:
+    explicit GitCounter(const test::GitSandbox& sandbox)
+        : m_notes(sandbox.work().parent_path() / "gits") {
+        const auto folder = sandbox.work().parent_path() / "counted";
+        std::filesystem::create_directory(folder);
+        const auto real = test::runProcess({"sh", "-c", "command -v git"}, {}).output;
+        const std::string script = "#!/bin/sh\nprintf . >> '" + m_notes.native() + "'\nexec '" +
+                                   real.substr(0, real.find('\n')) + "' \"$@\"\n";
+        overwrite((folder / "git").native(), script);
+        std::filesystem::permissions(folder / "git", std::filesystem::perms::owner_all);
+        ::setenv("PATH", (folder.native() + ":" + std::getenv("PATH")).c_str(), 1);
+    }
+    std::uintmax_t started() const {
+        std::error_code none;
+        const auto size = std::filesystem::file_size(m_notes, none);
+        return none ? 0 : size;
+    }
+
+private:
+    const std::filesystem::path m_notes;
+};
+
+void append(const std::string& file) {
+    const int descriptor = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (descriptor < 0 || ::write(descriptor, "more\n", 5) != 5 || ::close(descriptor) != 0)
+        throw std::runtime_error("cannot append to " + file);
+}
+
+void measureChatty(const BigRepository& repository) {
+    const auto& sandbox = repository.sandbox();
+    const GitCounter gits(sandbox);
+    const auto rules = sandbox.work().native() + "/.gitignore";
+    overwrite(rules, "*.log\n");
+    const std::string files[] = {sandbox.work().native() + "/some.log",
+                                 sandbox.work().native() + "/untracked", repository.files()[0]};
+    for (const auto& file : files)
+        append(file);
+    const ObservedServices services;
+    FollowedRepository followed(repository, services);
+    followed.follow();
+    followed.settle();
+    constexpr int appends = 400;
+    constexpr std::chrono::milliseconds between{25};
+    std::printf("Appends to one file, %d in 10 s\n  %-12s %10s %10s %22s %12s\n", appends, "",
+                "gits", "queries", "ms in queries", "differences");
+    const char* names[] = {"ignored", "untracked", "tracked"};
+    for (std::size_t i = 0; i < std::size(files); ++i) {
+        leaveAlone(std::chrono::seconds(5));
+        const auto gitsBefore = gits.started();
+        const auto queriesBefore = followed.adapter->queries();
+        const auto spentBefore = followed.adapter->spent();
+        const double took = millisecondsOf([&] {
+            for (int n = 0; n < appends; ++n) {
+                append(files[i]);
+                leaveAlone(between);
+            }
+        });
+        const auto spent = milliseconds(followed.adapter->spent() - spentBefore);
+        leaveAlone(std::chrono::seconds(11)); // what is paced comes within 10 s
+        followed.settle();
+        const auto started = gits.started() - gitsBefore;
+        const auto queries = followed.adapter->queries() - queriesBefore;
+        std::printf("  %-12s %10ju %10zu %12.0f of %6.0f %12zu\n", names[i], started, queries,
+                    spent, took, followed.differences());
+    }
+    std::filesystem::remove(rules);
+    for (const auto* file : {&files[0], &files[1]})
+        std::filesystem::remove(*file);
+    overwrite(files[2], repository.original(0));
+    ::truncate(files[2].c_str(), static_cast<off_t>(repository.original(0).size()));
+}
+
+double residentMegabytes() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.starts_with("VmRSS:"))
+            return std::stod(line.substr(6)) / 1024;
+    return 0;
+}
+
+void measureFlood(const BigRepository& repository) {
+    const ObservedServices services;
+    FollowedRepository followed(repository, services);
+    followed.follow();
+    followed.settle();
+    std::size_t events = 0;
+    services.onEvent([&](const FolderEvent&) { ++events; });
+    const auto path = Path::fromNative(repository.files()[0]);
+    std::promise<void> opened;
+    const auto held = getSourceControlExecutor()->runAsyncTask(
+        [gate = opened.get_future().share()] { gate.wait_for(std::chrono::minutes(10)); });
+    const auto task = followed.cache->refreshCMStatuses({path});
+    const double before = residentMegabytes();
+    int descriptors[2];
+    for (std::size_t i = 0; i < 2; ++i)
+        descriptors[i] = ::open(repository.files()[i].c_str(), O_WRONLY | O_CLOEXEC);
+    const auto firstByte = repository.original(0)[0];
+    for (int i = 0; i < 300'000; ++i)
+        if (::pwrite(descriptors[i % 2], &firstByte, 1, 0) != 1)
+            throw std::runtime_error("cannot write");
+    for (const int descriptor : descriptors)
+        ::close(descriptor);
+    services.flushEvents();
+    const double during = residentMegabytes();
+    opened.set_value();
+    const double settling = millisecondsOf([&] {
+        task->wait();
+        followed.settle();
+    });
+    std::printf("300,000 writes to two files while a query waits: %zu events; %.0f MB before, %.0f "
+                "meanwhile, %.0f after; settled in %.0f ms; differences: %zu\n",
+                events, before, during, residentMegabytes(), settling, followed.differences());
+}
+
 } // namespace
 
 int main(int argc, char** argv) try {
@@ -481,11 +600,11 @@ int main(int argc, char** argv) try {
     const auto files = number(1, 100'000), folders = number(2, 5'000), writes = number(3, 10'000);
     const std::string only = argc > 4 ? argv[4] : "";
     if (folders < 50 || files < folders || writes < 1) {
-        std::fprintf(
-            stderr,
-            "usage: quendo_benchmark_change [FILES [FOLDERS [WRITES [SECTION]]]]\n"
-            "FOLDERS: 50 or more, and not more than FILES\n"
-            "SECTION: opening, watcher, latency, chase, idle, own, burst; all when left out\n");
+        std::fprintf(stderr, "usage: quendo_benchmark_change [FILES [FOLDERS [WRITES [SECTION]]]]\n"
+                             "FOLDERS: 50 or more, and not more than FILES\n"
+                             "SECTION: opening, watcher, latency, chase, idle, own, burst, chatty, "
+                             "flood; all when left\n"
+                             "out\n");
         return 2;
     }
     const BigRepository repository(files, folders);
@@ -501,6 +620,8 @@ int main(int argc, char** argv) try {
     run("idle", [&] { measureIdle(repository); });
     run("own", [&] { measureOwn(repository); });
     run("burst", [&] { measureBursts(repository); });
+    run("chatty", [&] { measureChatty(repository); });
+    run("flood", [&] { measureFlood(repository); });
     return 0;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());
