@@ -36,8 +36,10 @@ struct StatusListing {
 /// Which paths changed, and how. An optional interface of a CMStatusCache; reach it with
 /// dynamic_cast.
 ///
-/// To follow the contents without a gap: connect first, then list; changes whose version is not
-/// above the listing's are in it already.
+/// To follow the contents without a gap, also while updates go on: connect first, then list, and
+/// drop each notice whose version is not above the listing's, because the listing has its changes
+/// already. The slot may be called before the listing is there: keep the notices until then. What
+/// is left is every later update, once and in order.
 ///
 /// Threads: any; no operation waits for a refresh.
 class QUENDO_API CMStatusCacheChanges {
@@ -47,8 +49,9 @@ public:
     virtual ~CMStatusCacheChanges();
 
     /// Called after each update that changed something, in the order of the updates, on the cache's
-    /// strand and before the notice of connectCacheChanged(). What is collected for it costs
-    /// nothing while nobody is connected; who connects while an update runs may miss that update.
+    /// strand and before the notice of connectCacheChanged(). Who is connected when the contents
+    /// change is told of that change. What is collected for it costs nothing while nobody is
+    /// connected.
     virtual boost::signals2::connection connectChanges(const Slot& slot) = 0;
 
     /// `folder` and everything below it, as one update left it. Costs what it lists.

@@ -277,6 +277,25 @@ bool TransactionalFileCache<State>::Transaction::commit() {
     return true;
 }
 
+template <class State>
+void TransactionalFileCache<State>::Transaction::recordNow() {
+    if (m_recordsChanges || !m_changed)
+        return;
+    const auto after = m_cache.version(); // ours: the next transaction waits for its turn
+    // commit() has exchanged the contents.
+    m_contents.states.forEach([&](const Path& path, const State& before) {
+        const State* now = after.find(path);
+        if (now == nullptr)
+            m_changes.changes.push_back({path, before, std::nullopt});
+        else if (!(*now == before))
+            m_changes.changes.push_back({path, before, *now});
+    });
+    after.forEach([&](const Path& path, const State& now) {
+        if (m_contents.states.find(path) == nullptr)
+            m_changes.changes.push_back({path, std::nullopt, now});
+    });
+}
+
 template class TransactionalFileCache<FileState>;
 
 } // namespace quendo

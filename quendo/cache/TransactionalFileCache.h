@@ -128,6 +128,10 @@ public:
     bool commit();
 
     StatusChanges takeChanges() noexcept { return std::move(m_changes); }
+
+    /// After commit(): records the changes if that was not done, by comparing all that is cached
+    /// with what was cached before.
+    void recordNow();
     FolderSetChange takeFolderSetChange() noexcept { return std::move(m_folderSetChange); }
 
     /// Entries looked at or written so far, the bookkeeping of folders included.

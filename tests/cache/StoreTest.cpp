@@ -52,7 +52,7 @@ TEST(Store, DoesWhatAPlainMapDoes) {
         std::vector<std::pair<Store::Version, States>> kept;
         for (int step = 0; step < 60; ++step) {
             const States before = model;
-            Store::Transaction transaction(store, true);
+            Store::Transaction transaction(store, step % 2 == 0);
             if (below(3) == 0) {
                 const auto folder = anyPath();
                 States answer;
@@ -87,6 +87,16 @@ TEST(Store, DoesWhatAPlainMapDoes) {
             };
             const auto previous = store.version();
             transaction.commit();
+            transaction.recordNow();
+            auto replay = before;
+            for (const auto& [path, old, now] : transaction.takeChanges().changes) {
+                EXPECT_EQ(old,
+                          replay.contains(path) ? std::optional(replay.at(path)) : std::nullopt);
+                replay.erase(path);
+                if (now)
+                    replay.emplace(path, *now);
+            }
+            EXPECT_EQ(replay, model);
             const auto version = store.version();
             ASSERT_EQ(contentsOf(version), model);
             ASSERT_EQ(version.size(), model.size());
