@@ -151,6 +151,8 @@ constexpr std::size_t mostFoldersAtOnce = 4;
 
 // After so much time refreshes under way are looked up, in case their end was not told.
 constexpr std::chrono::milliseconds silence{1000};
+// Of so many answers it is remembered what they may lead to, when their end was not told.
+constexpr std::size_t mostUntold = 64;
 constexpr std::chrono::milliseconds retryInterval{250};
 
 struct Subscription {
@@ -834,10 +836,8 @@ private:
             const std::lock_guard lock(m_askedMutex);
             m_pacer.endDelay(now);
         }
-        if (m_silenceEnded.exchange(false)) {
+        if (m_silenceEnded.exchange(false))
             m_hasSilenceTimer = false;
-            m_looksForSkipped = true;
-        }
         if (m_waiting.empty())
             return;
         if (!m_info->enabled) {
@@ -860,21 +860,13 @@ private:
             request(m_waiting.take());
     }
 
-    /// On the strand: whether a refresh that the updater requested has not ended. The cache does
-    /// not tell the end of one that was skipped because something combined with it was cancelled,
-    /// so from time to time they are looked up.
+    /// Whether a refresh that the updater requested has not ended. The end of one that was skipped,
+    /// because something combined with it was cancelled, is not told; but then its task is gone.
     bool isUnderWay() {
         const std::lock_guard lock(m_askedMutex);
-        if (!std::exchange(m_looksForSkipped, false))
-            return !m_asked.empty() || !m_askedBeside.empty();
-        const auto isRefreshing = [&](const Path& path) {
-            const auto refresh = m_info->freshness->getFreshness(path).refresh;
-            return refresh == Freshness::Refresh::Waiting || refresh == Freshness::Refresh::Running;
-        };
-        std::erase_if(m_askedBeside, [&](const auto& each) { return !isRefreshing(each.second); });
-        return !m_askedBeside.empty() || std::ranges::any_of(m_asked, [&](const auto& each) {
-            return isRefreshing(each.paths.front().first);
-        });
+        std::erase_if(m_askedBeside, [](const auto& task) { return task.expired(); });
+        return !m_askedBeside.empty() ||
+               std::ranges::any_of(m_asked, [](const auto& each) { return !each.task.expired(); });
     }
 
     /// On the strand: has release() called after `delay`, with `ended` set.
@@ -987,7 +979,7 @@ private:
     using AskedPath = std::pair<Path, unsigned>; ///< and bits of PendingEvents::Kind
 
     struct Asked {
-        std::shared_ptr<CacheTask> task;
+        std::weak_ptr<CacheTask> task; ///< nobody waits for it
         std::vector<AskedPath> paths;
     };
 
@@ -999,21 +991,23 @@ private:
         const RefreshReasonScope reason(RefreshReason::FileEvent);
         // The task may have finished before it is noted: then its notice waits here.
         const std::lock_guard lock(m_askedMutex);
+        if (m_asked.size() >= mostUntold)
+            std::erase_if(m_asked, [](const auto& each) { return each.task.expired(); });
         m_asked.reserve(m_asked.size() + 1);
-        auto task = m_info->cache->refreshCMStatuses(paths);
+        const auto task = m_info->cache->refreshCMStatuses(paths);
         if (isTold(task))
-            m_asked.push_back({std::move(task), std::move(asked)});
+            m_asked.push_back({task, std::move(asked)});
     }
 
-    /// Calls `request` and notes its task as under way, for the sake of `path`.
+    /// Calls `request` and notes its task as under way.
     template <class Request>
-    void askBeside(const Path& path, RefreshReason why, const Request& request) {
+    void askBeside(RefreshReason why, const Request& request) {
         const RefreshReasonScope reason(why);
         const std::lock_guard lock(m_askedMutex);
         m_askedBeside.reserve(m_askedBeside.size() + 1);
-        auto task = request();
+        const auto task = request();
         if (isTold(task))
-            m_askedBeside.emplace_back(std::move(task), path);
+            m_askedBeside.push_back(task);
     }
 
     /// Whether the end of the task is told to lookAtAnswered().
@@ -1050,7 +1044,7 @@ private:
                 if (self == nullptr || !self->m_info->enabled)
                     return;
                 if (!misfits.alone.empty())
-                    self->askBeside(misfits.alone.front(), RefreshReason::FileEvent, [&] {
+                    self->askBeside(RefreshReason::FileEvent, [&] {
                         return self->m_info->cache->refreshCMStatuses(misfits.alone);
                     });
                 for (const auto& path : misfits.whole)
@@ -1135,12 +1129,12 @@ private:
             const std::set<std::shared_ptr<CacheTask>> finished(tasks.begin(), tasks.end());
             const std::lock_guard lock(m_askedMutex);
             const auto last = std::find_if(m_asked.rbegin(), m_asked.rend(), [&](const auto& each) {
-                return finished.contains(each.task);
+                return finished.contains(each.task.lock());
             });
             std::move(m_asked.begin(), last.base(), std::back_inserter(answered));
             m_asked.erase(m_asked.begin(), last.base());
             const auto others = std::erase_if(
-                m_askedBeside, [&](const auto& each) { return finished.contains(each.first); });
+                m_askedBeside, [&](const auto& task) { return finished.contains(task.lock()); });
             if (!answered.empty() || others != 0)
                 m_pacer.spend(spentNow() - m_spentBefore, RefreshPacer::TimePoint::clock::now());
         }
@@ -1164,7 +1158,7 @@ private:
 
     void followAnswers(const std::vector<Asked>& answered) {
         std::set<Path> changed; // folders
-        for (const auto& [task, paths] : answered) {
+        for (const auto& [told, paths] : answered) {
             for (const auto& [path, kinds] : paths) {
                 const bool isChange = kinds == PendingEvents::Changed;
                 auto folder = m_info->ignoredAround(path);
@@ -1229,7 +1223,7 @@ private:
         }
         for (const auto& [folder, reason] : folders) {
             try {
-                askBeside(folder, reason, [&] { return m_info->refreshFolder(folder); });
+                askBeside(reason, [&] { return m_info->refreshFolder(folder); });
             } catch (...) {
                 QUENDO_LOG_CAUGHT_EXCEPTION();
                 m_waiting.add(folder, reason == RefreshReason::Dependency
@@ -1451,7 +1445,6 @@ private:
     std::map<Path, RefreshReason> m_unfresh; ///< to be refreshed, see refreshSoon()
     bool m_isCollecting = false;             ///< refreshCollected() is posted
     bool m_hasPaceTimer = false, m_hasSilenceTimer = false;
-    bool m_looksForSkipped = false;
     std::vector<Path> m_postponed; ///< bare folders to be watched or not
 
     std::atomic<bool> m_hasPostponed{false};
@@ -1465,8 +1458,7 @@ private:
 
     mutable std::mutex m_askedMutex; ///< not held together with m_lock
     std::vector<Asked> m_asked; ///< as they were asked for; guarded by m_askedMutex, as is the rest
-    /// Other refreshes under way, and a path of each.
-    std::vector<std::pair<std::shared_ptr<CacheTask>, Path>> m_askedBeside;
+    std::vector<std::weak_ptr<CacheTask>> m_askedBeside; ///< other refreshes under way
     RefreshPacer m_pacer{RefreshPacer::TimePoint::clock::now()};
 };
 
