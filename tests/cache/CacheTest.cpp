@@ -245,5 +245,45 @@ TEST(CacheBarrier, SettlesOnce) {
     EXPECT_THROW(failed.wait(), std::out_of_range);
 }
 
+// Nobody else is connected, so the merge in which a follower connects began without recording.
+TEST(FollowingTest, MissesNothingInTheMiddleOfAMerge) {
+    const auto copy = std::make_shared<test::MemoryWorkingCopy>(Path(u"/copy"));
+    for (int i = 0; i < 500; ++i)
+        copy->set(copy->root.child(std::to_string(i)), LocalStatus::Unmodified);
+    JobCombiningCMStatusCache cache(test::makeMemoryAdapter(copy),
+                                    std::make_shared<CMApplicationInteractor>());
+    std::atomic<bool> isOver = false;
+    auto writer = test::onThread([&] {
+        for (bool flips = false; !isOver; flips = !flips) {
+            copy->set(copy->root / u"0",
+                      flips ? LocalStatus::Modified : LocalStatus::Unmodified);
+            cache.refreshAll();
+        }
+    });
+    for (int round = 0; round < 100; ++round) {
+        std::mutex mutex;
+        std::condition_variable came;
+        std::vector<std::uint64_t> versions;
+        const boost::signals2::scoped_connection connection =
+            cache.connectChanges([&](const StatusChanges& changed) {
+                const std::lock_guard lock(mutex);
+                versions.push_back(changed.version);
+                came.notify_all();
+            });
+        const auto listed = cache.listStatuses(copy->root).version;
+        std::unique_lock lock(mutex);
+        ASSERT_TRUE(came.wait_until(lock, test::byDeadline(), [&] {
+            return !versions.empty() && versions.back() > listed;
+        }));
+        std::erase_if(versions, [&](auto version) { return version <= listed; });
+        EXPECT_EQ(versions.front(), listed + 1);
+        lock.unlock();
+        connection.disconnect();
+        cache.refreshAll(); // a slot may still be running
+    }
+    isOver = true;
+    test::within(std::move(writer));
+}
+
 } // namespace
 } // namespace quendo
