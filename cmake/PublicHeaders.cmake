@@ -98,6 +98,7 @@ set(QUENDO_PUBLIC_HEADERS
 # Headers of the library's own use in folders of public ones. Those of quendo/git, quendo/svn (but
 # for the factories) and quendo/platform/standard are private without being named.
 set(QUENDO_PRIVATE_HEADERS
+    quendo/adapter/BackgroundTurns.h
     quendo/adapter/DispatchingProgressIndicator.h
     quendo/adapter/ListenerSignal.h
     quendo/adapter/QueryMeter.h

@@ -1,10 +1,12 @@
 #include "quendo/adapter/SingleThreadedCMAdapter.h"
 
+#include "quendo/adapter/BackgroundTurns.h"
 #include "quendo/adapter/QueryOrigin.h"
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/OwnWrites.h"
 
+#include <chrono>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -18,16 +20,42 @@ namespace quendo {
 // that reaches the call, and nothing else that runs on the executor.
 namespace {
 
+/// Reports a background query: its cost is its time on the executor.
+class BackgroundQuery {
+public:
+    explicit BackgroundQuery(std::shared_ptr<BackgroundTurns> turns) : m_turns(std::move(turns)) {}
+    void start() noexcept {
+        m_start = BackgroundTurns::Clock::now();
+        if (m_turns != nullptr)
+            m_turns->queryStarted();
+    }
+    void stop() const noexcept {
+        if (m_turns != nullptr)
+            m_turns->queryEnded(BackgroundTurns::Clock::now() - m_start);
+    }
+
+private:
+    std::shared_ptr<BackgroundTurns> m_turns; ///< null for what is not counted
+    BackgroundTurns::Clock::time_point m_start;
+};
+
 /// What the operation throws is handed over whole: the executor's thread lets go of it before the
 /// caller may look at it, and never destroys it.
 template <class Operation>
-auto runFor(Executor& executor, const std::optional<TaskSubject>& subject, Operation operation) {
+auto runFor(Executor& executor, const std::shared_ptr<BackgroundTurns>& turns,
+            const std::optional<TaskSubject>& subject, Operation operation) {
     using Result = std::invoke_result_t<Operation&>;
     constexpr bool isVoid = std::is_void_v<Result>;
     using Kept = std::conditional_t<isVoid, bool, std::optional<Result>>;
     const auto failure = std::make_shared<std::exception_ptr>();
-    auto task = [origin = QueryOrigin::current(), operation = std::move(operation),
-                 failure]() mutable {
+    auto origin = QueryOrigin::current();
+    const bool isBackground = origin != nullptr && origin->urgency() == QueryUrgency::Background;
+    auto task = [origin = std::move(origin), operation = std::move(operation), failure,
+                 waiting =
+                     isBackground ? BackgroundTurns::Waiting() : BackgroundTurns::Waiting(turns),
+                 query = BackgroundQuery(isBackground ? turns : nullptr)]() mutable {
+        waiting.started();
+        query.start();
         Kept kept{};
         try {
             const QueryOrigin::WorkScope scope(origin);
@@ -38,6 +66,7 @@ auto runFor(Executor& executor, const std::optional<TaskSubject>& subject, Opera
         } catch (...) {
             *failure = std::current_exception();
         }
+        query.stop();
         return kept;
     };
     auto result = subject ? executor.runSyncTaskFor(*subject, std::move(task))
@@ -59,6 +88,7 @@ SingleThreadedCMAdapter::SingleThreadedCMAdapter(std::shared_ptr<Executor> execu
     : CMAdapterDecorator(std::move(adapter)), m_executor(std::move(executor)) {
     if (m_executor == nullptr)
         throw exception::InvalidArgumentError("a single-threaded adapter needs an executor");
+    m_turns = BackgroundTurns::of(m_executor);
 }
 
 SingleThreadedCMAdapter::SingleThreadedCMAdapter(std::shared_ptr<Executor> executor,
@@ -75,7 +105,7 @@ auto SingleThreadedCMAdapter::change(Operation operation) const {
     auto writes = OwnWrites::current();
     if (writes != nullptr)
         writes->refine(); // it waits for its turn first
-    return runFor(*m_executor, subjectOf(m_workingCopy, false),
+    return runFor(*m_executor, m_turns, subjectOf(m_workingCopy, false),
                   [writes = std::move(writes), operation = std::move(operation)]() mutable {
                       const OwnWrites::Scope scope(writes);
                       const OwnWrites::Span span;
@@ -85,7 +115,7 @@ auto SingleThreadedCMAdapter::change(Operation operation) const {
 
 template <class Operation>
 auto SingleThreadedCMAdapter::query(Operation operation) const {
-    return runFor(*m_executor, subjectOf(m_workingCopy, true), std::move(operation));
+    return runFor(*m_executor, m_turns, subjectOf(m_workingCopy, true), std::move(operation));
 }
 
 void SingleThreadedCMAdapter::checkin(const Path& file, const UString& message) const {

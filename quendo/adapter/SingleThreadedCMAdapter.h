@@ -9,6 +9,7 @@
 
 namespace quendo {
 
+class BackgroundTurns;
 class Executor;
 
 /// Runs what touches the working copy on one executor, one call at a time and in the order in
@@ -21,6 +22,9 @@ class Executor;
 /// as the Git adapter's do while a hook runs, getStatus and listRevisions of other working copies
 /// are served. Operations that change something never overlap, and the calls of one working copy
 /// never overlap and keep their order.
+///
+/// It reports to BackgroundTurns what background queries cost (QueryOrigin::urgency), and how many
+/// other calls wait for the executor.
 ///
 /// Everything else runs on the caller's thread beside them, checkout and discardChanges included;
 /// that is deliberate.
@@ -57,6 +61,7 @@ private:
     auto query(Operation operation) const;
 
     std::shared_ptr<Executor> m_executor;
+    std::shared_ptr<BackgroundTurns> m_turns; ///< of the executor
     std::optional<Path> m_workingCopy;
 };
 
