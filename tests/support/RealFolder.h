@@ -34,6 +34,8 @@ struct Gate {
 /// Outlives its adapters.
 class HookedGitFactory : public git::GitAdapterFactory {
 public:
+    using GitAdapterFactory::GitAdapterFactory;
+
     std::function<void()> inQuery = [] {}, adds = [] {};
 
     std::unique_ptr<CMAdapter>
