@@ -30,6 +30,7 @@ set(QUENDO_PUBLIC_HEADERS
     quendo/cache/CMStatusCacheChanges.h
     quendo/cache/CMStatusCacheFolders.h
     quendo/cache/CMStatusCacheFreshness.h
+    quendo/cache/CMStatusCacheStatistics.h
     quendo/cache/CacheTask.h
     quendo/cache/JobCombiningCMStatusCache.h
     quendo/cache/RefreshReason.h
@@ -110,6 +111,7 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/cache/DependencyWatches.h
     quendo/cache/EventInbox.h
     quendo/cache/EventLog.h
+    quendo/cache/EverySlot.h
     quendo/cache/FileCacheUpdateJob.h
     quendo/cache/FolderCacheUpdateJob.h
     quendo/cache/JobQueingCacheUpdater.h
@@ -118,6 +120,9 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/cache/PendingEvents.h
     quendo/cache/RefreshLedger.h
     quendo/cache/RefreshPacer.h
+    quendo/cache/RefreshRequest.h
+    quendo/cache/RefreshStatistics.h
+    quendo/cache/RetryPlan.h
     quendo/cache/TransactionalFileCache.h
     quendo/change_detection/UpdateResponses.h
     quendo/platform/DetectionSwitch.h

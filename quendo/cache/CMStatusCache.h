@@ -27,12 +27,16 @@ namespace quendo {
 /// Set the folder status flag before the first refresh if untracked files matter: while it is false
 /// a folder's refresh drops the untracked entries that refreshes of files have put in.
 ///
+/// A refresh that failed, or that was skipped because a request combined with it was cancelled, is
+/// retried by the cache itself; CMStatusCacheFreshness tells since when a state may be outdated.
+///
 /// Further interfaces may be found with dynamic_cast: CMStatusCacheChanges, CMStatusCacheFolders,
-/// CMStatusCacheFreshness.
+/// CMStatusCacheFreshness, CMStatusCacheStatistics.
 ///
 /// Threads: any thread may call anything, but must not wait for a refresh in a listener. Listeners
 /// run one at a time on the cache's own strand, without a lock. What a listener of the first two
-/// kinds throws becomes the failure of the refresh that it is told about.
+/// kinds throws becomes the failure of the refresh that it is told about; of several exceptions the
+/// first. The other listeners are called all the same.
 class QUENDO_API CMStatusCache {
 public:
     using Tasks = std::vector<std::shared_ptr<CacheTask>>;
@@ -44,7 +48,8 @@ public:
     /// Called after every query whose answer was merged, whether it changed something or not.
     virtual boost::signals2::connection connectCacheChanged(const ChangedSlot& slot) = 0;
 
-    /// Called before the query of these tasks.
+    /// Called before the query of these tasks. There are none when the cache retries by itself, and
+    /// of very many requests the tasks that nobody holds any more may be missing.
     virtual boost::signals2::connection connectTasksStarted(const TasksSlot& slot) = 0;
 
     /// Called once after each notice of connectTasksStarted, however the query ended, and before
@@ -85,7 +90,8 @@ public:
     virtual std::vector<Path> getCachedFiles() const = 0;
 
     /// Ends refreshing for good: what is queued wakes its waiters without a refresh, and so does
-    /// every later request. A query under way goes on; nothing waits for it.
+    /// every later request; only what was required (CMStatusCacheFreshness) fails. Nothing is
+    /// retried any more. A query under way goes on; nothing waits for it.
     virtual void stop() = 0;
 };
 

@@ -2,12 +2,23 @@
 
 #include "quendo/adapter/CMAdapter.h"
 
-#include <unordered_set>
-
 namespace quendo {
 
 bool FileCacheUpdateJob::canCombineWith(const CacheUpdateJob& other) const noexcept {
-    return dynamic_cast<const FileCacheUpdateJob*>(&other) != nullptr;
+    const auto* job = dynamic_cast<const FileCacheUpdateJob*>(&other);
+    return job != nullptr && !isAlone() && !job->isAlone();
+}
+
+bool FileCacheUpdateJob::canAbsorbAtOnce(const CacheUpdateJob& other) const noexcept {
+    return canCombineWith(other);
+}
+
+bool FileCacheUpdateJob::willAnswer(const CacheUpdateJob& other) const noexcept {
+    return canCombineWith(other);
+}
+
+const PendingPath* FileCacheUpdateJob::find(const Path& path) const {
+    return paths().find(path);
 }
 
 std::unique_ptr<CacheUpdateJob> FileCacheUpdateJob::combineWith(const CacheUpdateJob& other) const {
@@ -19,16 +30,7 @@ std::unique_ptr<CacheUpdateJob> FileCacheUpdateJob::combineWith(const CacheUpdat
 
 void FileCacheUpdateJob::runSpecialization(CMAdapter& adapter,
                                            TransactionalFileCache<FileState>& cache) {
-    // Each file once, in the order of the requests: the same file is often asked for repeatedly
-    // while a job runs.
-    std::vector<Path> files;
-    std::unordered_set<Path> seen;
-    for (const auto& request : ledger().running()) {
-        for (const auto& file : request.files) {
-            if (seen.insert(file).second)
-                files.push_back(file);
-        }
-    }
+    const auto files = ledger().running().inOrder();
     const auto answer = adapter.getStatus(files);
     auto transaction = beginTransaction(cache);
     transaction.merge(answer);
@@ -37,10 +39,6 @@ void FileCacheUpdateJob::runSpecialization(CMAdapter& adapter,
             transaction.erase(file);
     }
     commit(transaction);
-}
-
-void FileCacheUpdateJob::answerOwed(CMAdapter& adapter, TransactionalFileCache<FileState>& cache) {
-    runSpecialization(adapter, cache);
 }
 
 } // namespace quendo

@@ -6,17 +6,33 @@
 
 namespace quendo {
 
-FolderCacheUpdateJob::FolderCacheUpdateJob(RefreshRequest request,
-                                           std::shared_ptr<CacheSignals> signals,
-                                           std::shared_ptr<RefreshLedger> ledger)
-    : CacheUpdateJob(std::move(request), std::move(signals), std::move(ledger)),
-      m_folder(requests().front().folder), m_folderStatusFlag(requests().front().folderStatusFlag) {
-}
+FolderCacheUpdateJob::FolderCacheUpdateJob(RefreshRequest request, CacheBooks books)
+    : CacheUpdateJob(std::move(request), std::move(books)), m_folder(requests().front().folder),
+      m_folderStatusFlag(requests().front().folderStatusFlag) {}
+
+FolderCacheUpdateJob::FolderCacheUpdateJob(RetrySets& set, CacheBooks books)
+    : CacheUpdateJob(set, std::move(books)), m_folder(paths().map().begin()->first),
+      m_folderStatusFlag(paths().map().begin()->second.folderStatusFlag) {}
 
 bool FolderCacheUpdateJob::canCombineWith(const CacheUpdateJob& other) const noexcept {
     const auto* job = dynamic_cast<const FolderCacheUpdateJob*>(&other);
-    return job != nullptr && (m_folder == job->m_folder || job->m_folder.isBelow(m_folder) ||
-                              m_folder.isBelow(job->m_folder));
+    return job != nullptr && !isAlone() && !job->isAlone() &&
+           (isInside(job->m_folder, m_folder) || m_folder.isBelow(job->m_folder));
+}
+
+bool FolderCacheUpdateJob::canAbsorbAtOnce(const CacheUpdateJob& other) const noexcept {
+    const auto* job = dynamic_cast<const FolderCacheUpdateJob*>(&other);
+    return job != nullptr && canCombineWith(other) && m_folder == job->m_folder;
+}
+
+bool FolderCacheUpdateJob::willAnswer(const CacheUpdateJob& other) const noexcept {
+    const auto* job = dynamic_cast<const FolderCacheUpdateJob*>(&other);
+    return job != nullptr && !job->isAlone() &&
+           willAnswerFolder(job->m_folder, job->m_folderStatusFlag);
+}
+
+const PendingPath* FolderCacheUpdateJob::find(const Path& path) const {
+    return paths().findAround(path);
 }
 
 std::unique_ptr<CacheUpdateJob>
@@ -36,26 +52,14 @@ void FolderCacheUpdateJob::absorb(CacheUpdateJob& other) noexcept {
 
 bool FolderCacheUpdateJob::willAnswerFolder(const Path& folder,
                                             bool folderStatusFlag) const noexcept {
-    return m_folderStatusFlag == folderStatusFlag &&
-           (folder == m_folder || folder.isBelow(m_folder));
+    return !isAlone() && m_folderStatusFlag == folderStatusFlag && isInside(folder, m_folder);
 }
 
 void FolderCacheUpdateJob::runSpecialization(CMAdapter& adapter,
                                              TransactionalFileCache<FileState>& cache) {
-    answer(adapter, cache, m_folder, m_folderStatusFlag);
-}
-
-void FolderCacheUpdateJob::answerOwed(CMAdapter& adapter,
-                                      TransactionalFileCache<FileState>& cache) {
-    const auto& request = ledger().running().front();
-    answer(adapter, cache, request.folder, request.folderStatusFlag);
-}
-
-void FolderCacheUpdateJob::answer(CMAdapter& adapter, TransactionalFileCache<FileState>& cache,
-                                  const Path& folder, bool folderStatusFlag) {
-    const auto answer = adapter.getStatus(folder, folderStatusFlag);
+    const auto answer = adapter.getStatus(m_folder, m_folderStatusFlag);
     auto transaction = beginTransaction(cache);
-    transaction.replace(folder, answer);
+    transaction.replace(m_folder, answer);
     commit(transaction);
 }
 

@@ -11,6 +11,7 @@
 #include "quendo/platform/InvalidArgumentError.h"
 #include "quendo/platform/Logging.h"
 #include "quendo/platform/ReentrantReadWriteLock.h"
+#include "quendo/platform/Services.h"
 
 #include <algorithm>
 #include <atomic>
@@ -55,7 +56,7 @@ struct JobCombiningCMStatusCache::Impl {
     const std::shared_ptr<const Executor> sourceControl = getSourceControlExecutor();
 
     // Own synchronisation.
-    const std::shared_ptr<CacheState> state = std::make_shared<CacheState>();
+    const std::shared_ptr<CacheState> state = makeState();
     JobQueingCacheUpdater updater;
     std::atomic<bool> folderStatusFlag{false};
 
@@ -66,6 +67,12 @@ struct JobCombiningCMStatusCache::Impl {
         : adapter(notNull(std::move(wrapped), "a status cache needs an adapter")),
           updater(state, adapter,
                   notNull(std::move(interactor), "a status cache needs an interactor")) {}
+
+    std::shared_ptr<CacheState> makeState() const {
+        auto made = std::make_shared<CacheState>();
+        made->books.ledger = std::make_shared<RefreshLedger>(root, platform::services()->files);
+        return made;
+    }
 
     bool isForbidden(std::u16string_view name) const {
         return std::ranges::find(forbiddenNames, name) != forbiddenNames.end();
@@ -79,18 +86,33 @@ struct JobCombiningCMStatusCache::Impl {
         return false;
     }
 
-    std::shared_ptr<CacheBarrier> makeBarrier() const {
-        return std::make_shared<CacheBarrier>(updater.executor(), sourceControl);
+    /// A request with a new task.
+    RefreshRequest makeRequest(bool isRequired) const {
+        RefreshRequest request;
+        request.folderStatusFlag = folderStatusFlag.load();
+        request.isRequired = isRequired || request.reason == RefreshReason::OwnOperation;
+        request.barrier = std::make_shared<CacheBarrier>(updater.executor(), sourceControl);
+        return request;
     }
 
-    std::unique_ptr<CacheUpdateJob> makeFolderJob(const Path& folder, bool flag,
-                                                  std::shared_ptr<CacheBarrier> barrier) const {
-        RefreshRequest request;
-        request.folder = folder;
-        request.folderStatusFlag = flag;
-        request.barrier = std::move(barrier);
-        return std::make_unique<FolderCacheUpdateJob>(std::move(request), state->signals,
-                                                      state->ledger);
+    std::unique_ptr<CacheUpdateJob> makeFolderJob(RefreshRequest request) const {
+        state->books.statistics->noteRequest(request.reason);
+        return std::make_unique<FolderCacheUpdateJob>(std::move(request), state->books);
+    }
+
+    std::shared_ptr<CacheTask> refreshFiles(const JobCombiningCMStatusCache& cache,
+                                            const std::vector<Path>& files, bool isRequired) {
+        auto request = makeRequest(isRequired);
+        for (const auto& file : files) {
+            if (!cache.isFileIgnored(file))
+                request.files.push_back(file);
+        }
+        if (request.files.empty())
+            return std::make_shared<NoOpTask>();
+        auto barrier = request.barrier;
+        state->books.statistics->noteRequest(request.reason);
+        updater.submit(std::make_unique<FileCacheUpdateJob>(std::move(request), state->books));
+        return barrier;
     }
 
     template <class Wanted>
@@ -109,12 +131,13 @@ JobCombiningCMStatusCache::JobCombiningCMStatusCache(
     : m_impl(std::make_unique<Impl>(std::move(adapter), std::move(interactor))) {}
 
 JobCombiningCMStatusCache::~JobCombiningCMStatusCache() {
-    auto& signals = *m_impl->state->signals;
+    auto& signals = *m_impl->state->books.signals;
     signals.cacheChanged.disconnect_all_slots();
     signals.tasksStarted.disconnect_all_slots();
     signals.tasksFinished.disconnect_all_slots();
     signals.changes.disconnect_all_slots();
     signals.foldersChanged.disconnect_all_slots();
+    signals.stalenessChanged.disconnect_all_slots();
 }
 
 bool JobCombiningCMStatusCache::isFileIgnored(const Path& file) const {
@@ -133,25 +156,28 @@ bool JobCombiningCMStatusCache::isFileIgnored(const Path& file) const {
 boost::signals2::connection
 JobCombiningCMStatusCache::connectCacheChanged(const ChangedSlot& slot) {
     QUENDO_TRACE_SCOPE();
-    return m_impl->state->signals->cacheChanged.connect(slot);
+    return m_impl->state->books.signals->cacheChanged.connect(slot);
 }
 
 boost::signals2::connection JobCombiningCMStatusCache::connectTasksStarted(const TasksSlot& slot) {
     QUENDO_TRACE_SCOPE();
-    return m_impl->state->signals->tasksStarted.connect(slot);
+    return m_impl->state->books.signals->tasksStarted.connect(slot);
 }
 
 boost::signals2::connection JobCombiningCMStatusCache::connectTasksFinished(const TasksSlot& slot) {
     QUENDO_TRACE_SCOPE();
-    return m_impl->state->signals->tasksFinished.connect(slot);
+    return m_impl->state->books.signals->tasksFinished.connect(slot);
 }
 
 std::shared_ptr<CacheTask> JobCombiningCMStatusCache::refreshFolder(const Path& folder) {
     QUENDO_TRACE_SCOPE();
     if (isFileIgnored(folder))
         return std::make_shared<NoOpTask>();
-    auto barrier = m_impl->makeBarrier();
-    m_impl->updater.submit(m_impl->makeFolderJob(folder, getFolderStatusFlag(), barrier));
+    auto request = m_impl->makeRequest(false);
+    request.folder = folder;
+    request.folderStatusFlag = getFolderStatusFlag();
+    auto barrier = request.barrier;
+    m_impl->updater.submit(m_impl->makeFolderJob(std::move(request)));
     return barrier;
 }
 
@@ -175,18 +201,7 @@ std::shared_ptr<CacheTask>
 JobCombiningCMStatusCache::refreshCMStatuses(const std::vector<Path>& files) {
     QUENDO_TRACE_SCOPE();
     QUENDO_LOG(Severity::Detail) << " files.size()=" << files.size();
-    RefreshRequest request;
-    for (const auto& file : files) {
-        if (!isFileIgnored(file))
-            request.files.push_back(file);
-    }
-    if (request.files.empty())
-        return std::make_shared<NoOpTask>();
-    auto barrier = m_impl->makeBarrier();
-    request.barrier = barrier;
-    m_impl->updater.submit(std::make_unique<FileCacheUpdateJob>(
-        std::move(request), m_impl->state->signals, m_impl->state->ledger));
-    return barrier;
+    return m_impl->refreshFiles(*this, files, false);
 }
 
 void JobCombiningCMStatusCache::refreshAll() {
@@ -231,7 +246,7 @@ void JobCombiningCMStatusCache::stop() {
 boost::signals2::connection
 JobCombiningCMStatusCache::connectChanges(const CMStatusCacheChanges::Slot& slot) {
     QUENDO_TRACE_SCOPE();
-    return m_impl->state->signals->changes.connect(slot);
+    return m_impl->state->books.signals->changes.connect(slot);
 }
 
 StatusListing JobCombiningCMStatusCache::listStatuses(const Path& folder) const {
@@ -259,28 +274,44 @@ std::uint64_t JobCombiningCMStatusCache::getFolderSetVersion() const {
 boost::signals2::connection
 JobCombiningCMStatusCache::connectFoldersChanged(const CMStatusCacheFolders::Slot& slot) {
     QUENDO_TRACE_SCOPE();
-    return m_impl->state->signals->foldersChanged.connect(slot);
+    return m_impl->state->books.signals->foldersChanged.connect(slot);
 }
 
 Freshness JobCombiningCMStatusCache::getFreshness(const Path& path) const {
     return m_impl->updater.getFreshness(path);
 }
 
+std::optional<Staleness> JobCombiningCMStatusCache::getStaleness() const {
+    return m_impl->updater.getStaleness();
+}
+
+boost::signals2::connection
+JobCombiningCMStatusCache::connectStalenessChanged(const StalenessSlot& slot) {
+    QUENDO_TRACE_SCOPE();
+    return m_impl->state->books.signals->stalenessChanged.connect(slot);
+}
+
 std::shared_ptr<CacheTask> JobCombiningCMStatusCache::requireFreshFile(const Path& file) {
     QUENDO_TRACE_SCOPE();
-    return refreshCMStatuses({file});
+    return m_impl->refreshFiles(*this, {file}, true);
 }
 
 std::shared_ptr<CacheTask> JobCombiningCMStatusCache::requireFreshFolder(const Path& folder) {
     QUENDO_TRACE_SCOPE();
     if (isFileIgnored(folder))
         return std::make_shared<NoOpTask>();
-    auto barrier = m_impl->makeBarrier();
-    const bool flag = getFolderStatusFlag();
-    auto job = m_impl->makeFolderJob(folder, flag, barrier);
+    auto request = m_impl->makeRequest(true);
+    request.folder = folder;
+    auto barrier = request.barrier;
+    const bool flag = request.folderStatusFlag;
+    auto job = m_impl->makeFolderJob(std::move(request));
     if (!m_impl->updater.join(job, folder, flag))
         m_impl->updater.submit(std::move(job));
     return barrier;
+}
+
+CacheStatistics JobCombiningCMStatusCache::getStatistics() const {
+    return m_impl->updater.getStatistics();
 }
 
 std::shared_ptr<CMStatusCache>

@@ -4,6 +4,7 @@
 #include "quendo/cache/CMStatusCacheChanges.h"
 #include "quendo/cache/CMStatusCacheFolders.h"
 #include "quendo/cache/CMStatusCacheFreshness.h"
+#include "quendo/cache/CMStatusCacheStatistics.h"
 #include "quendo/cache/Stoppable.h"
 #include "quendo/platform/Export.h"
 
@@ -15,7 +16,8 @@ class CMAdapter;
 class CMApplicationInteractor;
 
 /// The status cache of one working copy. Requests for refreshes become jobs, which run one at a
-/// time on a strand of the cache's own; requests that pile up meanwhile are combined.
+/// time on a strand of the cache's own; requests that pile up meanwhile are combined. What a job
+/// did not answer, because its query failed or was stopped, the cache retries by itself.
 ///
 /// Paths that have one of the adapter's forbidden names on the way from the root are left alone:
 /// their refresh is a task that does nothing.
@@ -26,7 +28,8 @@ class QUENDO_API JobCombiningCMStatusCache : public CMStatusCache,
                                              public Stoppable,
                                              public CMStatusCacheChanges,
                                              public CMStatusCacheFolders,
-                                             public CMStatusCacheFreshness {
+                                             public CMStatusCacheFreshness,
+                                             public CMStatusCacheStatistics {
 public:
     /// Asks the adapter for its root and its forbidden names, once.
     /// @throws exception::InvalidArgumentError when either is null
@@ -64,8 +67,12 @@ public:
     connectFoldersChanged(const CMStatusCacheFolders::Slot& slot) override;
 
     Freshness getFreshness(const Path& path) const override;
+    std::optional<Staleness> getStaleness() const override;
+    boost::signals2::connection connectStalenessChanged(const StalenessSlot& slot) override;
     std::shared_ptr<CacheTask> requireFreshFile(const Path& file) override;
     std::shared_ptr<CacheTask> requireFreshFolder(const Path& folder) override;
+
+    CacheStatistics getStatistics() const override;
 
 private:
     struct Impl;

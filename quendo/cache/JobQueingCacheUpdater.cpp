@@ -2,11 +2,18 @@
 
 #include "quendo/adapter/CMAdapter.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
+#include "quendo/cache/FileCacheUpdateJob.h"
+#include "quendo/cache/FolderCacheUpdateJob.h"
+#include "quendo/platform/DelayedTaskService.h"
 #include "quendo/platform/Executor.h"
+#include "quendo/platform/Logging.h"
 #include "quendo/platform/ReentrantReadWriteLock.h"
+#include "quendo/platform/Services.h"
 
 #include <algorithm>
+#include <chrono>
 #include <list>
+#include <set>
 #include <utility>
 
 // How jobs combine.
@@ -21,8 +28,26 @@
 // depends on what was joined before: behind A/x and A/y, A fits to both, but the two do not fit to
 // each other; joining A to A/y early would let A/x end the run that would have become A. File jobs
 // fit whatever they hold, so a file job joins the last of the queue at once if that is one: the
-// result is the same, and no list of ten thousand jobs has to be walked under the lock. Joining
-// moves list nodes, so its cost is the number of jobs and it cannot fail.
+// result is the same, and no list of ten thousand jobs has to be walked under the lock. So does a
+// folder job for the same folder. Joining moves nodes, so it cannot fail, and a job holds each path
+// once.
+//
+// Bounds. The memory of the queue must grow with the number of tasks that clients hold, and not
+// with the number of requests. So
+//
+// - a job forgets the tasks that nobody holds whenever their number has doubled;
+// - of more than `mostJobs` jobs the order is given up: a request joins any job that answers it;
+// - where files beyond RetryPlan::mostFiles, or folders beside each other in more than twice
+//   `mostJobs` jobs, have gathered for which nobody holds a task, a few common folders represent
+//   them.
+//
+// Retries. What was not answered stands in the ledger (RetryPlan.cpp) and not in the queue. The
+// drain takes what is due when the queue is empty, so that a retry delays no waiter; while the
+// queue is never empty it takes a retry between two jobs, once that is overdue by a second. When
+// the drain has nothing to do, it has the service for delayed tasks wake it at the next due time.
+// A delayed task cannot be taken back: none is started while one is on its way that comes as early,
+// and one that finds nothing due starts the next. A delayed task counts as on time whenever it
+// comes: with a service that does not wait, the order of retries stays what it is.
 //
 // The drain. Whoever submits into a queue without a drain posts one. It works until it finds the
 // queue empty, and in the same hold of the queue's lock says that there is no drain any more: a job
@@ -37,17 +62,23 @@
 
 namespace quendo {
 
+namespace {
+
+constexpr std::size_t mostJobs = 256;
+constexpr std::chrono::seconds mostOverdue{1};
+
+} // namespace
+
 class JobQueingCacheUpdater::Impl : public std::enable_shared_from_this<Impl> {
 public:
     Impl(std::shared_ptr<CacheState> state, std::shared_ptr<CMAdapter> adapter,
          std::shared_ptr<CMApplicationInteractor> interactor)
         : m_state(std::move(state)), m_adapter(std::move(adapter)),
-          m_interactor(std::move(interactor)),
-          m_executor(createStrandExecutor("CMStatusCache_" +
-                                          m_adapter->getRootFolder().fileName().toUtf8())) {}
+          m_interactor(std::move(interactor)), m_root(m_adapter->getRootFolder()),
+          m_executor(createStrandExecutor("CMStatusCache_" + m_root.fileName().toUtf8())) {}
 
     void submit(std::unique_ptr<CacheUpdateJob> job) {
-        std::list<std::unique_ptr<CacheUpdateJob>> entry;
+        Jobs entry;
         entry.push_back(std::move(job));
         {
             const auto stateHold = m_stateLock.write();
@@ -57,7 +88,7 @@ public:
                 return;
             }
         }
-        entry.front()->completeAll();
+        entry.front()->stop();
     }
 
     bool join(std::unique_ptr<CacheUpdateJob>& job, const Path& folder, bool folderStatusFlag) {
@@ -69,58 +100,150 @@ public:
         });
         if (host == m_queue.end())
             return false;
-        (*host)->absorb(*job);
+        absorb(**host, *job);
         return true;
     }
 
     void stop() {
-        std::list<std::unique_ptr<CacheUpdateJob>> dropped;
+        Jobs dropped;
         {
             const auto stateHold = m_stateLock.write();
             m_stopped = true;
+            m_state->books.ledger->stop();
             const auto hold = m_queueLock.write();
             dropped.swap(m_queue);
         }
         for (const auto& job : dropped)
-            job->completeAll();
+            job->stop();
     }
 
     Freshness getFreshness(const Path& path) const {
         const auto hold = m_queueLock.read();
-        auto result = m_state->ledger->getFreshness(path);
-        if (result.refresh != Freshness::Refresh::Running &&
-            std::ranges::any_of(m_queue, [&](const auto& job) { return covers(*job, path); }))
-            result.refresh = Freshness::Refresh::Waiting;
+        auto result = m_state->books.ledger->getFreshness(path);
+        for (const auto& job : m_queue) {
+            const auto* pending = job->find(path);
+            if (pending == nullptr)
+                continue;
+            if (result.refresh != Freshness::Refresh::Running)
+                result.refresh = Freshness::Refresh::Waiting;
+            Staleness waiting;
+            waiting.since = pending->since;
+            waiting.reason = pending->reason;
+            include(result.staleness, waiting);
+        }
+        return result;
+    }
+
+    std::optional<Staleness> getStaleness() const {
+        const auto hold = m_queueLock.read();
+        auto result = m_state->books.ledger->getStaleness();
+        for (const auto& job : m_queue)
+            include(result, job->staleness());
+        return result;
+    }
+
+    CacheStatistics getStatistics() const {
+        auto result = m_state->books.statistics->get();
+        const auto hold = m_queueLock.read();
+        result.queuedRefreshes = m_queue.size();
+        for (const auto& job : m_queue)
+            result.queuedPaths += job->paths().size();
+        result.retryPaths = m_state->books.ledger->retryPathCount();
+        if (const auto next = m_state->books.ledger->nextRetry())
+            result.nextRetry = std::chrono::system_clock::now() +
+                               std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                                   std::max(*next - Clock::now(), Clock::duration::zero()));
         return result;
     }
 
     const std::shared_ptr<Executor>& executor() const noexcept { return m_executor; }
 
 private:
-    static bool covers(const CacheUpdateJob& job, const Path& path) {
-        return std::ranges::any_of(job.requests(),
-                                   [&](const auto& request) { return request.covers(path); });
-    }
+    using Clock = std::chrono::steady_clock;
+    using Jobs = std::list<std::unique_ptr<CacheUpdateJob>>;
 
     /// @return whether a drain has to be posted
-    bool enqueue(std::list<std::unique_ptr<CacheUpdateJob>>& entry) {
+    bool enqueue(Jobs& entry) {
         const auto hold = m_queueLock.write();
-        if (!m_queue.empty() && m_queue.back()->combinesAtOnce() &&
-            m_queue.back()->canCombineWith(*entry.front()))
-            m_queue.back()->absorb(*entry.front());
-        else
+        auto& job = *entry.front();
+        auto host = m_queue.end();
+        if (!m_queue.empty() && m_queue.back()->canAbsorbAtOnce(job))
+            host = std::prev(host);
+        else if (m_queue.size() >= mostJobs)
+            host = std::ranges::find_if(m_queue, [&](auto& each) { return each->willAnswer(job); });
+        if (host != m_queue.end()) {
+            absorb(**host, job);
+        } else {
             m_queue.splice(m_queue.end(), entry);
+            host = std::prev(m_queue.end());
+        }
+        limitQueue(**host);
         return !std::exchange(m_drainPending, true);
+    }
+
+    /// With the queue's lock held.
+    static void absorb(CacheUpdateJob& host, CacheUpdateJob& job) noexcept {
+        host.absorb(job);
+        if (host.taskCount() > host.checkAt.tasks) {
+            host.dropUnheldTasks();
+            host.checkAt.tasks = std::max<std::size_t>(mostJobs, 2 * host.taskCount());
+        }
+    }
+
+    /// With the queue's lock held: lets common folders represent what nobody holds a task for,
+    /// where `changed` has become too large or the jobs for folders too many.
+    void limitQueue(CacheUpdateJob& changed) noexcept {
+        if (m_queue.size() <= m_checkJobsAt && changed.paths().size() <= changed.checkAt.paths)
+            return;
+        const bool ofFolders = m_queue.size() > m_checkJobsAt;
+        const auto concerned = [&](const CacheUpdateJob& job) {
+            return ofFolders ? job.isOfFolder() : &job == &changed;
+        };
+        try {
+            PendingPaths all;
+            for (const auto& job : m_queue) {
+                if (!concerned(*job))
+                    continue;
+                job->dropUnheldTasks();
+                auto unheld = job->unheldPaths();
+                all.absorb(unheld);
+            }
+            const auto folders = commonFolders(all, m_root, RetryPlan::commonFolderLimit);
+            Jobs common;
+            for (const auto& [folder, pending] : folders.map()) {
+                RefreshRequest request;
+                request.folder = folder;
+                request.folderStatusFlag = pending.folderStatusFlag;
+                request.reason = pending.reason;
+                request.since = pending.since;
+                common.push_back(
+                    std::make_unique<FolderCacheUpdateJob>(std::move(request), m_state->books));
+            }
+            for (const auto& job : m_queue) {
+                if (concerned(*job))
+                    job->forgetUnheldPaths();
+            }
+            changed.checkAt.paths = std::max(RetryPlan::mostFiles, 2 * changed.paths().size());
+            m_queue.remove_if([](const auto& job) { return job->paths().empty(); });
+            for (const auto& job : common) {
+                const auto host = std::ranges::find_if(
+                    m_queue, [&](const auto& each) { return each->willAnswer(*job); });
+                if (host != m_queue.end())
+                    absorb(**host, *job);
+            }
+            common.remove_if([](const auto& job) { return job->paths().empty(); });
+            m_queue.splice(m_queue.end(), common);
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION(); // it is tried again with the next request
+        }
+        m_checkJobsAt = std::max(2 * mostJobs, 2 * m_queue.size());
     }
 
     /// With the state lock held, so nobody else submits or stops. No drain was pending, so the
     /// queue holds the one job that was just put in.
-    void postDrain(std::list<std::unique_ptr<CacheUpdateJob>>& entry) {
+    void postDrain(Jobs& entry) {
         try {
-            m_executor->post([weak = weak_from_this()] {
-                if (const auto self = weak.lock())
-                    self->drainJobQueue();
-            });
+            post();
         } catch (...) {
             const auto hold = m_queueLock.write();
             m_drainPending = false;
@@ -129,40 +252,162 @@ private:
         }
     }
 
-    void drainJobQueue() {
-        while (const auto job = takeNext())
-            job->run(*m_adapter, *m_interactor, m_state->files);
+    void post() {
+        m_executor->post([weak = weak_from_this()] {
+            if (const auto self = weak.lock())
+                self->drainJobQueue();
+        });
     }
 
-    std::unique_ptr<CacheUpdateJob> takeNext() {
+    void drainJobQueue() {
+        for (auto job = takeNext(); !job.empty(); job = takeNext()) {
+            job.front()->run(*m_adapter, *m_interactor, m_state->files);
+            if (job.front()->isCarriedOver())
+                putBack(job);
+            job.clear();
+            tellRetries();
+        }
+        startTimer();
+    }
+
+    /// @return the job that runs next, or an empty list
+    Jobs takeNext() {
+        Jobs taken;
         const auto hold = m_queueLock.write();
+        if (takeRetry(taken))
+            return taken;
         if (m_queue.empty()) {
             m_drainPending = false;
-            return nullptr;
+            m_wokenTo = {};
+            return taken;
         }
-        auto current = std::move(m_queue.front());
-        m_queue.pop_front();
-        while (!m_queue.empty() && current->canCombineWith(*m_queue.front())) {
-            current->absorb(*m_queue.front());
+        taken.splice(taken.end(), m_queue, m_queue.begin());
+        auto& current = *taken.front();
+        while (!m_queue.empty() && current.canCombineWith(*m_queue.front())) {
+            current.absorb(*m_queue.front());
             m_queue.pop_front();
         }
-        current->start(); // under the lock: a request is waiting or running at any moment
-        return current;
+        current.start(); // under the lock: a request is waiting or running at any moment
+        return taken;
+    }
+
+    /// With the queue's lock held.
+    bool takeRetry(Jobs& taken) {
+        auto& ledger = *m_state->books.ledger;
+        if (const auto next = ledger.nextRetry(); !next || *next > m_wokenTo)
+            return false;
+        // The jobs that waiters wait for go first, but not for ever.
+        const auto now = Clock::now();
+        if (!m_queue.empty() && now < m_retryDueSince.value_or(now) + mostOverdue) {
+            m_retryDueSince = m_retryDueSince.value_or(now);
+            return false;
+        }
+        m_retryDueSince.reset();
+        RetrySets set;
+        if (!ledger.takeDue(m_wokenTo, set))
+            return false;
+        try {
+            if (set.front().isOfFolder)
+                taken.push_back(std::make_unique<FolderCacheUpdateJob>(set, m_state->books));
+            else
+                taken.push_back(std::make_unique<FileCacheUpdateJob>(set, m_state->books));
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+            ledger.putBack(set);
+            return false;
+        }
+        taken.front()->start();
+        return true;
+    }
+
+    /// Has a job run again whose tasks were carried over.
+    void putBack(Jobs& job) {
+        const auto stateHold = m_stateLock.write();
+        if (m_stopped) {
+            job.front()->stop();
+            return;
+        }
+        const auto hold = m_queueLock.write();
+        m_queue.splice(m_queue.begin(), job);
+    }
+
+    void tellRetries() noexcept {
+        try {
+            if (const auto changed = m_state->books.ledger->takeRetryChange())
+                m_state->books.signals->stalenessChanged(*changed);
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+        }
+    }
+
+    /// Has the drain woken when the next retry is due.
+    void startTimer(std::chrono::milliseconds delay = {}) noexcept {
+        std::optional<Clock::time_point> at;
+        try {
+            {
+                const auto hold = m_queueLock.write();
+                at = m_state->books.ledger->nextRetry();
+                if (!at || (!m_timers.empty() && *m_timers.begin() <= *at))
+                    return;
+                delay = std::max(delay,
+                                 std::chrono::ceil<std::chrono::milliseconds>(*at - Clock::now()));
+                m_timers.insert(*at);
+            }
+            m_services->delayedTasks->runAfter(delay, [weak = weak_from_this(), at = *at] {
+                if (const auto self = weak.lock())
+                    self->wake(at);
+            });
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION(); // the next drain starts it
+            const auto hold = m_queueLock.write();
+            if (at)
+                m_timers.erase(*at);
+        }
+    }
+
+    /// On a thread of the delay service.
+    void wake(Clock::time_point at) {
+        {
+            const auto stateHold = m_stateLock.write();
+            {
+                const auto hold = m_queueLock.write();
+                m_timers.erase(at);
+                m_wokenTo = std::max(m_wokenTo, at);
+                if (m_stopped || std::exchange(m_drainPending, true))
+                    return;
+            }
+            try {
+                post();
+                return;
+            } catch (...) {
+                QUENDO_LOG_CAUGHT_EXCEPTION();
+                const auto hold = m_queueLock.write();
+                m_drainPending = false;
+            }
+        }
+        startTimer(RetryPlan::firstDelay);
     }
 
     // Constant after construction.
     const std::shared_ptr<CacheState> m_state;
     const std::shared_ptr<CMAdapter> m_adapter;
     const std::shared_ptr<CMApplicationInteractor> m_interactor;
+    const Path m_root;
     const std::shared_ptr<Executor> m_executor;
+    const std::shared_ptr<const platform::Services> m_services = platform::services();
 
     ReentrantReadWriteLock m_stateLock; ///< before m_queueLock
     bool m_stopped = false;             ///< guarded by m_stateLock
 
     mutable ReentrantReadWriteLock m_queueLock; ///< before the ledger's
-    /// Guarded by m_queueLock. Not empty only while a drain is pending.
-    std::list<std::unique_ptr<CacheUpdateJob>> m_queue;
-    bool m_drainPending = false; ///< guarded by m_queueLock: posted or running
+    // Guarded by m_queueLock.
+    Jobs m_queue;                ///< not empty only while a drain is pending
+    bool m_drainPending = false; ///< posted or running
+    /// Since when a retry that is due has waited for the queue.
+    std::optional<Clock::time_point> m_retryDueSince;
+    std::size_t m_checkJobsAt = 2 * mostJobs;
+    std::set<Clock::time_point> m_timers; ///< that are on their way
+    Clock::time_point m_wokenTo{};        ///< the latest that has come for this drain
 };
 
 JobQueingCacheUpdater::JobQueingCacheUpdater(std::shared_ptr<CacheState> state,
@@ -189,6 +434,14 @@ void JobQueingCacheUpdater::stop() {
 
 Freshness JobQueingCacheUpdater::getFreshness(const Path& path) const {
     return m_impl->getFreshness(path);
+}
+
+std::optional<Staleness> JobQueingCacheUpdater::getStaleness() const {
+    return m_impl->getStaleness();
+}
+
+CacheStatistics JobQueingCacheUpdater::getStatistics() const {
+    return m_impl->getStatistics();
 }
 
 const std::shared_ptr<Executor>& JobQueingCacheUpdater::executor() const noexcept {

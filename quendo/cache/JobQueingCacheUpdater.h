@@ -1,11 +1,12 @@
 #pragma once
 
 #include "quendo/cache/CMStatusCacheFreshness.h"
+#include "quendo/cache/CMStatusCacheStatistics.h"
 #include "quendo/cache/CacheUpdateJob.h"
-#include "quendo/cache/RefreshLedger.h"
 #include "quendo/cache/TransactionalFileCache.h"
 
 #include <memory>
+#include <optional>
 
 namespace quendo {
 
@@ -17,12 +18,11 @@ class Executor;
 /// when the last reference to the cache goes in the middle, so the two share it.
 struct CacheState {
     TransactionalFileCache<FileState> files;
-    std::shared_ptr<CacheSignals> signals = std::make_shared<CacheSignals>();
-    std::shared_ptr<RefreshLedger> ledger = std::make_shared<RefreshLedger>();
+    CacheBooks books;
 };
 
-/// Runs the update jobs of one cache, one at a time and in their order, on a strand of its own.
-/// JobQueingCacheUpdater.cpp tells how jobs combine.
+/// Runs the update jobs of one cache, one at a time and in their order, on a strand of its own, and
+/// retries what they did not answer. JobQueingCacheUpdater.cpp tells how jobs combine.
 ///
 /// Threads: any. Destroying it stops it, and waits for nothing.
 class JobQueingCacheUpdater {
@@ -34,7 +34,7 @@ public:
     JobQueingCacheUpdater(const JobQueingCacheUpdater&) = delete;
     JobQueingCacheUpdater& operator=(const JobQueingCacheUpdater&) = delete;
 
-    /// Queues `job`; after stop() its tasks end at once, with success.
+    /// Queues `job`; after stop() its tasks end at once (CacheUpdateJob::stop).
     /// @throws what the executor throws when it cannot take work; the job is then gone, unsettled.
     void submit(std::unique_ptr<CacheUpdateJob> job);
 
@@ -43,11 +43,14 @@ public:
     /// @return whether there was one; `request` is then gone
     bool join(std::unique_ptr<CacheUpdateJob>& request, const Path& folder, bool folderStatusFlag);
 
-    /// Ends the tasks of everything queued, with success. A running job goes on.
+    /// Ends the tasks of everything queued (CacheUpdateJob::stop). A running job goes on. Nothing
+    /// is retried any more.
     void stop();
 
     /// What the ledger says, and what waits.
     Freshness getFreshness(const Path& path) const;
+    std::optional<Staleness> getStaleness() const;
+    CacheStatistics getStatistics() const;
 
     /// The strand.
     const std::shared_ptr<Executor>& executor() const noexcept;

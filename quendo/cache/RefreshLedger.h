@@ -1,79 +1,101 @@
 #pragma once
 
 #include "quendo/cache/CMStatusCacheFreshness.h"
+#include "quendo/cache/RefreshRequest.h"
+#include "quendo/cache/RetryPlan.h"
 #include "quendo/platform/Path.h"
 
 #include <chrono>
 #include <cstddef>
 #include <exception>
-#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <vector>
+#include <optional>
 
 namespace quendo {
 
-class CacheBarrier;
+namespace platform {
+class FileUtilities;
+}
 
-/// What one call of a refresh operation asked for: files, or one folder.
-struct RefreshRequest {
-    std::vector<Path> files;
-    Path folder; ///< of a folder request, which has no files
-    bool folderStatusFlag = false;
-    std::shared_ptr<CacheBarrier> barrier; ///< null when nobody waits for it any more
-    std::exception_ptr failure;            ///< why it is owed, when it failed
-
-    bool isOfFolder() const noexcept { return files.empty(); }
-    bool covers(const Path& path) const noexcept;
-};
-
-/// A list, so that requests go from job to ledger and back without a failure.
-using RefreshRequests = std::list<RefreshRequest>;
-
-/// The books about what was asked for, what is being asked and what was answered.
+/// Tracks what is being queried, what was answered when, and what is to be retried.
 ///
-/// A refresh that failed, or was skipped because a request combined with it was cancelled, leaves
-/// its paths stale though somebody wanted to know: a file event asks once. So such requests, but
-/// for those that were cancelled themselves, are owed: the next job of their kind asks for them
-/// too, and any answer that covers a path settles what is owed for it.
+/// Any answer that covers a path takes it out of what is to be retried. What failed, was skipped or
+/// was interrupted is retried, but for requests that were cancelled themselves: RetryPlan.cpp.
 ///
-/// Threads: any, its own lock. start() to skip() belong to the one job that runs.
+/// Threads: any, its own lock. start() to giveUp() belong to the one job that runs.
 class RefreshLedger {
 public:
-    using TimePoint = std::chrono::steady_clock::time_point;
+    using TimePoint = RefreshRequest::TimePoint;
 
-    /// Takes over the requests of the job that runs now.
-    void start(RefreshRequests& requests) noexcept;
+    /// @param files where the root is looked for when a query fails; null: it is taken for there
+    explicit RefreshLedger(Path root = {},
+                           std::shared_ptr<const platform::FileUtilities> files = nullptr);
 
-    /// Those requests; constant until the next call of one of these operations.
-    const RefreshRequests& running() const noexcept { return m_running; }
+    /// Takes over what the job that runs now queries.
+    /// @param sets for giveUp(): one for files, one for each folder, and those that are given back.
+    ///        Of a retry, the one whose paths are `paths` and that tells what became of them
+    ///        before.
+    void start(PendingPaths& paths, RetrySets& sets) noexcept;
 
-    /// They were answered by a query that started at `queryStart`.
+    /// Constant until the next call of one of these operations.
+    const PendingPaths& running() const noexcept { return m_running; }
+
+    /// It was answered by a query that started at `queryStart`.
     void succeed(TimePoint queryStart) noexcept;
-    void fail(const std::exception_ptr& failure) noexcept;
-    void skip() noexcept;
 
-    /// How often retry() has to be called to reach all that is owed of one kind.
-    std::size_t owedRounds(bool folders) const noexcept;
+    /// It was not answered; does nothing after succeed().
+    /// @param requests of the job: those that were cancelled are not retried
+    /// @param carriedOver gets what the carried-over ones (CacheUpdateJob) query again
+    /// @param sets gets those that were not used
+    void giveUp(const RefreshRequests& requests, Staleness::Cause cause,
+                const std::exception_ptr& failure, TimePoint::duration duration,
+                PendingPaths& carriedOver, RetrySets& sets) noexcept;
 
-    /// Makes the oldest owed folder request, or all owed file requests together, the running one.
-    /// @return false when nothing is owed
-    bool retry(bool folders) noexcept;
+    /// Moves a set that is due at `reached` to `taken`. @return whether there was one
+    bool takeDue(TimePoint reached, RetrySets& taken) noexcept;
+    /// Takes back what takeDue() gave and nobody has queried.
+    void putBack(RetrySets& taken) noexcept;
+    /// When takeDue() will have one; empty when there is nothing, or the root is gone.
+    std::optional<TimePoint> nextRetry() const noexcept;
+    std::size_t retryPathCount() const noexcept;
 
-    /// All of Freshness but what waits in a queue.
+    /// Nothing is retried from now on.
+    void stop() noexcept;
+
+    /// All but what waits in a queue.
     Freshness getFreshness(const Path& path) const;
+    std::optional<Staleness> getStaleness() const;
+
+    /// What is to be retried, when that has changed since the last call. Nothing while a retry is
+    /// due at once: its result follows.
+    std::optional<std::optional<Staleness>> takeRetryChange();
 
 private:
-    void noteAnswer(const RefreshRequest& request, TimePoint queryStart);
-    void forgetOldest();
+    bool isRootGone() noexcept;
+    void noteAnswer(TimePoint queryStart);
+    std::optional<TimePoint> nextRetryLocked() const noexcept;
+    Staleness stalenessOfRunning(const PendingPath& path) const noexcept;
+
+    // Constant after construction.
+    const Path m_root;
+    const std::shared_ptr<const platform::FileUtilities> m_files;
+
+    // Used by the running job alone.
+    bool m_hasSeenRoot = false;
+    bool m_hasLookedForRoot = false;
 
     mutable std::mutex m_mutex;
     // All below is guarded by m_mutex; the running job alone changes m_running, and reads it
     // without the lock.
-    RefreshRequests m_running;
-    RefreshRequests m_owedFiles;               ///< oldest first
-    RefreshRequests m_owedFolders;             ///< oldest first
+    mutable PendingPaths m_running;
+    RetrySets m_runningSets;
+    bool m_isRunningFolders = false;
+    mutable RetryPlan m_plan;
+    bool m_isRootGone = false;
+    bool m_isStopped = false;
+    std::optional<Staleness> m_toldRetries;
     std::map<Path, TimePoint> m_answeredFiles; ///< since the last answer for a folder around each
     std::map<Path, TimePoint> m_answeredFolders;
 };

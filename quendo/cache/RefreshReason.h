@@ -2,6 +2,7 @@
 
 #include "quendo/platform/Export.h"
 
+#include <cstddef>
 #include <string_view>
 
 namespace quendo {
@@ -17,6 +18,8 @@ enum class RefreshReason {
     RootReturned,   ///< the root was deleted or is there again
     Retry,          ///< an earlier refresh failed, was skipped or was interrupted
 };
+
+constexpr std::size_t refreshReasonCount = 8;
 
 /// A word for people and dumps, such as "file event".
 QUENDO_API std::string_view toString(RefreshReason reason) noexcept;

@@ -15,7 +15,9 @@ namespace quendo {
 /// does nothing once its cache has gone. Threads: as the cache; those that wait must not be called
 /// where the cache refuses to wait.
 
-/// Refreshes everything and waits. @throws as CMStatusCache::refreshAll()
+/// Refreshes everything and waits until that was answered, also when a request that was combined
+/// with it is cancelled. @throws as CMStatusCache::refreshAll()
+/// @throws exception::OperationCancelledError when the cache was stopped before
 std::function<void()> fullUpdateResponse(std::weak_ptr<CMStatusCache> cache);
 
 /// Requests a refresh of `folder` and does not wait.
@@ -24,7 +26,7 @@ std::function<void()>
 nonBlockingFullUpdateResponse(std::weak_ptr<CMStatusCache> cache, const Path& folder,
                               std::optional<RefreshReason> reason = std::nullopt);
 
-/// Refreshes exactly these files and waits. @throws as CacheTask::wait()
+/// Refreshes exactly these files and waits. @throws as fullUpdateResponse()
 std::function<void(std::vector<Path>)> filesUpdateResponse(std::weak_ptr<CMStatusCache> cache);
 
 /// Asks for a refresh of each of these folders, in their order, and does not wait.

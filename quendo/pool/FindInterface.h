@@ -16,6 +16,7 @@ namespace quendo {
 /// | Interface | Implemented by |
 /// |---|---|
 /// | CMStatusCacheChanges, CMStatusCacheFolders, CMStatusCacheFreshness | the cache |
+/// | CMStatusCacheStatistics | the cache |
 /// | EventBroadcastingCMAdapter, for its listeners | the outermost layer of the adapter |
 /// | BranchStateCache | the folder, which has a getter for it as well |
 /// | BranchInformation, RevisionContent, RevisionHistory | the adapter, as a subsystem |

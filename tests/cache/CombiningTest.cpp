@@ -91,20 +91,17 @@ TEST_F(CombiningTest, TenThousandRequestsBehindARunningJobAreOneQuery) {
 
 // Joining in place, as the updater does, and joining by making new jobs give the same.
 TEST_F(CombiningTest, JoinsInPlaceAsByMakingNewJobs) {
-    const auto signals = std::make_shared<CacheSignals>();
     std::vector<std::shared_ptr<CacheBarrier>> barriers;
     const auto make = [&](const std::string& what) -> std::unique_ptr<CacheUpdateJob> {
         RefreshRequest request;
         request.barrier = barriers.emplace_back(std::make_shared<CacheBarrier>());
         if (what.starts_with("f:")) {
             request.files = {at(what.substr(2))};
-            return std::make_unique<FileCacheUpdateJob>(std::move(request), signals,
-                                                        std::make_shared<RefreshLedger>());
+            return std::make_unique<FileCacheUpdateJob>(std::move(request), CacheBooks());
         }
         request.folder = at(what.substr(3));
         request.folderStatusFlag = what.starts_with("d+");
-        return std::make_unique<FolderCacheUpdateJob>(std::move(request), signals,
-                                                      std::make_shared<RefreshLedger>());
+        return std::make_unique<FolderCacheUpdateJob>(std::move(request), CacheBooks());
     };
     const auto told = [&](CacheUpdateJob& job) {
         const auto adapter = test::makeMemoryAdapter(copy);
@@ -145,20 +142,19 @@ TEST_F(CombiningTest, SkipsWhatIsCancelledAndAsksForTheOthersLater) {
         task->wait();
     EXPECT_THAT(copy->takeCalls(), IsEmpty());
     EXPECT_EQ(signalsGiven, 0);
-    EXPECT_EQ(cache->getFreshness(at("a")).refresh, Freshness::Refresh::Owed);
+    EXPECT_EQ(cache->getFreshness(at("a")).refresh, Freshness::Refresh::ToBeRetried);
     EXPECT_EQ(cache->getFreshness(at("c")).refresh, Freshness::Refresh::None);
-    EXPECT_EQ(cache->getFreshness(at("x/y/z")).refresh, Freshness::Refresh::Owed);
+    EXPECT_EQ(cache->getFreshness(at("x/y/z")).refresh, Freshness::Refresh::ToBeRetried);
     EXPECT_EQ(cache->getFreshness(at("x/z")).refresh, Freshness::Refresh::None);
 
     set("d", LocalStatus::Added);
-    EXPECT_THAT(queriesOf("f:e"), ElementsAre("files e", "files a b d"));
+    EXPECT_THAT(queriesOf("f:e"), ElementsAre("files e", "files a b d", "folder x/y"));
     EXPECT_EQ(cached("d"), LocalStatus::Added);
-    EXPECT_THAT(queriesOf("d:z f:e"), ElementsAre("folder z", "folder x/y", "files e"));
     EXPECT_EQ(cache->getFreshness(at("x/y/z")).refresh, Freshness::Refresh::None);
 }
 
-// The same for a query that failed. What an answer covers is owed no more, and what fails again is
-// owed on and spoils nobody's refresh.
+// The same for a query that failed. What an answer covers is not retried any more, and what fails
+// again stays to be retried and fails no other refresh.
 TEST_F(CombiningTest, AsksAgainForWhatFailed) {
     std::vector<std::string> failing{"files a b", "folder x", "folder y"};
     inQuery = [&] {
@@ -173,9 +169,9 @@ TEST_F(CombiningTest, AsksAgainForWhatFailed) {
     }
     copy->takeCalls();
     EXPECT_THAT(queriesOf("f:c d:z"),
-                ElementsAre("files c", "files a b", "folder z", "folder x", "folder y"));
+                ElementsAre("files c", "folder z", "files a b", "folder x", "folder y"));
     const auto freshness = cache->getFreshness(at("x"));
-    EXPECT_EQ(freshness.refresh, Freshness::Refresh::Owed);
+    EXPECT_EQ(freshness.refresh, Freshness::Refresh::ToBeRetried);
     EXPECT_THROW(std::rethrow_exception(freshness.failure), std::out_of_range);
     failing.clear();
     EXPECT_THAT(queriesOf("d:. f:c"), ElementsAre("folder .", "files c")) << "covers all of it";
@@ -226,7 +222,7 @@ TEST_F(CombiningTest, StopsTheQueryThatRunsAndNoOther) {
     EXPECT_THAT(copy->takeCalls(), IsEmpty());
     cancelling.disconnect();
 
-    // When the answer is in the cache it is too late; but what is owed waits for the next job.
+    // When the answer is in the cache it is too late; what was skipped is a job of its own.
     const auto late = cache->connectCacheChanged([&] { next[0]->cancel(); });
     set("e");
     next = submit("f:e");
@@ -234,8 +230,7 @@ TEST_F(CombiningTest, StopsTheQueryThatRunsAndNoOther) {
     next[0]->wait();
     EXPECT_EQ(cached("e"), LocalStatus::Unmodified);
     late.disconnect();
-    copy->takeCalls();
-    EXPECT_THAT(queriesOf("f:e"), ElementsAre("files e", "files h"));
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files e", "files h"));
 }
 
 // A cancel between the first test and the handlers is seen by the second.

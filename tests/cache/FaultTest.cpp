@@ -69,7 +69,7 @@ protected:
     std::vector<test::Contents> seen; ///< at the start and in each notice of a change
 };
 
-TEST_F(FaultTest, WhatIsThrownReachesEveryWaiterAndItsPathsAreOwed) {
+TEST_F(FaultTest, WhatIsThrownReachesEveryWaiterAndItsPathsAreToBeRetried) {
     enum Place { Query, Started, Changes, Folders, Changed, Finished };
     for (const auto& thrown :
          {std::make_exception_ptr(std::domain_error("mine")), std::make_exception_ptr(5),
@@ -87,6 +87,12 @@ TEST_F(FaultTest, WhatIsThrownReachesEveryWaiterAndItsPathsAreOwed) {
                 : place == Changed  ? cache->connectCacheChanged(thrower)
                 : place == Finished ? cache->connectTasksFinished(thrower)
                                     : boost::signals2::connection();
+            int later = 0; // a listener behind the one that throws
+            const auto count = [&](const auto&...) { ++later; };
+            boost::signals2::scoped_connection counting[] = {
+                cache->connectTasksStarted(count), cache->connectChanges(count),
+                cache->connectFoldersChanged(count), cache->connectCacheChanged(count),
+                cache->connectTasksFinished(count)};
             if (place == Query)
                 inQuery = thrower;
             const Tasks tasks{cache->refreshFolder(a.parentPath()), cache->refreshFolder(at("."))};
@@ -94,12 +100,15 @@ TEST_F(FaultTest, WhatIsThrownReachesEveryWaiterAndItsPathsAreOwed) {
             for (const auto& task : tasks)
                 EXPECT_EQ(failureOf(task), fails ? thrown : nullptr);
             EXPECT_EQ(notices, (Notices{1, 1, merges ? 1 : 0}));
+            EXPECT_EQ(later, merges ? 5 : 2);
             EXPECT_EQ(contents(), merges ? copy->states : seen.front());
             const auto freshness = cache->getFreshness(a);
-            EXPECT_EQ(freshness.refresh, merges ? Refresh::None : Refresh::Owed);
+            EXPECT_EQ(freshness.refresh, merges ? Refresh::None : Refresh::ToBeRetried);
             EXPECT_EQ(freshness.failure, merges ? nullptr : thrown);
             EXPECT_EQ(freshness.answeredAt != before, merges);
             connection.disconnect();
+            for (auto& each : counting)
+                each.disconnect();
             refreshUndisturbed();
         }
 }

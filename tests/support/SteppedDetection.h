@@ -88,15 +88,24 @@ public:
         std::promise<void> reached;
         platform::services()->folderWatcher->fence([&] { reached.set_value(); });
         within(reached.get_future());
-        std::list<UniqueFunction<void()>> due;
+        const auto ended = endDelays();
+        runStrands();
+        return ended.size();
+    }
+
+    /// Runs the tasks that wait for a delay, in their order. @return their delays
+    std::vector<std::chrono::milliseconds> endDelays() {
+        std::list<std::pair<std::chrono::milliseconds, UniqueFunction<void()>>> due;
         {
             const std::lock_guard lock(m_delays->mutex);
             due.swap(m_delays->tasks);
         }
-        for (auto& task : due)
+        std::vector<std::chrono::milliseconds> delays;
+        for (auto& [delay, task] : due) {
+            delays.push_back(delay);
             task();
-        runStrands();
-        return due.size();
+        }
+        return delays;
     }
 
     /// The one made last.
@@ -129,12 +138,12 @@ private:
             if (refuses)
                 throw std::system_error(EAGAIN, std::generic_category(), "no thread");
             last = delay;
-            tasks.push_back(std::move(task));
+            tasks.emplace_back(delay, std::move(task));
         }
         std::mutex mutex;
         std::atomic<bool> refuses = false;
         std::chrono::milliseconds last{};
-        std::list<UniqueFunction<void()>> tasks;
+        std::list<std::pair<std::chrono::milliseconds, UniqueFunction<void()>>> tasks;
     };
     struct Executors : platform::ExecutorService {
         std::shared_ptr<Executor> getSourceControlExecutor() override { return sourceControl; }
