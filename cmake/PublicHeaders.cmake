@@ -123,6 +123,7 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/cache/RefreshRequest.h
     quendo/cache/RefreshStatistics.h
     quendo/cache/RetryPlan.h
+    quendo/cache/RunningQuery.h
     quendo/cache/TransactionalFileCache.h
     quendo/change_detection/UpdateResponses.h
     quendo/platform/DetectionSwitch.h

@@ -56,6 +56,7 @@ struct BackgroundTurns::Client::State {
     const Callbacks callbacks;
     // Guarded by the owner's mutex.
     bool isWaiting = false;
+    bool isRequestedAgain = false; ///< during its turn
     bool isGone = false;
     Clock::time_point due{};
     Clock::time_point lastRequest = Clock::time_point::min();
@@ -286,7 +287,11 @@ void BackgroundTurns::Client::request() {
     {
         const std::lock_guard lock(impl.mutex);
         impl.lastRequest = m_state->lastRequest = impl.options.now();
-        if (m_state->isWaiting || impl.holder == m_state)
+        if (impl.holder == m_state) {
+            m_state->isRequestedAgain = true;
+            return;
+        }
+        if (m_state->isWaiting)
             return;
         m_state->isWaiting = true;
     }
@@ -297,7 +302,7 @@ void BackgroundTurns::Client::end(bool wasInterrupted) {
     auto& impl = *m_owner->m_impl;
     {
         const std::lock_guard lock(impl.mutex);
-        m_state->isWaiting = false;
+        m_state->isWaiting = std::exchange(m_state->isRequestedAgain, false) && !m_state->isGone;
         if (impl.holder == m_state) {
             impl.holder = nullptr;
             const auto now = impl.options.now();

@@ -61,7 +61,8 @@ public:
         Client(const Client&) = delete;
         Client& operator=(const Client&) = delete;
 
-        /// Requests a turn. While one is requested, only notes that there is more to do.
+        /// Requests a turn. While one is requested, only notes that there is more to do; during a
+        /// turn, requests the next.
         void request();
 
         /// The turn is over; without one, withdraws the request.

@@ -3,6 +3,7 @@
 #include "quendo/adapter/CMAdapter.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/adapter/QueryOrigin.h"
+#include "quendo/cache/RunningQuery.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/platform/Logging.h"
 
@@ -92,7 +93,12 @@ public:
     /// Whether stopQuery() has cancelled the origin, and nobody else.
     bool isStoppedByTask() const noexcept { return m_isStoppedByTask.load(); }
 
-    void stopQuery() {
+    /// For a task that was cancelled.
+    void stopQuery() { stop(true); }
+    /// For others that have waited long enough.
+    void interrupt() { stop(false); }
+
+    void stop(bool byTask) {
         {
             const std::lock_guard lock(m_mutex);
             if (m_closed)
@@ -107,7 +113,8 @@ public:
                 gate.m_left.notify_all();
             }
         } const leave{*this};
-        m_isStoppedByTask.store(true);
+        if (byTask)
+            m_isStoppedByTask.store(true);
         m_origin->cancel();
         const QueryOrigin::TriggerScope scope(*m_origin);
         m_trigger.trigger();
@@ -236,6 +243,8 @@ CacheUpdateJob::Connections CacheUpdateJob::onCancel(CMApplicationInteractor& in
             connections.emplace_back(
                 request.barrier->connectCancel([gate = m_gate] { gate->stopQuery(); }));
     }
+    if (m_runningQuery != nullptr)
+        m_runningQuery->set([gate = m_gate] { gate->interrupt(); });
     return connections;
 }
 
@@ -291,6 +300,8 @@ void CacheUpdateJob::run(CMAdapter& adapter, CMApplicationInteractor& interactor
         catchFailure();
     }
     settle();
+    if (m_runningQuery != nullptr)
+        m_runningQuery->clear();
     if (m_gate != nullptr)
         m_gate->close();
     m_gate.reset();

@@ -31,6 +31,7 @@ namespace quendo {
 class CMAdapter;
 class CMApplicationInteractor;
 class QueryOrigin;
+class RunningQuery;
 
 /// The signals of one cache. Shared by the cache and its jobs, because destroying a signal that is
 /// being given is an error and a job may outlive its cache. A slot that throws hides no notice from
@@ -109,6 +110,12 @@ public:
         return m_isRequested ? QueryUrgency::Requested : QueryUrgency::Background;
     }
 
+    /// From now on it is requested work, because requested work waits behind it.
+    void makeRequested() noexcept { m_isRequested = true; }
+
+    /// Before run(): where to put the query, so that it can be interrupted. It outlives the run.
+    void setRunningQuery(RunningQuery* query) noexcept { m_runningQuery = query; }
+
     /// Forgets the tasks that nobody holds any more; what they requested is wanted all the same.
     void dropUnheldTasks() noexcept;
     std::size_t taskCount() const noexcept { return m_requests.size(); }
@@ -168,6 +175,7 @@ private:
     bool m_isAlone = false;
     RefreshRequest::TimePoint m_since;
     // Of a run:
+    RunningQuery* m_runningQuery = nullptr;
     std::shared_ptr<Gate> m_gate;
     std::chrono::steady_clock::time_point m_queryStart{};
     bool m_isAnswered = false;

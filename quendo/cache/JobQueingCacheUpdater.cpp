@@ -1,9 +1,11 @@
 #include "quendo/cache/JobQueingCacheUpdater.h"
 
+#include "quendo/adapter/BackgroundTurns.h"
 #include "quendo/adapter/CMAdapter.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/cache/FileCacheUpdateJob.h"
 #include "quendo/cache/FolderCacheUpdateJob.h"
+#include "quendo/cache/RunningQuery.h"
 #include "quendo/platform/DelayedTaskService.h"
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/Logging.h"
@@ -49,6 +51,10 @@
 // and one that finds nothing due starts the next. A delayed task counts as on time whenever it
 // comes: with a service that does not wait, the order of retries stays what it is.
 //
+// Turns. A queue that holds background jobs only, or a retry, waits for a turn of BackgroundTurns
+// without a thread; a turn is for one job. A requested job does not wait for one, nor do the jobs
+// in front of it, since their order stays: they count as requested from then on.
+//
 // The drain. Whoever submits into a queue without a drain posts one. It works until it finds the
 // queue empty, and in the same hold of the queue's lock says that there is no drain any more: a job
 // submitted before that is seen, one submitted after it posts a new drain. The posted task holds
@@ -77,18 +83,37 @@ public:
           m_interactor(std::move(interactor)), m_root(m_adapter->getRootFolder()),
           m_executor(createStrandExecutor("CMStatusCache_" + m_root.fileName().toUtf8())) {}
 
+    /// Once, before anything else.
+    void connect() {
+        const auto weak = weak_from_this();
+        m_turns = BackgroundTurns::of(getSourceControlExecutor())
+                      ->addClient({[weak] {
+                                       if (const auto self = weak.lock())
+                                           self->turnGranted();
+                                   },
+                                   [weak] {
+                                       if (const auto self = weak.lock())
+                                           self->m_running.interrupt();
+                                   }});
+    }
+
     void submit(std::unique_ptr<CacheUpdateJob> job) {
         Jobs entry;
         entry.push_back(std::move(job));
+        bool isQueued = false, isBackground = false;
         {
             const auto stateHold = m_stateLock.write();
             if (!m_stopped) {
+                isBackground = entry.front()->urgency() == QueryUrgency::Background;
+                isQueued = true;
                 if (enqueue(entry))
                     postDrain(entry);
-                return;
             }
         }
-        entry.front()->stop();
+        if (!isQueued)
+            entry.front()->stop();
+        else if (isBackground)
+            m_turns->request(); // without a lock: the turn of another cache may be granted in it
     }
 
     bool join(std::unique_ptr<CacheUpdateJob>& job, const Path& folder, bool folderStatusFlag) {
@@ -113,6 +138,7 @@ public:
             const auto hold = m_queueLock.write();
             dropped.swap(m_queue);
         }
+        m_turns->end();
         for (const auto& job : dropped)
             job->stop();
     }
@@ -162,7 +188,8 @@ private:
     using Clock = std::chrono::steady_clock;
     using Jobs = std::list<std::unique_ptr<CacheUpdateJob>>;
 
-    /// @return whether a drain has to be posted
+    /// @return whether a drain has to be posted; otherwise one is pending, or the job waits for a
+    ///         turn
     bool enqueue(Jobs& entry) {
         const auto hold = m_queueLock.write();
         auto& job = *entry.front();
@@ -178,7 +205,18 @@ private:
             host = std::prev(m_queue.end());
         }
         limitQueue(**host);
+        if (!hasRequested()) {
+            if (m_turn == Turn::None)
+                m_turn = Turn::Requested;
+            return false;
+        }
         return !std::exchange(m_drainPending, true);
+    }
+
+    /// With the queue's lock held.
+    bool hasRequested() const noexcept {
+        return std::ranges::any_of(
+            m_queue, [](const auto& job) { return job->urgency() == QueryUrgency::Requested; });
     }
 
     /// With the queue's lock held.
@@ -239,14 +277,15 @@ private:
         m_checkJobsAt = std::max(2 * mostJobs, 2 * m_queue.size());
     }
 
-    /// With the state lock held, so nobody else submits or stops. No drain was pending, so the
-    /// queue holds the one job that was just put in.
+    /// With the state lock held, so nobody else submits or stops. No drain was pending.
     void postDrain(Jobs& entry) {
         try {
             post();
         } catch (...) {
             const auto hold = m_queueLock.write();
             m_drainPending = false;
+            if (m_turn != Turn::None)
+                return; // the turn for which the queue waits tries again
             entry.splice(entry.end(), m_queue);
             throw;
         }
@@ -260,21 +299,68 @@ private:
     }
 
     void drainJobQueue() {
-        for (auto job = takeNext(); !job.empty(); job = takeNext()) {
+        bool wantsTurn = false;
+        for (auto job = takeNext(wantsTurn); !job.empty(); job = takeNext(wantsTurn)) {
+            job.front()->setRunningQuery(&m_running);
             job.front()->run(*m_adapter, *m_interactor, m_state->files);
+            endTurn(m_running.takeInterrupted());
             if (job.front()->isCarriedOver())
                 putBack(job);
             job.clear();
             tellRetries();
         }
+        endTurn(false);
+        if (wantsTurn)
+            m_turns->request();
         startTimer();
     }
 
-    /// @return the job that runs next, or an empty list
-    Jobs takeNext() {
+    /// Gives the turn back if there is one.
+    void endTurn(bool wasInterrupted) {
+        {
+            const auto hold = m_queueLock.write();
+            if (m_turn != Turn::Granted)
+                return;
+            m_turn = Turn::None;
+        }
+        m_turns->end(wasInterrupted);
+    }
+
+    /// On a thread of whoever ended the turn before, or of the delay service.
+    void turnGranted() {
+        const auto stateHold = m_stateLock.write();
+        {
+            const auto hold = m_queueLock.write();
+            m_turn = Turn::Granted;
+            if (std::exchange(m_drainPending, true))
+                return; // it takes the turn, or gives it back when it ends
+        }
+        try {
+            post();
+        } catch (...) {
+            const auto hold = m_queueLock.write();
+            m_drainPending = false;
+            m_turn = Turn::Requested; // it is granted again
+            throw;
+        }
+    }
+
+    /// @param wantsTurn set when the list is empty: whether background work waits for a turn
+    /// @return the job that runs next, or an empty list: the drain has ended
+    Jobs takeNext(bool& wantsTurn) {
         Jobs taken;
         const auto hold = m_queueLock.write();
-        if (takeRetry(taken))
+        const bool isRequested = hasRequested();
+        const bool isRetryDue = this->isRetryDue();
+        if (m_turn != Turn::Granted && !isRequested) {
+            m_drainPending = false;
+            wantsTurn = !m_queue.empty() || isRetryDue;
+            m_turn = wantsTurn ? Turn::Requested : Turn::None;
+            if (!wantsTurn)
+                m_wokenTo = {};
+            return taken;
+        }
+        if (m_turn == Turn::Granted && isRetryDue && takeRetry(taken))
             return taken;
         if (m_queue.empty()) {
             m_drainPending = false;
@@ -287,15 +373,21 @@ private:
             current.absorb(*m_queue.front());
             m_queue.pop_front();
         }
+        if (isRequested)
+            current.makeRequested();
         current.start(); // under the lock: a request is waiting or running at any moment
         return taken;
     }
 
     /// With the queue's lock held.
+    bool isRetryDue() const {
+        const auto next = m_state->books.ledger->nextRetry();
+        return next && *next <= m_wokenTo;
+    }
+
+    /// With the queue's lock held, and a retry due.
     bool takeRetry(Jobs& taken) {
         auto& ledger = *m_state->books.ledger;
-        if (const auto next = ledger.nextRetry(); !next || *next > m_wokenTo)
-            return false;
         // The jobs that waiters wait for go first, but not for ever.
         const auto now = Clock::now();
         if (!m_queue.empty() && now < m_retryDueSince.value_or(now) + mostOverdue) {
@@ -369,23 +461,15 @@ private:
     void wake(Clock::time_point at) {
         {
             const auto stateHold = m_stateLock.write();
-            {
-                const auto hold = m_queueLock.write();
-                m_timers.erase(at);
-                m_wokenTo = std::max(m_wokenTo, at);
-                if (m_stopped || std::exchange(m_drainPending, true))
-                    return;
-            }
-            try {
-                post();
+            const auto hold = m_queueLock.write();
+            m_timers.erase(at);
+            m_wokenTo = std::max(m_wokenTo, at);
+            if (m_stopped)
                 return;
-            } catch (...) {
-                QUENDO_LOG_CAUGHT_EXCEPTION();
-                const auto hold = m_queueLock.write();
-                m_drainPending = false;
-            }
+            if (m_turn == Turn::None)
+                m_turn = Turn::Requested;
         }
-        startTimer(RetryPlan::firstDelay);
+        m_turns->request();
     }
 
     // Constant after construction.
@@ -396,12 +480,16 @@ private:
     const std::shared_ptr<Executor> m_executor;
     const std::shared_ptr<const platform::Services> m_services = platform::services();
 
+    RunningQuery m_running;
+    std::unique_ptr<BackgroundTurns::Client> m_turns; ///< constant after connect()
+
     ReentrantReadWriteLock m_stateLock; ///< before m_queueLock
     bool m_stopped = false;             ///< guarded by m_stateLock
 
     mutable ReentrantReadWriteLock m_queueLock; ///< before the ledger's
     // Guarded by m_queueLock.
-    Jobs m_queue;                ///< not empty only while a drain is pending
+    Jobs m_queue; ///< not empty only while a drain is pending or a turn is requested
+    enum class Turn { None, Requested, Granted } m_turn = Turn::None;
     bool m_drainPending = false; ///< posted or running
     /// Since when a retry that is due has waited for the queue.
     std::optional<Clock::time_point> m_retryDueSince;
@@ -413,7 +501,9 @@ private:
 JobQueingCacheUpdater::JobQueingCacheUpdater(std::shared_ptr<CacheState> state,
                                              std::shared_ptr<CMAdapter> adapter,
                                              std::shared_ptr<CMApplicationInteractor> interactor)
-    : m_impl(std::make_shared<Impl>(std::move(state), std::move(adapter), std::move(interactor))) {}
+    : m_impl(std::make_shared<Impl>(std::move(state), std::move(adapter), std::move(interactor))) {
+    m_impl->connect();
+}
 
 JobQueingCacheUpdater::~JobQueingCacheUpdater() {
     m_impl->stop();

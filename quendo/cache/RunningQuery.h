@@ -1,0 +1,51 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+namespace quendo {
+
+/// The query that the drain of a cache runs now, for another thread that interrupts it.
+///
+/// Threads: any.
+class RunningQuery {
+public:
+    /// @param stop stops the query; may be called until clear() has returned
+    void set(std::function<void()> stop) {
+        const std::lock_guard lock(m_mutex);
+        m_wasInterrupted = false;
+        m_stop = std::make_shared<const std::function<void()>>(std::move(stop));
+    }
+
+    void clear() noexcept {
+        const std::lock_guard lock(m_mutex);
+        m_stop.reset();
+    }
+
+    /// Without effect when no query runs.
+    void interrupt() {
+        const auto stop = [&] {
+            const std::lock_guard lock(m_mutex);
+            m_wasInterrupted = m_stop != nullptr;
+            return m_stop;
+        }();
+        if (stop != nullptr)
+            (*stop)();
+    }
+
+    /// Whether interrupt() stopped the newest query. Resets it.
+    bool takeInterrupted() noexcept {
+        const std::lock_guard lock(m_mutex);
+        return std::exchange(m_wasInterrupted, false);
+    }
+
+private:
+    std::mutex m_mutex;
+    // Guarded by m_mutex; the function is called without it.
+    std::shared_ptr<const std::function<void()>> m_stop;
+    bool m_wasInterrupted = false;
+};
+
+} // namespace quendo
