@@ -102,15 +102,8 @@ SingleThreadedCMAdapter::~SingleThreadedCMAdapter() = default;
 
 template <class Operation>
 auto SingleThreadedCMAdapter::change(Operation operation) const {
-    auto writes = OwnWrites::current();
-    if (writes != nullptr)
-        writes->refine(); // it waits for its turn first
     return runFor(*m_executor, m_turns, subjectOf(m_workingCopy, false),
-                  [writes = std::move(writes), operation = std::move(operation)]() mutable {
-                      const OwnWrites::Scope scope(writes);
-                      const OwnWrites::Span span;
-                      return operation();
-                  });
+                  OwnWrites::handOver(std::move(operation)));
 }
 
 template <class Operation>

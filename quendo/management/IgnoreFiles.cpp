@@ -6,6 +6,7 @@
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/FileUtilities.h"
 #include "quendo/platform/FolderExternalChangeDetector.h"
+#include "quendo/platform/OwnWrites.h"
 #include "quendo/platform/Services.h"
 #include "quendo/pool/FindInterface.h"
 
@@ -39,12 +40,16 @@ void ignoreFiles(const std::vector<Path>& files, ManagedFolder& managedFolder) {
             "Files of " + managedFolder.getRootFolder().toUtf8() +
             " cannot be ignored here: the adapter does not offer it; edit the source-control "
             "system's own ignore rules instead");
-    scope_guard suspended;
-    if (auto* detector = findInterface<FolderExternalChangeDetector>(managedFolder))
-        suspended = detector->disable();
-    const auto rules =
-        getSourceControlExecutor()->runSyncTask([=] { return editor->ignoreFiles(files); });
-    suspended.release();
+    std::vector<Path> rules;
+    {
+        std::shared_ptr<OwnWrites> writes;
+        scope_guard suspended;
+        if (auto* detector = findInterface<FolderExternalChangeDetector>(managedFolder))
+            suspended = detector->disable(writes);
+        const OwnWrites::Scope scope(std::move(writes));
+        rules = getSourceControlExecutor()->runSyncTask(
+            OwnWrites::handOver([=] { return editor->ignoreFiles(files); }));
+    }
     if (!rules.empty())
         notify(files, rules, managedFolder);
 }

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <utility>
 
 namespace quendo {
 
@@ -47,6 +48,11 @@ public:
     /// That of the operation which this thread performs; null when there is none.
     static std::shared_ptr<OwnWrites> current() noexcept;
 
+    /// `operation`, to be called on another thread for the operation that this thread performs.
+    /// Until it is called, the operation waits and writes nothing.
+    template <class Operation>
+    static auto handOver(Operation operation);
+
     /// While it lives, this thread performs the operation of `writes`, or none when that is null.
     class QUENDO_API Scope {
     public:
@@ -76,5 +82,17 @@ public:
         const std::shared_ptr<OwnWrites> m_writes;
     };
 };
+
+template <class Operation>
+auto OwnWrites::handOver(Operation operation) {
+    auto writes = current();
+    if (writes != nullptr)
+        writes->refine();
+    return [writes = std::move(writes), operation = std::move(operation)]() mutable {
+        const Scope scope(writes);
+        const Span span;
+        return operation();
+    };
+}
 
 } // namespace quendo

@@ -89,6 +89,16 @@ TEST_F(PooledFolderTest, SeesTheFilesOfItsOperations) {
                     management::ignoreFiles({at("b"), at("d"), at("x")}, *folder);
                 }),
                 ElementsAre("ignoreFiles b d x", "folder+ d", "files b x .metadata"));
+    for (const bool isIgnoring : {false, true}) {
+        detection.whileQueued(
+            [&] { test::writeFile(temporary.path() / "copy/.fake/index", "external"); });
+        EXPECT_THAT(during([&] {
+                        isIgnoring ? management::ignoreFiles({at("b")}, *folder)
+                                   : adapter.addFiles({at("b")});
+                    }),
+                    testing::Contains("folder+ ."))
+            << "what others change while it waits";
+    }
     const test::LogCapture log;
     failing = true; // what cannot be refreshed is no failure of the operation
     EXPECT_THAT(during([&] { adapter.addFiles({at("b")}); }), ElementsAre("addFiles b", "files b"));

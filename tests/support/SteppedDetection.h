@@ -108,6 +108,11 @@ public:
         return delays;
     }
 
+    /// Calls `waiting` while the next working-copy operation waits for its turn, on its thread.
+    void whileQueued(std::function<void()> waiting) {
+        const std::lock_guard lock(m_executors->working);
+        m_executors->inQueue = std::move(waiting);
+    }
     /// The one made last.
     SteppedExecutor& strand() const { return *m_executors->strands.back(); }
     /// The one made last for watching new folders.
@@ -163,9 +168,12 @@ private:
         const std::shared_ptr<SteppedExecutor> sourceControl =
             std::make_shared<SteppedExecutor>("SourceControl", [this] {
                 const std::lock_guard lock(working);
+                if (auto waiting = std::exchange(inQueue, nullptr))
+                    waiting();
                 sourceControl->runOne();
             });
         std::mutex working;
+        std::function<void()> inQueue; ///< guarded by `working`
         std::mutex mutex;
         std::condition_variable came;
         bool posted = false; ///< since it was waited for
