@@ -249,6 +249,7 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     WatchBudget budget;
     std::size_t lacking = 0; ///< how many records are
     Clock::time_point nextSharing;
+    bool isShared = false;     ///< groups have their shares
     bool isTakingAway = false; ///< watches from those who have more than their share
     bool limitReached = false;
     std::vector<std::string> notices; ///< to be logged by the dispatcher, without the lock

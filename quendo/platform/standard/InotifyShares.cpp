@@ -36,8 +36,9 @@ bool InotifyFolderWatcher::Impl::mayAdd(const Record& record) const {
 std::vector<InotifyFolderWatcher::Impl::RecordPtr>
 InotifyFolderWatcher::Impl::shareWatches(Clock::time_point now) {
     std::vector<RecordPtr> result;
-    if (now < nextSharing || session == nullptr || isTakingAway)
+    if (now < nextSharing || session == nullptr || isTakingAway || (lacking == 0 && !isShared))
         return result;
+    isShared = lacking != 0;
     std::vector<std::shared_ptr<Group>> living;
     std::vector<std::size_t> wanted;
     for (const auto& each : groups)
@@ -46,7 +47,7 @@ InotifyFolderWatcher::Impl::shareWatches(Clock::time_point now) {
             wanted.push_back(group->watched + group->lacking);
             living.push_back(group);
         }
-    if (lacking == 0)
+    if (!isShared)
         return result;
     nextSharing = now + options.pollInterval;
     budget.refresh(now);
