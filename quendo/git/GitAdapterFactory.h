@@ -30,9 +30,10 @@ struct GitOptions {
 
     /// The processor time that a git which only reads may use, with all that it starts; then it is
     /// ended, and the error says so. Each byte of the index adds 10 µs, so that 100,000 files
-    /// (about 10 MB) add 100 s; content that is to be printed adds 50 ns a byte. A sixth of it for
-    /// reading the configuration; ten times as much while something is fetched. All gits of one
-    /// call together may use three times as much.
+    /// (about 10 MB) add 100 s. Where files are compared, each byte of the tracked ones adds 10 ns,
+    /// so that 10 GB add 100 s, and an hour at the most; content that is to be printed adds 50 ns a
+    /// byte. A sixth of it for reading the configuration; ten times as much while something is
+    /// fetched. All gits of one call together may use three times as much.
     std::chrono::milliseconds processorLimit{60'000};
 
     /// The private memory in bytes that each process of a git which only reads may use. Each byte

@@ -3,6 +3,7 @@
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/Cancellation.h"
 #include "quendo/git/GitFailure.h"
+#include "quendo/git/IndexSizes.h"
 #include "quendo/git/LazyFetch.h"
 #include "quendo/git/NamedFiles.h"
 #include "quendo/git/NativePath.h"
@@ -35,6 +36,8 @@ constexpr std::uint64_t memoryPerIndexByte = 20;
 constexpr std::uint64_t outputPerIndexByte = 40;
 constexpr std::chrono::microseconds processorPerIndexByte{10};
 constexpr std::uint64_t contentPerMillisecond = 20'000; // inflated, checked and converted
+constexpr std::uint64_t filesPerMillisecond = 100'000;  // bytes that are read and compared
+constexpr std::chrono::hours longestComparison{1};
 constexpr int partForConfiguration = 6;
 constexpr int timesForAFetch = 10;
 constexpr int timesForACall = 3;
@@ -99,14 +102,23 @@ void GitRunner::checkNamedFiles() {
     }
 }
 
-std::chrono::milliseconds GitRunner::processorLimit(const GitRun& run,
-                                                    std::uint64_t indexSize) const {
+// When all files look changed, as after a copy of the working copy, git reads them whole.
+std::chrono::milliseconds GitRunner::timeToCompareFiles() {
+    if (!m_sizeOfFiles)
+        m_sizeOfFiles = sizeOfTrackedFiles(m_repository.gitDir() + "/index");
+    return std::min<std::chrono::milliseconds>(
+        std::chrono::milliseconds(*m_sizeOfFiles / filesPerMillisecond), longestComparison);
+}
+
+std::chrono::milliseconds GitRunner::processorLimit(const GitRun& run, std::uint64_t indexSize) {
     auto limit = m_tool.options().processorLimit;
     if (run.arguments.front() == "config")
         return std::max(limit / partForConfiguration, std::chrono::milliseconds(1));
     limit += std::chrono::duration_cast<std::chrono::milliseconds>(
         processorPerIndexByte * static_cast<std::int64_t>(indexSize));
     limit += std::chrono::milliseconds(run.contentSize / contentPerMillisecond);
+    if (run.arguments.front() == "status" || run.arguments.front() == "diff-files")
+        limit += timeToCompareFiles();
     return m_fetch ? limit * timesForAFetch : limit;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -85,8 +86,9 @@ public:
 
 private:
     void checkNamedFiles();
-    std::chrono::milliseconds processorLimit(const GitRun& run, std::uint64_t indexSize) const;
+    std::chrono::milliseconds processorLimit(const GitRun& run, std::uint64_t indexSize);
     std::uint64_t memoryLimit(const GitRun& run, std::uint64_t indexSize) const;
+    std::chrono::milliseconds timeToCompareFiles();
     [[noreturn]] void failOverProcessorBound(const std::string& command,
                                              std::chrono::milliseconds bound,
                                              const std::vector<std::string>& running);
@@ -105,7 +107,8 @@ private:
     std::chrono::milliseconds m_processorTime{0};               ///< of all runs so far
     Trouble m_trouble = Trouble::None;
     std::string m_suspect;
-    std::shared_ptr<LazyFetch> m_fetch; ///< null while nothing is fetched
+    std::optional<std::uint64_t> m_sizeOfFiles; ///< of all tracked ones, once it is known
+    std::shared_ptr<LazyFetch> m_fetch;         ///< null while nothing is fetched
 };
 
 /// Calls `consume` with each piece of `text` that ends with a NUL, without it; keeps the rest.

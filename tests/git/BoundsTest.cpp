@@ -1,5 +1,6 @@
 #include "quendo/adapter/QueryOrigin.h"
 #include "quendo/git/FailedQueries.h"
+#include "quendo/git/IndexSizes.h"
 #include "quendo/git/Repository.h"
 #include "quendo/git/SuspendedFilters.h"
 #include "tests/git/Copy.h"
@@ -129,7 +130,10 @@ TEST(BoundsTest, OneRepositoryTakesNoMoreThanItsShare) {
          readStates,
          {"ran out of memory", "/n/.gitignore has 107374182400 bytes"}},
         {"names from a device", "git config mailmap.file /dev/zero", readLog, {}},
-        {"an order from a device", "git config diff.orderFile /dev/zero", readStates, {}},
+        {"an order from a device",
+         "git config diff.orderFile /dev/zero; echo 2 > a; echo 2 > b",
+         readStates,
+         {}},
         {"a tree of trees",
          tree,
          readStates,
@@ -252,6 +256,22 @@ TEST(BoundsTest, AFilterThatHungIsLeftOutForAWhile) {
     EXPECT_THAT(filters.among(drivers, start + 10min), IsEmpty());
     EXPECT_THAT(filters.suspend(drivers, {"something"}, start + 11min), ElementsAre("lfs", "x"));
     EXPECT_THAT(filters.among(drivers, start + 30min), ElementsAre("lfs"));
+}
+
+TEST(BoundsTest, AnIndexTellsTheSizeOfItsFiles) {
+    for (const std::string format : {"sha1", "sha256"})
+        for (const std::string version : {"2", "3", "4"}) {
+            Copy copy({}, "git init -q --object-format=" + format +
+                              "; mkdir d; truncate -s 10000 d/f; truncate -s 200 d/g; touch i\n"
+                              "git add .; git add -N i; git update-index --add --cacheinfo "
+                              "100644,$(git hash-object i),$(printf %05000d 0)\n"
+                              "echo > z; git add z; git update-index --index-version=" +
+                              version);
+            const auto index = copy.at(".git/index").toNative();
+            EXPECT_EQ(sizeOfTrackedFiles(index), 10'201U) << format << " " << version;
+            fs::resize_file(index, 100);
+            EXPECT_EQ(sizeOfTrackedFiles(index), 0U);
+        }
 }
 
 TEST(BoundsTest, AFileSystemThatHangsHoldsUpNoGetter) {
