@@ -1275,8 +1275,10 @@ private:
         });
     }
 
-    /// Whether `path` is a folder, and no symbolic link leads there from the root.
+    /// Whether `path` is a folder below the root, and no symbolic link leads there from the root.
     bool isOwnFolder(const Path& path) const {
+        if (!path.isBelow(m_info->root))
+            return false;
         for (Path folder = path; folder.isBelow(m_info->root); folder = folder.parentPath()) {
             struct stat status;
             if (::lstat(folder.toNative().c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
@@ -1374,6 +1376,8 @@ private:
         while (!folders.empty()) {
             const Path folder = std::move(folders.back());
             folders.pop_back();
+            if (folder != m_info->root && !folder.isBelow(m_info->root))
+                continue; // the root's parent, see respond()
             const auto answered = answeredAt(folder);
             const auto listing = list(folder);
             if (m_info->enabled && (!answered || listing.changed >= *answered - margin))

@@ -251,6 +251,8 @@ INSTANTIATE_TEST_SUITE_P(
                "git init -q x",
                ": > x/y/f",
                "rm -r x/.git"}},
+        Story{"EmptyBesideRepositories",
+              {"git init -q", "for i in 1 2 3 4 5; do git init -q ../$i; done", ": > a"}},
         Story{"MetadataThatMove",
               {"begin", "git init -q --separate-git-dir=../meta .", "echo 2 > a; git add a",
                "git commit -qm 2", "echo 3 > a", "rm .git; mv ../meta .git", "git add a",
