@@ -357,7 +357,7 @@ CacheUpdateJob::beginTransaction(TransactionalFileCache<FileState>& cache) const
 void CacheUpdateJob::commit(Transaction& transaction) {
     transaction.commit();
     // Who has connected since the transaction began may have listed what was there before.
-    if (!m_signals->changes.empty())
+    if (!m_books.signals->changes.empty())
         transaction.recordNow();
     m_changes = transaction.takeChanges();
     m_folderSetChange = transaction.takeFolderSetChange();

@@ -419,13 +419,15 @@ struct CacheUpdateInfo {
 
     /// The nested working copy in which `path`, which was answered as External, lies: the outermost
     /// folder around it that holds a forbidden name, or that holds External paths only, because its
-    /// metadata are not there. Empty when `path` is a nested working copy itself.
-    Path nestedAround(const Path& path) const {
+    /// metadata are not there. Empty when there is none.
+    /// @param cameAlone the adapter answered `path` without its folder: it may lie in a submodule
+    ///                  without metadata although it has metadata of its own
+    Path nestedAround(const Path& path, bool cameAlone) const {
         Path result;
         for (Path folder = path.parentPath(); folder.isBelow(root); folder = folder.parentPath())
             if (hasForbidden(folder))
                 result = folder;
-        if (!result.empty() || hasForbidden(path))
+        if (!result.empty() || (!cameAlone && hasForbidden(path)))
             return result;
         for (Path folder = path.parentPath(); folder.isBelow(root); folder = folder.parentPath()) {
             const auto below = folders->getFolderSummary(folder).below;
@@ -1069,6 +1071,7 @@ private:
         if (!m_info->leavesNested)
             return;
         std::vector<Path> external;
+        std::set<Path> foldersAlone; // got an entry, and are no new entries themselves
         {
             const std::lock_guard lock(m_nestedMutex);
             for (const auto& change : changed.changes) {
@@ -1076,19 +1079,29 @@ private:
                     m_nested.insert(change.path);
                 else if (change.before)
                     m_nested.erase(change.path);
-                if (change.after && change.after->getState() == LocalStatus::External)
-                    external.push_back(change.path);
+                if (!change.after || change.after->getState() != LocalStatus::External)
+                    continue;
+                external.push_back(change.path);
+                if (!change.before)
+                    foldersAlone.insert(change.path.parentPath());
             }
         }
-        if (!external.empty())
-            postWork([weak = weak_from_this(), external = std::move(external)] {
-                const auto self = weak.lock();
-                if (self == nullptr || !self->m_info->enabled)
-                    return;
-                for (const auto& path : external)
-                    if (auto around = self->m_info->nestedAround(path); !around.empty())
-                        self->refreshSoon(std::move(around), RefreshReason::FileEvent);
-            });
+        if (external.empty())
+            return;
+        for (const auto& change : changed.changes)
+            if (!change.before && !foldersAlone.empty())
+                foldersAlone.erase(change.path);
+        postWork([weak = weak_from_this(), external = std::move(external),
+                  foldersAlone = std::move(foldersAlone)] {
+            const auto self = weak.lock();
+            if (self == nullptr || !self->m_info->enabled)
+                return;
+            for (const auto& path : external) {
+                const bool cameAlone = foldersAlone.contains(path.parentPath());
+                if (auto around = self->m_info->nestedAround(path, cameAlone); !around.empty())
+                    self->refreshSoon(std::move(around), RefreshReason::FileEvent);
+            }
+        });
     }
 
     /// On the strand: what is ignored as a whole is to be one entry, in whatever order it and what

@@ -218,6 +218,9 @@ INSTANTIATE_TEST_SUITE_P(
                ": > e/s/n; echo 3 > a", "mkdir e/s/x; : > e/s/x/y", "rm -r e/s/*",
                "subs update --init", "echo 2 >> e/s/l", "git rm -qf e/s", "commit",
                "git revert -n HEAD", "subs update --init", ": > e/s/n"}},
+        Story{"SubmoduleThatHoldsAnother",
+              {"begin; library ../x; subs add ../lib sub; commit; subs deinit -f sub",
+               "mv ../x sub", "rm -rf sub/x"}},
         Story{"SubmoduleThatIsIgnored",
               {"begin; subs add ../lib sub; git config -f .gitmodules submodule.sub.ignore all; "
                "commit",
