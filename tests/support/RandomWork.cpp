@@ -125,7 +125,7 @@ bool isWithoutFiles(const std::filesystem::path& folder) {
         folder, fs::directory_options::skip_permission_denied, gone);
     return !gone && std::ranges::all_of(entries, [&](const auto& entry) {
         const auto status = entry.symlink_status(unseen);
-        return unseen || fs::is_directory(status) ||
+        return unseen || !(fs::is_regular_file(status) || fs::is_symlink(status)) ||
                std::ranges::find(entry.path(), ".git") != entry.path().end();
     });
 }

@@ -30,8 +30,9 @@ private:
     const bool m_hasNested;
 };
 
-/// Whether a folder holds no files but metadata, however deep, or none that can be seen. A folder
-/// like that is answered when it is asked for, but in no other folder's answer.
+/// Whether a folder holds no files but metadata, however deep, or none that can be seen. To git a
+/// FIFO is no file. A folder like that is answered when it is asked for, but in no other folder's
+/// answer.
 bool isWithoutFiles(const std::filesystem::path& folder);
 
 } // namespace quendo::test
