@@ -22,7 +22,8 @@ struct GitOptions {
     /// reported as hanging.
     std::chrono::milliseconds stallLimit{20'000};
 
-    /// The same for the question for its version, which touches no disk of a network.
+    /// The same for the question for its version, which touches no disk of a network. It may use as
+    /// much of the processor as well.
     std::chrono::milliseconds versionLimit{5'000};
 
     /// The same for a git that changes something: it waits for hooks, signing agents and servers.

@@ -120,7 +120,9 @@ void GitTool::checkVersion(const std::string& path) const {
     ChildPlan plan{.executable = path,
                    .arguments = {"version"},
                    .environment = readingEnvironment("/", {}, false),
-                   .workingFolder = root.get()};
+                   .workingFolder = root.get(),
+                   .memoryLimit = m_options.memoryLimit,
+                   .processorLimit = m_options.versionLimit};
     // git reads the user's configuration even to say its version. What is wrong with that is
     // reported by the command that needs it.
     std::erase_if(plan.environment, [](const auto& one) {
@@ -131,6 +133,7 @@ void GitTool::checkVersion(const std::string& path) const {
     ChildResult result;
     std::string output;
     const auto needed = std::to_string(oldestMajor) + "." + std::to_string(oldestMinor);
+    const auto hangs = " hangs when asked for its version; git " + needed + " or newer is needed";
     const Cancellation uncancelled(nullptr);
     try {
         ChildProcess child(plan, [&](std::string_view text) {
@@ -141,8 +144,9 @@ void GitTool::checkVersion(const std::string& path) const {
         ChildProcess::waitForAll(children, uncancelled, m_options.versionLimit);
         result = child.result();
     } catch (const ChildStalled&) {
-        throw exception::ToolError(path + " hangs when asked for its version; git " + needed +
-                                   " or newer is needed");
+        throw exception::ToolError(path + hangs);
+    } catch (const ChildOverBound&) {
+        throw exception::ToolError(path + hangs);
     } catch (const std::system_error& error) {
         throwCannotStart(path, error);
     }

@@ -163,7 +163,7 @@ TEST(BoundsTest, OneRepositoryTakesNoMoreThanItsShare) {
 // Nobody waits for a query in the background, so it does not cost the same again.
 TEST(BoundsTest, AQueryInTheBackgroundDoesNotFailTwice) {
     Copy copy(smallBounds(), "git init -q; mkdir d e; touch d/f e/f; printf x > .gitignore");
-    const OtherGit slow("status", "echo >> ../../started; while :; do :; done");
+    const OtherGit slow("status", "echo >> ../started; while :; do :; done");
     auto options = smallBounds();
     options.executable = slow.path();
     const auto adapter = GitAdapterFactory(options).createAdapter(copy.root(), nullptr);
@@ -171,7 +171,7 @@ TEST(BoundsTest, AQueryInTheBackgroundDoesNotFailTwice) {
         const QueryOrigin::WorkScope scope(std::make_shared<QueryOrigin>(urgency));
         return failure([&] { adapter->getStatus({copy.at(path)}); });
     };
-    const auto starts = [&] { return copy.sh("wc -l < ../../started"); };
+    const auto starts = [&] { return copy.sh("wc -l < ../started"); };
     const auto words = ask("d", QueryUrgency::Background);
     EXPECT_THAT(words, HasSubstr("processor time"));
     EXPECT_EQ(ask("d", QueryUrgency::Background), words);
@@ -180,7 +180,6 @@ TEST(BoundsTest, AQueryInTheBackgroundDoesNotFailTwice) {
     ask("e", QueryUrgency::Background);
     ask("d", QueryUrgency::Requested);
     EXPECT_EQ(starts(), "3\n");
-    copy.sh("rm ../../started");
 }
 
 TEST(BoundsTest, AFailedQueryIsTriedAgainInTime) {
@@ -272,6 +271,14 @@ TEST(BoundsTest, AnIndexTellsTheSizeOfItsFiles) {
             fs::resize_file(index, 100);
             EXPECT_EQ(sizeOfTrackedFiles(index), 0U);
         }
+}
+
+TEST(BoundsTest, AnEndlessVersionIsNone) {
+    const OtherGit endless("version", "exec yes");
+    EXPECT_THAT(
+        toUtf8(
+            GitAdapterFactory({.executable = endless.path(), .versionLimit = 200ms}).getProblem()),
+        HasSubstr("hangs when asked for its version"));
 }
 
 TEST(BoundsTest, AFileSystemThatHangsHoldsUpNoGetter) {
