@@ -411,10 +411,12 @@ TEST_F(ProviderTest, OrdersWhatBecomesOfARoot) {
     // Also for a listener behind one that brings the next notice.
     std::string behind;
     std::shared_ptr<ManagedFolder> third;
-    provider->connectFolderReleased([&](const Path&) { third = provider->provideFor(at("a")); });
+    const auto bringing = provider->connectFolderReleased(
+        [&](const Path&) { third = provider->provideFor(at("a")); });
     provider->connectFolderReleased([&](const Path&) { behind += "released "; });
     provider->connectFolderMade([&](const auto&) { behind += "made "; });
     second.reset();
+    bringing.disconnect();
     EXPECT_EQ(behind, "released made ");
 }
 
