@@ -3,6 +3,7 @@
 #include "quendo/platform/Export.h"
 #include "quendo/platform/Path.h"
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -23,6 +24,10 @@ struct StateDependency {
 
     /// The paths to refresh after a change, each with all below it. The root stands for everything.
     std::vector<Path> dependents;
+
+    /// When not zero, nothing is watched, because the files cannot be named or are too many:
+    /// `dependents` are refreshed at this interval instead. `folder` and `filter` are empty then.
+    std::chrono::seconds refreshEvery{};
 };
 
 /// Lists what the states of a working copy depend on beside its own files and its metadata folder:

@@ -2,6 +2,7 @@
 
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/platform/ChangeEventsSubscriptionException.h"
+#include "quendo/platform/DelayedTaskService.h"
 #include "quendo/platform/Logging.h"
 
 #include <algorithm>
@@ -87,8 +88,13 @@ void DependencyWatches::updateNow() {
         return keepChanged();
     }
     Detectors dropped; // destroyed without the lock
+    std::vector<std::pair<Key, std::uint64_t>> timers;
     {
         const std::lock_guard lock(m_mutex);
+        std::erase_if(m_unwatched, [&](const auto& each) { return !wanted.contains(each.first); });
+        for (const auto& [key, one] : wanted)
+            if (one.refreshEvery.count() != 0 && m_unwatched.try_emplace(key, m_timers + 1).second)
+                timers.emplace_back(key, ++m_timers);
         for (auto it = m_detectors.begin(); it != m_detectors.end();) {
             const auto found = wanted.find(it->first);
             if (found == wanted.end()) {
@@ -99,8 +105,39 @@ void DependencyWatches::updateNow() {
             ++it;
         }
     }
+    for (const auto& [key, id] : timers)
+        refreshLater(key, id, wanted.at(key).refreshEvery);
     for (const auto& [key, dependency] : wanted)
-        watch(dependency, key);
+        if (dependency.refreshEvery.count() == 0)
+            watch(dependency, key);
+}
+
+void DependencyWatches::refreshLater(const Key& key, std::uint64_t id,
+                                     std::chrono::seconds interval) {
+    const auto isWanted = [key, id](DependencyWatches& self) {
+        const auto found = self.m_unwatched.find(key);
+        return !self.m_isStopped && found != self.m_unwatched.end() && found->second == id;
+    };
+    try {
+        m_services->delayedTasks->runAfter(interval,
+                                           [weak = weak_from_this(), key, id, interval, isWanted] {
+                                               const auto self = weak.lock();
+                                               if (self == nullptr)
+                                                   return;
+                                               {
+                                                   const std::lock_guard lock(self->m_mutex);
+                                                   if (!isWanted(*self))
+                                                       return;
+                                               }
+                                               self->m_callbacks.changed(std::get<2>(key));
+                                               self->refreshLater(key, id, interval);
+                                           });
+    } catch (...) {
+        QUENDO_LOG_CAUGHT_EXCEPTION();
+        const std::lock_guard lock(m_mutex);
+        if (isWanted(*this))
+            m_unwatched.erase(key); // the end of the next refresh tries again
+    }
 }
 
 void DependencyWatches::watch(const StateDependency& dependency, Key key) {

@@ -6,6 +6,7 @@
 #include "quendo/platform/Services.h"
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -52,6 +53,7 @@ private:
     void watch(const StateDependency& dependency, Key key);
     bool hasChangedSinceAnswer(const StateDependency& dependency) const;
     void noteChange(const std::vector<Path>& dependents);
+    void refreshLater(const Key& key, std::uint64_t id, std::chrono::seconds interval);
 
     const std::weak_ptr<StateDependencies> m_dependencies;
     const Callbacks m_callbacks;
@@ -63,6 +65,9 @@ private:
     bool m_isStopped = false;
     std::set<Path> m_changed; ///< dependents, since the list was got
     Detectors m_detectors;    ///< changed on the strand and by stop()
+    /// What is refreshed at an interval, by the number of its timer.
+    std::map<Key, std::uint64_t> m_unwatched;
+    std::uint64_t m_timers = 0;
 };
 
 } // namespace quendo

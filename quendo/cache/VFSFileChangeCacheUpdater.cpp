@@ -121,7 +121,9 @@
 // working copy, is left to DependencyWatches, where the adapter offers StateDependencies. What lies
 // in it is neither watched nor queried here: the adapter answers External for a file there, and a
 // query of the folder lists no such entry. When there is one all the same, a refresh of the nested
-// folder removes it. Where a folder gains or loses a forbidden name (".git"), it may have become
+// folder removes it. An event in a submodule that has no working copy brings a query of the
+// submodule, and not of the path, for the same reason. Where a folder gains or loses a forbidden
+// name (".git"), it may have become
 // a nested working copy or ceased to be one: it is refreshed, and named to DependencyWatches,
 // because the new metadata may be incomplete yet. In the root, everything is refreshed.
 //
@@ -408,6 +410,23 @@ struct CacheUpdateInfo {
                 return true;
         }
         return false;
+    }
+
+    /// The innermost folder around `path` that is a submodule without its working copy: the only
+    /// folder that is unmodified though nothing of its own is cached below it. Empty when there is
+    /// none.
+    Path emptySubmoduleAround(const Path& path) const {
+        if (!leavesNested)
+            return {};
+        for (Path folder = path.parentPath(); folder.isBelow(root); folder = folder.parentPath()) {
+            const auto state = cache->getCachedStatus(folder);
+            if (!state || !state->isFolder() || state->getState() != LocalStatus::Unmodified)
+                continue;
+            const auto below = folders->getFolderSummary(folder).below;
+            if (below.total() == below[LocalStatus::External])
+                return folder;
+        }
+        return {};
     }
 
     bool hasForbidden(const Path& folder) const {
@@ -932,6 +951,10 @@ private:
                                     : RefreshReason::FileEvent);
             return false;
         }
+        if (auto submodule = m_info->emptySubmoduleAround(path); !submodule.empty()) {
+            refreshSoon(std::move(submodule), RefreshReason::FileEvent);
+            return false;
+        }
         const auto entry =
             kinds & (PendingEvents::Created | PendingEvents::Changed | PendingEvents::Deleted);
         if (entry != 0 && path != m_info->root && m_info->isMetadata(path)) {
@@ -1207,6 +1230,8 @@ private:
             m_info->refreshFolder(folder);
             return;
         }
+        if (auto submodule = m_info->emptySubmoduleAround(folder); !submodule.empty())
+            folder = std::move(submodule);
         m_unfresh.emplace(std::move(folder), reason);
         if (std::exchange(m_isCollecting, true))
             return;

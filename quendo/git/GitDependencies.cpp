@@ -20,6 +20,7 @@ namespace {
 constexpr std::size_t mostNested = 5'000;
 constexpr int mostInside = 1'000; // submodules of one submodule
 constexpr std::size_t mostPathspecs = 64;
+constexpr std::chrono::minutes unwatchedInterval{5};
 constexpr std::size_t pointerLimit = 64 * 1024;
 
 std::string resolved(const std::string& path) {
@@ -127,6 +128,7 @@ void GitDependencies::readConfiguration(GitRunner& git) {
         m_configFiles = files;
     m_ignoreByName.clear();
     m_ignoreByDefault.clear();
+    m_namesUserFolder = false;
     std::string origin;
     bool isOrigin = true;
     NulSplitter("config").feed(
@@ -153,9 +155,13 @@ void GitDependencies::readConfiguration(GitRunner& git) {
                 value = home + value.substr(1);
             const bool isInclude =
                 key == "include.path" || (key.starts_with("includeif.") && key.ends_with(".path"));
-            if (value.empty() || value.starts_with('~') ||
+            if (value.empty() ||
                 !(isInclude || key == "core.excludesfile" || key == "core.attributesfile"))
                 return;
+            if (value.starts_with('~')) {
+                m_namesUserFolder = true;
+                return;
+            }
             const auto file = join(
                 isInclude && !origin.empty() ? parentFolderOf(origin) : repository.root(), value);
             if (files.insert(file).second)
@@ -376,16 +382,21 @@ std::vector<StateDependency> GitDependencies::find(GitRunner& git, const std::ve
     if (m_configStamps.empty())
         return found; // a file of the user's has an error, and is watched until it is corrected
 
+    bool isUnwatched = m_namesUserFolder;
     std::vector<std::string> relative;
     for (const auto& path : nested)
         if (const auto inside = repository.relative(path); inside && !inside->empty())
             relative.push_back(*inside);
     if (relative.size() > mostNested) {
-        QUENDO_LOG(Severity::Notice)
-            << repository.rootPath() << " has " << relative.size()
-            << " nested working copies; changes in all but " << mostNested << " are not followed";
+        QUENDO_LOG(Severity::Notice) << repository.rootPath() << " has " << relative.size()
+                                     << " nested working copies; changes in all but " << mostNested
+                                     << " are not watched: everything is refreshed every "
+                                     << unwatchedInterval.count() << " minutes";
         relative.resize(mostNested);
+        isUnwatched = true;
     }
+    if (isUnwatched)
+        found.push_back({{}, {}, "unwatched", {repository.rootPath()}, unwatchedInterval});
     for (const auto& path : changed)
         if (const auto inside = repository.relative(path))
             m_ignored.erase(*inside);

@@ -55,6 +55,7 @@ private:
 
     std::vector<Stamp> m_configStamps; ///< of what the following was read from
     std::set<std::string> m_configFiles;
+    bool m_namesUserFolder = false; ///< a file as "~user/…", whose place is not known
     std::map<std::string, std::string> m_ignoreByName; ///< submodule.NAME.ignore
     std::string m_ignoreByDefault;                     ///< diff.ignoreSubmodules
 

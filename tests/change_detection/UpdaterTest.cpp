@@ -1,6 +1,7 @@
 #include "quendo/adapter/CMAdapterDecorator.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/adapter/QueryMeter.h"
+#include "quendo/adapter/StateDependencies.h"
 #include "quendo/cache/JobCombiningCMStatusCache.h"
 #include "quendo/cache/RefreshPacer.h"
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
@@ -277,6 +278,41 @@ TEST_F(UpdaterTest, QueriesNothingWhereContentDoesNotMatter) {
     real->refreshFolder(root);
     detection.runStrands();
     EXPECT_THAT(copy->takeCalls(), ElementsAre("folder+ .", "files u"));
+}
+
+TEST_F(UpdaterTest, FollowsNestedWorkingCopies) {
+    struct Dependencies : StateDependencies {
+        std::vector<StateDependency> list;
+        std::vector<StateDependency> getStateDependencies(const std::vector<Path>&,
+                                                          const std::vector<Path>&) const override {
+            return list;
+        }
+    };
+    const auto dependencies = std::make_shared<Dependencies>();
+    fs::create_directories(folder.path() / "sub/x");
+    copy->states.insert_or_assign(at("sub"), FileState(LocalStatus::Unmodified, true));
+    startReal();
+    updater->follow(dependencies);
+    // In a submodule without working copy a file is not queried: it would come and go.
+    for (const auto* name : {"sub/n", "sub/x/n"}) {
+        watcher->tell(Kind::Appeared, at(name));
+        detection.runStrands();
+        EXPECT_THAT(copy->takeCalls(), ElementsAre("folder+ sub")) << name;
+    }
+    // What cannot be watched is refreshed from time to time, as long as it is listed.
+    dependencies->list = {{{}, {}, "unwatched", {root}, std::chrono::minutes(5)}};
+    real->refreshFolder(root);
+    detection.runStrands();
+    for (int time = 0; time < 3; ++time) {
+        copy->takeCalls();
+        EXPECT_EQ(detection.endWindows(), 1U);
+        EXPECT_THAT(copy->takeCalls(), ElementsAre("folder+ ."));
+    }
+    dependencies->list.clear();
+    real->refreshFolder(root);
+    detection.runStrands();
+    detection.endWindows();
+    EXPECT_EQ(detection.endWindows(), 0U);
 }
 
 TEST_F(UpdaterTest, ManyFoldersAreOneQuery) {
