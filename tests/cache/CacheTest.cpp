@@ -255,8 +255,7 @@ TEST(FollowingTest, MissesNothingInTheMiddleOfAMerge) {
     std::atomic<bool> isOver = false;
     auto writer = test::onThread([&] {
         for (bool flips = false; !isOver; flips = !flips) {
-            copy->set(copy->root / u"0",
-                      flips ? LocalStatus::Modified : LocalStatus::Unmodified);
+            copy->set(copy->root / u"0", flips ? LocalStatus::Modified : LocalStatus::Unmodified);
             cache.refreshAll();
         }
     });
@@ -272,9 +271,8 @@ TEST(FollowingTest, MissesNothingInTheMiddleOfAMerge) {
             });
         const auto listed = cache.listStatuses(copy->root).version;
         std::unique_lock lock(mutex);
-        ASSERT_TRUE(came.wait_until(lock, test::byDeadline(), [&] {
-            return !versions.empty() && versions.back() > listed;
-        }));
+        ASSERT_TRUE(came.wait_until(lock, test::byDeadline(),
+                                    [&] { return !versions.empty() && versions.back() > listed; }));
         std::erase_if(versions, [&](auto version) { return version <= listed; });
         EXPECT_EQ(versions.front(), listed + 1);
         lock.unlock();
