@@ -114,7 +114,10 @@ void RetryPlan::addNew(RetrySets& one, TimePoint now) noexcept {
     set.due = now + firstDelay;
     set.failedFirst = now;
     if (set.cause == Cause::Failed) {
-        if (!m_isFailing) {
+        const bool isProbed = m_isFailing && std::ranges::any_of(m_sets, [](const auto& known) {
+                                  return !known.hasOwnSchedule;
+                              });
+        if (!isProbed) {
             m_isFailing = true;
             m_probeDelay = firstDelay;
             m_probeAt = now + firstDelay;

@@ -100,9 +100,10 @@ TEST_F(PooledFolderTest, SeesTheFilesOfItsOperations) {
             << "what others change while it waits";
     }
     const test::LogCapture log;
-    failing = true; // what cannot be refreshed is no failure of the operation
-    EXPECT_THAT(during([&] { adapter.addFiles({at("b")}); }), ElementsAre("addFiles b", "files b"));
-    EXPECT_EQ(log.count("Exception caught: "), 1U);
+    failing = true; // what cannot be refreshed is no failure of the operation, and is retried
+    EXPECT_THAT(during([&] { adapter.addFiles({at("b")}); }),
+                testing::IsSupersetOf({"addFiles b", "files b"}));
+    EXPECT_GE(log.count("Exception caught: "), 1U);
     failing = false;
     refused = "addFiles";
     run();
