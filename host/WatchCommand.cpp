@@ -3,6 +3,7 @@
 #include "host/BranchPrinter.h"
 #include "host/HostError.h"
 #include "host/Interrupts.h"
+#include "host/JsonText.h"
 #include "host/OutputWatch.h"
 #include "host/Session.h"
 #include "host/StandardStreams.h"
@@ -21,17 +22,20 @@
 #include "quendo/platform/Services.h"
 
 #include <CLI/App.hpp>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <condition_variable>
+#include <ctime>
 #include <deque>
 #include <filesystem>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -45,13 +49,20 @@ using namespace std::chrono_literals;
 /// watched yet; at the longest until the watcher polls next (2 s). That is not worth a message.
 constexpr auto passingPoorWatch = 5s;
 
+/// What is to be refreshed again because it could not be.
+struct StaleNews {
+    std::string why;         ///< empty when nothing is
+    std::string_view reason; ///< of the first refresh that was not answered
+    std::chrono::system_clock::time_point since;
+};
+
 /// What the library tells, on threads of its own, kept for the program's. Only notes; whatever
 /// takes time is done by who takes.
 class Feed {
 public:
     struct News {
         std::deque<StatusChanges> changes;
-        std::optional<std::string> failure; ///< of the newest refresh; empty when it succeeded
+        std::optional<StaleNews> stale;
         bool isStopped = false;
         bool isUnread = false; ///< nobody reads the output any more
         bool hasGone = false;
@@ -61,8 +72,8 @@ public:
     void addChanges(const StatusChanges& changes) {
         add([&] { m_news.changes.push_back(changes); });
     }
-    void addFailure(std::string text) {
-        add([&] { m_news.failure = std::move(text); });
+    void addStale(StaleNews stale) {
+        add([&] { m_news.stale = std::move(stale); });
     }
     /// Something else may have changed: look.
     void wake() {
@@ -114,10 +125,43 @@ private:
     News m_news;
 };
 
-/// Why the newest refresh of `path` failed; empty when it did not.
-std::string failureOf(const ManagedFolder& folder, const Path& path) {
-    const auto& freshness = dynamic_cast<const CMStatusCacheFreshness&>(folder.getCache());
-    return exception::errorText(freshness.getFreshness(path).failure);
+/// "12:00:59", local.
+std::string timeText(std::chrono::system_clock::time_point when) {
+    const auto time = std::chrono::system_clock::to_time_t(when);
+    std::tm parts{};
+    ::localtime_r(&time, &parts);
+    char buffer[16];
+    return {buffer, std::strftime(buffer, sizeof buffer, "%H:%M:%S", &parts)};
+}
+
+StaleNews staleNewsOf(const std::optional<Staleness>& staleness) {
+    if (!staleness || staleness->cause == Staleness::Cause::Requested)
+        return {};
+    const auto age = Clock::now() - staleness->since;
+    StaleNews news{"a request was cancelled", toString(staleness->reason),
+                   std::chrono::system_clock::now() -
+                       std::chrono::duration_cast<std::chrono::system_clock::duration>(age)};
+    if (staleness->cause == Staleness::Cause::Interrupted)
+        news.why = "other work was more urgent";
+    if (staleness->failure == nullptr)
+        return news;
+    news.why = exception::errorText(staleness->failure);
+    return news;
+}
+
+/// An object on a line; "stale" is null when nothing is.
+std::string jsonStale(const StaleNews& news, const WorkingCopy& copy) {
+    nlohmann::ordered_json line;
+    line["system"] = copy.systemName();
+    putPath(line, copy.root, "root");
+    auto& stale = line["stale"];
+    if (!news.why.empty()) {
+        stale["since"] =
+            std::chrono::floor<std::chrono::seconds>(news.since).time_since_epoch().count();
+        stale["reason"] = news.reason;
+        stale["why"] = toUtf8(toUString(news.why)); // valid, whatever was thrown
+    }
+    return jsonLine(line);
 }
 
 /// Says on standard error what keeps the program from telling the truth, each thing once.
@@ -132,11 +176,13 @@ public:
         m_isGone = true;
     }
 
-    /// @param failure of the newest refresh, if there was one since the last look
+    /// @param stale what has changed about it since the last look
     /// @return when to look again even if nothing happens
-    std::optional<Clock::time_point> look(std::optional<std::string> failure) {
-        if (failure)
-            m_failure = *std::move(failure);
+    std::optional<Clock::time_point> look(std::optional<StaleNews> stale) {
+        if (stale)
+            m_failure = stale->why.empty() ? std::string()
+                                           : stale->why + " (what is shown may be outdated since " +
+                                                 timeText(stale->since) + ")";
         if (m_isGone && platform::services()->files->isDirectory(m_copy.root) &&
             m_failure.empty()) {
             m_isGone = false;
@@ -261,6 +307,7 @@ CLI::App* WatchCommand::describe(CLI::App& program) {
     app->add_flag("--ignored", selection.ignored, "Ignored paths as well");
     app->add_flag("--json", json, "One JSON object a line");
     app->add_flag("--branch", branch, "With --json: also an object for branch and operation");
+    app->add_flag("--stale", stale, "With --json: also an object when states may be outdated");
     app->footer(
         "It goes on until it is interrupted (Ctrl-C) or nobody reads its output. What keeps\n"
         "it from telling the truth stands on standard error.\n"
@@ -270,6 +317,8 @@ CLI::App* WatchCommand::describe(CLI::App& program) {
     app->final_callback([this] {
         if (branch && !json)
             throw CLI::ValidationError("--branch needs --json");
+        if (stale && !json)
+            throw CLI::ValidationError("--stale needs --json");
     });
     return app;
 }
@@ -279,6 +328,7 @@ void WatchCommand::run() const {
     const auto current = currentFolder();
     auto& cache = copy.folder->getCache();
     auto& changes = dynamic_cast<CMStatusCacheChanges&>(cache);
+    auto& freshness = dynamic_cast<CMStatusCacheFreshness&>(cache);
     StatusReport report{copy.systemName(), copy.root, copy.path, {}, selection};
     const auto feed = std::make_shared<Feed>();
     const boost::signals2::scoped_connection stopped = copy.folder->getTerminator().connect([feed] {
@@ -290,17 +340,17 @@ void WatchCommand::run() const {
     BranchDisplay branchDisplay(copy, *this, feed); // reads beside the query of the states
     cache.refreshFolder(copy.path)->wait();
 
-    const std::array<boost::signals2::scoped_connection, 4> connections{
+    const std::array<boost::signals2::scoped_connection, 5> connections{
         changes.connectChanges([feed](const auto& changed) { feed->addChanges(changed); }),
         // The error stays on the thread that made it, and its text is handed over.
-        cache.connectTasksFinished(
-            [feed, weak = std::weak_ptr(copy.folder), path = copy.path](const auto&) {
-                if (const auto managed = weak.lock())
-                    feed->addFailure(failureOf(*managed, path));
-            }),
+        cache.connectTasksFinished([feed](const auto&) { feed->wake(); }),
+        // The error stays on the thread that made it, and its text is handed over.
+        freshness.connectStalenessChanged(
+            [feed](const auto& staleness) { feed->addStale(staleNewsOf(staleness)); }),
         copy.folder->connectDeleted([feed] { feed->tellGone(); }),
         platform::services()->folderWatcher->connectHealthChanged(
             [feed](const auto&, const auto&) { feed->wake(); })};
+    feed->addStale(staleNewsOf(freshness.getStaleness()));
     auto listing = changes.listStatuses(copy.path);
     report.states = {listing.states.begin(), listing.states.end()};
     Blindness blindness(copy);
@@ -312,9 +362,15 @@ void WatchCommand::run() const {
         session.finishFirst(json ? first + states : states + first);
         report.states.clear();
         listing.states = {};
+        auto toldStale = jsonStale({}, copy);
         const OutputWatch outputWatch([feed] { feed->tellUnread(); });
         for (Feed::News news;;) {
-            const auto next = blindness.look(std::move(news.failure));
+            if (news.stale && stale) {
+                auto line = jsonStale(*news.stale, copy);
+                if (line != toldStale)
+                    writeOutput(toldStale = std::move(line));
+            }
+            const auto next = blindness.look(std::move(news.stale));
             news = feed->take(next);
             if (news.isStopped)
                 throw Interrupted();

@@ -15,6 +15,7 @@ struct WatchCommand : Command {
     std::string folder = ".";
     bool json = false;
     bool branch = false; ///< in JSON as well
+    bool stale = false;  ///< in JSON as well
     StatusSelection selection;
 
     CLI::App* describe(CLI::App& program) override;

@@ -175,6 +175,44 @@ TEST(Watch, SaysWhatGitCannotAnswer) {
     }
 }
 
+// Nothing happens on the disk when git works again; the cache finds out by itself.
+TEST(Watch, IsRightSoonAfterGitHasRecovered) {
+    const GitSandbox sandbox;
+    const auto broken = sandbox.root() / "broken", starts = sandbox.root() / "starts";
+    runScript(sandbox, "i; w f; w g; c");
+    const auto variables =
+        withGit(sandbox, "if [ -e '" + broken.native() + "' ]; then echo >> '" + starts.native() +
+                             "'; echo fatal: mine >&2; exit 1; fi; exec $REAL \"$@\"");
+    Watch watch(sandbox, variables);
+    RunningProcess program({"env", "PATH=" + variables.at("PATH"), QUENDO_PROGRAM, "watch",
+                            "--json", "--branch", "--stale"},
+                           {sandbox.work(), sandbox.environment()});
+    const auto nextStale = [&] {
+        for (;;)
+            if (const auto line = program.next().value(); !line.isError)
+                if (const auto object = json::parse(line.text); object.contains("stale"))
+                    return object.at("stale");
+    };
+    EXPECT_TRUE(json::parse(program.next().value().text).contains("branch"));
+    watch.expectCaughtUp();
+    writeFile(broken, "");
+    writeFile(sandbox.work() / "f", "changed");
+    watch.expectSaid(": cannot be refreshed: ");
+    const auto begins = nextStale();
+    EXPECT_TRUE(begins.contains("reason") && begins.contains("since"));
+    EXPECT_THAT(std::string(begins.at("why")), testing::HasSubstr("mine"));
+    fs::remove(broken);
+    const auto recovered = std::chrono::steady_clock::now();
+    watch.expectCaughtUp();
+    std::printf("right %lld ms after git works again\n",
+                static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                           std::chrono::steady_clock::now() - recovered)
+                                           .count()));
+    watch.expectSaid("is refreshed again");
+    EXPECT_LE(std::ranges::count(readFile(starts), '\n'), 40);
+    EXPECT_TRUE(nextStale().is_null());
+}
+
 TEST(WatchDeathTest, SaysThatChangesAreToldLate) {
     expectSuccessInOwnNamespaces([] {
         limitInotify("watches", 16);
