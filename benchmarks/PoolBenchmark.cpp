@@ -11,12 +11,15 @@
 #include "quendo/pool/ManagedFolder.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 
 namespace {
@@ -246,6 +249,109 @@ void measureBeside(const BigRepository& repository) {
                 median(beside));
 }
 
+// --- Many idle ones ---
+
+/// A repository of ten files beside the large one.
+fs::path makeSmall(const BigRepository& repository, const std::string& name) {
+    const auto root = repository.sandbox().root() / name;
+    repository.sandbox().init({}, root);
+    for (int i = 0; i < 10; ++i)
+        overwrite((root / std::to_string(i)).native(), "new\n");
+    repository.sandbox().commitAll("files", root);
+    return root;
+}
+
+void waitFor(std::chrono::seconds time) {
+    std::promise<void> over;
+    platform::services()->delayedTasks->runAfter(time, [&] { over.set_value(); });
+    test::within(over.get_future());
+}
+
+void measureIdle(const BigRepository& repository) {
+    constexpr int count = 200;
+    const auto first = makeSmall(repository, "small0");
+    const auto provider = createNewManagedFolderProviderInstance();
+    std::vector<std::shared_ptr<ManagedFolder>> folders;
+    for (int i = 0; i < count; ++i) {
+        const auto root = first.parent_path() / ("small" + std::to_string(i));
+        if (i != 0)
+            fs::copy(first, root, fs::copy_options::recursive);
+        folders.push_back(provider->provideFor(Path::fromNative(root.native()), "idle"));
+        fill(*folders.back());
+    }
+    const auto threads = countEntries("/proc/self/task");
+    waitFor(std::chrono::seconds(15)); // a worker of the pool of strands leaves after ten
+    std::printf("%d working copies are followed: %zu watches; threads, with the main one: %zu, "
+                "after 15 idle seconds %zu\n",
+                count, countWatches(), threads, countEntries("/proc/self/task"));
+}
+
+// --- Beside a file system that hangs ---
+
+void measureStalled(const BigRepository& repository) {
+    const auto root = makeSmall(repository, "live"), stalled = root.parent_path() / "stalled";
+    fs::create_directory(stalled);
+    const int server = ::open("/dev/fuse", O_RDWR | O_CLOEXEC); // answers nothing
+    const auto how = "fd=" + std::to_string(server) + ",rootmode=40000,user_id=0,group_id=0";
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("none", stalled.c_str(), "fuse", 0, how.c_str()) != 0) {
+        std::printf("no file system may be mounted here: run the section \"stalled\" as root\n");
+        return;
+    }
+    const auto path = Path::fromNative(root.native()), file = path / u"0";
+    const auto provider = createNewManagedFolderProviderInstance();
+    const auto live = provider->provideFor(path, "live");
+    std::mutex mutex;
+    std::condition_variable changed;
+    live->getCache().connectCacheChanged([&] {
+        const std::lock_guard lock(mutex);
+        changed.notify_all();
+    });
+    fill(*live);
+    bool isModified = false;
+    const auto write = [&] {
+        isModified = !isModified;
+        const auto wanted = isModified ? LocalStatus::Modified : LocalStatus::Unmodified;
+        overwrite((root / "0").native(), isModified ? "old\n" : "new\n");
+        std::unique_lock lock(mutex);
+        if (!changed.wait_for(lock, test::deadline, [&] {
+                const auto state = live->getCache().getCachedStatus(file);
+                return state && state->getState() == wanted;
+            }))
+            throw std::runtime_error("a write does not become visible");
+    };
+    const auto measure = [&](const char* when) {
+        std::vector<double> visible, providing, watching;
+        for (int i = 0; i < 20; ++i) {
+            visible.push_back(millisecondsOf(write));
+            providing.push_back(millisecondsOf([&] { (void)provider->provideFor(path, "2"); }));
+            watching.push_back(millisecondsOf([&] {
+                (void)platform::services()->folderWatcher->watch(
+                    path / u".git", platform::FolderWatcher::Scope::Itself,
+                    [](const platform::FolderEvent&) {});
+            }));
+        }
+        std::printf("  %-46s %9.1f %9.2f %9.3f\n", when, median(visible), median(providing),
+                    median(watching));
+    };
+    std::printf("Beside a file system that hangs, medians of 20; milliseconds\n"
+                "  %-46s %9s %9s %9s\n",
+                "", "visible", "provide", "watch");
+    measure("alone");
+    const auto below = Path::fromNative((stalled / "work").native());
+    const auto watch = platform::services()->folderWatcher->watch(
+        below, platform::FolderWatcher::Scope::Entries, [](const platform::FolderEvent&) {});
+    auto hanging = test::onThread([&] { (void)provider->provideFor(below, "hangs"); });
+    measure("while one of its folders is provided");
+    ::umount2(stalled.c_str(), MNT_DETACH); // its folders are looked at
+    measure("and after it was unmounted");
+    ::close(server);
+    try {
+        test::within(std::move(hanging));
+    } catch (const std::exception&) { // it is not there
+    }
+}
+
 // --- The end ---
 
 void measureRelease(const BigRepository& repository) {
@@ -297,10 +403,11 @@ int main(int argc, char** argv) try {
     const auto files = number(1, 100'000), folders = number(2, 5'000);
     const std::string only = argc > 3 ? argv[3] : "";
     if (folders < 50 || files < folders) {
-        std::fprintf(stderr,
-                     "usage: quendo_benchmark_pool [FILES [FOLDERS [SECTION]]]\n"
-                     "FOLDERS: 50 or more, and not more than FILES\n"
-                     "SECTION: second, first, status, beside, release; all when left out\n");
+        std::fprintf(
+            stderr,
+            "usage: quendo_benchmark_pool [FILES [FOLDERS [SECTION]]]\n"
+            "FOLDERS: 50 or more, and not more than FILES\n"
+            "SECTION: second, first, status, beside, idle, stalled, release; all when left out\n");
         return 2;
     }
     const BigRepository repository(files, folders);
@@ -314,6 +421,8 @@ int main(int argc, char** argv) try {
     run("first", measureFirst);
     run("status", measureStatus);
     run("beside", measureBeside);
+    run("idle", measureIdle);
+    run("stalled", measureStalled);
     run("release", measureRelease);
     return isFine ? 0 : 1;
 } catch (const std::exception& error) {
