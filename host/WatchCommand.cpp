@@ -6,6 +6,7 @@
 #include "host/JsonText.h"
 #include "host/OutputWatch.h"
 #include "host/Session.h"
+#include "host/SignalWatch.h"
 #include "host/StandardStreams.h"
 #include "host/VisibleText.h"
 #include "host/WorkingCopy.h"
@@ -20,6 +21,7 @@
 #include "quendo/platform/FileUtilities.h"
 #include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/Services.h"
+#include "quendo/pool/FolderDump.h"
 
 #include <CLI/App.hpp>
 #include <nlohmann/json.hpp>
@@ -28,6 +30,8 @@
 #include <array>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
+#include <cstdio>
 #include <ctime>
 #include <deque>
 #include <filesystem>
@@ -67,6 +71,7 @@ public:
         bool isUnread = false; ///< nobody reads the output any more
         bool hasGone = false;
         bool hasOtherBranch = false;
+        bool isToDescribe = false;
     };
 
     void addChanges(const StatusChanges& changes) {
@@ -87,6 +92,9 @@ public:
     }
     void tellUnread() {
         add([&] { m_news.isUnread = true; });
+    }
+    void requestDescription() {
+        add([&] { m_news.isToDescribe = true; });
     }
     void tellOtherBranch() {
         add([&] { m_news.hasOtherBranch = true; });
@@ -308,6 +316,9 @@ CLI::App* WatchCommand::describe(CLI::App& program) {
     app->add_flag("--json", json, "One JSON object a line");
     app->add_flag("--branch", branch, "With --json: also an object for branch and operation");
     app->add_flag("--stale", stale, "With --json: also an object when states may be outdated");
+    app->add_flag("--debug", debug,
+                  "On SIGUSR1 describe queue, queries, retries, watches and the last events on\n"
+                  "standard error: attach that to a report of an outdated state");
     app->footer(
         "It goes on until it is interrupted (Ctrl-C) or nobody reads its output. What keeps\n"
         "it from telling the truth stands on standard error.\n"
@@ -364,6 +375,9 @@ void WatchCommand::run() const {
         listing.states = {};
         auto toldStale = jsonStale({}, copy);
         const OutputWatch outputWatch([feed] { feed->tellUnread(); });
+        std::optional<SignalWatch> signalWatch;
+        if (debug)
+            signalWatch.emplace(SIGUSR1, [feed] { feed->requestDescription(); });
         for (Feed::News news;;) {
             if (news.stale && stale) {
                 auto line = jsonStale(*news.stale, copy);
@@ -386,6 +400,8 @@ void WatchCommand::run() const {
             }
             if (news.hasGone)
                 blindness.tellGone();
+            if (news.isToDescribe)
+                std::fputs(quendo::describe(*copy.folder).c_str(), stderr);
         }
     } catch (...) {
         // What is being asked is ended with all that git has started before the process goes.

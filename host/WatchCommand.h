@@ -16,6 +16,7 @@ struct WatchCommand : Command {
     bool json = false;
     bool branch = false; ///< in JSON as well
     bool stale = false;  ///< in JSON as well
+    bool debug = false;  ///< describes the folder on SIGUSR1
     StatusSelection selection;
 
     CLI::App* describe(CLI::App& program) override;

@@ -10,6 +10,7 @@ CMStatusCache::~CMStatusCache() = default;
 CMStatusCacheChanges::~CMStatusCacheChanges() = default;
 CMStatusCacheFolders::~CMStatusCacheFolders() = default;
 CMStatusCacheFreshness::~CMStatusCacheFreshness() = default;
+void CMStatusCacheFreshness::setPendingChanges(PendingChanges) {}
 
 std::optional<FileState> getEffectiveStatus(const CMStatusCache& cache, const Path& path) {
     if (auto state = cache.getCachedStatus(path))

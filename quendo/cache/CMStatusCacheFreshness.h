@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -87,6 +88,17 @@ public:
     /// Slots run on the cache's strand, after the waiters of the refresh have woken. What a slot
     /// throws is logged; the others are called. The cache may be destroyed in a slot.
     virtual boost::signals2::connection connectStalenessChanged(const StalenessSlot& slot) = 0;
+
+    /// Since when a path (or any, if empty) may be outdated by a change that has led to no request
+    /// yet; nothing when there is none. Called on any thread, maybe under a lock: it must be quick
+    /// and call nothing of the cache.
+    using PendingChanges = std::function<std::optional<std::chrono::steady_clock::time_point>(
+        const std::optional<Path>&)>;
+
+    /// From now on includes what `pending` returns in getFreshness() and getStaleness(), as a
+    /// refresh that waits. The file system's updater of a managed folder sets it, once. The default
+    /// does nothing.
+    virtual void setPendingChanges(PendingChanges pending);
 
     /// A task whose wait() ends when the cache holds the state of `file`, or of `folder` and all
     /// below it, from this moment or later. A refresh that waits in the queue is shared where it

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -60,6 +61,9 @@ struct JobCombiningCMStatusCache::Impl {
     JobQueingCacheUpdater updater;
     std::atomic<bool> folderStatusFlag{false};
 
+    mutable std::mutex pendingMutex;                      ///< never held together with another
+    std::shared_ptr<const PendingChanges> pendingChanges; ///< guarded by pendingMutex
+
     ReentrantReadWriteLock loadedLock;      ///< never held together with another
     std::unordered_set<Path> loadedFolders; ///< guarded by loadedLock
 
@@ -72,6 +76,20 @@ struct JobCombiningCMStatusCache::Impl {
         auto made = std::make_shared<CacheState>();
         made->books.ledger = std::make_shared<RefreshLedger>(root, platform::services()->files);
         return made;
+    }
+
+    std::optional<Staleness> pendingStaleness(const std::optional<Path>& path) const {
+        const auto pending = [&] {
+            const std::lock_guard lock(pendingMutex);
+            return pendingChanges;
+        }();
+        const auto since = pending != nullptr ? (*pending)(path) : std::nullopt;
+        if (!since)
+            return {};
+        Staleness result;
+        result.since = *since;
+        result.reason = RefreshReason::FileEvent;
+        return result;
     }
 
     bool isForbidden(std::u16string_view name) const {
@@ -278,11 +296,28 @@ JobCombiningCMStatusCache::connectFoldersChanged(const CMStatusCacheFolders::Slo
 }
 
 Freshness JobCombiningCMStatusCache::getFreshness(const Path& path) const {
-    return m_impl->updater.getFreshness(path);
+    // The changes first: what becomes a request in between is told twice and not never.
+    const auto pending = m_impl->pendingStaleness(path);
+    auto result = m_impl->updater.getFreshness(path);
+    if (pending) {
+        if (result.refresh == Freshness::Refresh::None)
+            result.refresh = Freshness::Refresh::Waiting;
+        include(result.staleness, *pending);
+    }
+    return result;
 }
 
 std::optional<Staleness> JobCombiningCMStatusCache::getStaleness() const {
-    return m_impl->updater.getStaleness();
+    const auto pending = m_impl->pendingStaleness(std::nullopt);
+    auto result = m_impl->updater.getStaleness();
+    if (pending)
+        include(result, *pending);
+    return result;
+}
+
+void JobCombiningCMStatusCache::setPendingChanges(PendingChanges pending) {
+    const std::lock_guard lock(m_impl->pendingMutex);
+    m_impl->pendingChanges = std::make_shared<const PendingChanges>(std::move(pending));
 }
 
 boost::signals2::connection

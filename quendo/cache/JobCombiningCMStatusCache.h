@@ -68,6 +68,7 @@ public:
 
     Freshness getFreshness(const Path& path) const override;
     std::optional<Staleness> getStaleness() const override;
+    void setPendingChanges(PendingChanges pending) override;
     boost::signals2::connection connectStalenessChanged(const StalenessSlot& slot) override;
     std::shared_ptr<CacheTask> requireFreshFile(const Path& file) override;
     std::shared_ptr<CacheTask> requireFreshFolder(const Path& folder) override;

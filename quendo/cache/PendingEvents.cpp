@@ -129,4 +129,12 @@ std::optional<PendingEvents::Clock::time_point> PendingEvents::since(const Path&
     return result;
 }
 
+std::optional<PendingEvents::Clock::time_point> PendingEvents::oldest() const {
+    const std::lock_guard lock(m_mutex);
+    auto result = m_lostSince;
+    for (const auto& [path, event] : m_events)
+        result = std::min(result.value_or(event.first), event.first);
+    return result;
+}
+
 } // namespace quendo

@@ -58,6 +58,9 @@ public:
     /// a folder around it that is unknown.
     std::optional<Clock::time_point> since(const Path& path) const;
 
+    /// Of the entry whose first event is the oldest.
+    std::optional<Clock::time_point> oldest() const;
+
 private:
     void join(const Path& path, const Event& event);
     void fold();

@@ -520,6 +520,11 @@ public:
             return;
         }
         if (m_info->folders != nullptr) {
+            if (m_info->freshness != nullptr)
+                m_info->freshness->setPendingChanges([weak](const std::optional<Path>& path) {
+                    const auto self = weak.lock();
+                    return self != nullptr ? self->outdatedSince(path) : std::nullopt;
+                });
             m_isTold = m_info->freshness != nullptr;
             m_startedConnection =
                 m_info->cache->connectTasksStarted(logging([weak](const CMStatusCache::Tasks&) {
@@ -602,8 +607,12 @@ public:
         return m_rootRefusal;
     }
 
-    std::optional<PendingEvents::Clock::time_point> outdatedSince(const Path& path) const {
-        const auto arrived = m_inbox->pending().since(path), waiting = m_waiting.since(path);
+    std::optional<PendingEvents::Clock::time_point>
+    outdatedSince(const std::optional<Path>& path) const {
+        const auto in = [&](const PendingEvents& events) {
+            return path ? events.since(*path) : events.oldest();
+        };
+        const auto arrived = in(m_inbox->pending()), waiting = in(m_waiting);
         return arrived && waiting ? std::min(arrived, waiting) : arrived ? arrived : waiting;
     }
 

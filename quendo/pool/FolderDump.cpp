@@ -3,6 +3,8 @@
 #include "quendo/cache/BranchStateCache.h"
 #include "quendo/cache/CMStatusCacheFolders.h"
 #include "quendo/cache/CMStatusCacheFreshness.h"
+#include "quendo/cache/CMStatusCacheStatistics.h"
+#include "quendo/exception/ErrorText.h"
 #include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/Services.h"
 #include "quendo/pool/FindInterface.h"
@@ -23,13 +25,7 @@ using Lines = std::ostringstream;
 
 /// The text of an error, on one line.
 std::string textOf(const std::exception_ptr& error) {
-    std::string text = "unknown error";
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& failure) {
-        text = failure.what();
-    } catch (...) {
-    }
+    auto text = exception::errorText(error);
     for (auto& each : text) {
         if (each == '\n')
             each = ' ';
@@ -114,10 +110,20 @@ void describeBranch(Lines& lines, ManagedFolder& folder) {
         lines << "branch state: cannot be read: " << textOf(known.error) << '\n';
 }
 
-// A section each, in the order of the text. What the cache and the follower of file events count
-// about themselves goes in here as sections of their own.
-constexpr void (*sections[])(Lines&, ManagedFolder&) = {describeWatches, describeEntries,
-                                                        describeFreshness, describeBranch};
+void describeRefreshes(Lines& lines, ManagedFolder& folder) {
+    if (const auto* cache = findInterface<CMStatusCacheStatistics>(folder))
+        lines << describe(cache->getStatistics());
+}
+
+void describeEvents(Lines& lines, ManagedFolder& folder) {
+    if (const auto* pooled = findInterface<PooledManagedFolder>(folder))
+        lines << pooled->describeUpdater();
+}
+
+// A section each, in the order of the text.
+constexpr void (*sections[])(Lines&, ManagedFolder&) = {describeWatches,   describeEntries,
+                                                        describeFreshness, describeBranch,
+                                                        describeRefreshes, describeEvents};
 
 } // namespace
 

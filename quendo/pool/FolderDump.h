@@ -11,7 +11,7 @@ namespace quendo {
 class ManagedFolder;
 
 /// All that is known about a managed folder, as text for people: what to attach to a report such as
-/// "it showed an old state". One "name: value" a line, and no line without a value:
+/// "it showed an old state". Mostly one "name: value" a line:
 ///
 ///     root: /home/me/project
 ///     ...                          as getClients() lists it
@@ -21,6 +21,8 @@ class ManagedFolder;
 ///     entries: 1204 in 31 folders: 1200 Unmodified, 4 Modified
 ///     freshness of the root: answered 2.041 s ago, nothing pending
 ///     branch: main
+///     ...                          queue, running query, retries, counts by reason, last refreshes
+///     ...                          watches by kind, pending events, last events
 ///
 /// The names and their order may change; do not parse them.
 ///

@@ -61,6 +61,9 @@ public:
     boost::signals2::connection connectDeleted(const DeletedSlot& slot) override;
     BranchStateCache* getBranchStateCache() const override;
 
+    /// VFSFileChangeCacheUpdater::describe() of its updater.
+    std::string describeUpdater() const { return m_updater.describe(); }
+
     /// What it was made with, as platform::completed() gives them.
     const platform::Services& getServices() const noexcept { return *m_services; }
 

@@ -185,7 +185,7 @@ TEST(Watch, IsRightSoonAfterGitHasRecovered) {
                              "'; echo fatal: mine >&2; exit 1; fi; exec $REAL \"$@\"");
     Watch watch(sandbox, variables);
     RunningProcess program({"env", "PATH=" + variables.at("PATH"), QUENDO_PROGRAM, "watch",
-                            "--json", "--branch", "--stale"},
+                            "--json", "--branch", "--stale", "--debug"},
                            {sandbox.work(), sandbox.environment()});
     const auto nextStale = [&] {
         for (;;)
@@ -211,6 +211,10 @@ TEST(Watch, IsRightSoonAfterGitHasRecovered) {
     watch.expectSaid("is refreshed again");
     EXPECT_LE(std::ranges::count(readFile(starts), '\n'), 40);
     EXPECT_TRUE(nextStale().is_null());
+    ASSERT_EQ(::kill(program.id(), SIGUSR1), 0);
+    for (const char* part : {"root: ", "file event: ", "last events:"})
+        while (program.next().value().text.find(part) == std::string::npos) {
+        }
 }
 
 TEST(WatchDeathTest, SaysThatChangesAreToldLate) {

@@ -1,3 +1,4 @@
+#include "quendo/adapter/CMApplicationInteractor.h"
 #include "quendo/cache/CMStatusCacheFreshness.h"
 #include "quendo/cache/CacheTask.h"
 #include "quendo/exception/SourceControlException.h"
