@@ -94,6 +94,8 @@ struct BackgroundTurns::Impl {
     }
 
     Clock::duration pauseAfter(Clock::duration turn, Clock::time_point now) const {
+        if (options.share <= 0)
+            return {};
         const double pause = static_cast<double>(turn.count()) *
                              static_cast<double>(activeClients(now)) / (options.share / 2);
         const auto longest = Clock::duration(options.longestPause);
@@ -195,6 +197,11 @@ std::unique_ptr<BackgroundTurns::Client> BackgroundTurns::addClient(Callbacks ca
         m_impl->clients.push_back(state);
     }
     return std::unique_ptr<Client>(new Client(shared_from_this(), std::move(state)));
+}
+
+void BackgroundTurns::setShare(double share) {
+    const std::lock_guard lock(m_impl->mutex);
+    m_impl->options.share = share;
 }
 
 void BackgroundTurns::queryStarted() noexcept {

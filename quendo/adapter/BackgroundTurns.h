@@ -106,6 +106,9 @@ public:
 
     std::unique_ptr<Client> addClient(Callbacks callbacks);
 
+    /// Replaces Options::share; 0 ends the pacing, and leaves the order and the interruptions.
+    void setShare(double share);
+
     /// A query of the turn that is granted now has started on the executor, or has ended there.
     /// Without effect when no turn is granted.
     /// @param cost is added to the cost of the turn

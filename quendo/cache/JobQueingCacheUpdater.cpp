@@ -311,8 +311,9 @@ private:
         }
         endTurn(false);
         if (wantsTurn)
-            m_turns->request();
-        startTimer();
+            m_turns->request(); // the drain that follows starts the timer
+        else
+            startTimer();
     }
 
     /// Gives the turn back if there is one.

@@ -21,9 +21,10 @@ struct SteppedFolder {
         followed.cache.refreshFolder(followed.root);
         settle();
     }
-    /// All that has happened was answered.
+    /// All that has happened was answered; what fails again and again has been retried.
     void settle() {
-        for (int quiet = 0, before = 0; quiet < 2; before = queries)
+        int before = 0;
+        for (int quiet = 0, rounds = 0; quiet < 2 && rounds < 200; before = queries, ++rounds)
             quiet = detection.endWindows() != 0 || queries != before ? 0 : quiet + 1;
     }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "quendo/adapter/BackgroundTurns.h"
 #include "quendo/platform/DelayedTaskService.h"
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/ExecutorService.h"
@@ -184,6 +185,12 @@ private:
     const std::shared_ptr<Delays> m_delays = std::make_shared<Delays>();
     const std::shared_ptr<Executors> m_executors = std::make_shared<Executors>();
     const platform::ScopedServices m_scoped;
+    /// Its clock is the real one, by which no time passes here.
+    const std::shared_ptr<BackgroundTurns> m_turns = [this] {
+        auto turns = BackgroundTurns::of(m_executors->sourceControl);
+        turns->setShare(0);
+        return turns;
+    }();
 };
 
 } // namespace quendo::test
