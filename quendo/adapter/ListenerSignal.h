@@ -3,6 +3,7 @@
 #include "quendo/adapter/ListenerFailure.h"
 #include "quendo/platform/Logging.h"
 
+#include <boost/signals2/expired_slot.hpp>
 #include <boost/signals2/signal.hpp>
 
 #include <exception>
@@ -28,6 +29,8 @@ class ListenerSignal {
             for (; first != last; ++first) {
                 try {
                     *first;
+                } catch (const boost::signals2::expired_slot&) {
+                    // It went while the others were called.
                 } catch (...) {
                     if (onFailure == ListenerFailure::SkipsRest)
                         throw;
