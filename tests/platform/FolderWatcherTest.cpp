@@ -775,6 +775,7 @@ TEST_F(LimitedDeathTest, SeesMountingAndUnmounting) {
         // Over folders that are watched; and detached while somebody works there.
         fs::create_directory(root / "d/with space");
         watch("d/with space");
+        untilNow(); // "?" of a look that its coming led to
         ASSERT_EQ(::mount("none", (root / "d/with space").c_str(), "tmpfs", 0, nullptr), 0);
         heard.until("?d/with space");
         fs::create_directory(root / "d/with space/a");
