@@ -988,11 +988,18 @@ private:
         }
     }
 
-    void noteForbidden(const Path& folder) {
+    /// @return whether that is new
+    bool noteForbidden(const Path& folder) {
         if (folder == m_info->root)
-            return;
+            return false;
         const std::lock_guard lock(m_nestedMutex);
-        m_withForbidden.insert(folder);
+        return m_withForbidden.insert(folder).second;
+    }
+
+    void updateDependencies() {
+        const auto hold = m_lock.read();
+        if (m_dependencies != nullptr)
+            m_dependencies->update();
     }
 
     std::vector<Path> nestedCandidates() {
@@ -1431,8 +1438,11 @@ private:
                 askForWhatWent(folder, listing);
             for (const auto& entry : listing.entries) {
                 if (m_info->isForbidden(entry.path)) {
-                    if (m_info->leavesNested && folder != m_info->root && m_info->enabled &&
-                        (!answered || entry.changed >= *answered - margin))
+                    if (!m_info->leavesNested || folder == m_info->root)
+                        continue;
+                    if (noteForbidden(folder))
+                        updateDependencies();
+                    if (m_info->enabled && (!answered || entry.changed >= *answered - margin))
                         m_waiting.add(folder, PendingEvents::Forbidden);
                     continue;
                 }

@@ -88,6 +88,24 @@ StateDependency onFiles(const std::string& folder, std::set<Path> files, const P
             {root}};
 }
 
+/// Whether the metadata folder of `dependent`, which lies elsewhere, is a repository. When it is
+/// not there, the folders that lead to it are followed from the nearest one that is.
+StateDependency onMarkers(const std::string& gitDir, const Path& dependent) {
+    const auto target = Path::fromNative(gitDir).lexicallyNormal();
+    auto nearest = target;
+    while (!isFolder(nearest.toNative()) && !nearest.parentPath().empty())
+        nearest = nearest.parentPath();
+    const auto from = Path::fromNative(resolved(nearest.toNative()));
+    const auto at = nearest == target ? from : from / target.lexicallyRelative(nearest);
+    return {from,
+            [at](const Path& path) {
+                return path == at || at.isBelow(path) ||
+                       (path.parentPath() == at && isMarker(path.fileName().toNative()));
+            },
+            "marker " + at.toNative(),
+            {dependent}};
+}
+
 } // namespace
 
 GitDependencies::Stamp GitDependencies::stampOf(const std::string& file) {
@@ -195,9 +213,13 @@ void GitDependencies::addMetadata(GitRunner& git, const std::string& folder,
                                   std::vector<StateDependency>& found) const {
     const auto head = Path::fromNative(gitDir + "/HEAD");
     const bool isRoot = folder == git.repository().folder();
-    if (gitDir.empty() || (!isRoot && gitDir == folder + "/.git") || !isFolder(gitDir) ||
+    if (gitDir.empty() || (!isRoot && gitDir == folder + "/.git") ||
         (head.isBelow(m_metadata.folder) && m_metadata.filter(head)))
         return;
+    if (!isFolder(gitDir)) {
+        found.push_back(onMarkers(gitDir, Path::fromNative(folder)));
+        return;
+    }
     const auto common = commonDirOf(gitDir);
     found.push_back({Path::fromNative(common),
                      makeMetadataFilter(common, gitDir),
@@ -297,14 +319,8 @@ void GitDependencies::addNested(GitRunner& git, const Path& folder, const std::s
         depth = ignore == "all" ? Depth::Marker : ignore == "dirty" ? Depth::Metadata : Depth::All;
         if (depth != Depth::Marker)
             addMetadata(git, native, gitDir, found);
-    } else if (!gitDir.empty() && gitDir != native + "/.git" && isFolder(gitDir)) {
-        found.push_back({Path::fromNative(gitDir),
-                         [at = Path::fromNative(gitDir)](const Path& path) {
-                             return path == at || (path.parentPath() == at &&
-                                                   isMarker(path.fileName().toNative()));
-                         },
-                         "marker",
-                         {folder}});
+    } else if (!gitDir.empty() && gitDir != native + "/.git") {
+        found.push_back(onMarkers(gitDir, folder));
     }
     std::string name = "nested " + std::to_string(static_cast<int>(depth));
     if (depth == Depth::All) {
