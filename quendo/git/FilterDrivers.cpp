@@ -128,7 +128,7 @@ void FilterDrivers::checkSize() const {
 
 FilterDrivers FilterDrivers::read(GitRunner& git) {
     constexpr int noneFound = 1;
-    return parse(git.read({.arguments = question()}, noneFound));
+    return parse(git.readConfiguration(question(), noneFound));
 }
 
 } // namespace quendo::git

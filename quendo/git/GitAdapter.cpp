@@ -68,6 +68,7 @@ GitAdapter::GitAdapter(std::shared_ptr<GitTool> tool, Repository repository,
     : m_tool(std::move(tool)), m_interactor(std::move(interactor)), m_root(repository.rootPath()),
       m_repository(std::make_shared<const Repository>(std::move(repository))),
       m_suspendedFilters(std::make_shared<SuspendedFilters>(m_tool->options().filterPause)),
+      m_knownConfiguration(std::make_shared<KnownConfiguration>()),
       m_dependencies(GitAdapter::getMetadataFolder()) {}
 
 // git finds the metadata anew at each start, so they may have moved. The file system may take its
@@ -97,7 +98,7 @@ template <class Work>
 auto GitAdapter::withGit(Work&& work) const {
     const Cancellation cancellation(m_interactor.get());
     const auto repository = this->repository();
-    GitRunner git(*m_tool, *repository, cancellation, {}, m_suspendedFilters);
+    GitRunner git(*m_tool, *repository, cancellation, {}, m_suspendedFilters, m_knownConfiguration);
     return work(git);
 }
 
@@ -164,7 +165,8 @@ auto GitAdapter::withProgress(const UString& message, Work&& work) const {
     // git reports no progress of a query.
     const auto goOn = [&] { report(message, ProgressIndicator::unknown); };
     const auto repository = this->repository();
-    GitRunner git(*m_tool, *repository, cancellation, goOn, m_suspendedFilters);
+    GitRunner git(*m_tool, *repository, cancellation, goOn, m_suspendedFilters,
+                  m_knownConfiguration);
     goOn();
     auto result = work(git);
     report(message, 1);
@@ -197,7 +199,8 @@ void GitAdapter::act(const UString& message, Work&& work) const {
     const auto repository = this->repository();
     repository->checkMetadataFiles();
     const auto goOn = [&] { report(message, ProgressIndicator::unknown); };
-    GitRunner reader(*m_tool, *repository, cancellation, goOn, m_suspendedFilters);
+    GitRunner reader(*m_tool, *repository, cancellation, goOn, m_suspendedFilters,
+                     m_knownConfiguration);
     GitActor actor(
         *m_tool, *repository, cancellation,
         [&](std::string_view line) { report(toUString(line), fractionIn(line)); },

@@ -9,6 +9,7 @@
 #include "quendo/adapter/StateDependencies.h"
 #include "quendo/git/FailedQueries.h"
 #include "quendo/git/GitDependencies.h"
+#include "quendo/git/KnownConfiguration.h"
 #include "quendo/git/Repository.h"
 #include "quendo/git/SuspendedFilters.h"
 
@@ -103,6 +104,7 @@ private:
     mutable std::condition_variable m_hasActed;
     std::weak_ptr<CredentialProvider> m_credentialProvider; ///< guarded by m_lock
     const std::shared_ptr<SuspendedFilters> m_suspendedFilters;
+    const std::shared_ptr<KnownConfiguration> m_knownConfiguration;
     mutable FailedQueries m_failedQueries;
     mutable std::mutex m_dependenciesLock;
     mutable GitDependencies m_dependencies; ///< guarded by m_dependenciesLock

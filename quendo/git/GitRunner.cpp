@@ -4,6 +4,7 @@
 #include "quendo/git/Cancellation.h"
 #include "quendo/git/GitFailure.h"
 #include "quendo/git/IndexSizes.h"
+#include "quendo/git/KnownConfiguration.h"
 #include "quendo/git/LazyFetch.h"
 #include "quendo/git/NamedFiles.h"
 #include "quendo/git/NativePath.h"
@@ -48,9 +49,11 @@ constexpr int patience = 3;
 } // namespace
 
 GitRunner::GitRunner(GitTool& tool, const Repository& repository, const Cancellation& cancellation,
-                     std::function<void()> eachRound, std::shared_ptr<SuspendedFilters> filters)
+                     std::function<void()> eachRound, std::shared_ptr<SuspendedFilters> filters,
+                     std::shared_ptr<KnownConfiguration> known)
     : m_tool(tool), m_repository(repository), m_cancellation(&cancellation),
-      m_eachRound(std::move(eachRound)), m_suspendedFilters(std::move(filters)) {}
+      m_eachRound(std::move(eachRound)), m_suspendedFilters(std::move(filters)),
+      m_known(std::move(known)) {}
 
 void GitRunner::ignoreCancellation() {
     m_never = std::make_shared<const Cancellation>(nullptr);
@@ -76,9 +79,10 @@ std::set<std::string> GitRunner::suspendFilters(const std::vector<std::string>& 
 void GitRunner::checkNamedFiles() {
     if (m_hasCheckedNamedFiles)
         return;
-    const auto unfitFiles = findUnfitFiles(m_repository);
+    auto named = lookAtNamedFiles(m_repository);
     m_hasCheckedNamedFiles = true; // what it throws is thrown again for the next run
-    for (const auto& unfit : unfitFiles) {
+    m_configuration = std::move(named.configuration);
+    for (const auto& unfit : named.unfit) {
         const ConfigOverride replaced{unfit.setting, "/dev/null"};
         if (std::ranges::find(m_replacedFiles, replaced) != m_replacedFiles.end())
             continue;
@@ -250,6 +254,20 @@ std::string GitRunner::read(GitRun one, int accepted) {
     if (result.exitCode != 0 && result.exitCode != accepted)
         throwGitFailure(one.folder.empty() ? m_repository.root() : one.folder, command, result);
     return output;
+}
+
+std::string GitRunner::readConfiguration(std::vector<std::string> arguments, int accepted) {
+    m_cancellation->throwIfRequested();
+    checkNamedFiles();
+    const bool mayKeep =
+        m_known && m_configuration && m_overrides.empty() && m_replacedFiles.empty();
+    if (mayKeep)
+        if (auto answer = m_known->find(*m_configuration))
+            return *std::move(answer);
+    auto answer = read({.arguments = std::move(arguments)}, accepted);
+    if (mayKeep && lookAtNamedFiles(m_repository).configuration == m_configuration)
+        m_known->keep(*m_configuration, answer);
+    return answer;
 }
 
 void NulSplitter::keep(std::string_view text) {

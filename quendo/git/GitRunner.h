@@ -17,6 +17,7 @@
 namespace quendo::git {
 
 class Cancellation;
+class KnownConfiguration;
 class LazyFetch;
 class Repository;
 
@@ -42,9 +43,11 @@ class GitRunner {
 public:
     /// @param eachRound runs about every 100 ms while git runs; must not throw
     /// @param filters the user's that hung here before; null when none are remembered
+    /// @param known what git answered about its configuration; null when that is not kept
     GitRunner(GitTool& tool, const Repository& repository, const Cancellation& cancellation,
               std::function<void()> eachRound = {},
-              std::shared_ptr<SuspendedFilters> filters = nullptr);
+              std::shared_ptr<SuspendedFilters> filters = nullptr,
+              std::shared_ptr<KnownConfiguration> known = nullptr);
 
     const Repository& repository() const noexcept { return m_repository; }
     const Cancellation& cancellation() const noexcept { return *m_cancellation; }
@@ -84,6 +87,10 @@ public:
     /// @throws as run(), and what throwGitFailure() makes of another exit code
     std::string read(GitRun run, int accepted = 0);
 
+    /// As read() with these arguments, of `git config`, which are the same each time; without git
+    /// while the answer is known.
+    std::string readConfiguration(std::vector<std::string> arguments, int accepted);
+
 private:
     void checkNamedFiles();
     std::chrono::milliseconds processorLimit(const GitRun& run, std::uint64_t indexSize);
@@ -104,7 +111,9 @@ private:
     std::vector<ConfigOverride> m_replacedFiles; ///< settings that name what git must not open
     SuspendedFilters::Drivers m_usersFilters;    ///< that git may run
     const std::shared_ptr<SuspendedFilters> m_suspendedFilters; ///< may be null
-    std::chrono::milliseconds m_processorTime{0};               ///< of all runs so far
+    const std::shared_ptr<KnownConfiguration> m_known;          ///< may be null
+    std::optional<std::string> m_configuration;   ///< before the first run (NamedFiles)
+    std::chrono::milliseconds m_processorTime{0}; ///< of all runs so far
     Trouble m_trouble = Trouble::None;
     std::string m_suspect;
     std::optional<std::uint64_t> m_sizeOfFiles; ///< of all tracked ones, once it is known

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <map>
@@ -27,8 +28,11 @@
 //    regular and small. They cannot be replaced for one run of git, so an unfit one is an error
 //    that names it. How often they are read is bounded too.
 // 2. What core.excludesFile and core.attributesFile name can be replaced for one run. A file that
-// is
-//    unfit is returned, and the caller asks git whether it is the one that counts (GitRunner).
+//    is unfit is returned, and the caller asks git whether it is the one that counts (GitRunner).
+//
+// As all of the configuration has been read then, it also tells whether git would answer otherwise
+// than last time. Conditions on branches and remotes are not looked at; where there are any, that
+// is left open.
 //
 // What is not guaranteed: a file that is replaced between this look and git's is opened by git.
 // Then, and for includes with a condition, git's bounds serve (GitOptions): it is ended, and the
@@ -41,6 +45,7 @@ constexpr std::size_t configLimit = 16 * 1024 * 1024;
 constexpr std::uint64_t mostRead = 64 * 1024 * 1024; // all configuration files together
 constexpr int mostFiles = 1'000;
 constexpr int deepestInclude = 10; // beyond, git refuses
+constexpr std::size_t mostCompared = 256 * 1024;
 constexpr off_t rulesLimit = 100 * 1024 * 1024;
 
 constexpr std::array<const char*, 2> settings = {"core.excludesfile", "core.attributesfile"};
@@ -75,8 +80,9 @@ public:
         struct stat status;
         // What cannot be read is for git to judge: it passes over some of these files.
         if (::stat(file.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
-            return;
+            return note(file, errno == ENOENT ? std::optional("") : std::nullopt);
         const auto text = readSmallFile(file, configLimit);
+        note(file, text);
         if (++m_files > mostFiles || (m_bytes += text ? text->size() : 0) > mostRead ||
             (!text && status.st_size > static_cast<off_t>(configLimit)))
             fail(isOfUser,
@@ -87,18 +93,20 @@ public:
             return;
         const auto folder = file.substr(0, file.rfind('/'));
         std::vector<std::string> included;
-        FormatConfig::parse(*text, [&](const std::string& section, const std::string& name,
-                                       const std::string& value) {
-            if (section == "include" && name == "path") {
-                if (const auto path = expanded(value, folder))
-                    included.push_back(*path);
-            } else if (section.starts_with("includeif ") && name == "path") {
-                if (const auto path = expanded(value, folder))
+        const auto parsed =
+            FormatConfig::parse(*text, [&](const std::string& section, const std::string& name,
+                                           const std::string& value) {
+                const bool isCondition = section.starts_with("includeif ");
+                if (!(isCondition || section == "include") || name != "path")
+                    return take(section + "." + name, value);
+                const auto path = expanded(value, folder);
+                m_isWhole &= path && (!isCondition || section.starts_with("includeif \"gitdir"));
+                if (path && isCondition)
                     readPerhaps(*path);
-            } else {
-                take(section + "." + name, value);
-            }
-        });
+                else if (path)
+                    included.push_back(*path);
+            });
+        m_isWhole &= parsed.isRegular && (included.empty() || depth < deepestInclude);
         if (depth < deepestInclude)
             for (const auto& one : included)
                 read(one, isOfUser && !one.starts_with(m_repository.commonDir()), depth + 1);
@@ -109,7 +117,14 @@ public:
             take(setting, defaultFileOf(setting));
     }
 
-    std::vector<UnfitFile> takeUnfit() { return std::move(m_unfit); }
+    NamedFiles takeResult() {
+        NamedFiles result{.unfit = std::move(m_unfit), .configuration = {}};
+        // Conditions compare the place of the metadata.
+        note(m_repository.gitDir(), "");
+        if (m_isWhole)
+            result.configuration = std::move(m_read);
+        return result;
+    }
 
 private:
     static std::string shown(const std::string& file) { return Path::fromNative(file).toUtf8(); }
@@ -130,32 +145,49 @@ private:
 
     /// One that git includes under a condition, without what that includes in turn.
     void readPerhaps(const std::string& file) {
+        struct stat status;
+        if (::stat(file.c_str(), &status) != 0 && errno == ENOENT)
+            return note(file, "");
         if (++m_files > mostFiles || whyUnfit(file))
-            return;
+            return note(file, std::nullopt);
         const auto text = readSmallFile(file, configLimit);
+        note(file, text);
         if (!text || (m_bytes += text->size()) > mostRead)
             return;
-        FormatConfig::parse(*text,
-                            [&](const std::string& section, const std::string& name,
-                                const std::string& value) { take(section + "." + name, value); });
+        const auto parsed =
+            FormatConfig::parse(*text, [&](const std::string& section, const std::string& name,
+                                           const std::string& value) {
+                m_isWhole &= !section.starts_with("include");
+                take(section + "." + name, value);
+            });
+        m_isWhole &= parsed.isRegular;
+    }
+
+    /// @param text nothing when it cannot be read as git reads it
+    void note(const std::string& file, const std::optional<std::string>& text) {
+        m_isWhole &= text && m_read.size() + text->size() <= mostCompared;
+        if (m_isWhole)
+            m_read += file + '\0' + *text + '\0';
     }
 
     const Repository& m_repository;
     int m_files = 0;
     std::uint64_t m_bytes = 0;
     std::vector<UnfitFile> m_unfit;
+    std::string m_read; ///< the names and contents of the files
+    bool m_isWhole = true;
 };
 
 } // namespace
 
-std::vector<UnfitFile> findUnfitFiles(const Repository& repository) {
+NamedFiles lookAtNamedFiles(const Repository& repository) {
     ConfigurationReader reader(repository);
     for (const auto& file : configurationOfUser())
         reader.read(file, true);
     reader.read(repository.commonDir() + "/config", false);
     reader.read(repository.gitDir() + "/config.worktree", false);
     reader.takeDefaults();
-    return reader.takeUnfit();
+    return reader.takeResult();
 }
 
 std::optional<UnfitFile> findUnfitNamed(std::string_view configuration, const std::string& folder) {

@@ -16,17 +16,24 @@ struct UnfitFile {
     std::string why;     ///< "is a device"
 };
 
+/// What lookAtNamedFiles() has found.
+struct NamedFiles {
+    /// What core.excludesFile and core.attributesFile name, or what stands at their default places,
+    /// and is unfit. A setting may stand where a condition keeps git from reading it, so git need
+    /// not be about to open it.
+    std::vector<UnfitFile> unfit;
+    /// The names and contents of all configuration files. While this stays the same, so do the
+    /// answers of `git config`. Nothing where they depend on more than that, or there is too much.
+    std::optional<std::string> configuration;
+};
+
 /// Looks at the files that git reads because of its configuration, before git opens them: the
 /// configuration files themselves, those that they include, and those that core.excludesFile and
 /// core.attributesFile name. Opens nothing but regular files. Runs no git.
 ///
-/// A setting may stand where a condition keeps git from reading it, so a file that is returned need
-/// not be one that git would open.
-///
-/// @return what is named by the two settings, or stands at their default places, and is unfit
 /// @throws exception::DamagedRepositoryError, or ToolError where the user's own configuration is at
 ///         fault, naming the configuration file that is unfit or includes too much
-std::vector<UnfitFile> findUnfitFiles(const Repository& repository);
+NamedFiles lookAtNamedFiles(const Repository& repository);
 
 /// The same for what `git config` printed for FilterDrivers::question() in `folder`.
 /// @return the one of the two settings that is unfit, if any

@@ -148,6 +148,42 @@ TEST(GitAdapterTest, ARepositorysOwnFilterIsNotRunAndSaid) {
     EXPECT_EQ(stateOf(copy, "b.mine", property::unverified), "Modified mine");
 }
 
+// git is asked for its configuration when that may have changed, and not at each query.
+TEST(GitAdapterTest, AsksForTheConfigurationWhenThatMayHaveChanged) {
+    GitOptions options;
+    const test::TemporaryFolder bin;
+    options.executable = bin.path() / "git";
+    const auto asked = bin.path() / "asked";
+    test::writeFile(options.executable, "#!/bin/sh\n[ \"$1\" != config ] || echo >> '" +
+                                            asked.native() + "'\nexec /usr/bin/git \"$@\"\n");
+    fs::permissions(options.executable, fs::perms::owner_all);
+    Copy copy(options, "git init -q -b main; echo '*.own filter=own' > .gitattributes\n"
+                       "printf text > a.own; git add .; git commit -qm one; printf tixt > a.own\n"
+                       "printf '[filter \"own\"]\nclean = cat\n' > ../inc");
+    auto timesAsked = [&, before = std::uintmax_t{0}]() mutable {
+        const auto now = fs::exists(asked) ? fs::file_size(asked) : 0;
+        return now - std::exchange(before, now);
+    };
+    for (const auto* change :
+         {"", "git config filter.own.clean cat", "git config --unset filter.own.clean",
+          "git config include.path ../../inc2", "cp ../inc ../inc2", "echo >> ../inc2",
+          ": > ../inc2", "cp ../inc ../inc2", "rm ../inc2",
+          "git config --global includeIf.gitdir:work/.path ~/inc", "cp ../inc ../home/inc",
+          "rm ../home/inc", "git config includeIf.onbranch:side.path ../../inc",
+          "git checkout -qb side", "git checkout -q main"}) {
+        copy.sh(change);
+        const auto state = stateOf(copy, "a.own", property::unverified);
+        EXPECT_EQ(timesAsked(), 1U) << change;
+        const auto fresh = GitAdapterFactory().createAdapter(copy.root(), copy.interactor());
+        const auto wanted = fresh->getStatus(copy.at("a.own"), true).at(copy.at("a.own"));
+        const auto* filter = wanted.findProperty(property::unverified);
+        EXPECT_EQ(state, "Modified" + (filter != nullptr ? " " + toUtf8(*filter) : "")) << change;
+        stateOf(copy, "a.own");
+        // What else a condition depends on is not known.
+        EXPECT_EQ(timesAsked(), copy.sh("git config --get-regexp onbranch || :").empty() ? 0U : 1U);
+    }
+}
+
 TEST(GitAdapterTest, FollowsAFileThroughItsHistory) {
     Copy copy({}, "git init -q; seq 9 > 'old name'");
     auto& adapter = copy.adapter();
