@@ -3,7 +3,6 @@
 #include "benchmarks/Measuring.h"
 #include "quendo/adapter/CMAdapterDecorator.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
-#include "quendo/adapter/QueryMeter.h"
 #include "quendo/adapter/SingleThreadedCMAdapter.h"
 #include "quendo/cache/JobCombiningCMStatusCache.h"
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
@@ -257,7 +256,7 @@ public:
         std::make_shared<TimedAdapter>(makeExternalChangeDetectingCMAdapter(
             std::make_unique<SingleThreadedCMAdapter>(
                 getSourceControlExecutor(),
-                meterQueries(git::GitAdapterFactory().createAdapter(root, interactor))),
+                git::GitAdapterFactory().createAdapter(root, interactor)),
             interactor));
     const std::shared_ptr<CMStatusCache> cache = createJobCombiningCache(adapter, interactor);
 

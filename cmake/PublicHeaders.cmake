@@ -102,7 +102,6 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/adapter/BackgroundTurns.h
     quendo/adapter/DispatchingProgressIndicator.h
     quendo/adapter/ListenerSignal.h
-    quendo/adapter/QueryMeter.h
     quendo/adapter/SubsystemType.h
     quendo/adapter/TriggerableStatusDispatcher.h
     quendo/adapter/TriggerableTerminator.h
@@ -119,7 +118,6 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/cache/PathTrie.h
     quendo/cache/PendingEvents.h
     quendo/cache/RefreshLedger.h
-    quendo/cache/RefreshPacer.h
     quendo/cache/RefreshRequest.h
     quendo/cache/RefreshStatistics.h
     quendo/cache/RetryPlan.h

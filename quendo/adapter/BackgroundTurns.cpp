@@ -22,22 +22,25 @@
 //                  '--- due time,        '--- interrupted after `timeLimit` if others wait
 //                       calm
 //
-// Pacing. After a turn that cost c, its client is due again c * N / (share / 2) later, where N is
-// the number of clients with requests within the last `window`. So all clients together take half
-// of the share while events keep coming, and a client whose queries are expensive delays itself and
-// not the others. The first request after a pause finds its client due: it is granted at once.
+// Pacing. After a turn that cost c, its client is due again c * N / (share / 5) later, where N is
+// the number of clients with requests within the last `window`. So all clients together take a
+// fifth of the share while events keep coming, and a client whose queries are expensive delays
+// itself and not the others. The first request after a pause finds its client due: it is granted at
+// once.
 //
-// The other half of the share is for the end of a burst. When no request came for `calm`, the
-// clients that wait are granted their turns early, the one that is due first at first, until the
-// turns of the last `window` have cost the whole share.
+// The rest of the share is for the end of a burst. When no request came for `calm`, the clients
+// that wait are granted their turns early, the one that is due first at first, until the turns of
+// the last `window` have cost the whole share.
+//
+// While a client waits for its turn, what else it has to query joins what it has asked for
+// already: a long pause costs few queries.
 //
 // Interruption. When a query has run on the executor for longer than its client's time limit, and
 // requested work or another client waits, the client is interrupted. Its limit doubles each time,
 // until a turn ends without that, so that a query that needs long comes to its end some day.
 //
 // Not guaranteed: a single query may cost more than the whole share. The pauses after it are
-// bounded
-// (`longestPause`), so queries that take longer than some seconds get more than the share.
+// bounded (`longestPause`), so queries that take longer than some seconds get more than the share.
 
 namespace quendo {
 
@@ -45,6 +48,7 @@ namespace {
 
 using Clock = BackgroundTurns::Clock;
 constexpr unsigned mostDoublings = 5;
+constexpr double partWhileBusy = 0.2; // of the share
 // A delayed task cannot be taken back, and keeps a thread of the service until it has run.
 constexpr std::chrono::milliseconds longestTimer{1'000};
 
@@ -97,7 +101,8 @@ struct BackgroundTurns::Impl {
         if (options.share <= 0)
             return {};
         const double pause = static_cast<double>(turn.count()) *
-                             static_cast<double>(activeClients(now)) / (options.share / 2);
+                             static_cast<double>(activeClients(now)) /
+                             (options.share * partWhileBusy);
         const auto longest = Clock::duration(options.longestPause);
         return pause < static_cast<double>(longest.count())
                    ? Clock::duration(static_cast<Clock::rep>(pause))

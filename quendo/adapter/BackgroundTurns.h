@@ -35,7 +35,7 @@ public:
         std::chrono::milliseconds window{10'000};
         /// Without a request for this long, what waits may use the part of the share that is kept
         /// for the end of a burst.
-        std::chrono::milliseconds calm{300};
+        std::chrono::milliseconds calm{100};
         /// No client waits longer after a query of its own because of what that query cost.
         std::chrono::milliseconds longestPause{60'000};
         /// Time that a query has on the executor while others wait; doubled after each interruption
@@ -111,7 +111,7 @@ public:
 
     /// A query of the turn that is granted now has started on the executor, or has ended there.
     /// Without effect when no turn is granted.
-    /// @param cost is added to the cost of the turn
+    /// @param cost processor time, which is added to the cost of the turn
     void queryStarted() noexcept;
     void queryEnded(Clock::duration cost) noexcept;
 

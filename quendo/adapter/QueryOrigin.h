@@ -3,6 +3,7 @@
 #include "quendo/platform/Export.h"
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 
 namespace quendo {
@@ -39,6 +40,18 @@ public:
     void cancel() noexcept { m_cancelled.store(true); }
     bool isCancelled() const noexcept { return m_cancelled.load(); }
 
+    /// The processor time of programs that were run for it. An adapter that runs programs reports
+    /// it, so that BackgroundTurns knows what a query cost. `time` is added.
+    void addProgramTime(std::chrono::microseconds time) const noexcept {
+        m_programTime += time.count();
+        m_hasProgramTime = true;
+    }
+    std::chrono::microseconds programTime() const noexcept {
+        return std::chrono::microseconds(m_programTime.load());
+    }
+    /// Whether it was reported, be it zero.
+    bool hasProgramTime() const noexcept { return m_hasProgramTime; }
+
     /// What this thread works for; null when it works for no refresh.
     static std::shared_ptr<const QueryOrigin> current() noexcept;
 
@@ -74,6 +87,8 @@ public:
 private:
     const QueryUrgency m_urgency;
     std::atomic<bool> m_cancelled{false};
+    mutable std::atomic<std::chrono::microseconds::rep> m_programTime{0};
+    mutable std::atomic<bool> m_hasProgramTime{false};
 };
 
 } // namespace quendo

@@ -7,6 +7,7 @@
 #include "quendo/platform/OwnWrites.h"
 
 #include <chrono>
+#include <ctime>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -20,23 +21,46 @@ namespace quendo {
 // that reaches the call, and nothing else that runs on the executor.
 namespace {
 
-/// Reports a background query: its cost is its time on the executor.
+/// The processor time that this thread has used.
+std::chrono::nanoseconds threadTime() noexcept {
+    timespec now{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+/// Reports a background query. Its cost is the processor time of its thread and of the programs
+/// that it ran; where the adapter does not tell of programs, all of its time on the executor,
+/// because a program or a server may have worked for it.
 class BackgroundQuery {
 public:
-    explicit BackgroundQuery(std::shared_ptr<BackgroundTurns> turns) : m_turns(std::move(turns)) {}
+    /// @param origin what the query is for; null for what is not counted
+    BackgroundQuery(std::shared_ptr<BackgroundTurns> turns,
+                    std::shared_ptr<const QueryOrigin> origin)
+        : m_turns(std::move(turns)), m_origin(std::move(origin)) {}
+
     void start() noexcept {
+        if (m_origin == nullptr)
+            return;
         m_start = BackgroundTurns::Clock::now();
-        if (m_turns != nullptr)
-            m_turns->queryStarted();
+        m_threadTime = threadTime();
+        m_programTime = m_origin->programTime();
+        m_turns->queryStarted();
     }
     void stop() const noexcept {
-        if (m_turns != nullptr)
-            m_turns->queryEnded(BackgroundTurns::Clock::now() - m_start);
+        if (m_origin == nullptr)
+            return;
+        m_turns->queryEnded(m_origin->hasProgramTime()
+                                ? threadTime() - m_threadTime +
+                                      (m_origin->programTime() - m_programTime)
+                                : BackgroundTurns::Clock::now() - m_start);
     }
 
 private:
-    std::shared_ptr<BackgroundTurns> m_turns; ///< null for what is not counted
+    std::shared_ptr<BackgroundTurns> m_turns;
+    std::shared_ptr<const QueryOrigin> m_origin;
     BackgroundTurns::Clock::time_point m_start;
+    std::chrono::nanoseconds m_threadTime{};
+    std::chrono::microseconds m_programTime{};
 };
 
 /// What the operation throws is handed over whole: the executor's thread lets go of it before the
@@ -50,10 +74,10 @@ auto runFor(Executor& executor, const std::shared_ptr<BackgroundTurns>& turns,
     const auto failure = std::make_shared<std::exception_ptr>();
     auto origin = QueryOrigin::current();
     const bool isBackground = origin != nullptr && origin->urgency() == QueryUrgency::Background;
-    auto task = [origin = std::move(origin), operation = std::move(operation), failure,
-                 waiting =
-                     isBackground ? BackgroundTurns::Waiting() : BackgroundTurns::Waiting(turns),
-                 query = BackgroundQuery(isBackground ? turns : nullptr)]() mutable {
+    auto task = [query = BackgroundQuery(turns, isBackground ? origin : nullptr),
+                 origin = std::move(origin), operation = std::move(operation), failure,
+                 waiting = isBackground ? BackgroundTurns::Waiting()
+                                        : BackgroundTurns::Waiting(turns)]() mutable {
         waiting.started();
         query.start();
         Kept kept{};

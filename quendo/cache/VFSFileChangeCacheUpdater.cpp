@@ -1,7 +1,6 @@
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
 
 #include "quendo/adapter/CMAdapter.h"
-#include "quendo/adapter/QueryMeter.h"
 #include "quendo/cache/CMStatusCache.h"
 #include "quendo/cache/CMStatusCacheChanges.h"
 #include "quendo/cache/CMStatusCacheFolders.h"
@@ -11,7 +10,6 @@
 #include "quendo/cache/EventLog.h"
 #include "quendo/cache/NoOpTask.h"
 #include "quendo/cache/PendingEvents.h"
-#include "quendo/cache/RefreshPacer.h"
 #include "quendo/cache/RefreshReason.h"
 #include "quendo/platform/ChangeEventsSubscriptionException.h"
 #include "quendo/platform/DelayedTaskService.h"
@@ -86,17 +84,14 @@
 // file, for its folder. If the events of a folder were lost, or its tree was moved, all of it is
 // refreshed.
 //
-// Pacing. Events that arrive while a query runs or waits cost no further requests: release() keeps
-// them until every refresh that the updater requested has ended, so at most one batch is under way,
-// and memory depends on the number of paths and not on the number of events. Then RefreshPacer
-// decides when the next batch may start; a delayed task releases it. Requests of clients go
-// straight to the cache and do not wait. What the answer of a batch leads to (below) is requested
-// at once, because it is a part of the batch; its cost counts. The cost of a query is the time that
-// the adapter takes (QueryMeter), or that of the whole refresh where the adapter does not tell.
+// Pacing. What is requested here waits in the cache for a turn (BackgroundTurns). What has been
+// requested and has not started is not requested again, so one turn serves all that came before it.
+// Events that arrive while such a query runs cost no further requests either: release() keeps them
+// until it has ended. So memory depends on the number of paths and not on the number of events.
 //
 //     handler --> inbox --> strand: takeArrived() --> m_waiting --> release() --> cache
 //                                                         ^            |
-//                                     delayed task, end of a batch ----+
+//                                          end of a query ------------+
 //
 // No query. The content of an untracked or ignored file does not change its state, and what happens
 // in a tree that is cached as one ignored entry changes nothing. Such events are dropped, unless a
@@ -498,10 +493,6 @@ public:
         m_info->folders = dynamic_cast<CMStatusCacheFolders*>(cache.get());
         m_info->freshness = dynamic_cast<CMStatusCacheFreshness*>(cache.get());
         m_info->cache = std::move(cache);
-        // The interface is not const, but this leaves the adapter as it is.
-        const auto meter = const_cast<CMAdapter&>(adapter).getSubsystem(typeid(QueryMeter));
-        if (auto* const* found = std::any_cast<QueryMeter*>(&meter))
-            m_meter = (*found)->shared_from_this();
         m_executor = createStrandExecutor("CMFileSystemResponse");
     }
 
@@ -526,10 +517,10 @@ public:
                     return self != nullptr ? self->outdatedSince(path) : std::nullopt;
                 });
             m_isTold = m_info->freshness != nullptr;
-            m_startedConnection =
-                m_info->cache->connectTasksStarted(logging([weak](const CMStatusCache::Tasks&) {
+            m_startedConnection = m_info->cache->connectTasksStarted(
+                logging([weak](const CMStatusCache::Tasks& tasks) {
                     if (const auto self = weak.lock())
-                        self->m_spentBefore = self->spentNow();
+                        self->noteStarted(tasks);
                 }));
             m_finishedConnection = m_info->cache->connectTasksFinished(
                 logging([weak](const CMStatusCache::Tasks& tasks) {
@@ -648,15 +639,11 @@ public:
         out << '\n';
         {
             const std::lock_guard lock(m_askedMutex);
-            const auto now = RefreshPacer::TimePoint::clock::now();
-            using Milliseconds = std::chrono::duration<long long, std::milli>;
-            const auto inMilliseconds = [](auto duration) {
-                return std::chrono::duration_cast<Milliseconds>(duration).count();
-            };
-            out << "refreshes under way: " << m_asked.size() + m_askedBeside.size()
-                << "; budget for queries: " << inMilliseconds(m_pacer.budget(now))
-                << " ms, the next one may start in " << inMilliseconds(m_pacer.delay(now))
-                << " ms\n";
+            const auto isStarted = [](const auto& each) { return each.isStarted; };
+            out << "refreshes under way: " << m_asked.size() + m_askedBeside.size() << ", of which "
+                << std::ranges::count_if(m_asked, isStarted) +
+                       std::ranges::count_if(m_askedBeside, isStarted)
+                << " have started\n";
         }
         out << "last events:\n";
         m_log->print(out);
@@ -858,14 +845,8 @@ private:
         release();
     }
 
-    /// On the strand: requests what waits, unless refreshes are under way or the pacer says later.
+    /// On the strand: requests what waits, unless queries run that were requested here.
     void release() {
-        const auto now = RefreshPacer::TimePoint::clock::now();
-        if (m_paceEnded.exchange(false)) {
-            m_hasPaceTimer = false;
-            const std::lock_guard lock(m_askedMutex);
-            m_pacer.endDelay(now);
-        }
         if (m_silenceEnded.exchange(false))
             m_hasSilenceTimer = false;
         if (m_waiting.empty())
@@ -875,28 +856,33 @@ private:
                 m_log->add(path, event.kinds, EventLog::Outcome::Disabled);
             return;
         }
-        if (isUnderWay()) {
+        if (isRunning())
             wakeAfter(silence, m_hasSilenceTimer, m_silenceEnded);
-            return;
-        }
-        if (m_hasPaceTimer)
-            return;
-        std::chrono::milliseconds delay{};
-        {
-            const std::lock_guard lock(m_askedMutex);
-            delay = std::chrono::ceil<std::chrono::milliseconds>(m_pacer.delay(now));
-        }
-        if (delay.count() == 0 || !wakeAfter(delay, m_hasPaceTimer, m_paceEnded))
+        else
             request(m_waiting.take());
     }
 
-    /// Whether a refresh that the updater requested has not ended. The end of one that was skipped,
-    /// because something combined with it was cancelled, is not told; but then its task is gone.
-    bool isUnderWay() {
+    /// Whether a query that the updater requested has started and not ended. The end of one that
+    /// was skipped, because something combined with it was cancelled, is not told; but then its
+    /// task is gone.
+    bool isRunning() {
         const std::lock_guard lock(m_askedMutex);
-        std::erase_if(m_askedBeside, [](const auto& task) { return task.expired(); });
-        return !m_askedBeside.empty() ||
-               std::ranges::any_of(m_asked, [](const auto& each) { return !each.task.expired(); });
+        const auto isRunning = [](const auto& each) {
+            return each.isStarted && !each.task.expired();
+        };
+        return std::ranges::any_of(m_asked, isRunning) ||
+               std::ranges::any_of(m_askedBeside, isRunning);
+    }
+
+    /// On the cache's strand, before the query.
+    void noteStarted(const CMStatusCache::Tasks& tasks) {
+        const std::set<std::shared_ptr<CacheTask>> started(tasks.begin(), tasks.end());
+        const std::lock_guard lock(m_askedMutex);
+        for (auto& each : m_asked)
+            each.isStarted |= std::ranges::any_of(
+                each.tasks, [&](const auto& task) { return started.contains(task.lock()); });
+        for (auto& each : m_askedBeside)
+            each.isStarted |= started.contains(each.task.lock());
     }
 
     /// On the strand: has release() called after `delay`, with `ended` set.
@@ -921,7 +907,7 @@ private:
     /// On the strand. What cannot be requested, for lack of a thread or of memory, waits again.
     void request(const PendingEvents::Events& events) {
         try {
-            std::vector<AskedPath> files;
+            AskedPaths files;
             for (const auto& [path, event] : events) {
                 if (!m_info->needsQuery(path, event)) {
                     m_log->add(path, event.kinds, EventLog::Outcome::NoQuery);
@@ -931,10 +917,10 @@ private:
                 m_log->add(path, event.kinds,
                            isFile ? EventLog::Outcome::FileQuery : EventLog::Outcome::FolderQuery);
                 if (isFile)
-                    files.emplace_back(path, event.kinds);
+                    files.emplace(path, event.kinds);
             }
             if (!files.empty())
-                ask(std::move(files));
+                ask(files);
         } catch (...) {
             QUENDO_LOG_CAUGHT_EXCEPTION();
             m_waiting.add(events);
@@ -1017,27 +1003,49 @@ private:
         refreshSoon(around.empty() ? path : around, reason);
     }
 
-    using AskedPath = std::pair<Path, unsigned>; ///< and bits of PendingEvents::Kind
+    /// Paths, and bits of PendingEvents::Kind.
+    using AskedPaths = std::map<Path, unsigned>;
 
+    /// Files that were asked for.
     struct Asked {
-        std::weak_ptr<CacheTask> task; ///< nobody waits for it
-        std::vector<AskedPath> paths;
+        std::vector<std::weak_ptr<CacheTask>> tasks; ///< nobody waits for them
+        std::weak_ptr<CacheTask> task;               ///< the last of them
+        AskedPaths paths;
+        bool isStarted = false; ///< one of the tasks
+    };
+    /// Another refresh.
+    struct AskedBeside {
+        std::weak_ptr<CacheTask> task;
+        bool isStarted = false;
     };
 
-    /// Asks for files, and looks at what the answer means for folders.
-    void ask(std::vector<AskedPath> asked) {
+    /// Asks for files, and looks at what the answer means for folders. What has been asked for and
+    /// has not started is not asked for again.
+    void ask(const AskedPaths& asked) {
+        const RefreshReasonScope reason(RefreshReason::FileEvent);
+        // The task may have started and finished before it is noted: then its notices wait here.
+        const std::lock_guard lock(m_askedMutex);
+        dropUntold(m_asked);
+        const bool joins =
+            !m_asked.empty() && !m_asked.back().isStarted && !m_asked.back().task.expired();
         std::vector<Path> paths;
         for (const auto& [path, kinds] : asked)
-            paths.push_back(path);
-        const RefreshReasonScope reason(RefreshReason::FileEvent);
-        // The task may have finished before it is noted: then its notice waits here.
-        const std::lock_guard lock(m_askedMutex);
-        if (m_asked.size() >= mostUntold)
-            std::erase_if(m_asked, [](const auto& each) { return each.task.expired(); });
-        m_asked.reserve(m_asked.size() + 1);
-        const auto task = m_info->cache->refreshCMStatuses(paths);
-        if (isTold(task))
-            m_asked.push_back({task, std::move(asked)});
+            if (!joins || !m_asked.back().paths.contains(path))
+                paths.push_back(path);
+        std::shared_ptr<CacheTask> task;
+        if (!paths.empty()) {
+            m_asked.reserve(m_asked.size() + 1);
+            task = m_info->cache->refreshCMStatuses(paths);
+            if (!isTold(task))
+                return;
+        }
+        auto& entry = joins ? m_asked.back() : m_asked.emplace_back();
+        for (const auto& [path, kinds] : asked)
+            entry.paths[path] |= kinds;
+        if (task != nullptr) {
+            entry.tasks.push_back(task);
+            entry.task = task;
+        }
     }
 
     /// Calls `request` and notes its task as under way.
@@ -1045,20 +1053,23 @@ private:
     void askBeside(RefreshReason why, const Request& request) {
         const RefreshReasonScope reason(why);
         const std::lock_guard lock(m_askedMutex);
+        dropUntold(m_askedBeside);
         m_askedBeside.reserve(m_askedBeside.size() + 1);
         const auto task = request();
         if (isTold(task))
-            m_askedBeside.push_back(task);
+            m_askedBeside.push_back({task});
+    }
+
+    /// Drops those whose end was not told, when there are many.
+    template <class Each>
+    static void dropUntold(std::vector<Each>& list) {
+        if (list.size() >= mostUntold && list.size() == list.capacity())
+            std::erase_if(list, [](const auto& each) { return each.task.expired(); });
     }
 
     /// Whether the end of the task is told to lookAtAnswered().
     bool isTold(const std::shared_ptr<CacheTask>& task) const {
         return m_isTold && task != nullptr && dynamic_cast<const NoOpTask*>(task.get()) == nullptr;
-    }
-
-    RefreshPacer::Duration spentNow() const {
-        return m_meter != nullptr ? m_meter->spent()
-                                  : RefreshPacer::TimePoint::clock::now().time_since_epoch();
     }
 
     /// On the cache's strand: what was ignored, or another's, and is not so any more, was not
@@ -1185,10 +1196,9 @@ private:
             });
             std::move(m_asked.begin(), last.base(), std::back_inserter(answered));
             m_asked.erase(m_asked.begin(), last.base());
-            const auto others = std::erase_if(
-                m_askedBeside, [&](const auto& task) { return finished.contains(task.lock()); });
-            if (!answered.empty() || others != 0)
-                m_pacer.spend(spentNow() - m_spentBefore, RefreshPacer::TimePoint::clock::now());
+            std::erase_if(m_askedBeside, [&](const auto& each) {
+                return each.task.expired() || finished.contains(each.task.lock());
+            });
         }
         m_inbox->retry();
         if (answered.empty() && !m_hasPostponed) {
@@ -1210,8 +1220,8 @@ private:
 
     void followAnswers(const std::vector<Asked>& answered) {
         std::set<Path> changed; // folders
-        for (const auto& [told, paths] : answered) {
-            for (const auto& [path, kinds] : paths) {
+        for (const auto& each : answered) {
+            for (const auto& [path, kinds] : each.paths) {
                 const bool isChange = kinds == PendingEvents::Changed;
                 auto folder = m_info->ignoredAround(path);
                 if (folder.empty() && !isChange)
@@ -1479,7 +1489,6 @@ private:
     const std::shared_ptr<const platform::Services> m_services = platform::services();
     const std::shared_ptr<CacheUpdateInfo> m_info;
     std::shared_ptr<Executor> m_executor;
-    std::shared_ptr<const QueryMeter> m_meter; ///< null: the adapter has none
     std::shared_ptr<EventInbox> m_inbox;
     bool m_isTold = false; ///< of the end of refreshes
 
@@ -1505,12 +1514,11 @@ private:
     // Used on the strand only.
     std::map<Path, RefreshReason> m_unfresh; ///< to be refreshed, see refreshSoon()
     bool m_isCollecting = false;             ///< refreshCollected() is posted
-    bool m_hasPaceTimer = false, m_hasSilenceTimer = false;
+    bool m_hasSilenceTimer = false;
     std::vector<Path> m_postponed; ///< bare folders to be watched or not
 
     std::atomic<bool> m_hasPostponed{false};
-    std::atomic<bool> m_paceEnded{false}, m_silenceEnded{false}; ///< a timer
-    RefreshPacer::Duration m_spentBefore{}; ///< the query that runs; on the cache's strand only
+    std::atomic<bool> m_silenceEnded{false}; ///< a timer
 
     std::shared_ptr<DependencyWatches> m_dependencies; ///< guarded by m_lock
 
@@ -1519,8 +1527,7 @@ private:
 
     mutable std::mutex m_askedMutex; ///< not held together with m_lock
     std::vector<Asked> m_asked; ///< as they were asked for; guarded by m_askedMutex, as is the rest
-    std::vector<std::weak_ptr<CacheTask>> m_askedBeside; ///< other refreshes under way
-    RefreshPacer m_pacer{RefreshPacer::TimePoint::clock::now()};
+    std::vector<AskedBeside> m_askedBeside;
 };
 
 VFSFileChangeCacheUpdater::VFSFileChangeCacheUpdater(std::shared_ptr<CMStatusCache> cache,

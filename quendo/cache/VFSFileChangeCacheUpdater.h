@@ -60,8 +60,8 @@ public:
     /// They are held, and are worked on as soon as there is a thread.
     std::optional<std::chrono::steady_clock::time_point> waitsForThreadSince() const;
 
-    /// For people who look for a fault: the watches by kind, what is pending, the budget for
-    /// queries and the last events. Several lines; the text may change.
+    /// For people who look for a fault: the watches by kind, what is pending and under way,
+    /// and the last events. Several lines; the text may change.
     std::string describe() const;
 
 private:

@@ -229,11 +229,10 @@ ExitStatus reap(const StartedChild& child) {
         throw exception::ToolError(
             "the exit status of git is lost: this process ignores SIGCHLD, or another part of it "
             "reaps children that it did not start");
-    const auto millisecondsIn = [](const timeval& time) {
-        return std::chrono::milliseconds(time.tv_sec * 1000 + time.tv_usec / 1000);
+    const auto durationOf = [](const timeval& time) {
+        return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
     };
-    ExitStatus status{.processorTime =
-                          millisecondsIn(used.ru_utime) + millisecondsIn(used.ru_stime)};
+    ExitStatus status{.processorTime = durationOf(used.ru_utime) + durationOf(used.ru_stime)};
     if (info.si_code != CLD_EXITED)
         status.signal = info.si_status;
     status.code = status.signal == 0 ? info.si_status : 128 + status.signal;

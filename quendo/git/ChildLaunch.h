@@ -51,7 +51,7 @@ struct ExitStatus {
     int code = 0;   ///< 128 + signal when a signal ended it, as a shell has it
     int signal = 0; ///< the signal that ended it; 0 when it exited
     /// What it used of the processor, with the children that it waited for.
-    std::chrono::milliseconds processorTime{0};
+    std::chrono::microseconds processorTime{0};
 };
 
 /// Reaps a child that has ended.

@@ -45,7 +45,7 @@ struct ChildResult {
     int exitCode = 0;   ///< 128 + the number of the signal that ended it
     int signal = 0;     ///< the signal that ended it; 0 when it exited
     std::string errors; ///< what it wrote to standard error, as much of it as was to be kept
-    std::chrono::milliseconds processorTime{0}; ///< used by it and the children it waited for
+    std::chrono::microseconds processorTime{0}; ///< used by it and the children it waited for
 };
 
 /// Thrown when a child neither prints nor computes for longer than it is allowed to, or waits for

@@ -1,5 +1,6 @@
 #include "quendo/git/GitRunner.h"
 
+#include "quendo/adapter/QueryOrigin.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "quendo/git/Cancellation.h"
 #include "quendo/git/GitFailure.h"
@@ -161,8 +162,11 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
     std::vector<std::unique_ptr<ChildProcess>> children;
     std::vector<ChildProcess*> waited;
     const scope_guard account([&] {
+        const auto before = m_processorTime;
         for (const auto& child : children)
             m_processorTime += child->result().processorTime;
+        if (const auto origin = QueryOrigin::current())
+            origin->addProgramTime(m_processorTime - before);
     });
     const std::string& command = runs.front().arguments.front();
     try {
@@ -171,7 +175,8 @@ std::vector<ChildResult> GitRunner::run(const std::vector<GitRun>& runs) {
             const auto ofCall = processorLimit({.arguments = {""}}, indexSize) * timesForACall;
             if (m_processorTime >= std::max(ofCall, bound))
                 failOverProcessorBound(one.arguments.front(), std::max(ofCall, bound), {});
-            bounds.push_back(std::min(bound, std::max(ofCall, bound) - m_processorTime));
+            bounds.push_back(std::min(bound, std::chrono::ceil<std::chrono::milliseconds>(
+                                                 std::max(ofCall, bound) - m_processorTime)));
             const std::string& folder = one.folder.empty() ? m_repository.folder() : one.folder;
             const FileDescriptor opened(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
             if (!opened)

@@ -113,7 +113,7 @@ private:
     const std::shared_ptr<SuspendedFilters> m_suspendedFilters; ///< may be null
     const std::shared_ptr<KnownConfiguration> m_known;          ///< may be null
     std::optional<std::string> m_configuration;   ///< before the first run (NamedFiles)
-    std::chrono::milliseconds m_processorTime{0}; ///< of all runs so far
+    std::chrono::microseconds m_processorTime{0}; ///< of all runs so far
     Trouble m_trouble = Trouble::None;
     std::string m_suspect;
     std::optional<std::uint64_t> m_sizeOfFiles; ///< of all tracked ones, once it is known

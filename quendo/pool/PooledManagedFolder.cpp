@@ -1,6 +1,5 @@
 #include "quendo/pool/PooledManagedFolder.h"
 
-#include "quendo/adapter/QueryMeter.h"
 #include "quendo/adapter/SingleThreadedCMAdapter.h"
 #include "quendo/adapter/StateDependencies.h"
 #include "quendo/cache/JobCombiningCMStatusCache.h"
@@ -21,8 +20,8 @@ std::shared_ptr<EventBroadcastingCMAdapter>
 layered(std::unique_ptr<CMAdapter> adapter,
         const std::shared_ptr<CMApplicationInteractor>& interactor) {
     const auto root = adapter ? adapter->getRootFolder() : Path();
-    auto oneAtATime = std::make_unique<SingleThreadedCMAdapter>(
-        getSourceControlExecutor(), meterQueries(std::move(adapter)), root);
+    auto oneAtATime = std::make_unique<SingleThreadedCMAdapter>(getSourceControlExecutor(),
+                                                                std::move(adapter), root);
     return std::make_shared<EventBroadcastingCMAdapter>(
         makeExternalChangeDetectingCMAdapter(std::move(oneAtATime), interactor),
         ListenerFailure::SparesRest);

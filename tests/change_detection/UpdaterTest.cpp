@@ -1,9 +1,9 @@
+#include "quendo/adapter/BackgroundTurns.h"
 #include "quendo/adapter/CMAdapterDecorator.h"
 #include "quendo/adapter/CMApplicationInteractor.h"
-#include "quendo/adapter/QueryMeter.h"
 #include "quendo/adapter/StateDependencies.h"
+#include "quendo/cache/CMStatusCacheFreshness.h"
 #include "quendo/cache/JobCombiningCMStatusCache.h"
-#include "quendo/cache/RefreshPacer.h"
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
 #include "tests/support/FakeFolderWatcher.h"
 #include "tests/support/MemoryAdapter.h"
@@ -172,7 +172,7 @@ TEST_F(UpdaterTest, HoldsOneEntryForEachPathWhileAQueryWaits) {
     EXPECT_LT(bytesAfterEvents(50'000), before + 20'000);
     EXPECT_TRUE(updater->outdatedSince(at("a")) && updater->outdatedSince(at("b")));
     detection.runStrands();
-    EXPECT_THAT(copy->takeCalls(), ElementsAre("files c a", "files b"));
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files c a b"));
     EXPECT_FALSE(updater->outdatedSince(at("a")) || updater->outdatedSince(at("b")));
     // Folders stand for too many paths.
     real->refreshCMStatuses({at("c")});
@@ -183,67 +183,38 @@ TEST_F(UpdaterTest, HoldsOneEntryForEachPathWhileAQueryWaits) {
     EXPECT_THAT(copy->takeCalls(), ElementsAre("files c", "folder+ ."));
 }
 
-TEST_F(UpdaterTest, PacesEventsByWhatQueriesCost) {
-    struct MeteredAdapter : CMAdapterDecorator {
-        using CMAdapterDecorator::CMAdapterDecorator;
-        std::any getSubsystem(const std::type_info& type) override {
-            return type == typeid(QueryMeter) ? std::any(meter.get()) : std::any();
-        }
-        const std::shared_ptr<QueryMeter> meter = std::make_shared<QueryMeter>();
-    } metered(test::makeMemoryAdapter(copy));
-    for (const auto* name : {"a", "b"})
-        copy->set(at(name), LocalStatus::Unmodified);
-    updater.emplace(real, metered);
-    real->refreshFolder(root);
-    detection.runStrands();
-    copy->takeCalls();
-    copy->inCall = [&](const auto&...) { metered.meter->add(std::chrono::milliseconds(100)); };
-    const auto appends = [&](int count) {
-        for (int i = 0; i < count; ++i) {
-            watcher->tell(Kind::Changed, at("a"));
+TEST_F(UpdaterTest, EventsJoinTheRefreshThatWaitsForItsTurn) {
+    startReal();
+    const auto turns = BackgroundTurns::of(getSourceControlExecutor());
+    const auto other = turns->addClient({[] {}, {}});
+    other->request();
+    const auto tell = [&](Kind kind, std::initializer_list<const char*> names) {
+        for (const auto* name : names) {
+            watcher->tell(kind, at(name));
             detection.runStrands();
         }
-        return copy->takeCalls().size();
     };
-    EXPECT_EQ(appends(1), 1U);
-    EXPECT_THAT(appends(400), testing::AllOf(testing::Ge(2U), testing::Le(20U)));
-    copy->set(at("a"), LocalStatus::Modified);
-    appends(1);
-    EXPECT_TRUE(updater->outdatedSince(at("a")));
-    real->refreshCMStatuses({at("b")}); // a client's
+    for (int i = 0; i < 100; ++i)
+        tell(Kind::Changed, {"c", "a", "b"});
+    tell(Kind::Vanished, {"a"});
+    EXPECT_THAT(copy->takeCalls(), IsEmpty());
+    const auto& freshness = dynamic_cast<const CMStatusCacheFreshness&>(*real);
+    EXPECT_TRUE(freshness.getStaleness());
+    // What comes while it runs waits for its end.
+    copy->inCall = [&, isFirst = true](const auto&...) mutable {
+        if (!std::exchange(isFirst, false))
+            return;
+        for (int i = 0; i < 100; ++i) {
+            watcher->tell(Kind::Changed, at("b"));
+            watcher->tell(Kind::Appeared, at("a"));
+        }
+        while (detection.strand().runOne()) {
+        }
+    };
+    other->end();
     detection.runStrands();
-    EXPECT_THAT(copy->takeCalls(), ElementsAre("files b"));
-    EXPECT_EQ(detection.endWindows(), 1U);
-    EXPECT_THAT(copy->takeCalls(), ElementsAre("files a"));
-    EXPECT_EQ(real->getCachedStatus(at("a"))->getState(), LocalStatus::Modified);
-    EXPECT_FALSE(updater->outdatedSince(at("a")));
-}
-
-TEST(RefreshPacerTest, SpendsAFifthOfTheTime) {
-    using namespace std::chrono_literals;
-    const RefreshPacer::TimePoint begin{};
-    for (const auto cost : {1ms, 25ms, 399ms, 1000ms, 3000ms}) {
-        RefreshPacer pacer(begin);
-        EXPECT_EQ(pacer.delay(begin), 0ms);
-        std::vector<RefreshPacer::TimePoint> ends;
-        for (auto now = begin; now < begin + 100s;) {
-            const auto wait = pacer.delay(now);
-            EXPECT_LE(wait, std::max<RefreshPacer::Duration>(10s, 5 * cost) + 1ms);
-            now += wait + cost;
-            pacer.spend(cost, now);
-            ends.push_back(now);
-        }
-        for (std::size_t i = 0, last = 0; i < ends.size(); ++i) {
-            while (last < ends.size() && ends[last] <= ends[i] + 10s - cost)
-                ++last;
-            EXPECT_LE((last - i) * cost, std::max<RefreshPacer::Duration>(2000ms, cost));
-        }
-        EXPECT_GE(ends.size() * cost, 13s) << "what is allowed is used";
-        EXPECT_EQ(pacer.delay(ends.back() + 60s), 0ms);
-        pacer.spend(cost, ends.back());
-        pacer.endDelay(ends.back());
-        EXPECT_EQ(pacer.delay(ends.back()), 0ms);
-    }
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files c a b", "files a b"));
+    EXPECT_FALSE(freshness.getStaleness());
 }
 
 TEST_F(UpdaterTest, QueriesNothingWhereContentDoesNotMatter) {
