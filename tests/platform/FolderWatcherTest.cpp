@@ -11,6 +11,7 @@
 #include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -133,6 +134,28 @@ private:
     std::condition_variable m_changed;
     bool m_hangs = false;
     int m_hanging = 0;
+};
+
+/// Lets a test act in the middle of a look at a folder, on the thread that takes it.
+struct HookedCalls : FileSystemCalls {
+    std::function<int(const fs::path&)> beforeAdding; ///< @return 0, or an error instead of a watch
+    std::function<void(const fs::path&)> beforeListing, listed;
+    std::size_t limit = SIZE_MAX;
+
+    int addWatch(int inotify, const std::string& folder, std::uint32_t mask) override {
+        const int error = beforeAdding ? beforeAdding(folder) : 0;
+        return error != 0 ? -error : FileSystemCalls::addWatch(inotify, folder, mask);
+    }
+    FolderListing list(const std::string& folder, bool withEntries,
+                       const std::function<void()>& progress) override {
+        if (const auto hook = beforeListing)
+            hook(folder);
+        auto result = FileSystemCalls::list(folder, withEntries, progress);
+        if (listed)
+            listed(folder);
+        return result;
+    }
+    std::size_t watchLimit() override { return limit; }
 };
 
 /// A folder, and a watcher of which every thread is joined in the end.
@@ -593,6 +616,40 @@ TEST_F(Watching, WorkingCopiesShareTheWatches) {
     becomes("a", 64);
     EXPECT_THAT(fairShare({5, 1, 9}, 12), 6U);
     EXPECT_THAT(fairShare({4, 9, 9, 9}, 2), 1U);
+}
+
+TEST_F(Watching, EndsWhileItLooks) {
+    const auto calls = std::make_shared<HookedCalls>();
+    options.calls = calls;
+    options.pollInterval = 5ms;
+    calls->beforeAdding = [&](const fs::path& at) { return at == root / "closed" ? EACCES : 0; };
+    std::promise<void> hasEnded;
+    options.startThread = [&, start = options.startThread](UniqueFunction<void()> body) {
+        start([&, body = std::move(body)]() mutable {
+            body();
+            std::array<char, 16> name{};
+            ::prctl(PR_GET_NAME, name.data());
+            if (std::string_view(name.data()) == "quendo-watch")
+                hasEnded.set_value();
+        });
+    };
+    fs::create_directory(root / "open");
+    fs::create_directory(root / "closed");
+    watch("open");
+    watch("closed");
+    std::promise<void> isListing, goOn;
+    calls->listed = [&, once = false](const fs::path&) mutable {
+        if (std::exchange(once, true))
+            return;
+        isListing.set_value();
+        within(goOn.get_future());
+    };
+    within(isListing.get_future());
+    watches.erase("open");
+    watches.erase("closed");
+    within(hasEnded.get_future());
+    goOn.set_value();
+    finish();
 }
 
 TEST_F(Watching, CallsAgainWhatHadNoMemoryOrThread) {

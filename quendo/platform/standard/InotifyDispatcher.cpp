@@ -84,6 +84,7 @@ void InotifyFolderWatcher::Impl::dispatch() {
                     return;
                 }
                 over = std::exchange(session, nullptr); // if there is one
+                orphans.clear(); // they end with it; a look may still be under way
                 mounts.close();
                 for (auto& line : lines)
                     line = {std::move(line.reached)};
