@@ -577,10 +577,9 @@ TEST_F(Watching, AHangingMountHoldsUpNobodyElse) {
 }
 
 TEST_F(Watching, WorkingCopiesShareTheWatches) {
-    struct Limited : FileSystemCalls {
-        std::size_t watchLimit() override { return 128; } // half of them for us
-    };
-    options.calls = std::make_shared<Limited>();
+    const auto calls = std::make_shared<HookedCalls>();
+    calls->limit = 128; // half of them for us
+    options.calls = calls;
     options.pollInterval = 5ms;
     const auto open = [&](const std::string& name, int folders) {
         for (int i = 0; i < folders; ++i) {
@@ -599,7 +598,27 @@ TEST_F(Watching, WorkingCopiesShareTheWatches) {
     };
     open("a", 80);
     EXPECT_EQ(native("a"), 64);
+    // What happened before a folder was listed and is told after its watch was taken.
+    std::promise<void> isTelling, goOn;
+    watch("a/0", Scope::Entries, [&](const FolderEvent&) {
+        isTelling.set_value();
+        within(goOn.get_future());
+    });
+    bool isListed = false;
+    calls->beforeListing = [&](const fs::path& listed) {
+        if (listed == root / "a/62" && !std::exchange(isListed, true)) {
+            fs::create_directory(root / "a/0/x");
+            within(isTelling.get_future());
+            fs::create_directory(root / "a/62/early");
+            while (FolderListing::take(listed, true).isYoung)
+                std::this_thread::yield();
+        } else if (isListed) {
+            calls->beforeListing = {};
+            goOn.set_value();
+        }
+    };
     open("b", 20);
+    heard.until("+a/62/early");
     const auto becomes = [&](const std::string& name, int count) {
         const auto limit = test::byDeadline();
         while (native(name) != count && std::chrono::steady_clock::now() < limit)

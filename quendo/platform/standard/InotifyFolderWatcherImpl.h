@@ -203,6 +203,13 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
         bool isOther = false; ///< the folder is another, or is watched no longer, or at last
     };
 
+    /// A watch that is to be taken from a record.
+    struct Taken {
+        RecordPtr record;
+        int watch = -1;
+        std::optional<FolderListing> listing{}; ///< unless it is polled beside
+    };
+
     /// Where the dispatcher is to call somebody.
     struct Line {
         UniqueFunction<void()> reached;
@@ -315,7 +322,7 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     void lookInLane(const RecordPtr& record, const std::shared_ptr<Lane>& lane);
     void pollSlice(const std::shared_ptr<Lane>& lane);
     void hasProgressed(Lane& lane);
-    void takeWatches(const std::vector<RecordPtr>& from);
+    void listTaken(const std::vector<RecordPtr>& from);
 
     // The dispatcher
     void dispatch();
@@ -325,6 +332,7 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     void lost();
     void lookAtMounts(Session& current);
     void serveLanes();
+    void takeWatches(std::vector<Taken>& all);
     void visit(const RecordPtr& record, Visit why);
     void visitTree(const Path& folder, Visit why);
     void deliver(Look& look);

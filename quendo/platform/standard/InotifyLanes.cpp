@@ -183,7 +183,7 @@ void InotifyFolderWatcher::Impl::serveLanes() {
     }
     if (!rich.empty()) {
         try {
-            local->post([self = shared_from_this(), rich] { self->takeWatches(rich); }, true);
+            local->post([self = shared_from_this(), rich] { self->listTaken(rich); }, true);
         } catch (const std::exception&) {
             QUENDO_LOG_CAUGHT_EXCEPTION();
             const std::lock_guard lock(mutex);

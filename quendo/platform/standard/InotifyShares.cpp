@@ -9,9 +9,10 @@
 // While some lack watches, the budget is shared fairly between the working copies (Group): one that
 // wants fewer than an equal share has all of them, and the others have equally many. When one of
 // them has more, because it was there first, the watches that it got last are taken away, as many
-// as the others lack: not while watch() runs, but within a poll interval, in the lane that polls. A
-// folder is listed before its watch is taken, so nothing is missed and nothing has to be told as
-// unknown.
+// as the others lack: not while watch() runs, but within a poll interval. The lane that polls lists
+// the folders and then draws a line (fence()); the watches are taken when that is reached. So what
+// the listings show has been told by then, what happens later is found by comparing with them, and
+// nothing has to be told as unknown.
 
 namespace quendo::platform {
 
@@ -82,28 +83,45 @@ InotifyFolderWatcher::Impl::shareWatches(Clock::time_point now) {
     return result;
 }
 
-/// In the lane that polls.
-void InotifyFolderWatcher::Impl::takeWatches(const std::vector<RecordPtr>& from) {
-    std::unique_lock lock(mutex);
+/// In the lane that polls: lists the folders whose watches are to be taken, and draws the line
+/// behind which that is done.
+void InotifyFolderWatcher::Impl::listTaken(const std::vector<RecordPtr>& from) {
     try {
+        std::vector<Taken> all;
         for (const auto& record : from) {
+            std::unique_lock lock(mutex);
+            if (record->watch < 0 || record->subscriptions.empty())
+                continue;
+            auto& taken = all.emplace_back(Taken{record, record->watch});
+            const bool wantsEntries = record->wantsEntries();
+            const bool isRemote = record->isRemote();
+            lock.unlock();
+            if (!isRemote)
+                taken.listing = options.calls->list(record->native, wantsEntries, [] {});
+        }
+        fence([self = shared_from_this(), all = std::move(all)]() mutable {
+            self->takeWatches(all);
+        });
+    } catch (const std::exception&) {
+        QUENDO_LOG_CAUGHT_EXCEPTION();
+        const std::lock_guard lock(mutex);
+        isTakingAway = false;
+    }
+}
+
+/// On the dispatcher, when all that happened before the folders were listed has been told.
+void InotifyFolderWatcher::Impl::takeWatches(std::vector<Taken>& all) {
+    const std::lock_guard lock(mutex);
+    try {
+        for (auto& [record, watch, listing] : all) {
+            if (record->watch != watch || record->subscriptions.empty())
+                continue;
             std::list<Look> entry;
             auto& look = entry.emplace_back();
             look.record = record;
             look.lane = record->lane;
-            const int watch = record->watch;
-            const bool wantsEntries = record->wantsEntries();
-            const bool isRemote = record->isRemote(); // and polled beside
-            if (watch < 0 || record->subscriptions.empty())
-                continue;
-            if (!isRemote) {
-                lock.unlock();
-                auto listing = options.calls->list(record->native, wantsEntries, [] {});
-                lock.lock();
-                if (record->watch != watch || record->subscriptions.empty())
-                    continue;
+            if (listing)
                 record->listing = std::move(listing);
-            }
             count(*record, false);
             detach(*record);
             record->isLacking = true;
@@ -114,8 +132,6 @@ void InotifyFolderWatcher::Impl::takeWatches(const std::vector<RecordPtr>& from)
         }
     } catch (const std::exception&) {
         QUENDO_LOG_CAUGHT_EXCEPTION();
-        if (!lock.owns_lock())
-            lock.lock();
     }
     isTakingAway = false;
     wake();
