@@ -637,6 +637,44 @@ TEST_F(Watching, WorkingCopiesShareTheWatches) {
     EXPECT_THAT(fairShare({4, 9, 9, 9}, 2), 1U);
 }
 
+TEST_F(Watching, TellsWhatHappensWhileItLooks) {
+    const auto calls = std::make_shared<HookedCalls>();
+    options.calls = calls;
+    options.pollInterval = 5ms;
+    std::atomic<bool> isClosed = true, isMade = false;
+    const auto awaitLine = [&] {
+        std::promise<void> isPassed;
+        watcher->fence([&] { isPassed.set_value(); });
+        within(isPassed.get_future());
+    };
+    calls->beforeAdding = [&](const fs::path& at) {
+        if (at == root / "d/new" && !isMade.exchange(true)) {
+            fs::create_directory(at);
+            awaitLine(); // when that is told, the watcher looks at it as well
+        }
+        return at == root / "closed" && isClosed ? EACCES : 0;
+    };
+    fs::create_directory(root / "closed");
+    fs::last_write_time(root / "closed", fs::file_time_type::clock::now() - 1h);
+    fs::create_directory(root / "d");
+    watch("d");
+    watch("d/new");
+    fs::create_directory(root / "d/new/a");
+    EXPECT_THAT(untilNow(), ElementsAre("+d/new", "+d/new/a")) << "nothing is unknown";
+    watch("closed");
+    EXPECT_EQ(means("closed"), Means::Polled);
+    bool isChanged = false;
+    calls->listed = [&](const fs::path& at) {
+        if (at == root / "closed" && !isClosed && !std::exchange(isChanged, true)) {
+            fs::create_directory(at / "late"); // it is watched by now
+            awaitLine();
+        }
+    };
+    isClosed = false;
+    heard.until("?closed");
+    EXPECT_EQ(means("closed"), Means::Native);
+}
+
 TEST_F(Watching, EndsWhileItLooks) {
     const auto calls = std::make_shared<HookedCalls>();
     options.calls = calls;

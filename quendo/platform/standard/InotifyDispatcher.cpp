@@ -226,12 +226,10 @@ void InotifyFolderWatcher::Impl::interpret(const inotify_event& event) {
     std::vector<RecordPtr> closed;
     {
         const std::lock_guard lock(mutex);
+        noteStray(event.wd, isLost);
         const auto found = byWatch.find(event.wd);
-        if (found == byWatch.end()) {
-            if (isLost)
-                noteStray(event.wd);
+        if (found == byWatch.end())
             return;
-        }
         for (const auto& record : found->second) {
             if (isLost) {
                 folders.push_back(record->folder);
@@ -302,7 +300,11 @@ void InotifyFolderWatcher::Impl::visit(const RecordPtr& record, Visit why) {
     lock.unlock();
     perform(look);
     lock.lock();
+    // While watch() runs, its client has nothing to be told yet.
+    const bool isFirst = record->settled == 0 && !record->isOwed;
     settle(look);
+    if (isFirst)
+        return keepFirst(look);
     lock.unlock();
     deliver(look);
 }

@@ -49,10 +49,11 @@
 // settled under the mutex, and its system calls are made in between without it, also by several
 // threads for one folder: adding a watch twice does no harm. Looks at a record are numbered. The
 // one that began last decides which watch the record has; an older one that ends later is dropped,
-// since whatever makes a record's watch wrong begins another look. Two things can happen to a watch
-// between the call that adds it and its place in the table. Its folder may be moved or deleted: the
-// event finds no record, is kept among the strays, and has the record visited. And another record
-// of the same folder may end: watches without a record are therefore removed only when no look is
+// since whatever makes a record's watch wrong begins another look. Three things can happen to a
+// watch between the call that adds it and its place in the table. Its folder may be moved or
+// deleted, or something may happen in the folder after it was listed: events of that time are
+// noted, whatever record they find (the strays), and have the record visited. And another record of
+// the same folder may end: watches without a record are therefore removed only when no look is
 // under way that may have got the same one.
 //
 // Lines (fence()) are drawn by whoever asks: he takes in what the kernel holds himself, so what he
@@ -107,6 +108,7 @@ InotifyFolderWatcher::Impl::watch(const Path& folder, Scope scope, Callback call
     record->subscriptions.push_back(subscription);
     setGroup(record, scope);
     if (!startDispatcher()) {
+        record->isOwed = true;
         setHealth(record, {WatchHealth::Means::NotWatched, noThreadReason});
         return handle;
     }

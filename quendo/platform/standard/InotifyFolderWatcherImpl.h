@@ -19,7 +19,6 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <thread>
@@ -132,7 +131,7 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
         std::uint64_t settled = 0;   ///< the last look that counted for `watch`; 0: none as yet
         std::uint64_t delivered = 0; ///< the last look that counted for `listing`
         std::optional<Visit> queued; ///< a look waits in the lane
-        bool isOwed = false;         ///< the next look tells ContentsUnknown
+        bool isOwed = false;         ///< the next look that is delivered tells ContentsUnknown
         WatchHealth health;
         Polls::Place place;                   ///< among the polled ones of its lane
         std::optional<FolderListing> listing; ///< of the last look at it while it was polled
@@ -195,12 +194,18 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
         bool wasPolled = false;
         bool isRefused = false; ///< the budget has no watch for it
         bool continues = false; ///< has a listing from before, to be compared with a last one
+        std::uint64_t strayEvents = 0; ///< how many there were when it began
         std::vector<Counted> counted{};
         // What was found:
         int error = 0; ///< why there is no watch
         int watch = -1;
         std::optional<FolderListing> listing{};
         bool isOther = false; ///< the folder is another, or is watched no longer, or at last
+    };
+
+    /// The last events of a watch, by their numbers: of all, and of those by which it ended.
+    struct Stray {
+        std::uint64_t any = 0, lost = 0;
     };
 
     /// A watch that is to be taken from a record.
@@ -248,9 +253,10 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     std::map<std::string, std::shared_ptr<Lane>> lanes; ///< by the mount's id; "" for the local one
     std::vector<RecordPtr> suspects;                    ///< to be visited by the dispatcher
     std::list<Look> findings;                           ///< to be delivered by the dispatcher
-    std::set<int> strays;     ///< watches that ended before they were settled, maybe
+    std::map<int, Stray> strays; ///< events that came while looks were under way, by watch
     std::vector<int> orphans; ///< watches without a record, to be removed when none is being added
-    bool straysDropped = false; ///< there were too many of them
+    std::uint64_t strayEvents = 0;  ///< numbers them
+    std::uint64_t straysForgot = 0; ///< up to this one, what `strays` held was dropped
     std::shared_ptr<Session> session;
     std::vector<std::weak_ptr<Group>> groups; ///< all, and some that have gone
     WatchBudget budget;
@@ -297,7 +303,8 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     std::vector<RecordPtr> shareWatches(Clock::time_point now);
     Look beginLook(const RecordPtr& record, Visit why);
     void settle(Look& look);
-    void noteStray(int watch);
+    void noteStray(int watch, bool isLost);
+    bool hasMissed(const Look& look) const;
     void keepFirst(Look& look);
     void lookNow(std::unique_lock<std::mutex>& lock, const std::vector<RecordPtr>& targets);
     void awaitFirstLook(std::unique_lock<std::mutex>& lock, const RecordPtr& record);

@@ -44,7 +44,7 @@ std::string reasonOf(int error) {
 constexpr const char* remoteReason =
     "it lies in a file system that others change unseen; their changes are told when it is polled";
 
-/// More than can be told of at once; looks that are under way then count as too late.
+/// When there are more, each look that is under way is taken to have missed something.
 constexpr std::size_t mostStrays = 65'536;
 
 } // namespace
@@ -149,6 +149,7 @@ InotifyFolderWatcher::Impl::Look InotifyFolderWatcher::Impl::beginLook(const Rec
             look.counted.emplace_back(addingLocal);
     }
     look.number = ++record->begun;
+    look.strayEvents = strayEvents;
     return look;
 }
 
@@ -202,31 +203,43 @@ void InotifyFolderWatcher::Impl::settle(Look& look) {
             look.isOther = true;
         }
         count(record, true);
-        if (look.watch >= 0 && (straysDropped || strays.contains(look.watch)))
+        if (look.watch >= 0 && hasMissed(look))
             suspect(look.record);
     }
     look.counted.clear();
     if (!counts && isCurrent && look.watch >= 0 && !byWatch.contains(look.watch))
         removeWatch(look.watch, *look.lane);
-    if (adding == 0) {
+    if (adding == 0)
         strays.clear();
-        straysDropped = false;
-    }
     if (addingLocal == 0)
         for (const int orphan : std::exchange(orphans, {}))
             if (!byWatch.contains(orphan))
                 ::inotify_rm_watch(session->inotify.get(), orphan);
 }
 
-/// Remembers that a watch ended that no record has, or has as yet.
-void InotifyFolderWatcher::Impl::noteStray(int watch) {
-    if (adding == 0 || straysDropped)
+/// Remembers an event of a watch that a record may get by a look under way.
+void InotifyFolderWatcher::Impl::noteStray(int watch, bool isLost) {
+    if (adding == 0)
         return;
-    strays.insert(watch);
-    if (strays.size() > mostStrays) {
-        straysDropped = true;
+    ++strayEvents;
+    if (strays.size() >= mostStrays) {
+        straysForgot = strayEvents;
         strays.clear();
     }
+    auto& stray = strays[watch];
+    stray.any = strayEvents;
+    if (isLost)
+        stray.lost = strayEvents;
+}
+
+/// Whether the watch that a look has got may have ended before it had its place in the table, or
+/// have told what the look's listing does not show.
+bool InotifyFolderWatcher::Impl::hasMissed(const Look& look) const {
+    if (straysForgot > look.strayEvents)
+        return true;
+    const auto stray = strays.find(look.watch);
+    return stray != strays.end() &&
+           (look.continues ? stray->second.any : stray->second.lost) > look.strayEvents;
 }
 
 /// Looks at records on the calling thread, those of remote file systems excepted, which it hands
@@ -248,11 +261,11 @@ void InotifyFolderWatcher::Impl::lookNow(std::unique_lock<std::mutex>& lock,
     lock.lock();
     for (auto& look : looks) {
         const auto& record = look.record;
-        const bool isFirst = record->settled == 0;
+        const bool isFirst = record->settled == 0 && !record->isOwed;
         settle(look);
         if (isFirst)
             keepFirst(look);
-        else if (look.isOther)
+        else if (look.isOther || record->isOwed)
             suspect(record);
     }
 }
