@@ -268,11 +268,12 @@ bool WatchedTree::watchBelow(const Path& top) {
         std::error_code ignored; // what cannot be listed cannot be watched better either
         std::filesystem::directory_iterator entry(folder.toNative(), ignored), end;
         for (; !ignored && entry != end; entry.increment(ignored)) {
+            auto child = folder.child(entry->path().filename().native());
+            // What is refused is not even looked at: it may hang, or there may be much of it.
+            if (isWatched(child) || !m_callbacks.filter(child))
+                continue;
             std::error_code gone;
             if (entry->symlink_status(gone).type() != std::filesystem::file_type::directory)
-                continue;
-            auto child = folder.child(entry->path().filename().native());
-            if (isWatched(child) || !m_callbacks.filter(child))
                 continue;
             add(child);
             folders.push_back(std::move(child));

@@ -2,7 +2,11 @@
 #include "quendo/platform/OwnWrites.h"
 #include "quendo/platform/standard/StandardDelayedTaskService.h"
 #include "tests/support/FakeFolderWatcher.h"
+#include "tests/support/OwnNamespaces.h"
 #include "tests/support/SteppedDetection.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
 
 namespace quendo {
 namespace {
@@ -288,6 +292,23 @@ TEST(ChangeDetector, HoldsUpNoOtherWhileItsFoldersHang) {
     goOn.set_value();
     test::within(deadTold.get_future()); // what is in there may have come later
     watcher->inWatch = [](const Path&) {};
+}
+
+TEST(ChangeDetectorDeathTest, LooksAtNothingThatItsFilterRefuses) {
+    test::TemporaryFolder folder;
+    test::expectSuccessInOwnNamespaces([&] {
+        fs::create_directory(folder.path() / "hanging");
+        const int server = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
+        const auto how = "fd=" + std::to_string(server) + ",rootmode=40000,user_id=0,group_id=0";
+        if (::mount("none", (folder.path() / "hanging").c_str(), "fuse", 0, how.c_str()) != 0)
+            test::skipForWantOfRights();
+        test::within(test::onThread([&] {
+            const FolderExternalChangeDetector detector(
+                folder.quendoPath(), std::chrono::milliseconds(250),
+                [](const Path& path) { return path.fileName().string() != u"hanging"; });
+        }));
+        ::close(server);
+    });
 }
 
 TEST(DelayedTasks, RunWhenTheyAreDueOnOneThreadThatGoes) {

@@ -43,7 +43,11 @@ inline void expectSuccessInOwnNamespaces(const std::function<void()>& test) {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     int status = 0;
     EXPECT_EXIT(
-        runAndExit(), [&](int code) { return (status = WEXITSTATUS(code)) == 0 || status == 77; },
+        runAndExit(),
+        [&](int code) {
+            status = WIFEXITED(code) ? WEXITSTATUS(code) : 128 + WTERMSIG(code);
+            return status == 0 || status == 77;
+        },
         "");
     if (status == 77)
         GTEST_SKIP() << "SKIPPED: no user namespaces may be made here";
