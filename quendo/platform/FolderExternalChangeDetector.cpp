@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
+#include <new>
+#include <system_error>
 #include <utility>
 
 // From an event to a notification
@@ -26,8 +28,9 @@
 // listener. A notification under way goes on with the listener that runs, and calls no other.
 //
 // A notification for which no thread can be had is not lost: without a thread for the window it is
-// posted at once, without one for the strand it is tried again after the window, then after twice
-// that and so on, and without either with the next event, suspension or operation.
+// posted at once, without one for the strand it is tried again after 250 ms, then after twice that
+// and so on, and without either with the next event, suspension or operation. The same holds when a
+// listener fails for want of a thread or of memory.
 //
 // The release of a suspension waits a moment until all that happened before was looked at: folders
 // that an operation made are watched only when their appearance was reported, and what another
@@ -177,8 +180,11 @@ struct FolderExternalChangeDetector::Impl : std::enable_shared_from_this<Impl> {
     }
 
     void endWindow() noexcept {
-        if (post())
-            return;
+        if (!post())
+            retry();
+    }
+
+    void retry() noexcept {
         std::chrono::milliseconds delay;
         {
             const std::lock_guard lock(mutex);
@@ -191,15 +197,29 @@ struct FolderExternalChangeDetector::Impl : std::enable_shared_from_this<Impl> {
         {
             const std::lock_guard lock(mutex);
             windowIsOpen = false;
-            retryDelay = firstRetry;
             if (isClosed)
                 return;
         }
+        bool isTold = true;
         try {
             changed();
+        } catch (const std::bad_alloc&) {
+            isTold = false;
+        } catch (const std::system_error&) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+            isTold = false;
         } catch (...) {
             QUENDO_LOG_CAUGHT_EXCEPTION();
         }
+        {
+            const std::lock_guard lock(mutex);
+            if (isTold)
+                retryDelay = firstRetry;
+            if (isTold || isClosed || windowIsOpen)
+                return;
+            windowIsOpen = true;
+        }
+        retry();
     }
 
     void close() {

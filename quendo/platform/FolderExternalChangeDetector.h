@@ -22,6 +22,9 @@ class OwnWrites;
 /// not looked at. The filter decides by the path's text and is called from any thread. A folder
 /// that vanishes and comes back is watched again.
 ///
+/// When a callback throws std::bad_alloc or std::system_error, for want of memory or of a thread,
+/// all are called again later.
+///
 /// Threads: any. Callbacks come from a thread of the detector's own, one at a time. The constructor
 /// lists the folder on the calling thread; later that is done on a strand.
 ///

@@ -64,6 +64,16 @@ TEST_F(ChangeDetectorTest, TellsOnceForAWindowAndNothingWithoutAChange) {
     EXPECT_EQ(toldAfter(Kind::Changed, "index"), 1);
     EXPECT_EQ(told(), 1); // a change during the callback brings the next
     EXPECT_EQ(told(), 0);
+
+    inCallback = [this, again = 2]() mutable {
+        ++count;
+        if (again-- > 0)
+            throw std::system_error(EAGAIN, std::generic_category());
+    };
+    EXPECT_EQ(toldAfter(Kind::Changed, "index"), 1);
+    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(told(), 1);
+    EXPECT_EQ(told(), 0);
 }
 
 TEST_F(ChangeDetectorTest, WatchesTheTreeAsItIs) {
