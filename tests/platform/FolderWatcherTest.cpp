@@ -12,6 +12,7 @@
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -104,8 +105,8 @@ public:
         EXPECT_TRUE(
             m_changed.wait_until(lock, test::byDeadline(), [&] { return m_hanging >= count; }));
     }
-    std::string mountTable() override {
-        return FileSystemCalls::mountTable() + "9999 1 0:9999 / " + m_at +
+    std::string mountTable(int file) override {
+        return FileSystemCalls::mountTable(file) + "9999 1 0:9999 / " + m_at +
                " rw - nfs server:/export rw\n";
     }
     int addWatch(int inotify, const std::string& folder, std::uint32_t mask) override {
@@ -904,6 +905,34 @@ TEST_F(LimitedDeathTest, SeesMountingAndUnmounting) {
         while (::umount(root.c_str()) != 0)
             ASSERT_TRUE(errno == EBUSY && std::chrono::steady_clock::now() < limit);
         heard.until("native d");
+        finish();
+    });
+}
+
+// The mount table is read again while there is no descriptor left.
+TEST_F(LimitedDeathTest, KnowsRemoteFileSystemsWithoutADescriptor) {
+    options.polledFileSystems = {"tmpfs"};
+    test::expectSuccessInOwnNamespaces([this] {
+        for (const auto* name : {"d", "other"}) {
+            fs::create_directory(root / name);
+            ASSERT_EQ(::mount("none", (root / name).c_str(), "tmpfs", 0, nullptr), 0);
+        }
+        watch("d");
+        watch("other");
+        EXPECT_EQ(means("d"), Means::Polled);
+        rlimit before{};
+        ::getrlimit(RLIMIT_NOFILE, &before);
+        const rlimit few{64, before.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &few);
+        while (::dup(STDERR_FILENO) >= 0) {
+        }
+        ASSERT_EQ(::umount2((root / "other").c_str(), MNT_DETACH), 0);
+        heard.until("?other"); // by which all know the new table
+        ::setrlimit(RLIMIT_NOFILE, &before);
+        fs::create_directory(root / "d/a");
+        watch("d/a");
+        EXPECT_EQ(means("d/a"), Means::Polled);
+        EXPECT_EQ(means("d"), Means::Polled);
         finish();
     });
 }

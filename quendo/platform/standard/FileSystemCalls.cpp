@@ -3,10 +3,12 @@
 #include "quendo/platform/MountTable.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <fstream>
 #include <sys/inotify.h>
+#include <unistd.h>
 
 namespace quendo::platform {
 
@@ -22,8 +24,18 @@ FolderListing FileSystemCalls::list(const std::string& folder, bool withEntries,
     return FolderListing::take(folder, withEntries, progress);
 }
 
-std::string FileSystemCalls::mountTable() {
-    return readMountTable();
+std::string FileSystemCalls::mountTable(int file) {
+    std::string text;
+    std::array<char, 16'384> piece; // NOLINT: pread() fills it
+    for (;;) {
+        const auto size =
+            ::pread(file, piece.data(), piece.size(), static_cast<off_t>(text.size()));
+        if (size < 0 && errno == EINTR)
+            continue;
+        if (size <= 0)
+            return text;
+        text.append(piece.data(), static_cast<std::size_t>(size));
+    }
 }
 
 std::size_t FileSystemCalls::watchLimit() {

@@ -27,7 +27,8 @@ public:
                                const std::function<void()>& progress);
 
     /// The text of /proc/self/mountinfo.
-    virtual std::string mountTable();
+    /// @param file that file, open, so that no descriptor is needed; negative where there is none
+    virtual std::string mountTable(int file);
 
     /// How many watches this user may have, over all processes.
     virtual std::size_t watchLimit();

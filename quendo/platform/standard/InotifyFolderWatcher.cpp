@@ -77,7 +77,7 @@ std::shared_ptr<const MountTable> CurrentMounts::get() {
     }
     pollfd file{m_file.get(), POLLPRI, 0};
     if (m_table == nullptr || (::poll(&file, 1, 0) > 0 && file.revents != 0))
-        m_table = std::make_shared<const MountTable>(m_calls.mountTable(), m_remote);
+        m_table = std::make_shared<const MountTable>(m_calls.mountTable(m_file.get()), m_remote);
     return m_table;
 }
 
