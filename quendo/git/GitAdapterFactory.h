@@ -53,11 +53,6 @@ struct GitOptions {
     /// Doubles each time that it does so again.
     std::chrono::milliseconds filterPause{600'000};
 
-    /// How long a query that ended at one of these bounds is not repeated in the background: it
-    /// fails with the same error. Doubles each time, up to an hour, for as long as nothing has
-    /// changed that may be the cause.
-    std::chrono::milliseconds failurePause{30'000};
-
     /// How long an operation waits for another git that holds the index.
     std::chrono::milliseconds lockLimit{10'000};
 };
