@@ -110,7 +110,6 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/cache/DependencyWatches.h
     quendo/cache/EventInbox.h
     quendo/cache/EventLog.h
-    quendo/cache/EverySlot.h
     quendo/cache/FileCacheUpdateJob.h
     quendo/cache/FolderCacheUpdateJob.h
     quendo/cache/JobQueingCacheUpdater.h
@@ -126,6 +125,7 @@ set(QUENDO_PRIVATE_HEADERS
     quendo/change_detection/UpdateResponses.h
     quendo/platform/DetectionSwitch.h
     quendo/platform/EachSlot.h
+    quendo/platform/EverySlot.h
     quendo/platform/MountTable.h
     quendo/platform/Utf8.h
     quendo/platform/WatchedTree.h

@@ -1,12 +1,10 @@
 #pragma once
 
 #include "quendo/adapter/ListenerFailure.h"
-#include "quendo/platform/Logging.h"
+#include "quendo/platform/EverySlot.h"
 
-#include <boost/signals2/expired_slot.hpp>
 #include <boost/signals2/signal.hpp>
 
-#include <exception>
 #include <memory>
 
 namespace quendo {
@@ -20,39 +18,13 @@ namespace quendo {
 /// Threads: any; one thread may destroy it while others emit it, if these have entered the call.
 template <class Signature>
 class ListenerSignal {
-    struct CallAll {
-        using result_type = void;
-
-        template <class Slots>
-        void operator()(Slots first, Slots last) const {
-            std::exception_ptr failure;
-            for (; first != last; ++first) {
-                try {
-                    *first;
-                } catch (const boost::signals2::expired_slot&) {
-                    // It went while the others were called.
-                } catch (...) {
-                    if (onFailure == ListenerFailure::SkipsRest)
-                        throw;
-                    if (failure == nullptr)
-                        failure = std::current_exception();
-                    else
-                        QUENDO_LOG_CAUGHT_EXCEPTION();
-                }
-            }
-            if (failure != nullptr)
-                std::rethrow_exception(std::move(failure));
-        }
-
-        ListenerFailure onFailure;
-    };
-
 public:
-    using Signal = boost::signals2::signal<Signature, CallAll>;
+    using Signal = boost::signals2::signal<Signature, platform::EverySlot>;
     using Slot = typename Signal::slot_type;
 
     explicit ListenerSignal(ListenerFailure onFailure)
-        : m_signal(std::make_shared<Signal>(CallAll{onFailure})) {}
+        : m_signal(std::make_shared<Signal>(
+              platform::EverySlot{.endsAtFailure = onFailure == ListenerFailure::SkipsRest})) {}
     ~ListenerSignal() { m_signal->disconnect_all_slots(); }
     ListenerSignal(const ListenerSignal&) = delete;
     ListenerSignal& operator=(const ListenerSignal&) = delete;

@@ -8,13 +8,13 @@
 #include "quendo/cache/CMStatusCacheFreshness.h"
 #include "quendo/cache/CMStatusCacheStatistics.h"
 #include "quendo/cache/CacheBarrier.h"
-#include "quendo/cache/EverySlot.h"
 #include "quendo/cache/RefreshLedger.h"
 #include "quendo/cache/RefreshRequest.h"
 #include "quendo/cache/RefreshStatistics.h"
 #include "quendo/cache/RetryPlan.h"
 #include "quendo/cache/TransactionalFileCache.h"
 #include "quendo/platform/EachSlot.h"
+#include "quendo/platform/EverySlot.h"
 
 #include <boost/signals2/connection.hpp>
 #include <boost/signals2/signal.hpp>
@@ -37,11 +37,11 @@ class RunningQuery;
 /// being given is an error and a job may outlive its cache. A slot that throws hides no notice from
 /// the others. Threads: any.
 struct CacheSignals {
-    boost::signals2::signal<void(), EverySlot> cacheChanged;
-    boost::signals2::signal<void(const CMStatusCache::Tasks&), EverySlot> tasksStarted;
-    boost::signals2::signal<void(const CMStatusCache::Tasks&), EverySlot> tasksFinished;
-    boost::signals2::signal<void(const StatusChanges&), EverySlot> changes;
-    boost::signals2::signal<void(const FolderSetChange&), EverySlot> foldersChanged;
+    boost::signals2::signal<void(), platform::EverySlot> cacheChanged;
+    boost::signals2::signal<void(const CMStatusCache::Tasks&), platform::EverySlot> tasksStarted;
+    boost::signals2::signal<void(const CMStatusCache::Tasks&), platform::EverySlot> tasksFinished;
+    boost::signals2::signal<void(const StatusChanges&), platform::EverySlot> changes;
+    boost::signals2::signal<void(const FolderSetChange&), platform::EverySlot> foldersChanged;
     boost::signals2::signal<void(const std::optional<Staleness>&), platform::EachSlot>
         stalenessChanged;
 };

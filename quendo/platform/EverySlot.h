@@ -5,14 +5,16 @@
 #include <boost/signals2/expired_slot.hpp>
 
 #include <exception>
+#include <utility>
 
-namespace quendo {
+namespace quendo::platform {
 
-/// A combiner for signals whose listeners must not hide notices from each other, but whose
-/// exceptions count: it calls every slot and then throws what was thrown first. The others are
-/// logged. For slots that return nothing.
+/// A combiner for signals whose listeners' exceptions reach the emitter: it calls every slot, then
+/// throws what was thrown first, and logs the others. For slots that return nothing.
 struct EverySlot {
     using result_type = void;
+
+    bool endsAtFailure = false; ///< the slots behind one that throws are not called
 
     template <class Slots>
     void operator()(Slots first, Slots last) const {
@@ -21,8 +23,10 @@ struct EverySlot {
             try {
                 *first;
             } catch (const boost::signals2::expired_slot&) {
-                // It went while the others were called.
+                // It expired while the others were called.
             } catch (...) {
+                if (endsAtFailure)
+                    throw;
                 if (failure == nullptr)
                     failure = std::current_exception();
                 else
@@ -30,8 +34,8 @@ struct EverySlot {
             }
         }
         if (failure != nullptr)
-            std::rethrow_exception(failure);
+            std::rethrow_exception(std::move(failure));
     }
 };
 
-} // namespace quendo
+} // namespace quendo::platform
