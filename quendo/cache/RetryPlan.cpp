@@ -71,6 +71,18 @@ Staleness stalenessOf(const RetrySet& set, const PendingPath& path) noexcept {
     return result;
 }
 
+/// A set without paths, due like `set` and with what is known about the queries for that.
+RetrySet withHistoryOf(const RetrySet& set) {
+    RetrySet result;
+    result.cause = set.cause;
+    result.failure = set.failure;
+    result.duration = set.duration;
+    result.triedAt = set.triedAt;
+    result.failedFirst = set.failedFirst;
+    result.due = set.due;
+    return result;
+}
+
 } // namespace
 
 void include(std::optional<Staleness>& whole, const Staleness& part) noexcept {
@@ -188,15 +200,10 @@ void RetryPlan::split(RetrySet& set, TimePoint now, bool hasOwnSchedule) noexcep
     if (set.isOfFolder || set.paths.size() < 2 || static_cast<std::size_t>(sets) >= mostFileSets)
         return;
     try {
-        RetrySets half(1);
-        auto& other = half.front();
-        other.cause = set.cause;
-        other.failure = set.failure;
-        other.duration = set.duration;
-        other.failedFirst = set.failedFirst;
+        RetrySets half;
+        auto& other = half.emplace_back(withHistoryOf(set));
         other.retries = set.retries;
         other.hasOwnSchedule = set.hasOwnSchedule;
-        other.triedAt = set.triedAt;
         auto left = set.paths.size() / 2;
         set.paths.moveIf(other.paths, [&](const auto&...) { return left != 0 && left-- != 0; });
         if (hasOwnSchedule) {
@@ -336,14 +343,8 @@ void RetryPlan::limit(bool folders, std::size_t most, const Path& root) noexcept
                 continue;
             PendingPaths copy(set.paths);
             all.absorb(copy);
-            if (set.triedAt >= newest.triedAt) {
-                newest.cause = set.cause;
-                newest.failure = set.failure;
-                newest.duration = set.duration;
-                newest.triedAt = set.triedAt;
-                newest.failedFirst = set.failedFirst;
-                newest.due = set.due;
-            }
+            if (set.triedAt >= newest.triedAt)
+                newest = withHistoryOf(set);
         }
         auto common = commonFolders(all, root, commonFolderLimit);
         RetrySets sets(common.size());
