@@ -1380,6 +1380,15 @@ private:
         return true;
     }
 
+    /// On the strand: adds `folder` to `found` if it is watched now and was not before.
+    /// @return false after stop()
+    bool watchFound(const Path& folder, std::vector<Path>& found) {
+        const auto hold = m_lock.write();
+        if (!m_stopped && watchBare(folder))
+            found.push_back(folder);
+        return !m_stopped;
+    }
+
     /// Watches the folders at any depth below `top` that came while nobody followed them.
     void watchMissedFoldersLater(const Path& top) {
         postWork([weak = weak_from_this(), top] {
@@ -1401,15 +1410,9 @@ private:
                         watched.push_back(folder);
         }
         for (const auto& folder : watched)
-            for (const auto& entry : list(folder).entries) {
-                if (!entry.isFolder)
-                    continue;
-                const auto hold = m_lock.write();
-                if (m_stopped)
+            for (const auto& entry : list(folder).entries)
+                if (entry.isFolder && !watchFound(entry.path, found))
                     return;
-                if (watchBare(entry.path))
-                    found.push_back(entry.path);
-            }
         lookInto(std::move(found));
     }
 
@@ -1422,12 +1425,9 @@ private:
             const auto self = weak.lock();
             if (self == nullptr)
                 return;
-            for (const auto& folder : dropped) {
-                const auto hold = self->m_lock.write();
-                if (!self->m_stopped && folder.isBelow(self->m_info->root) &&
-                    self->watchBare(folder))
-                    folders.push_back(folder);
-            }
+            for (const auto& folder : dropped)
+                if (folder.isBelow(self->m_info->root))
+                    self->watchFound(folder, folders);
             self->lookInto(std::move(folders));
             self->release();
         });
@@ -1461,13 +1461,8 @@ private:
                 if (since && entry.changed >= *since - margin && entry.changed >= notBefore &&
                     m_info->enabled)
                     m_waiting.add(entry.path, PendingEvents::Created);
-                if (!entry.isFolder)
-                    continue;
-                const auto hold = m_lock.write();
-                if (m_stopped)
+                if (entry.isFolder && !watchFound(entry.path, folders))
                     return;
-                if (watchBare(entry.path))
-                    folders.push_back(entry.path);
             }
         }
     }
