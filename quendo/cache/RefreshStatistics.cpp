@@ -1,5 +1,7 @@
 #include "quendo/cache/RefreshStatistics.h"
 
+#include "quendo/exception/ErrorText.h"
+
 #include <algorithm>
 #include <string>
 #include <utility>
@@ -11,20 +13,12 @@ constexpr std::size_t longestText = 300;
 
 std::string textOf(const std::exception_ptr& failure) noexcept {
     try {
-        if (failure == nullptr)
-            return {};
-        try {
-            std::rethrow_exception(failure);
-        } catch (const std::exception& error) {
-            std::string text(error.what());
-            auto size = std::min(text.size(), longestText);
-            while (size != 0 && size != text.size() && (text[size] & 0xc0) == 0x80)
-                --size; // not in the middle of a character
-            text.resize(size);
-            return text;
-        } catch (...) {
-            return "unknown error";
-        }
+        auto text = exception::errorText(failure);
+        auto size = std::min(text.size(), longestText);
+        while (size != 0 && size != text.size() && (text[size] & 0xc0) == 0x80)
+            --size; // not in the middle of a character
+        text.resize(size);
+        return text;
     } catch (...) {
         return {};
     }
