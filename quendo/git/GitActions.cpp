@@ -606,7 +606,7 @@ void GitActions::resolve(const Path& file) {
 }
 
 std::vector<Path> GitActions::ignore(const std::vector<Path>& files) {
-    std::vector<TreeItem> wanted;
+    Strings rules;
     for (const auto& file : files) {
         const auto path = m_tree.relative(file);
         if (path.empty())
@@ -623,16 +623,15 @@ std::vector<Path> GitActions::ignore(const std::vector<Path>& files) {
         const auto item = std::ranges::find(items, path, &TreeItem::path);
         if (item == items.end())
             throw OperationFailedError(m_tree.shown(path) + " does not exist");
-        if (item->state == LocalStatus::Ignored ||
-            std::ranges::find(wanted, path, &TreeItem::path) != wanted.end())
+        if (item->state == LocalStatus::Ignored)
             continue;
-        ignoreRuleFor(path, item->isFolder); // refuses it before anything is written
-        wanted.push_back(*item);
+        auto rule = ignoreRuleFor(path, item->isFolder);
+        if (std::ranges::find(rules, rule) == rules.end())
+            rules.push_back(std::move(rule));
     }
-    for (const auto& item : wanted)
-        addIgnoreRule(m_tree.root(), item.path, item.isFolder, m_tree.shown(".gitignore"));
-    if (wanted.empty())
+    if (rules.empty())
         return {};
+    addIgnoreRules(m_tree.root(), rules, m_tree.shown(".gitignore"));
     return {m_repository.rootPath() / u".gitignore"};
 }
 

@@ -42,8 +42,7 @@ std::string ignoreRuleFor(std::string_view path, bool isFolder) {
     return rule;
 }
 
-void addIgnoreRule(int root, std::string_view path, bool isFolder, const std::string& shown) {
-    const auto rule = ignoreRuleFor(path, isFolder);
+void addIgnoreRules(int root, const std::vector<std::string>& rules, const std::string& shown) {
     const auto fail = [&](int error) {
         throw OperationFailedError(shown + " cannot be changed: " + std::strerror(error));
     };
@@ -70,7 +69,8 @@ void addIgnoreRule(int root, std::string_view path, bool isFolder, const std::st
     const std::string lineEnd = hasCarriageReturns ? "\r\n" : "\n";
     if (!content.empty() && !content.ends_with('\n'))
         content += lineEnd;
-    content += rule + lineEnd;
+    for (const auto& rule : rules)
+        content += rule + lineEnd;
 
     ::unlinkat(root, newName, 0); // left by a process that was killed
     const FileDescriptor file(
