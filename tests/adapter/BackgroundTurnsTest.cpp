@@ -5,6 +5,7 @@
 #include "tests/support/MemoryAdapter.h"
 #include "tests/support/SteppedDetection.h"
 #include "tests/support/Testing.h"
+#include "tests/support/ThreadClock.h"
 
 namespace quendo {
 namespace {
@@ -207,33 +208,43 @@ TEST(BackgroundTurns, KnowTheQueriesOfTheirExecutor) {
     EXPECT_NE(turns, BackgroundTurns::of(std::make_shared<test::SteppedExecutor>("other")));
     const auto copy = std::make_shared<test::MemoryWorkingCopy>(root);
     SingleThreadedCMAdapter adapter(executor, test::makeMemoryAdapter(copy));
-    std::atomic<int> granted = 0, interrupted = 0;
+    int granted = 0;
+    std::atomic<int> interrupted = 0;
     const auto client = turns->addClient({[&] { ++granted; }, [&] { ++interrupted; }});
-    const auto query = [&](QueryUrgency urgency) {
-        return test::onThread([&adapter, root, urgency] {
-            const auto origin = std::make_shared<QueryOrigin>(urgency);
-            const QueryOrigin::WorkScope scope(origin);
+    std::vector<std::future<void>> queries;
+    // Its thread waits for the executor, at a time when the limit of what runs there has passed.
+    const auto queueQuery = [&](QueryUrgency urgency) {
+        const auto before = executor->size();
+        queries.push_back(test::onThread([&adapter, root, urgency] {
+            test::clockAhead = 10min;
+            const QueryOrigin::WorkScope scope(std::make_shared<QueryOrigin>(urgency));
             adapter.getStatus(root, true);
-        });
-    };
-    const auto runOne = [&] {
-        while (!executor->runOne())
+        }));
+        while (executor->size() == before)
             std::this_thread::yield();
     };
     client->request();
     EXPECT_EQ(granted, 1);
     copy->inCall = [&](const auto&...) {
-        const auto end = Clock::now() + 5ms;
-        while (Clock::now() < end) {
-        }
+        if (queries.size() != 1)
+            return;
+        queueQuery(QueryUrgency::Background);
+        EXPECT_EQ(interrupted, 0);
+        queueQuery(QueryUrgency::Requested);
+        EXPECT_EQ(interrupted, 1);
+        test::clockAhead = 1min; // what the query costs
     };
-    auto background = query(QueryUrgency::Background);
-    runOne();
-    test::within(std::move(background));
+    queueQuery(QueryUrgency::Background);
+    executor->runOne();
     client->end();
     client->request();
     ASSERT_TRUE(client->dueAt());
-    EXPECT_GT(*client->dueAt(), Clock::now()) << "the query cost nothing";
+    EXPECT_GT(*client->dueAt(), Clock::now() + 30s);
+    while (executor->runOne()) {
+    }
+    for (auto& query : queries)
+        test::within(std::move(query));
+    test::clockAhead = 0s;
 }
 
 } // namespace
