@@ -3,10 +3,12 @@
 #include "quendo/adapter/EventBroadcastingCMAdapter.h"
 #include "quendo/cache/BranchStateCache.h"
 #include "quendo/cache/CMStatusCacheChanges.h"
+#include "quendo/cache/CMStatusCacheStatistics.h"
 #include "quendo/change_detection/DisableChangeDetection.h"
 #include "quendo/pool/FindInterface.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "tests/support/RealFolder.h"
+#include "tests/support/ThreadClock.h"
 
 #include <pthread.h>
 #include <sys/stat.h>
@@ -46,6 +48,14 @@ struct Road {
         });
     }
 
+    /// Another working copy, with the file "a".
+    fs::path makeOther() const {
+        const auto other = at("other");
+        sandbox.init({"--template="}, other);
+        test::writeFile(other / "a", "1");
+        sandbox.commitAll("first", other);
+        return other;
+    }
     fs::path at(const char* name) const { return sandbox.root() / name; }
     void write(const char* file, const char* text) const {
         test::writeFile(sandbox.work() / file, text);
@@ -112,10 +122,7 @@ TEST(Roads, PassAQueryThatRuns) {
 // While an operation of one working copy waits, others are refreshed.
 TEST(Roads, PassAHookOfAnotherWorkingCopy) {
     Road road;
-    const auto other = road.at("other");
-    road.sandbox.init({"--template="}, other);
-    test::writeFile(other / "a", "1");
-    road.sandbox.commitAll("first", other);
+    const auto other = road.makeOther();
     for (const char* name : {"running", "goOn"})
         ASSERT_EQ(::mkfifo(road.at(name).c_str(), 0600), 0);
     test::writeFile(road.sandbox.work() / ".git/hooks/pre-commit",
@@ -152,6 +159,36 @@ TEST(Roads, PassAHookOfAnotherWorkingCopy) {
     EXPECT_TRUE(followed.has(u"a", LocalStatus::Unmodified));
     fs::remove(lock);
     test::within(std::move(adding));
+}
+
+// A background query is interrupted when its time is up and another working copy waits.
+TEST(Roads, PassAQueryThatHangs) {
+    Road road;
+    const auto other = road.provider->provideFor(Path::fromNative(road.makeOther().native()));
+    const auto hangs = road.at("hangs"), text = road.at("text");
+    test::writeFile(road.sandbox.work() / ".git/info/attributes", "a filter=f");
+    road.sandbox.git({"config", "--global", "filter.f.clean",
+                      "[ ! -p ../hangs ] || { : > ../hangs; exec sleep 1000; }; cat"});
+    const test::FollowedFolder followed(road.filledFolder());
+    const auto* statistics = findInterface<CMStatusCacheStatistics>(*followed.folder);
+    // The first may be answered by what is refreshed because the folder is new.
+    for (const auto state : {LocalStatus::Modified, LocalStatus::Unmodified}) {
+        ASSERT_EQ(::mkfifo(hangs.c_str(), 0600), 0);
+        test::writeFile(text, state == LocalStatus::Modified ? "2" : "1");
+        fs::rename(text, road.sandbox.work() / "a");
+        test::within(test::onThread([&] { std::ifstream(hangs).get(); }));
+        fs::remove(hangs);
+        const auto states = test::within(test::onThread([&] {
+            test::clockAhead = std::chrono::minutes(10);
+            return other->getAdapter().getStatus(other->getRootFolder(), true);
+        }));
+        EXPECT_EQ(states.at(other->getRootFolder() / u"a").getState(), LocalStatus::Unmodified);
+        EXPECT_TRUE(followed.comes(u"a", state));
+        followed.cache.refreshAll(); // what told that has ended
+    }
+    const auto counts = statistics->getStatistics();
+    EXPECT_GE(counts.of(RefreshReason::FileEvent).interrupted, 1U) << describe(counts);
+    EXPECT_GE(counts.of(RefreshReason::Retry).queries, 1U) << describe(counts);
 }
 
 // Own operations, changes by others, and a discarding, of which the adapter raises no signal.
