@@ -18,9 +18,9 @@ class Executor;
 /// exception, the same object.
 ///
 /// Made with the root of its working copy, it tells the executor what each call works on
-/// (Executor::postFor). While an operation that changes something then waits outside the executor,
-/// as the Git adapter's do while a hook runs, getStatus and listRevisions of other working copies
-/// are served. Operations that change something never overlap, and the calls of one working copy
+/// (Executor::postFor). While a call then waits outside the executor, as the Git adapter's do while
+/// a hook runs or a partial clone fetches, getStatus and listRevisions of other working copies are
+/// served. Operations that change something never overlap, and the calls of one working copy
 /// never overlap and keep their order.
 ///
 /// It reports to BackgroundTurns what background queries cost (QueryOrigin::urgency), and how many

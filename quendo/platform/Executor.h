@@ -49,9 +49,9 @@ public:
     /// The name given at creation, UTF-8.
     virtual std::string name() const = 0;
 
-    /// As post(), for a task that works on one working copy. While a task that changes a working
-    /// copy waits outside (OutsideExecutor), an executor that supports it runs queries of other
-    /// working copies, one at a time. Tasks of one working copy keep their order and never overlap.
+    /// As post(), for a task that works on one working copy. While such a task waits outside
+    /// (OutsideExecutor), an executor that supports it runs queries of other working copies, one at
+    /// a time. Tasks of one working copy keep their order and never overlap.
     /// The default is post(): every task waits for the one before.
     virtual void postFor(const TaskSubject& subject, Task task);
 
@@ -110,7 +110,7 @@ private:
 
 /// The one executor on which every working-copy operation of the process runs. The library's own
 /// runs all operations that change something on one thread, and queries there too, apart from those
-/// that it runs on a second thread while an operation waits outside. From the installed platform
+/// that it runs on a second thread while another task waits outside. From the installed platform
 /// services; never null.
 QUENDO_API std::shared_ptr<Executor> getSourceControlExecutor();
 

@@ -161,6 +161,33 @@ TEST(Roads, PassAHookOfAnotherWorkingCopy) {
     test::within(std::move(adding));
 }
 
+// So they are while a query fetches what its clone lacks.
+TEST(Roads, PassAFetchOfAnotherWorkingCopy) {
+    Road road;
+    const auto running = road.at("running"), goOn = road.at("goOn");
+    const auto made = road.sandbox.run(
+        {"sh", "-ec",
+         "seq 9 > a; git commit -qam 2; git mv a c; echo 10 >> c; git commit -qam 3\n"
+         "git config uploadpack.allowFilter true; cd ..; mkfifo running goOn\n"
+         "git clone -q --filter=blob:none --no-checkout file://$PWD/work other\n"
+         "git -C other read-tree HEAD; git config --global remote.origin.uploadpack \"[ ! -p \\\n"
+         "$PWD/running ] || { : >$PWD/running; read line <$PWD/goOn; }; git-upload-pack\""},
+        road.sandbox.work());
+    ASSERT_EQ(made.exitCode, 0) << made.errors;
+    const auto other = road.provider->provideFor(Path::fromNative(road.at("other").native()));
+    const test::FollowedFolder followed(road.filledFolder());
+    auto listing = test::onThread([&] {
+        return other->getAdapter().listRevisions(other->getRootFolder() / u"c", {}).size();
+    });
+    test::within(test::onThread([&] { std::ifstream(running).get(); }));
+    fs::remove(running);
+    road.write("sub/b", "2");
+    test::within(test::onThread([&] { followed.cache.refreshAll(); }));
+    EXPECT_TRUE(followed.has(u"sub/b", LocalStatus::Modified));
+    std::ofstream(goOn) << "\n";
+    EXPECT_EQ(test::within(std::move(listing)), 3U);
+}
+
 // A background query is interrupted when its time is up and another working copy waits.
 TEST(Roads, PassAQueryThatHangs) {
     Road road;

@@ -12,13 +12,14 @@
 
 // At any time at most one task runs that is not waiting outside:
 //
-//     main thread     | operation of A ... | waits outside       | takes back | goes on
+//     main thread     | task of A ...      | waits outside       | takes back | goes on
 //     second thread   |                    | query of B, query of C |          (ends)
 //
-// The second thread starts when there is a query to run and ends when there is none. The operation
-// of A has priority: once it wants its turn back, the running query ends and no other starts. A
-// query passes operations of other working copies in the queue, but neither what its own working
-// copy has there nor a task without a subject, which may be about anything.
+// The second thread starts when there is a query to run and ends when there is none. The task of A
+// has priority: once it wants its turn back, the running query ends and no other starts; a query on
+// the second thread keeps its turn to the end. A query passes operations of other working copies in
+// the queue, but neither what its own working copy has there nor a task without a subject, which
+// may be about anything.
 
 namespace quendo::platform {
 
@@ -36,7 +37,7 @@ struct SingleThreadExecutor::State : std::enable_shared_from_this<State> {
     Entries entries;
     bool started = false;
     bool abandoned = false;
-    const Path* outside = nullptr; ///< the working copy whose operation waits outside
+    const Path* outside = nullptr; ///< the working copy whose task waits outside
     bool hasSecondThread = false;
     bool isServing = false; ///< the second thread runs a task
     const std::string name;
@@ -71,17 +72,18 @@ struct SingleThreadExecutor::State : std::enable_shared_from_this<State> {
             changed.wait(lock, [&] { return !entries.empty() || abandoned; });
             if (entries.empty())
                 return;
-            runEntry(lock, entries.begin());
+            runEntry(lock, entries.begin(), true);
         }
     }
 
-    void runEntry(std::unique_lock<std::mutex>& lock, Entries::iterator position) {
+    void runEntry(std::unique_lock<std::mutex>& lock, Entries::iterator position,
+                  bool mayWaitOutside) {
         Entries taken;
         taken.splice(taken.begin(), entries, position);
         lock.unlock();
         try {
             auto& [task, subject] = taken.front();
-            if (subject && !subject->isQuery) {
+            if (subject && mayWaitOutside) {
                 Turn turn(*this, subject->workingCopy);
                 const ExecutorTurn::Scope scope(turn);
                 task();
@@ -130,7 +132,7 @@ struct SingleThreadExecutor::State : std::enable_shared_from_this<State> {
             if (query == entries.end())
                 break;
             isServing = true;
-            runEntry(lock, query);
+            runEntry(lock, query, false);
             isServing = false;
             served.notify_one();
         }
