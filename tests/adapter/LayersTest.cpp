@@ -111,10 +111,17 @@ TEST_F(LayersTest, TellsWhatWasChangedAfterItSucceeded) {
     fail = true;
     EXPECT_THAT(told([&] { EXPECT_THROW(adapter.removeFiles(files), std::out_of_range); }),
                 ElementsAre());
-    // A listener's failure reaches the caller, after the operation and without the listeners
-    // behind.
+    // A slot that expires during the emission is passed over.
     fail = false;
     connection.disconnect();
+    boost::signals2::slot<void(const std::vector<Path>&)> expired(note("expired"));
+    expired.track_foreign(std::weak_ptr<void>());
+    adapter.addStatusListener([expired](const std::vector<Path>& paths) { expired(paths); });
+    const auto next = adapter.addStatusListener(note("next"));
+    EXPECT_THAT(told([&] { adapter.addFiles({file}); }), ElementsAre("addFiles", "next file"));
+    next.disconnect();
+    // A listener's failure reaches the caller, after the operation and without the listeners
+    // behind.
     adapter.addStatusListener([](const std::vector<Path>&) { throw std::domain_error("mine"); });
     adapter.addStatusListener(note("behind"));
     EXPECT_THAT(told([&] { EXPECT_THROW(adapter.addFiles(files), std::domain_error); }),
