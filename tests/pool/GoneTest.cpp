@@ -1,7 +1,9 @@
 #include "quendo/platform/FolderExternalChangeDetector.h"
 #include "quendo/pool/ManagedFolderProvider.h"
+#include "quendo/pool/RootWatch.h"
 #include "tests/support/OwnNamespaces.h"
 #include "tests/support/RealFolder.h"
+#include "tests/support/SteppedDetection.h"
 
 #include <sys/mount.h>
 
@@ -162,6 +164,31 @@ TEST_F(GoneDeathTest, Unmounted) {
         ::umount2(copy.c_str(), MNT_DETACH);
         fs::remove_all(sandbox.root());
     });
+}
+
+// Each notice comes when there is a thread again.
+TEST(RootWatchTest, LosesNothingForLackOfAThread) {
+    platform::InotifyFolderWatcherOptions options;
+    options.pollInterval = 5ms;
+    test::SteppedDetection detection(std::make_shared<platform::InotifyFolderWatcher>(options));
+    const test::TemporaryFolder folder;
+    const auto root = folder.path() / "root";
+    fs::create_directory(root);
+    std::string told;
+    const RootWatch watch(
+        Path::fromNative(root.native()), [&] { told += "gone "; }, [&] { told += "back "; });
+    auto& strand = detection.strand("CMRootWatch");
+    for (const std::string expected : {"gone ", "gone back "}) {
+        strand.refuse(true);
+        told.empty() ? fs::remove(root) : fs::create_directory(root);
+        std::promise<void> reached;
+        platform::services()->folderWatcher->fence([&] { reached.set_value(); });
+        test::within(reached.get_future());
+        strand.refuse(false);
+        while (told != expected && detection.awaitTask())
+            detection.runStrands();
+        EXPECT_EQ(told, expected);
+    }
 }
 
 } // namespace

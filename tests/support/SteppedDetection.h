@@ -62,7 +62,7 @@ private:
     const std::function<void()> m_posted;
     mutable std::mutex m_mutex;
     std::list<Task> m_tasks;
-    bool m_refuses = false;
+    std::atomic<bool> m_refuses = false;
     bool m_runsAtOnce = false;
 };
 
@@ -116,6 +116,10 @@ public:
     }
     /// The one made last.
     SteppedExecutor& strand() const { return *m_executors->strands.back(); }
+    /// The one made first with this name.
+    SteppedExecutor& strand(std::string_view name) const {
+        return **std::ranges::find(m_executors->strands, name, &SteppedExecutor::name);
+    }
     /// The one made last for watching new folders.
     SteppedExecutor& folderStrand() const { return *m_executors->folders; }
     /// While `refuses`, there is no thread for what is to run later.
