@@ -18,7 +18,7 @@ public:
     virtual ~IgnoreRuleEditor();
 
     /// Makes the system ignore these files and folders from now on, in their order. What is ignored
-    /// already stays as it is. All are looked at before the first rule is written.
+    /// already stays as it is. A rules file is written once, in one step, when all were looked at.
     /// @return the files with rules that were written, each once; none when all was ignored already
     /// @throws exception::OperationFailedError for a path that is under source control, holds files
     ///         that are, does not exist, or has a name that no rule can hold
