@@ -119,13 +119,20 @@ public:
     bool join(std::unique_ptr<CacheUpdateJob>& job, const Path& folder, bool folderStatusFlag) {
         // Not into a job that submit() takes back, because no drain can be posted for it.
         const auto stateHold = m_stateLock.write();
-        const auto hold = m_queueLock.write();
-        const auto host = std::ranges::find_if(m_queue, [&](const auto& queued) {
-            return queued->willAnswerFolder(folder, folderStatusFlag);
-        });
-        if (host == m_queue.end())
-            return false;
-        absorb(**host, *job);
+        {
+            const auto hold = m_queueLock.write();
+            const auto host = std::ranges::find_if(m_queue, [&](const auto& queued) {
+                return queued->willAnswerFolder(folder, folderStatusFlag);
+            });
+            if (host == m_queue.end())
+                return false;
+            absorb(**host, *job);
+            // Background work that is requested now waits for no turn.
+            if (!hasRequested() || std::exchange(m_drainPending, true))
+                return true;
+        }
+        Jobs none; // without a drain the queue waits for a turn, so postDrain() takes nothing back
+        postDrain(none);
         return true;
     }
 

@@ -259,6 +259,22 @@ TEST_F(HealingTest, WhatIsRequiredEndsWithAnAnswerOrAnError) {
         }
 }
 
+TEST_F(HealingTest, WhatIsRequiredWaitsForNoTurnOfTheWorkThatItJoins) {
+    const auto other = BackgroundTurns::of(getSourceControlExecutor())->addClient({[] {}, [] {}});
+    other->request(); // it keeps its turn
+    const auto behind = [&] {
+        const RefreshReasonScope scope(FileEvent);
+        cache->refreshFolder(at("x"));
+    };
+    behind();
+    drain();
+    EXPECT_THAT(queries, IsEmpty());
+    const auto task = cache->requireFreshFolder(at("x/y"));
+    drain();
+    ASSERT_THAT(queries, ElementsAre("folder+ x"));
+    task->wait();
+}
+
 TEST_F(HealingTest, RetriesNothingAfterItsEnd) {
     for (const bool destroy : {false, true}) {
         cache = makeCache();
