@@ -243,7 +243,8 @@ CacheUpdateJob::Connections CacheUpdateJob::onCancel(CMApplicationInteractor& in
             connections.emplace_back(
                 request.barrier->connectCancel([gate = m_gate] { gate->stopQuery(); }));
     }
-    if (m_runningQuery != nullptr)
+    // An interruption may come late, when a requested query follows the one that it is meant for.
+    if (m_runningQuery != nullptr && urgency() == QueryUrgency::Background)
         m_runningQuery->set([gate = m_gate] { gate->interrupt(); });
     return connections;
 }

@@ -113,7 +113,8 @@ public:
     /// From now on it is requested work, because requested work waits behind it.
     void makeRequested() noexcept { m_isRequested = true; }
 
-    /// Before run(): where to put the query, so that it can be interrupted. It outlives the run.
+    /// Before run(): where to put a background query, so that it can be interrupted. It outlives
+    /// the run.
     void setRunningQuery(RunningQuery* query) noexcept { m_runningQuery = query; }
 
     /// Forgets the tasks that nobody holds any more; what they requested is wanted all the same.

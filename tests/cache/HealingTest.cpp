@@ -1,4 +1,6 @@
 #include "quendo/adapter/QueryOrigin.h"
+#include "quendo/cache/FileCacheUpdateJob.h"
+#include "quendo/cache/RunningQuery.h"
 #include "quendo/exception/AdapterErrors.h"
 #include "tests/cache/CacheFixture.h"
 #include "tests/support/TemporaryFolder.h"
@@ -273,6 +275,25 @@ TEST_F(HealingTest, WhatIsRequiredWaitsForNoTurnOfTheWorkThatItJoins) {
     drain();
     ASSERT_THAT(queries, ElementsAre("folder+ x"));
     task->wait();
+}
+
+// An interruption of background work that comes late meets the requested query that follows.
+TEST_F(HealingTest, InterruptsBackgroundWorkOnly) {
+    const auto adapter = test::makeMemoryAdapter(copy);
+    TransactionalFileCache<FileState> states;
+    RunningQuery running;
+    for (const auto reason : {FileEvent, Client}) {
+        RefreshRequest request;
+        request.files = {at("a")};
+        request.reason = reason;
+        FileCacheUpdateJob job(std::move(request), {});
+        job.setRunningQuery(&running);
+        inQuery = [&] {
+            running.interrupt();
+            EXPECT_EQ(QueryOrigin::current()->isCancelled(), reason == FileEvent);
+        };
+        job.run(*adapter, *interactor, states);
+    }
 }
 
 TEST_F(HealingTest, RetriesNothingAfterItsEnd) {
