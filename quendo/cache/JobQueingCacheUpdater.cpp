@@ -53,7 +53,8 @@
 //
 // Turns. A queue that holds background jobs only, or a retry, waits for a turn of BackgroundTurns
 // without a thread; a turn is for one job. A requested job does not wait for one, nor do the jobs
-// in front of it, since their order stays: they count as requested from then on.
+// in front of it, since their order stays: they count as requested from then on. While it waits
+// behind a background job that runs, that job may be interrupted.
 //
 // The drain. Whoever submits into a queue without a drain posts one. It works until it finds the
 // queue empty, and in the same hold of the queue's lock says that there is no drain any more: a job
@@ -86,15 +87,14 @@ public:
     /// Once, before anything else.
     void connect() {
         const auto weak = weak_from_this();
-        m_turns = BackgroundTurns::of(getSourceControlExecutor())
-                      ->addClient({[weak] {
-                                       if (const auto self = weak.lock())
-                                           self->turnGranted();
-                                   },
-                                   [weak] {
-                                       if (const auto self = weak.lock())
-                                           self->m_running.interrupt();
-                                   }});
+        m_turns = m_allTurns->addClient({[weak] {
+                                             if (const auto self = weak.lock())
+                                                 self->turnGranted();
+                                         },
+                                         [weak] {
+                                             if (const auto self = weak.lock())
+                                                 self->m_running.interrupt();
+                                         }});
     }
 
     void submit(std::unique_ptr<CacheUpdateJob> job) {
@@ -114,13 +114,15 @@ public:
             entry.front()->stop();
         else if (isBackground)
             m_turns->request(); // without a lock: the turn of another cache may be granted in it
+        else
+            noteWaiting();
     }
 
     bool join(std::unique_ptr<CacheUpdateJob>& job, const Path& folder, bool folderStatusFlag) {
-        // Not into a job that submit() takes back, because no drain can be posted for it.
-        const auto stateHold = m_stateLock.write();
         {
-            const auto hold = m_queueLock.write();
+            // Not into a job that submit() takes back, because no drain can be posted for it.
+            const auto stateHold = m_stateLock.write();
+            auto hold = m_queueLock.write();
             const auto host = std::ranges::find_if(m_queue, [&](const auto& queued) {
                 return queued->willAnswerFolder(folder, folderStatusFlag);
             });
@@ -128,11 +130,13 @@ public:
                 return false;
             absorb(**host, *job);
             // Background work that is requested now waits for no turn.
-            if (!hasRequested() || std::exchange(m_drainPending, true))
-                return true;
+            const bool isPosted = !hasRequested() || std::exchange(m_drainPending, true);
+            hold.release();
+            // Without a drain the queue waits for a turn, so postDrain() takes nothing back.
+            if (Jobs none; !isPosted)
+                postDrain(none);
         }
-        Jobs none; // without a drain the queue waits for a turn, so postDrain() takes nothing back
-        postDrain(none);
+        noteWaiting();
         return true;
     }
 
@@ -218,6 +222,23 @@ private:
             return false;
         }
         return !std::exchange(m_drainPending, true);
+    }
+
+    /// Requested work that is behind a background query of this cache waits for the executor as
+    /// well, so that the query is interrupted in time.
+    void noteWaiting() {
+        const auto isToNote = [this] {
+            return m_isRunningBackground && m_waiting == nullptr && hasRequested();
+        };
+        {
+            const auto hold = m_queueLock.write();
+            if (!isToNote())
+                return;
+        }
+        auto waiting = std::make_unique<BackgroundTurns::Waiting>(m_allTurns); // may interrupt
+        const auto hold = m_queueLock.write();
+        if (isToNote())
+            m_waiting = std::move(waiting);
     }
 
     /// With the queue's lock held.
@@ -358,6 +379,8 @@ private:
     Jobs takeNext(bool& wantsTurn) {
         Jobs taken;
         const auto hold = m_queueLock.write();
+        m_waiting.reset();
+        m_isRunningBackground = false;
         const bool isRequested = hasRequested();
         const bool isRetryDue = this->isRetryDue();
         if (m_turn != Turn::Granted && !isRequested) {
@@ -368,8 +391,10 @@ private:
                 m_wokenTo = {};
             return taken;
         }
-        if (m_turn == Turn::Granted && isRetryDue && takeRetry(taken))
+        if (m_turn == Turn::Granted && isRetryDue && takeRetry(taken)) {
+            m_isRunningBackground = true;
             return taken;
+        }
         if (m_queue.empty()) {
             m_drainPending = false;
             m_wokenTo = {};
@@ -383,6 +408,7 @@ private:
         }
         if (isRequested)
             current.makeRequested();
+        m_isRunningBackground = !isRequested;
         current.start(); // under the lock: a request is waiting or running at any moment
         return taken;
     }
@@ -488,6 +514,9 @@ private:
     const std::shared_ptr<Executor> m_executor;
     const std::shared_ptr<const platform::Services> m_services = platform::services();
 
+    const std::shared_ptr<BackgroundTurns> m_allTurns =
+        BackgroundTurns::of(getSourceControlExecutor());
+
     RunningQuery m_running;
     std::unique_ptr<BackgroundTurns::Client> m_turns; ///< constant after connect()
 
@@ -498,7 +527,9 @@ private:
     // Guarded by m_queueLock.
     Jobs m_queue; ///< not empty only while a drain is pending or a turn is requested
     enum class Turn { None, Requested, Granted } m_turn = Turn::None;
-    bool m_drainPending = false; ///< posted or running
+    bool m_drainPending = false;                         ///< posted or running
+    bool m_isRunningBackground = false;                  ///< the drain
+    std::unique_ptr<BackgroundTurns::Waiting> m_waiting; ///< for that; null when nothing waits
     /// Since when a retry that is due has waited for the queue.
     std::optional<Clock::time_point> m_retryDueSince;
     std::size_t m_checkJobsAt = 2 * mostJobs;

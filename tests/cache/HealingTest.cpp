@@ -262,19 +262,41 @@ TEST_F(HealingTest, WhatIsRequiredEndsWithAnAnswerOrAnError) {
 }
 
 TEST_F(HealingTest, WhatIsRequiredWaitsForNoTurnOfTheWorkThatItJoins) {
-    const auto other = BackgroundTurns::of(getSourceControlExecutor())->addClient({[] {}, [] {}});
+    const auto turns = BackgroundTurns::of(getSourceControlExecutor());
+    auto other = turns->addClient({[] {}, [] {}});
     other->request(); // it keeps its turn
-    const auto behind = [&] {
+    const auto background = [&] {
         const RefreshReasonScope scope(FileEvent);
         cache->refreshFolder(at("x"));
     };
-    behind();
+    background();
     drain();
     EXPECT_THAT(queries, IsEmpty());
     const auto task = cache->requireFreshFolder(at("x/y"));
     drain();
     ASSERT_THAT(queries, ElementsAre("folder+ x"));
     task->wait();
+
+    // Nor, for longer than the time limit, for such work that runs.
+    other.reset();
+    const auto startAndRequest = [&](const RefreshReason reason) {
+        inQuery = [&, reason, isFirst = true]() mutable {
+            if (!std::exchange(isFirst, false))
+                return;
+            turns->queryStarted();
+            requestFor(reason, {"a"});
+            EXPECT_EQ(executors.endDelays().size(), reason == Client ? 1U : 0U);
+        };
+        background();
+        drain();
+    };
+    startAndRequest(FileEvent);
+    startAndRequest(Client);
+    executors.endDelays();
+    other = turns->addClient({[] {}, [] {}});
+    other->request();
+    turns->queryStarted();
+    EXPECT_THAT(executors.endDelays(), IsEmpty()) << "nobody waits any more";
 }
 
 // An interruption of background work that comes late meets the requested query that follows.
