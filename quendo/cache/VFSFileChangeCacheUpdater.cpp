@@ -1187,8 +1187,9 @@ private:
         }
         std::vector<Asked> answered;
         {
-            // Tasks end in the order in which they were asked for. What ended untold before these,
-            // cancelled with what somebody else had asked for, has been asked for again by now.
+            // Tasks end in the order of their requests. A skipped refresh, with which somebody's
+            // cancelled request was combined, ends without a notice and is retried without its
+            // task. So an expired task has ended as well.
             const std::set<std::shared_ptr<CacheTask>> finished(tasks.begin(), tasks.end());
             const std::lock_guard lock(m_askedMutex);
             const auto last = std::find_if(m_asked.rbegin(), m_asked.rend(), [&](const auto& each) {
@@ -1196,6 +1197,10 @@ private:
             });
             std::move(m_asked.begin(), last.base(), std::back_inserter(answered));
             m_asked.erase(m_asked.begin(), last.base());
+            const auto skipped = std::ranges::stable_partition(
+                m_asked, [](const auto& each) { return !each.task.expired(); });
+            std::ranges::move(skipped, std::back_inserter(answered));
+            m_asked.erase(skipped.begin(), skipped.end());
             std::erase_if(m_askedBeside, [&](const auto& each) {
                 return each.task.expired() || finished.contains(each.task.lock());
             });
