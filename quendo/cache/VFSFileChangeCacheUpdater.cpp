@@ -883,6 +883,8 @@ private:
                 each.tasks, [&](const auto& task) { return started.contains(task.lock()); });
         for (auto& each : m_askedBeside)
             each.isStarted |= started.contains(each.task.lock());
+        if (m_isAsking)
+            m_startedMeanwhile.insert(m_startedMeanwhile.end(), tasks.begin(), tasks.end());
     }
 
     /// On the strand: has release() called after `delay`, with `ended` set.
@@ -1019,48 +1021,90 @@ private:
         bool isStarted = false;
     };
 
-    /// Asks for files, and looks at what the answer means for folders. What has been asked for and
-    /// has not started is not asked for again.
+    /// With m_askedMutex: files that were asked for last and whose query has not started; or null.
+    Asked* queuedFiles() {
+        return !m_asked.empty() && !m_asked.back().isStarted && !m_asked.back().task.expired()
+                   ? &m_asked.back()
+                   : nullptr;
+    }
+
+    /// Requests files, and looks at what the answer means for folders. What has been requested and
+    /// has not started is not requested again.
     void ask(const AskedPaths& asked) {
-        const RefreshReasonScope reason(RefreshReason::FileEvent);
-        // The task may have started and finished before it is noted: then its notices wait here.
-        const std::lock_guard lock(m_askedMutex);
-        dropUntold(m_asked);
-        const bool joins =
-            !m_asked.empty() && !m_asked.back().isStarted && !m_asked.back().task.expired();
         std::vector<Path> paths;
-        for (const auto& [path, kinds] : asked)
-            if (!joins || !m_asked.back().paths.contains(path))
-                paths.push_back(path);
-        std::shared_ptr<CacheTask> task;
-        if (!paths.empty()) {
-            m_asked.reserve(m_asked.size() + 1);
-            task = m_info->cache->refreshCMStatuses(paths);
-            if (!isTold(task))
-                return;
+        {
+            const std::lock_guard lock(m_askedMutex);
+            auto* const queued = queuedFiles();
+            for (const auto& [path, kinds] : asked) {
+                if (queued != nullptr && queued->paths.contains(path))
+                    queued->paths[path] |= kinds;
+                else
+                    paths.push_back(path);
+            }
         }
-        auto& entry = joins ? m_asked.back() : m_asked.emplace_back();
-        for (const auto& [path, kinds] : asked)
-            entry.paths[path] |= kinds;
-        if (task != nullptr) {
-            entry.tasks.push_back(task);
-            entry.task = task;
-        }
+        if (paths.empty())
+            return;
+        std::vector<Asked> answered;
+        submit(
+            RefreshReason::FileEvent, [&] { return m_info->cache->refreshCMStatuses(paths); },
+            [&](const std::shared_ptr<CacheTask>& task, bool hasStarted, bool hasEnded) {
+                auto* entry = hasStarted ? nullptr : queuedFiles();
+                if (entry == nullptr)
+                    entry = &(hasEnded ? answered : m_asked).emplace_back();
+                entry->isStarted = hasStarted;
+                for (const auto& path : paths)
+                    entry->paths[path] |= asked.at(path);
+                entry->tasks.push_back(task);
+                entry->task = task;
+            });
+        followAnswers(answered);
     }
 
     /// Calls `request` and notes its task as under way.
     template <class Request>
     void askBeside(RefreshReason why, const Request& request) {
-        const RefreshReasonScope reason(why);
-        const std::lock_guard lock(m_askedMutex);
-        dropUntold(m_askedBeside);
-        m_askedBeside.reserve(m_askedBeside.size() + 1);
-        const auto task = request();
-        if (isTold(task))
-            m_askedBeside.push_back({task});
+        submit(why, request,
+               [&](const std::shared_ptr<CacheTask>& task, bool hasStarted, bool hasEnded) {
+                   if (!hasEnded)
+                       m_askedBeside.push_back({task, hasStarted});
+               });
     }
 
-    /// Drops those whose end was not told, when there are many.
+    /// On the strand. Calls `request` without a lock: the cache may call executors, and listeners
+    /// of the termination signal of a folder whose background query it interrupts. Then calls
+    /// `note`, with m_askedMutex, unless the end of the task is not told: with the task, and
+    /// whether that has started and has ended meanwhile.
+    template <class Request, class Note>
+    void submit(RefreshReason why, const Request& request, const Note& note) {
+        {
+            const std::lock_guard lock(m_askedMutex);
+            dropUntold(m_asked);
+            dropUntold(m_askedBeside);
+            m_isAsking = true;
+        }
+        std::shared_ptr<CacheTask> task;
+        try {
+            const RefreshReasonScope reason(why);
+            task = request();
+        } catch (...) {
+            const std::lock_guard lock(m_askedMutex);
+            m_isAsking = false;
+            m_startedMeanwhile.clear();
+            m_endedMeanwhile.clear();
+            throw;
+        }
+        const std::lock_guard lock(m_askedMutex);
+        m_isAsking = false;
+        const auto isIn = [&](const std::vector<std::weak_ptr<CacheTask>>& list) {
+            return std::ranges::any_of(list, [&](const auto& each) { return each.lock() == task; });
+        };
+        const auto started = std::exchange(m_startedMeanwhile, {});
+        const auto ended = std::exchange(m_endedMeanwhile, {});
+        if (isTold(task))
+            note(task, isIn(started), isIn(ended));
+    }
+
+    /// With m_askedMutex: drops those whose end was not told, when there are many.
     template <class Each>
     static void dropUntold(std::vector<Each>& list) {
         if (list.size() >= mostUntold && list.size() == list.capacity())
@@ -1204,6 +1248,8 @@ private:
             std::erase_if(m_askedBeside, [&](const auto& each) {
                 return each.task.expired() || finished.contains(each.task.lock());
             });
+            if (m_isAsking)
+                m_endedMeanwhile.insert(m_endedMeanwhile.end(), tasks.begin(), tasks.end());
         }
         m_inbox->retry();
         if (answered.empty() && !m_hasPostponed) {
@@ -1528,6 +1574,8 @@ private:
     mutable std::mutex m_askedMutex; ///< not held together with m_lock
     std::vector<Asked> m_asked; ///< as they were asked for; guarded by m_askedMutex, as is the rest
     std::vector<AskedBeside> m_askedBeside;
+    bool m_isAsking = false; ///< a request is being made, and its task is not noted yet
+    std::vector<std::weak_ptr<CacheTask>> m_startedMeanwhile, m_endedMeanwhile;
 };
 
 VFSFileChangeCacheUpdater::VFSFileChangeCacheUpdater(std::shared_ptr<CMStatusCache> cache,

@@ -428,6 +428,18 @@ TEST_F(UpdaterTest, LooksAtEveryAnswerAndSpoilsNoRefresh) {
     EXPECT_NO_THROW(task->wait());
 }
 
+TEST_F(UpdaterTest, FollowsAnAnswerThatComesInsideItsRequest) {
+    copy->set(at("a/1"), LocalStatus::NotUnderSourceControl);
+    detection.strand().runAtOnce(); // the cache's
+    startReal();
+    watcher->tell(Kind::Vanished, at("a/1"));
+    detection.runStrands();
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files a/1", "folder+ a"));
+    watcher->tell(Kind::Changed, at("a/2"));
+    detection.runStrands();
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files a/2")) << "nothing counts as under way";
+}
+
 TEST_F(UpdaterTest, AsksForFoldersThatDoNotFitWhatIsInThem) {
     const auto set = [&](const std::string& name, LocalStatus status) {
         copy->states.insert_or_assign(at(name), FileState(status, name.back() == 'd'));
