@@ -5,7 +5,9 @@
 #include "quendo/platform/Logging.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <iterator>
+#include <sys/stat.h>
 #include <utility>
 #include <vector>
 
@@ -49,14 +51,19 @@ void showNextRetry(Staleness& staleness, bool isRetried) {
 RefreshLedger::RefreshLedger(Path root, std::shared_ptr<const platform::FileUtilities> files)
     : m_root(std::move(root)), m_files(std::move(files)) {}
 
-/// Whether the root was there once and is not now. Looks at the disk.
+/// Whether the root was there once and is not now. Looks at the disk. A root that cannot be reached
+/// for another reason, such as missing permissions, is not gone: nothing need tell when it can be.
 bool RefreshLedger::isRootGone() noexcept {
     try {
         if (m_files == nullptr)
             return false;
         const bool isThere = m_files->isDirectory(m_root);
         m_hasSeenRoot = m_hasSeenRoot || isThere;
-        return m_hasSeenRoot && !isThere;
+        if (!m_hasSeenRoot || isThere)
+            return false;
+        struct stat entry;
+        return ::stat(m_root.toNative().c_str(), &entry) == 0 || errno == ENOENT ||
+               errno == ENOTDIR;
     } catch (...) {
         QUENDO_LOG_CAUGHT_EXCEPTION();
         return false;

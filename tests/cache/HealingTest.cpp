@@ -363,6 +363,16 @@ TEST_F(HealingTest, WaitsForTheRoot) {
     there->inCall = [](const auto&...) {};
     retry();
     EXPECT_FALSE(cache->getStaleness());
+
+    // A root that cannot be reached for another reason may be there again at any time, unnoticed.
+    std::filesystem::remove(root);
+    std::filesystem::create_symlink(root, root);
+    there->inCall = [](const auto&...) { throw std::runtime_error("too many links"); };
+    cache->refreshCMStatuses({file});
+    drain();
+    there->inCall = [](const auto&...) {};
+    EXPECT_THAT(retry(), ElementsAre(Le(250ms)));
+    EXPECT_FALSE(cache->getStaleness());
 }
 
 TEST_F(HealingTest, HoldsEachPathOnceHoweverOftenItIsRequested) {
