@@ -18,7 +18,7 @@ bool FileCacheUpdateJob::willAnswer(const CacheUpdateJob& other) const noexcept 
 }
 
 const PendingPath* FileCacheUpdateJob::find(const Path& path) const {
-    return paths().find(path);
+    return paths().findAround(path); // a file may have taken the place of a folder
 }
 
 std::unique_ptr<CacheUpdateJob> FileCacheUpdateJob::combineWith(const CacheUpdateJob& other) const {

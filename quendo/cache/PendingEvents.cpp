@@ -114,18 +114,22 @@ std::size_t PendingEvents::size() const noexcept {
     return m_events.size() + (m_lostSince ? 1 : 0);
 }
 
-std::optional<PendingEvents::Clock::time_point> PendingEvents::since(const Path& path) const {
+std::optional<PendingEvents::Clock::time_point>
+PendingEvents::since(const Path& path, const std::set<UString>& metadataNames) const {
     const std::lock_guard lock(m_mutex);
     auto result = m_lostSince;
-    const auto note = [&](const Path& at, unsigned kinds) {
+    if (m_events.empty())
+        return result;
+    const auto note = [&](const Path& at) {
         const auto found = m_events.find(at);
-        if (found != m_events.end() && (found->second.kinds & kinds) != 0)
+        if (found != m_events.end())
             result = std::min(result.value_or(found->second.first), found->second.first);
     };
-    note(path, ~0U);
-    for (Path folder = path.parentPath(); folder == m_root || folder.isBelow(m_root);
-         folder = folder.parentPath())
-        note(folder, ContentsUnknown | Dependency | Folded);
+    for (Path at = path; at == m_root || at.isBelow(m_root); at = at.parentPath()) {
+        note(at);
+        for (const auto& name : metadataNames)
+            note(at / name);
+    }
     return result;
 }
 

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 
 namespace quendo {
 
@@ -54,9 +55,10 @@ public:
     bool empty() const noexcept;
     std::size_t size() const noexcept;
 
-    /// Since when the state of `path` may be outdated by a pending event: of the path itself, or of
-    /// a folder around it that is unknown.
-    std::optional<Clock::time_point> since(const Path& path) const;
+    /// Since when the state of `path` may be outdated by a pending event: of the path itself, of a
+    /// folder around it, or of a metadata file in one of these.
+    std::optional<Clock::time_point> since(const Path& path,
+                                           const std::set<UString>& metadataNames) const;
 
     /// Of the entry whose first event is the oldest.
     std::optional<Clock::time_point> oldest() const;

@@ -218,8 +218,7 @@ Freshness RefreshLedger::getFreshness(const Path& path) const {
         result.failure = result.staleness->failure;
         showNextRetry(*result.staleness, nextRetryLocked().has_value());
     }
-    const auto* running = m_isRunningFolders ? m_running.findAround(path) : m_running.find(path);
-    if (running != nullptr) {
+    if (const auto* running = m_running.findAround(path)) {
         result.refresh = Freshness::Refresh::Running;
         const auto staleness = stalenessOfRunning(*running);
         if (result.failure == nullptr)

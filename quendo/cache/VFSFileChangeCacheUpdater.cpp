@@ -601,7 +601,7 @@ public:
     std::optional<PendingEvents::Clock::time_point>
     outdatedSince(const std::optional<Path>& path) const {
         const auto in = [&](const PendingEvents& events) {
-            return path ? events.since(*path) : events.oldest();
+            return path ? events.since(*path, m_info->metadataFileNames) : events.oldest();
         };
         const auto arrived = in(m_inbox->pending()), waiting = in(m_waiting);
         return arrived && waiting ? std::min(arrived, waiting) : arrived ? arrived : waiting;

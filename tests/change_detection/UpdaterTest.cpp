@@ -184,6 +184,7 @@ TEST_F(UpdaterTest, HoldsOneEntryForEachPathWhileAQueryWaits) {
 }
 
 TEST_F(UpdaterTest, EventsJoinTheRefreshThatWaitsForItsTurn) {
+    copy->set(at("g/1"), LocalStatus::Unmodified);
     startReal();
     const auto turns = BackgroundTurns::of(getSourceControlExecutor());
     const auto other = turns->addClient({[] {}, {}});
@@ -199,7 +200,15 @@ TEST_F(UpdaterTest, EventsJoinTheRefreshThatWaitsForItsTurn) {
     tell(Kind::Vanished, {"a"});
     EXPECT_THAT(copy->takeCalls(), IsEmpty());
     const auto& freshness = dynamic_cast<const CMStatusCacheFreshness&>(*real);
-    EXPECT_TRUE(freshness.getStaleness());
+    // What waits about a folder, or about rules in it, concerns all that lies there.
+    for (const auto& [kind, name] :
+         {std::pair(Kind::Vanished, "d"), {Kind::Changed, "g/.metadata"}}) {
+        const auto inside = at(name).parentPath() == root ? at(name) : at(name).parentPath();
+        EXPECT_EQ(freshness.getFreshness(inside / u"x/y").refresh, Freshness::Refresh::None);
+        tell(kind, {name});
+        EXPECT_EQ(freshness.getFreshness(inside / u"x/y").refresh, Freshness::Refresh::Waiting);
+    }
+    EXPECT_EQ(freshness.getFreshness(at("e/x")).refresh, Freshness::Refresh::None);
     // What comes while it runs waits for its end.
     copy->inCall = [&, isFirst = true](const auto&...) mutable {
         if (!std::exchange(isFirst, false))
@@ -213,7 +222,7 @@ TEST_F(UpdaterTest, EventsJoinTheRefreshThatWaitsForItsTurn) {
     };
     other->end();
     detection.runStrands();
-    EXPECT_THAT(copy->takeCalls(), ElementsAre("files c a b", "files a b"));
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("files c a b d", "folder+ g", "files a b"));
     EXPECT_FALSE(freshness.getStaleness());
 }
 
