@@ -72,9 +72,11 @@ public:
 
     virtual ~CMStatusCacheFreshness();
 
-    /// For a file, or for a folder and all below it. Costs the number of the queued refreshes, not
-    /// of their paths. Of very many files that were refreshed one by one since their folder was,
-    /// the oldest may be reported as answered earlier than they were.
+    /// Of a path: what was requested for it, or for a folder around it. What was requested for
+    /// single paths below a folder does not count for the folder; getStaleness() covers everything.
+    /// Costs the number of the queued refreshes, not of their paths. Of very many files that were
+    /// refreshed one by one since their folder was, the oldest may be reported as answered earlier
+    /// than they were.
     virtual Freshness getFreshness(const Path& path) const = 0;
 
     /// For the whole cache: since when some path may be outdated; empty when every refresh that was
