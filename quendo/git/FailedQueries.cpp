@@ -15,8 +15,7 @@
 // last time, while
 //
 // - the pause since then is not over. It is ten times what the query cost, and doubles each time,
-// up
-//   to sixty times that and to an hour; or
+//   up to sixty times the cost and to an hour; or
 // - half a minute has not passed, when a file has changed that may be the cause: index, HEAD,
 //   configuration, the ignore and attributes files that every query reads, and the file that looked
 //   suspicious when the query failed.

@@ -29,8 +29,7 @@ public:
     void turnOff();
     /// Disregards nothing from now on, whatever turned it off, but for own writes.
     /// @param reached called on the watcher's thread when all that happened before was reported;
-    /// not
-    ///                called, but destroyed, when that cannot be known
+    ///                destroyed uncalled when that cannot be known
     /// @throws as FolderWatcher::fence(); it is on then
     void turnOn(UniqueFunction<void()> reached);
 
@@ -58,8 +57,8 @@ private:
     std::uint64_t m_onBy = 0;     // the last of turnOn() that was reached
     bool m_isOn = true;
     bool m_lostWhileOff = false;
-    std::list<std::shared_ptr<SpanState>>
-        m_spans; // those whose begin was reached and whose end was not
+    // Those whose begin was reached and whose end was not.
+    std::list<std::shared_ptr<SpanState>> m_spans;
 };
 
 } // namespace quendo

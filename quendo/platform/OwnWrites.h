@@ -15,11 +15,9 @@ namespace quendo {
 /// A call to an operation lasts longer than its writes: it may wait for its turn on an executor or
 /// for another program's lock, and what other programs change meanwhile has to be reported. So
 ///
-/// - whoever hides writes makes an OwnWrites (FolderExternalChangeDetector::disable()) and marks
-/// its
-///   thread with a Scope; without further news the whole call counts as one span of writes;
-/// - a layer that moves the call to another thread calls refine(), makes a Scope on that thread,
-/// and
+/// - whoever hides writes makes an OwnWrites (FolderExternalChangeDetector::disable()) and a Scope
+///   on its thread; unless others refine it, the whole call counts as one span of writes;
+/// - a layer that moves the call to another thread calls refine(), makes a Scope on that thread and
 ///   a Span around the call of the wrapped adapter (SingleThreadedCMAdapter does);
 /// - an adapter that knows when it writes calls refine() and makes a Span around each such step.
 ///
