@@ -8,7 +8,7 @@
 namespace quendo::test {
 
 std::string differences(const std::map<Path, FileState>& cached,
-                        const std::map<Path, FileState>& asked) {
+                        const std::map<Path, FileState>& asked, std::set<Path>* paths) {
     std::string text;
     const auto tell = [&](const char* what, const auto& from, const auto& other) {
         for (const auto& [path, state] : from) {
@@ -17,9 +17,12 @@ std::string differences(const std::map<Path, FileState>& cached,
             if (&from == &cached && found == other.end() && state.isFolder() &&
                 isWithoutFiles(path.toNative()))
                 continue;
-            if (found == other.end() || !(found->second == state))
-                text += std::string(what) + " " + std::string(toString(state.getState())) +
-                        (state.isFolder() ? " folder " : " ") + path.toUtf8() + "\n";
+            if (found != other.end() && found->second == state)
+                continue;
+            text += std::string(what) + " " + std::string(toString(state.getState())) +
+                    (state.isFolder() ? " folder " : " ") + path.toUtf8() + "\n";
+            if (paths != nullptr)
+                paths->insert(path);
         }
     };
     tell("cached:", cached, asked);
