@@ -128,7 +128,10 @@ void FilterDrivers::checkSize() const {
 
 FilterDrivers FilterDrivers::read(GitRunner& git) {
     constexpr int noneFound = 1;
-    return parse(git.readConfiguration(question(), noneFound));
+    FilterDrivers result;
+    git.readConfiguration(question(), noneFound,
+                          [&](std::string_view answer) { result = parse(answer); });
+    return result;
 }
 
 } // namespace quendo::git

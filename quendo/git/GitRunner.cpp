@@ -261,18 +261,19 @@ std::string GitRunner::read(GitRun one, int accepted) {
     return output;
 }
 
-std::string GitRunner::readConfiguration(std::vector<std::string> arguments, int accepted) {
+void GitRunner::readConfiguration(std::vector<std::string> arguments, int accepted,
+                                  const std::function<void(std::string_view)>& use) {
     m_cancellation->throwIfRequested();
     checkNamedFiles();
     const bool mayKeep =
         m_known && m_configuration && m_overrides.empty() && m_replacedFiles.empty();
     if (mayKeep)
-        if (auto answer = m_known->find(*m_configuration))
-            return *std::move(answer);
-    auto answer = read({.arguments = std::move(arguments)}, accepted);
+        if (const auto answer = m_known->find(*m_configuration))
+            return use(*answer);
+    const auto answer = read({.arguments = std::move(arguments)}, accepted);
+    use(answer);
     if (mayKeep && lookAtNamedFiles(m_repository).configuration == m_configuration)
         m_known->keep(*m_configuration, answer);
-    return answer;
 }
 
 void NulSplitter::keep(std::string_view text) {

@@ -89,7 +89,9 @@ public:
 
     /// As read() with these arguments, of `git config`, which are the same each time; without git
     /// while the answer is known.
-    std::string readConfiguration(std::vector<std::string> arguments, int accepted);
+    /// @param use takes the answer; one for which it throws is not kept
+    void readConfiguration(std::vector<std::string> arguments, int accepted,
+                           const std::function<void(std::string_view)>& use);
 
 private:
     void checkNamedFiles();

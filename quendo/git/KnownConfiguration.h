@@ -11,13 +11,14 @@ namespace quendo::git {
 /// hold what they held then: every query needs it, and asking takes git as long as answering a
 /// query for a file.
 ///
-/// git may read a file that nobody here knows of, so an answer counts for `longest` at most.
+/// git may read a file that nobody here knows of, and may have been at fault when it answered, so
+/// an answer counts for `longest` at most.
 ///
 /// Threads: any.
 class KnownConfiguration {
 public:
     using Clock = std::chrono::steady_clock;
-    static constexpr std::chrono::minutes longest{5};
+    static constexpr std::chrono::minutes longest{1};
 
     /// @param configuration as NamedFiles::configuration
     /// @return the answer, if the configuration is the same as when it was given

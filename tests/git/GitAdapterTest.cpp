@@ -153,9 +153,11 @@ TEST(GitAdapterTest, AsksForTheConfigurationWhenThatMayHaveChanged) {
     GitOptions options;
     const test::TemporaryFolder bin;
     options.executable = bin.path() / "git";
-    const auto asked = bin.path() / "asked";
-    test::writeFile(options.executable, "#!/bin/sh\n[ \"$1\" != config ] || echo >> '" +
-                                            asked.native() + "'\nexec /usr/bin/git \"$@\"\n");
+    const auto asked = bin.path() / "asked", lies = bin.path() / "lies";
+    test::writeFile(options.executable,
+                    "#!/bin/sh\n[ ! -e '" + lies.native() +
+                        "' ] || exec echo nonsense\n[ \"$1\" != config ] || echo >> '" +
+                        asked.native() + "'\nexec /usr/bin/git \"$@\"\n");
     fs::permissions(options.executable, fs::perms::owner_all);
     Copy copy(options, "git init -q -b main; echo '*.own filter=own' > .gitattributes\n"
                        "printf text > a.own; git add .; git commit -qm one; printf tixt > a.own\n"
@@ -164,6 +166,9 @@ TEST(GitAdapterTest, AsksForTheConfigurationWhenThatMayHaveChanged) {
         const auto now = fs::exists(asked) ? fs::file_size(asked) : 0;
         return now - std::exchange(before, now);
     };
+    test::writeFile(lies, "");
+    EXPECT_THROW(stateOf(copy, "a.own"), exception::SourceControlException);
+    fs::remove(lies); // its answer is not kept
     for (const auto* change :
          {"", "git config filter.own.clean cat", "git config --unset filter.own.clean",
           "git config include.path ../../inc2", "cp ../inc ../inc2", "echo >> ../inc2",
