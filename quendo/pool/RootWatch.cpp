@@ -1,5 +1,6 @@
 #include "quendo/pool/RootWatch.h"
 
+#include "quendo/platform/DelayedTaskService.h"
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/FileUtilities.h"
 #include "quendo/platform/FolderDeletionWatcher.h"
@@ -7,10 +8,17 @@
 #include "quendo/platform/Logging.h"
 #include "quendo/platform/Services.h"
 
+#include <chrono>
 #include <mutex>
 #include <utility>
 
 namespace quendo {
+
+namespace {
+
+constexpr std::chrono::milliseconds retryInterval{250};
+
+} // namespace
 
 using platform::FolderDeletionWatcher;
 using platform::FolderEvent;
@@ -71,8 +79,34 @@ struct RootWatch::State : std::enable_shared_from_this<State> {
         if (const auto self = weak.lock())
             self->strand->post([weak] {
                 if (const auto state = weak.lock())
-                    state->look();
+                    state->lookOrRetry();
             });
+    }
+
+    /// On the strand: nothing else repeats what fails here.
+    void lookOrRetry() noexcept {
+        try {
+            look();
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION();
+            retryLater();
+        }
+    }
+
+    void retryLater() noexcept {
+        try {
+            services->delayedTasks->runAfter(retryInterval, [weak = weak_from_this()] {
+                try {
+                    lookLater(weak);
+                } catch (...) {
+                    QUENDO_LOG_CAUGHT_EXCEPTION();
+                    if (const auto self = weak.lock())
+                        self->retryLater();
+                }
+            });
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION(); // the root's next event looks again
+        }
     }
 
     bool isDeleted() {

@@ -1,3 +1,4 @@
+#include "quendo/platform/FolderDeletionWatcher.h"
 #include "quendo/platform/FolderExternalChangeDetector.h"
 #include "quendo/pool/ManagedFolderProvider.h"
 #include "quendo/pool/RootWatch.h"
@@ -166,11 +167,27 @@ TEST_F(GoneDeathTest, Unmounted) {
     });
 }
 
-// Each notice comes when there is a thread again.
+/// Makes no watchers while `fails`.
+struct FailingDeletions : platform::FolderDeletionWatcherFactory {
+    std::unique_ptr<platform::FolderDeletionWatcher> watch(const Path& folder) override {
+        failures += fails ? 1 : 0;
+        return fails ? throw std::bad_alloc() : real->watch(folder);
+    }
+    const std::shared_ptr<platform::FolderDeletionWatcherFactory> real =
+        platform::services()->deletionWatchers;
+    bool fails = false;
+    int failures = 0;
+};
+
+// Each notice comes when there is a thread again, and a watcher.
 TEST(RootWatchTest, LosesNothingForLackOfAThread) {
     platform::InotifyFolderWatcherOptions options;
     options.pollInterval = 5ms;
     test::SteppedDetection detection(std::make_shared<platform::InotifyFolderWatcher>(options));
+    auto services = *platform::services();
+    const auto deletions = std::make_shared<FailingDeletions>();
+    services.deletionWatchers = deletions;
+    const platform::ScopedServices scoped(services);
     const test::TemporaryFolder folder;
     const auto root = folder.path() / "root";
     fs::create_directory(root);
@@ -189,6 +206,15 @@ TEST(RootWatchTest, LosesNothingForLackOfAThread) {
             detection.runStrands();
         EXPECT_EQ(told, expected);
     }
+    deletions->fails = true;
+    fs::remove(root);
+    fs::create_directory(root);
+    while (deletions->failures == 0 && detection.awaitTask())
+        detection.runStrands();
+    EXPECT_EQ(told, "gone back gone ");
+    deletions->fails = false;
+    EXPECT_GE(detection.endWindows(), 1U);
+    EXPECT_EQ(told, "gone back gone back ");
 }
 
 } // namespace
