@@ -71,7 +71,6 @@ public:
         bool isUnread = false; ///< nobody reads the output any more
         bool hasGone = false;
         bool hasOtherBranch = false;
-        bool isToDescribe = false;
     };
 
     void addChanges(const StatusChanges& changes) {
@@ -92,9 +91,6 @@ public:
     }
     void tellUnread() {
         add([&] { m_news.isUnread = true; });
-    }
-    void requestDescription() {
-        add([&] { m_news.isToDescribe = true; });
     }
     void tellOtherBranch() {
         add([&] { m_news.hasOtherBranch = true; });
@@ -348,6 +344,12 @@ void WatchCommand::run() const {
     });
     Session session(copy.interactor());
     cache.setFolderStatusFlag(true);
+    // On a thread of its own, so that it also describes a query that hangs.
+    std::optional<SignalWatch> signalWatch;
+    if (debug)
+        signalWatch.emplace(SIGUSR1, [&folder = *copy.folder] {
+            std::fputs(quendo::describe(folder).c_str(), stderr);
+        });
     BranchDisplay branchDisplay(copy, *this, feed); // reads beside the query of the states
     cache.refreshFolder(copy.path)->wait();
 
@@ -375,9 +377,6 @@ void WatchCommand::run() const {
         listing.states = {};
         auto toldStale = jsonStale({}, copy);
         const OutputWatch outputWatch([feed] { feed->tellUnread(); });
-        std::optional<SignalWatch> signalWatch;
-        if (debug)
-            signalWatch.emplace(SIGUSR1, [feed] { feed->requestDescription(); });
         for (Feed::News news;;) {
             if (news.stale && stale) {
                 auto line = jsonStale(*news.stale, copy);
@@ -400,8 +399,6 @@ void WatchCommand::run() const {
             }
             if (news.hasGone)
                 blindness.tellGone();
-            if (news.isToDescribe)
-                std::fputs(quendo::describe(*copy.folder).c_str(), stderr);
         }
     } catch (...) {
         // What is being asked is ended with all that git has started before the process goes.

@@ -217,6 +217,27 @@ TEST(Watch, IsRightSoonAfterGitHasRecovered) {
         }
 }
 
+TEST(Watch, DescribesAFirstQueryThatHangs) {
+    const GitSandbox sandbox;
+    runScript(sandbox, "i; w f; mkfifo ../goOn");
+    const auto goOn = sandbox.root() / "goOn";
+    const auto variables =
+        withGit(sandbox, "case \"$*\" in *status*) [ ! -p '" + goOn.native() +
+                             "' ] || read go < '" + goOn.native() + "'; esac; exec $REAL \"$@\"");
+    RunningProcess program({"env", "PATH=" + variables.at("PATH"), QUENDO_PROGRAM, "watch",
+                            "--json", "--all", "--debug"},
+                           {sandbox.work(), sandbox.environment()});
+    std::ofstream writer;
+    within(onThread([&] { writer.open(goOn); }));
+    ASSERT_EQ(::kill(program.id(), SIGUSR1), 0);
+    for (std::string text; text.find("a refresh is running") == std::string::npos;)
+        text = program.next().value().text;
+    fs::remove(goOn);
+    writer << std::endl;
+    for (std::string text; text.find("\"f\"") == std::string::npos;)
+        text = program.next().value().text;
+}
+
 TEST(WatchDeathTest, SaysThatChangesAreToldLate) {
     expectSuccessInOwnNamespaces([] {
         limitInotify("watches", 16);
