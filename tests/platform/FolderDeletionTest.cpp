@@ -1,7 +1,13 @@
 #include "quendo/platform/FolderDeletionWatcher.h"
 #include "quendo/platform/FolderWatcher.h"
 #include "quendo/platform/Services.h"
+#include "quendo/platform/standard/StandardFolderDeletionWatcher.h"
+#include "tests/support/FakeFolderWatcher.h"
 #include "tests/support/JoinedThreads.h"
+#include "tests/support/OwnNamespaces.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
 
 namespace quendo::platform {
 namespace {
@@ -83,6 +89,30 @@ TEST(FolderDeletion, WatcherMayGoInItsListener) {
         fs::remove(folder);
         test::within(gone.get_future());
     }
+}
+
+// Of a folder in a remote file system, which is looked at on a strand, with no further event.
+TEST(FolderDeletionDeathTest, IsToldAgainWhenAListenerLacksAThread) {
+    test::expectSuccessInOwnNamespaces([] {
+        const test::TemporaryFolder temporary;
+        const auto events = std::make_shared<test::FakeFolderWatcher>();
+        const auto watcher =
+            StandardFolderDeletionWatcherFactory(events).watch(temporary.quendoPath());
+        std::promise<void> again;
+        watcher->onDeleted([&, calls = 0]() mutable {
+            if (++calls == 1)
+                throw std::system_error(EAGAIN, std::generic_category(), "no thread");
+            again.set_value();
+        });
+        const int server = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
+        const auto how = "fd=" + std::to_string(server) + ",rootmode=40000,user_id=0,group_id=0";
+        if (::mount("none", temporary.path().c_str(), "fuse", 0, how.c_str()) != 0)
+            test::skipForWantOfRights();
+        ::close(server); // each call fails
+        events->tell(FolderEvent::Kind::ContentsUnknown, temporary.quendoPath());
+        test::within(again.get_future());
+        ::umount2(temporary.path().c_str(), MNT_DETACH);
+    });
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "quendo/platform/standard/StandardFolderDeletionWatcher.h"
 
+#include "quendo/platform/DelayedTaskService.h"
 #include "quendo/platform/Executor.h"
 #include "quendo/platform/ExecutorService.h"
 #include "quendo/platform/FolderWatcher.h"
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <exception>
@@ -28,6 +30,8 @@
 
 namespace quendo::platform {
 namespace {
+
+constexpr std::chrono::milliseconds retryInterval{250};
 
 /// Tells one folder from another. Device and inode alone do not: a file system gives the number of
 /// a folder that was deleted to the next one that is made, often at once. Its handle counts how
@@ -102,7 +106,7 @@ public:
                 return;
         }
         if (mayHang(m_path))
-            m_strand->post([self = shared_from_this()] { self->find(); });
+            findLater();
         else
             find();
     }
@@ -122,6 +126,36 @@ public:
     boost::signals2::signal<void()>& signal() { return m_deleted; }
 
 private:
+    void findLater() {
+        m_strand->post([self = shared_from_this()] {
+            try {
+                self->find();
+            } catch (...) {
+                QUENDO_LOG_CAUGHT_EXCEPTION();
+                self->retryLater();
+            }
+        });
+    }
+
+    void retryLater() noexcept {
+        try {
+            m_delayedTasks->runAfter(retryInterval, [weak = weak_from_this()] {
+                const auto self = weak.lock();
+                if (self == nullptr)
+                    return;
+                try {
+                    self->findLater();
+                } catch (...) {
+                    QUENDO_LOG_CAUGHT_EXCEPTION();
+                    self->retryLater();
+                }
+            });
+        } catch (...) {
+            QUENDO_LOG_CAUGHT_EXCEPTION(); // the next event calls look() again
+        }
+    }
+
+    /// @throws as look()
     void find() {
         const bool isOther = !m_isDeleted && identify(m_folder) != m_identity;
         {
@@ -156,6 +190,7 @@ private:
     const Path m_path;
     const std::string m_folder;
     const std::shared_ptr<Executor> m_strand = createStrandExecutor("FolderDeletion");
+    const std::shared_ptr<DelayedTaskService> m_delayedTasks = services()->delayedTasks;
     std::optional<Identity> m_identity; ///< written once, before m_isRemembered
     std::atomic<bool> m_isDeleted = false;
     boost::signals2::signal<void()> m_deleted;
