@@ -810,6 +810,19 @@ TEST_F(Watching, StormOfWatchesLeavesNothingBehind) {
 
 using LimitedDeathTest = Watching;
 
+constexpr int few = 64;
+
+/// Leaves no descriptor. @return the limit before
+rlimit takeDescriptors() {
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit limit{few, before.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    while (::dup(STDERR_FILENO) >= 0) {
+    }
+    return before;
+}
+
 TEST_F(LimitedDeathTest, PollsWhatExceedsTheLimits) {
     options.pollInterval = 5ms;
     test::expectSuccessInOwnNamespaces([this] {
@@ -840,6 +853,16 @@ TEST_F(LimitedDeathTest, PollsWhatExceedsTheLimits) {
         heard.until("native 1");
         fs::create_directory(root / "1/b");
         heard.until("+1/b");
+
+        // A session that cannot have the mount table would hear of no mount.
+        finish();
+        const rlimit before = takeDescriptors();
+        for (int free = 0; free < 3; ++free) // for the table itself, inotify and eventfd
+            ::close(few - 1 - free);
+        watch("2");
+        EXPECT_THAT(reason("2"), HasSubstr("limit of open files"));
+        ::setrlimit(RLIMIT_NOFILE, &before);
+        heard.until("native 2");
         finish();
     });
 }
@@ -920,12 +943,7 @@ TEST_F(LimitedDeathTest, KnowsRemoteFileSystemsWithoutADescriptor) {
         watch("d");
         watch("other");
         EXPECT_EQ(means("d"), Means::Polled);
-        rlimit before{};
-        ::getrlimit(RLIMIT_NOFILE, &before);
-        const rlimit few{64, before.rlim_max};
-        ::setrlimit(RLIMIT_NOFILE, &few);
-        while (::dup(STDERR_FILENO) >= 0) {
-        }
+        const rlimit before = takeDescriptors();
         ASSERT_EQ(::umount2((root / "other").c_str(), MNT_DETACH), 0);
         heard.until("?other"); // by which all know the new table
         ::setrlimit(RLIMIT_NOFILE, &before);

@@ -151,8 +151,13 @@ struct InotifyFolderWatcher::Impl : std::enable_shared_from_this<Impl> {
     struct Session {
         const Descriptor inotify{::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)};
         const Descriptor stop{inotify.get() < 0 ? -1 : ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
-        const int error = stop.get() < 0 ? errno : 0;
-        const Descriptor mountTable{error != 0 ? -1 : ::open(mountTablePath, O_RDONLY | O_CLOEXEC)};
+        const Descriptor mountTable{stop.get() < 0 ? -1
+                                                   : ::open(mountTablePath, O_RDONLY | O_CLOEXEC)};
+        /// Why there is no session. It does without a mount table where the system has none, but
+        /// not for want of a descriptor: it would receive no mount events until its end.
+        const int error =
+            stop.get() < 0 || (mountTable.get() < 0 && (errno == EMFILE || errno == ENFILE)) ? errno
+                                                                                             : 0;
         std::shared_ptr<const MountTable> mounts; ///< as the dispatcher knows them
         std::mutex readMutex;     ///< before the inbox mutex; while events are moved
         std::vector<char> buffer; ///< under it
