@@ -27,6 +27,7 @@
 #include <cstdint>
 #include <exception>
 #include <string_view>
+#include <type_traits>
 
 namespace quendo::git {
 namespace {
@@ -144,8 +145,16 @@ auto GitAdapter::mayFetch(GitRunner& git, Work&& work) const {
             throw;
         git.allowFetching(std::move(fetch));
     }
-    report(u"Fetching what this clone lacks", ProgressIndicator::unknown);
-    return work(git);
+    const UString message = u"Fetching what this clone lacks";
+    report(message, ProgressIndicator::unknown);
+    if constexpr (std::is_void_v<decltype(work(git))>) {
+        work(git);
+        report(message, 1);
+    } else {
+        auto result = work(git);
+        report(message, 1);
+        return result;
+    }
 }
 
 // A listener's failure is its own: the work does not depend on it.

@@ -303,10 +303,16 @@ TEST_F(SubsystemTest, FetchesForAPartialCloneWhatTheUserAskedFor) {
     const auto exportHead = [&] {
         adapter->exportRevision(copy.at("new"), *head, copy.at("exported"));
     };
+    double fraction = 0;
+    const boost::signals2::scoped_connection progress =
+        copy.interactor()->getProgressDispatcher().connect(
+            [&](const UString&, double reported) { fraction = reported; });
     EXPECT_THAT(exportHead, testing::ThrowsMessage<exception::SourceControlException>(
                                 HasSubstr("sets remote.origin.uploadpack, a program")));
+    EXPECT_EQ(fraction, ProgressIndicator::unknown);
     copy.sh("test ! -e ../canary; git config --global" + server);
     EXPECT_NO_THROW(exportHead());
+    EXPECT_EQ(fraction, 1);
     copy.sh("test -e ../canary; seq 11 | cmp - exported");
     EXPECT_EQ(missing(), "2\n");
 
