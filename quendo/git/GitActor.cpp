@@ -190,7 +190,11 @@ ActingResult GitActor::runOnce(const GitAction& action) {
             span.fail(); // no refresh follows it
         return result;
     } catch (const std::system_error& error) {
+        span.fail();
         throwCannotStart("git", error);
+    } catch (...) {
+        span.fail();
+        throw;
     }
 }
 

@@ -3,6 +3,7 @@
 #include "quendo/cache/JobCombiningCMStatusCache.h"
 #include "quendo/change_detection/ExternalChangeDetectingCMAdapter.h"
 #include "quendo/change_detection/UpdateResponses.h"
+#include "quendo/exception/AdapterErrors.h"
 #include "quendo/platform/FolderExternalChangeDetector.h"
 #include "quendo/platform/OwnWrites.h"
 #include "tests/support/FakeFolderWatcher.h"
@@ -10,6 +11,7 @@
 #include "tests/support/RealFolder.h"
 #include "tests/support/SteppedDetection.h"
 
+#include <csignal>
 #include <semaphore>
 #include <sys/stat.h>
 
@@ -367,6 +369,21 @@ TEST_F(DetectingGitTest, ReportsWhatOthersChangeDuringItsOwnWrites) {
     triggered();
     adapter.checkin(a, u"succeeds");
     EXPECT_EQ(triggered(), 0) << "a refresh of everything follows";
+    // The host reaps git meanwhile, so that nobody learns whether it succeeded.
+    const auto goOn = sandbox.root() / "goOn";
+    ASSERT_EQ(::mkfifo(goOn.c_str(), 0600), 0);
+    hook(sandbox.work(),
+         "git branch -f during3; echo mine >&2; read line <" + goOn.native() + "\n");
+    copy->interactor->getProgressDispatcher().connect([&](const UString& text, double) {
+        if (text == u"mine") {
+            ::signal(SIGCHLD, SIG_IGN);
+            std::ofstream(goOn) << "\n";
+        }
+    });
+    write("a");
+    EXPECT_THROW(adapter.checkin(a, u"is lost"), exception::SourceControlException);
+    ::signal(SIGCHLD, SIG_DFL);
+    EXPECT_EQ(triggered(), 1) << "and no refresh follows";
 }
 
 // What waits, and what its failures come to, is shown where a managed folder uses it.
