@@ -25,25 +25,22 @@ void merge(PendingEvents::Event& target, const PendingEvents::Event& event) noex
 PendingEvents::PendingEvents(Path root, std::size_t most) : m_root(std::move(root)), m_most(most) {}
 
 void PendingEvents::add(const Path& path, unsigned kinds, Clock::time_point now) noexcept {
+    add(path, {kinds, now, now});
+}
+
+void PendingEvents::add(const Path& path, const Event& event) noexcept {
     const std::lock_guard lock(m_mutex);
     try {
-        join(path, {kinds, now, now});
+        join(path, event);
     } catch (...) {
         QUENDO_LOG_CAUGHT_EXCEPTION();
-        m_lostSince = m_lostSince.value_or(now);
+        m_lostSince = std::min(m_lostSince.value_or(event.first), event.first);
     }
 }
 
 void PendingEvents::add(const Events& events) noexcept {
-    const std::lock_guard lock(m_mutex);
-    for (const auto& [path, event] : events) {
-        try {
-            join(path, event);
-        } catch (...) {
-            QUENDO_LOG_CAUGHT_EXCEPTION();
-            m_lostSince = std::min(m_lostSince.value_or(event.first), event.first);
-        }
-    }
+    for (const auto& [path, event] : events)
+        add(path, event);
 }
 
 void PendingEvents::join(const Path& path, const Event& event) {

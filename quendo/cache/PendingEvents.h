@@ -46,6 +46,8 @@ public:
     /// If there is no memory, all below the root counts as unknown.
     void add(const Path& path, unsigned kinds, Clock::time_point now = Clock::now()) noexcept;
 
+    void add(const Path& path, const Event& event) noexcept;
+
     /// As add(); nothing of `events` is lost when there is no memory.
     void add(const Events& events) noexcept;
 

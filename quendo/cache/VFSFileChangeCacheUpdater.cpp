@@ -834,12 +834,12 @@ private:
                 if (m_info->folders != nullptr)
                     followFolder(path, event.kinds);
                 if (m_info->needsQuery(path, event))
-                    m_waiting.add(PendingEvents::Events{{path, event}});
+                    m_waiting.add(path, event);
                 else
                     m_log->add(path, event.kinds, EventLog::Outcome::NoQuery);
             } catch (...) {
                 QUENDO_LOG_CAUGHT_EXCEPTION(); // it may be the next one's turn all the same
-                m_waiting.add(PendingEvents::Events{{path, event}});
+                m_waiting.add(path, event);
             }
         }
         release();
@@ -859,7 +859,7 @@ private:
         if (isRunning())
             wakeAfter(silence, m_hasSilenceTimer, m_silenceEnded);
         else
-            request(m_waiting.take());
+            requestWaiting();
     }
 
     /// Whether a query that the updater requested has started and not ended. The end of one that
@@ -907,8 +907,10 @@ private:
     }
 
     /// On the strand. What cannot be requested, for lack of a thread or of memory, waits again.
-    void request(const PendingEvents::Events& events) {
+    void requestWaiting() {
+        PendingEvents::Events events;
         try {
+            events = m_waiting.take();
             AskedPaths files;
             for (const auto& [path, event] : events) {
                 if (!m_info->needsQuery(path, event)) {

@@ -5,6 +5,8 @@
 #include "quendo/cache/CMStatusCacheFreshness.h"
 #include "quendo/cache/JobCombiningCMStatusCache.h"
 #include "quendo/cache/VFSFileChangeCacheUpdater.h"
+#include "quendo/exception/AdapterErrors.h"
+#include "tests/support/Allocations.h"
 #include "tests/support/FakeFolderWatcher.h"
 #include "tests/support/MemoryAdapter.h"
 #include "tests/support/SteppedDetection.h"
@@ -140,6 +142,19 @@ TEST_F(UpdaterTest, AsksForWhatChangedWhileItIsNotDisabled) {
     detection.endWindows(); // with no further event
     EXPECT_THAT(std::exchange(cache->asked, {}), ElementsAre("files x"));
     EXPECT_FALSE(updater->waitsForThreadSince() || updater->outdatedSince(at("x")));
+    // For want of memory the root stands for what came.
+    for (const auto* name : {"x", "y"})
+        watcher->tell(Kind::Changed, at(name));
+    bool throws = false;
+    test::allocationsUntilFailure = test::always;
+    try {
+        detection.strand().runOne();
+    } catch (const std::bad_alloc&) {
+        throws = true;
+    }
+    test::allocationsUntilFailure = test::never;
+    EXPECT_FALSE(throws);
+    EXPECT_THAT(askedAfter(Kind::Changed, "z"), testing::Contains("folder ."));
 
     auto first = updater->disable(), second = updater->disable();
     EXPECT_THAT(askedAfter(Kind::Changed, "x"), IsEmpty());

@@ -13,7 +13,7 @@ constinit thread_local std::size_t allocationsUntilFailure = never;
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     ++quendo::test::allocationCount;
     if (auto& left = quendo::test::allocationsUntilFailure;
-        left != quendo::test::never && left-- == 0)
+        left == quendo::test::always || (left != quendo::test::never && left-- == 0))
         return nullptr;
     return std::malloc(size != 0 ? size : 1);
 }

@@ -10,7 +10,10 @@ extern constinit thread_local std::size_t allocationCount;
 
 constexpr std::size_t never = static_cast<std::size_t>(-1);
 
-/// This many allocations succeed and then one fails, which makes it `never` again.
+constexpr std::size_t always = never - 1;
+
+/// This many allocations succeed and then one fails, which makes it `never` again; `always`: each
+/// fails.
 extern constinit thread_local std::size_t allocationsUntilFailure;
 
 } // namespace quendo::test
