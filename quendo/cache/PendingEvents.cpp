@@ -63,7 +63,9 @@ void PendingEvents::join(const Path& path, const Event& event) {
 }
 
 // Replaces the deepest entries by their folders, level by level, until half of the allowed number
-// is left. So what lies together comes together, and the next fold is far away.
+// is left. So what lies together comes together. If more than that have a forbidden name in them,
+// which no folder above can stand for, the root replaces everything, as one whose contents are
+// unknown. Either way the next fold is at least half of the allowed number of events away.
 void PendingEvents::fold() {
     std::map<std::size_t, std::size_t> entriesByDepth;
     for (const auto& [path, event] : m_events)
@@ -85,6 +87,12 @@ void PendingEvents::fold() {
         }
         for (const auto& [path, event] : folders)
             merge(folded[path], event);
+    }
+    if (folded.size() > m_most / 2 + 1) {
+        Event all;
+        for (const auto& [path, event] : folded)
+            merge(all, {ContentsUnknown | Folded, event.first, event.last});
+        folded = {{m_root, all}};
     }
     m_events.swap(folded);
     m_hasFolded = true;

@@ -14,7 +14,7 @@ namespace quendo {
 
 /// What has happened to paths and has led to no refresh yet: one entry for each path, however many
 /// events name it, and at most about `most` entries. Past that number folders stand for what lies
-/// in them.
+/// in them, and past half of it, where nothing else can, the root for everything.
 ///
 /// Threads: any.
 class PendingEvents {

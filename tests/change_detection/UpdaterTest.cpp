@@ -196,6 +196,17 @@ TEST_F(UpdaterTest, HoldsOneEntryForEachPathWhileAQueryWaits) {
     EXPECT_THAT(updater->describe(), testing::ContainsRegex("pending paths: [0-9]{1,4} arrived"));
     detection.runStrands();
     EXPECT_THAT(copy->takeCalls(), ElementsAre("files c", "folder+ ."));
+    // No folder but the root stands for those that gain metadata of their own.
+    for (int i = 0; i < 5000; ++i)
+        copy->set(at(std::to_string(i) + "/f"), LocalStatus::Unmodified);
+    real->refreshFolder(root);
+    detection.runStrands();
+    copy->takeCalls();
+    for (int i = 0; i < 5000; ++i)
+        watcher->tell(Kind::Appeared, at(std::to_string(i) + "/.fake"));
+    EXPECT_THAT(updater->describe(), testing::ContainsRegex("pending paths: [0-9]{1,3} arrived"));
+    detection.runStrands();
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("folder+ ."));
 }
 
 TEST_F(UpdaterTest, EventsJoinTheRefreshThatWaitsForItsTurn) {

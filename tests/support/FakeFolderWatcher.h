@@ -36,13 +36,13 @@ public:
     void tell(Event::Kind kind, const Path& path, bool polled = false) {
         pass([this, event = Event{kind, path, polled}] {
             const bool isFolder = event.kind == Event::Kind::ContentsUnknown;
+            const auto parent = event.path.parentPath();
             std::vector<Callback> callbacks;
             {
                 const std::lock_guard lock(m_mutex);
                 for (const auto& one : m_watches) {
-                    if (isFolder
-                            ? one.folder == event.path
-                            : one.scope == Scope::Entries && one.folder == event.path.parentPath())
+                    if (isFolder ? one.folder == event.path
+                                 : one.scope == Scope::Entries && one.folder == parent)
                         callbacks.push_back(one.callback);
                 }
             }
