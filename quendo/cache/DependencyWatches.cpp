@@ -167,7 +167,7 @@ bool DependencyWatches::hasChangedSinceAnswer(const StateDependency& dependency)
     for (const auto& path : dependency.dependents) {
         const auto at = m_callbacks.answeredAt(path);
         if (!at)
-            return false; // the answer is still to come
+            return false; // the query is still to start
         since = since ? std::min(*since, *at) : *at;
     }
     std::vector<Path> folders{dependency.folder};

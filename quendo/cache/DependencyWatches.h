@@ -31,7 +31,8 @@ public:
     struct Callbacks {
         /// The candidates for StateDependencies::getStateDependencies().
         std::function<std::vector<Path>()> nested;
-        /// When the query started that answered for a path last; nothing when there was none.
+        /// When the query started that answered for a path last. Without an answer: when the query
+        /// that is running was requested, or nothing when none is running.
         std::function<std::optional<Clock::time_point>(const Path&)> answeredAt;
         /// Takes the paths to refresh. Called on any thread; must be quick.
         std::function<void(const std::vector<Path>&)> changed;

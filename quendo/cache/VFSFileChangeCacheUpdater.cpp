@@ -569,7 +569,7 @@ public:
         };
         callbacks.answeredAt = [weak](const Path& path) {
             const auto self = weak.lock();
-            return self ? self->answeredAt(path) : std::nullopt;
+            return self ? self->queriedAt(path) : std::nullopt;
         };
         callbacks.changed = [weak](const std::vector<Path>& paths) {
             if (const auto self = weak.lock())
@@ -1523,14 +1523,28 @@ private:
     /// When the query started that tells about `path`; now when the cache does not say, and nothing
     /// when there was none.
     std::optional<Clock::time_point> answeredAt(const Path& path) const {
-        const auto now = Clock::now();
         if (m_info->freshness == nullptr)
-            return now;
+            return Clock::now();
         const auto at = m_info->freshness->getFreshness(path).answeredAt;
-        if (!at)
-            return {};
-        return now -
-               std::chrono::duration_cast<Clock::duration>(std::chrono::steady_clock::now() - *at);
+        return at ? std::optional(toSystemTime(*at)) : std::nullopt;
+    }
+
+    /// The same for DependencyWatches; while the first answer is being queried, when it was
+    /// requested, which is earlier.
+    std::optional<Clock::time_point> queriedAt(const Path& path) const {
+        if (m_info->freshness == nullptr)
+            return Clock::now();
+        const auto fresh = m_info->freshness->getFreshness(path);
+        if (fresh.answeredAt)
+            return toSystemTime(*fresh.answeredAt);
+        if (fresh.refresh == Freshness::Refresh::Running && fresh.staleness)
+            return toSystemTime(fresh.staleness->since);
+        return {};
+    }
+
+    static Clock::time_point toSystemTime(std::chrono::steady_clock::time_point at) {
+        return Clock::now() -
+               std::chrono::duration_cast<Clock::duration>(std::chrono::steady_clock::now() - at);
     }
 
     // Constant after construction.

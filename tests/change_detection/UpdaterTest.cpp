@@ -286,14 +286,47 @@ TEST_F(UpdaterTest, QueriesNothingWhereContentDoesNotMatter) {
     EXPECT_THAT(copy->takeCalls(), ElementsAre("folder+ .", "files u"));
 }
 
-TEST_F(UpdaterTest, FollowsNestedWorkingCopies) {
-    struct Dependencies : StateDependencies {
-        std::vector<StateDependency> list;
-        std::vector<StateDependency> getStateDependencies(const std::vector<Path>&,
-                                                          const std::vector<Path>&) const override {
-            return list;
+struct Dependencies : StateDependencies {
+    std::vector<StateDependency> list;
+    std::vector<StateDependency> getStateDependencies(const std::vector<Path>&,
+                                                      const std::vector<Path>&) const override {
+        return list;
+    }
+};
+
+// They are watched when a query has ended, while the retry of the first one is under way.
+TEST_F(UpdaterTest, SeesWhatAnswersDependOnChangeDuringTheFirst) {
+    const test::TemporaryFolder outside;
+    const auto dependencies = std::make_shared<Dependencies>();
+    const auto all = [](const Path&) { return true; };
+    dependencies->list = {{outside.quendoPath(), all, "all", {root}, {}}};
+    real->setFolderStatusFlag(true);
+    updater.emplace(real, *adapter);
+    updater->follow(dependencies);
+    const auto run = [this](const std::string& strand) {
+        while (detection.strand(strand).runOne()) {
         }
     };
+    const auto ofCache = "CMStatusCache_" + root.fileName().toUtf8();
+    copy->inCall = [&, call = 0](const auto&...) mutable {
+        if (++call == 1)
+            throw exception::OperationFailedError("mine");
+        if (call == 2) {
+            test::writeFile(outside.path() / "config", "");
+            run("CMDependencies");
+        }
+    };
+    real->refreshFolder(root);
+    run(ofCache);
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("folder+ ."));
+    detection.endDelays();
+    run(ofCache);
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("folder+ ."));
+    detection.runStrands();
+    EXPECT_THAT(copy->takeCalls(), ElementsAre("folder+ ."));
+}
+
+TEST_F(UpdaterTest, FollowsNestedWorkingCopies) {
     const auto dependencies = std::make_shared<Dependencies>();
     fs::create_directories(folder.path() / "sub/x");
     copy->states.insert_or_assign(at("sub"), FileState(LocalStatus::Unmodified, true));
