@@ -26,7 +26,7 @@
 // the number of clients with requests within the last `window`. So all clients together take a
 // fifth of the share while events keep coming, and a client whose queries are expensive delays
 // itself and not the others. The first request after a pause finds its client due: it is granted at
-// once.
+// once. A turn that was granted early, and cost less than the one before, shortens no pause.
 //
 // The rest of the share is for the end of a burst. When no request came for `calm`, the clients
 // that wait are granted their turns early, the one that is due first at first, until the turns of
@@ -318,7 +318,8 @@ void BackgroundTurns::Client::end(bool wasInterrupted) {
         if (impl.holder == m_state) {
             impl.holder = nullptr;
             const auto now = impl.options.now();
-            m_state->due = now + impl.pauseAfter(impl.cost, now);
+            // After an early grant an older pause may not be over yet.
+            m_state->due = std::max(m_state->due, now + impl.pauseAfter(impl.cost, now));
             if (!wasInterrupted)
                 m_state->interruptions = 0;
             if (impl.cost > Clock::duration::zero())

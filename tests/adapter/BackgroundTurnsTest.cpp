@@ -143,6 +143,9 @@ TEST_F(BackgroundTurnsTest, AnExpensiveClientDelaysItselfOnly) {
     light->end();
     time->advance(1s); // calm, and what it cost is long ago
     EXPECT_EQ(takeLog(), "heavy ");
+    heavy->request();
+    heavy->end(); // it had nothing to do, and still has to wait
+    EXPECT_GT(heavy->dueAt(), time->now + 20s);
 }
 
 TEST_F(BackgroundTurnsTest, InterruptsWhatOthersWaitForAndGivesMoreTimeThen) {
