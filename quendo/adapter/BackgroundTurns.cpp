@@ -81,6 +81,7 @@ struct BackgroundTurns::Impl {
     // Guarded by `mutex`.
     std::list<ClientState> clients;
     ClientState holder;
+    std::uint64_t turn = 0;                        ///< the number of that turn
     std::optional<Clock::time_point> runningSince; ///< the query of that turn
     Clock::duration cost{};                        ///< of the turn that is granted
     bool isInterrupted = false;
@@ -147,6 +148,7 @@ struct BackgroundTurns::Impl {
         }
         next->isWaiting = false;
         holder = next;
+        ++turn;
         runningSince.reset();
         cost = {};
         isInterrupted = false;
@@ -229,12 +231,14 @@ void BackgroundTurns::queryEnded(Clock::duration cost) noexcept {
 // Does what is due: grants a turn, interrupts one, or sets a timer for either.
 void BackgroundTurns::step() noexcept {
     Impl::ClientState granted, interrupted;
+    std::uint64_t interruptedTurn = 0;
     try {
         const std::lock_guard lock(m_impl->mutex);
         const auto now = m_impl->options.now();
         std::optional<Clock::time_point> nextGrant, nextInterruption;
         granted = m_impl->grantNext(now, nextGrant);
         interrupted = m_impl->overdue(now, nextInterruption);
+        interruptedTurn = m_impl->turn;
         const auto next = nextGrant ? nextGrant : nextInterruption; // one of them at most
         if (next && (!m_impl->alarm || *next < *m_impl->alarm))
             stepLater(*next, now);
@@ -243,7 +247,7 @@ void BackgroundTurns::step() noexcept {
     }
     try {
         if (interrupted != nullptr)
-            interrupted->callbacks.interrupt();
+            interrupted->callbacks.interrupt(interruptedTurn);
     } catch (...) {
         QUENDO_LOG_CAUGHT_EXCEPTION();
     }
@@ -327,6 +331,11 @@ void BackgroundTurns::Client::end(bool wasInterrupted) {
         }
     }
     m_owner->step();
+}
+
+std::uint64_t BackgroundTurns::Client::turn() const noexcept {
+    const std::lock_guard lock(m_owner->m_impl->mutex);
+    return m_owner->m_impl->holder == m_state ? m_owner->m_impl->turn : 0;
 }
 
 std::optional<BackgroundTurns::Clock::time_point> BackgroundTurns::Client::dueAt() const {

@@ -4,6 +4,7 @@
 #include "quendo/platform/UniqueFunction.h"
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -49,8 +50,8 @@ public:
         /// The client's turn has come: it runs one job and calls Client::end().
         std::function<void()> granted;
         /// Others have waited too long for the query of this turn: stop it. The turn still ends
-        /// with Client::end().
-        std::function<void()> interrupt;
+        /// with Client::end(). The call may come late: `turn` is the Client::turn() that it is for.
+        std::function<void(std::uint64_t turn)> interrupt;
     };
 
     /// One source of background work. Destroying it ends its turn and its request; a callback may
@@ -68,6 +69,9 @@ public:
         /// The turn is over; without one, withdraws the request.
         /// @param wasInterrupted whether the query was stopped by `interrupt`
         void end(bool wasInterrupted = false);
+
+        /// The number of the turn that it has now, different for each; 0 when it has none.
+        std::uint64_t turn() const noexcept;
 
         /// When the requested turn is due; empty when none is requested.
         std::optional<Clock::time_point> dueAt() const;

@@ -91,9 +91,9 @@ public:
                                              if (const auto self = weak.lock())
                                                  self->turnGranted();
                                          },
-                                         [weak] {
+                                         [weak](std::uint64_t turn) {
                                              if (const auto self = weak.lock())
-                                                 self->m_running.interrupt();
+                                                 self->m_running.interrupt(turn);
                                          }});
     }
 
@@ -329,6 +329,7 @@ private:
     void drainJobQueue() {
         bool wantsTurn = false;
         for (auto job = takeNext(wantsTurn); !job.empty(); job = takeNext(wantsTurn)) {
+            m_running.begin(m_turns->turn());
             job.front()->setRunningQuery(&m_running);
             job.front()->run(*m_adapter, *m_interactor, m_state->files);
             endTurn(m_running.takeInterrupted());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -12,10 +13,16 @@ namespace quendo {
 /// Threads: any.
 class RunningQuery {
 public:
+    /// A query of this turn follows; 0 for one that is not to be interrupted.
+    void begin(std::uint64_t turn) noexcept {
+        const std::lock_guard lock(m_mutex);
+        m_turn = turn;
+        m_wasInterrupted = false;
+    }
+
     /// @param stop stops the query; may be called until clear() has returned
     void set(std::function<void()> stop) {
         const std::lock_guard lock(m_mutex);
-        m_wasInterrupted = false;
         m_stop = std::make_shared<const std::function<void()>>(std::move(stop));
     }
 
@@ -24,10 +31,12 @@ public:
         m_stop.reset();
     }
 
-    /// Without effect when no query runs.
-    void interrupt() {
+    /// Without effect when no query runs, or that of another turn.
+    void interrupt(std::uint64_t turn) {
         const auto stop = [&] {
             const std::lock_guard lock(m_mutex);
+            if (turn != m_turn)
+                return decltype(m_stop)();
             m_wasInterrupted = m_stop != nullptr;
             return m_stop;
         }();
@@ -45,6 +54,7 @@ private:
     std::mutex m_mutex;
     // Guarded by m_mutex; the function is called without it.
     std::shared_ptr<const std::function<void()>> m_stop;
+    std::uint64_t m_turn = 0;
     bool m_wasInterrupted = false;
 };
 

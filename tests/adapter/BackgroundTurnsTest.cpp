@@ -36,7 +36,7 @@ class BackgroundTurnsTest : public testing::Test {
 protected:
     std::unique_ptr<BackgroundTurns::Client> add(std::string name) {
         return turns->addClient(
-            {[this, name] { log += name + " "; }, [this, name] { log += name + "! "; }});
+            {[this, name] { log += name + " "; }, [this, name](auto) { log += name + "! "; }});
     }
     /// The query of the turn that is granted, from its start to its end.
     void run(BackgroundTurns::Client& client, Clock::duration cost, bool wasInterrupted = false) {
@@ -220,7 +220,7 @@ TEST(BackgroundTurns, KnowTheQueriesOfTheirExecutor) {
     SingleThreadedCMAdapter adapter(executor, test::makeMemoryAdapter(copy));
     int granted = 0;
     std::atomic<int> interrupted = 0;
-    const auto client = turns->addClient({[&] { ++granted; }, [&] { ++interrupted; }});
+    const auto client = turns->addClient({[&] { ++granted; }, [&](auto) { ++interrupted; }});
     std::vector<std::future<void>> queries;
     // Its thread waits for the executor, at a time when the limit of what runs there has passed.
     const auto queueQuery = [&](QueryUrgency urgency) {

@@ -263,7 +263,7 @@ TEST_F(HealingTest, WhatIsRequiredEndsWithAnAnswerOrAnError) {
 
 TEST_F(HealingTest, WhatIsRequiredWaitsForNoTurnOfTheWorkThatItJoins) {
     const auto turns = BackgroundTurns::of(getSourceControlExecutor());
-    auto other = turns->addClient({[] {}, [] {}});
+    auto other = turns->addClient({[] {}, [](auto) {}});
     other->request(); // it keeps its turn
     const auto background = [&] {
         const RefreshReasonScope scope(FileEvent);
@@ -293,7 +293,7 @@ TEST_F(HealingTest, WhatIsRequiredWaitsForNoTurnOfTheWorkThatItJoins) {
     startAndRequest(FileEvent);
     startAndRequest(Client);
     executors.endDelays();
-    other = turns->addClient({[] {}, [] {}});
+    other = turns->addClient({[] {}, [](auto) {}});
     other->request();
     turns->queryStarted();
     EXPECT_THAT(executors.endDelays(), IsEmpty()) << "nobody waits any more";
@@ -309,9 +309,12 @@ TEST_F(HealingTest, InterruptsBackgroundWorkOnly) {
         request.files = {at("a")};
         request.reason = reason;
         FileCacheUpdateJob job(std::move(request), {});
+        running.begin(2);
         job.setRunningQuery(&running);
         inQuery = [&] {
-            running.interrupt();
+            running.interrupt(1);
+            EXPECT_FALSE(QueryOrigin::current()->isCancelled()) << "was for the turn before";
+            running.interrupt(2);
             EXPECT_EQ(QueryOrigin::current()->isCancelled(), reason == FileEvent);
         };
         job.run(*adapter, *interactor, states);
