@@ -19,8 +19,8 @@
 //
 //   request --> waiting --> granted (one at a time) --> end
 //                  ^                     |
-//                  '--- due time,        '--- interrupted after `timeLimit` if others wait
-//                       calm
+//                  '--- due time,        +--- interrupted after `timeLimit` if others wait
+//                       calm             '--- lost after `timeLimit` without a query if others wait
 //
 // Pacing. After a turn that cost c, its client is due again c * N / (share / 5) later, where N is
 // the number of clients with requests within the last `window`. So all clients together take a
@@ -38,6 +38,14 @@
 // Interruption. When a query has run on the executor for longer than its client's time limit, and
 // requested work or another client waits, the client is interrupted. Its limit doubles each time,
 // until a turn ends without that, so that a query that needs long comes to its end some day.
+//
+// Loss. A client may hang where no query is there to be interrupted: in a listener that shows a
+// dialog or waits for a lock of the user interface, before or after its query, or with requested
+// work. Then the turn is lost: another client is granted one, and a query that has not begun does
+// not begin. The client that lost it is not granted another one before its end(), so it delays the
+// others once, by its time limit, which doubles as after an interruption. A query that waits for
+// the executor loses nothing, however long that takes: if it did, the queries of all clients would
+// come to stand in the executor's queue, in front of what is requested then.
 //
 // Not guaranteed: a single query may cost more than the whole share. The pauses after it are
 // bounded (`longestPause`), so queries that take longer than some seconds get more than the share.
@@ -60,7 +68,8 @@ struct BackgroundTurns::Client::State {
     const Callbacks callbacks;
     // Guarded by the owner's mutex.
     bool isWaiting = false;
-    bool isRequestedAgain = false; ///< during its turn
+    bool isGranted = false;        ///< until end(), also when it has lost the turn
+    bool isRequestedAgain = false; ///< while it is granted
     bool isGone = false;
     Clock::time_point due{};
     Clock::time_point lastRequest = Clock::time_point::min();
@@ -83,8 +92,11 @@ struct BackgroundTurns::Impl {
     ClientState holder;
     std::uint64_t turn = 0;                        ///< the number of that turn
     std::optional<Clock::time_point> runningSince; ///< the query of that turn
+    Clock::time_point idleSince{};                 ///< that turn, while it has no query
+    std::size_t queriesWaiting = 0;                ///< background ones, for the executor
     Clock::duration cost{};                        ///< of the turn that is granted
     bool isInterrupted = false;
+    bool isAwaited = false; ///< by requested work of the same client
     std::size_t requestedWaiting = 0;
     Clock::time_point lastRequest = Clock::time_point::min();
     std::deque<std::pair<Clock::time_point, Clock::duration>> spent; ///< ends and costs of turns
@@ -147,22 +159,51 @@ struct BackgroundTurns::Impl {
             }
         }
         next->isWaiting = false;
+        next->isGranted = true;
         holder = next;
         ++turn;
+        idleSince = now;
         runningSince.reset();
         cost = {};
-        isInterrupted = false;
+        isInterrupted = isAwaited = false;
         return next;
     }
 
-    bool anyoneWaits() const {
-        return requestedWaiting != 0 ||
-               std::ranges::any_of(clients, [](const auto& each) { return each->isWaiting; });
+    bool anyClientWaits() const {
+        return std::ranges::any_of(clients, [](const auto& each) { return each->isWaiting; });
+    }
+
+    /// Ends the turn that is granted, and counts its cost.
+    void endTurn(Clock::time_point now) {
+        // After an early grant an older pause may not be over yet.
+        holder->due = std::max(holder->due, now + pauseAfter(cost, now));
+        holder = nullptr;
+        if (cost > Clock::duration::zero())
+            spent.emplace_back(now, cost);
+    }
+
+    /// When the turn that is granted is lost; empty while nothing tells against it.
+    std::optional<Clock::time_point> lossAt() const {
+        if (holder == nullptr || runningSince || queriesWaiting != 0 || !anyClientWaits())
+            return std::nullopt;
+        return idleSince + limitOf(*holder);
+    }
+
+    void takeBackIfLost(Clock::time_point now) {
+        const auto loss = lossAt();
+        if (!loss || now < *loss)
+            return;
+        ++holder->interruptions;
+        endTurn(now);
     }
 
     /// The client to interrupt now, or null; or when to look again.
     ClientState overdue(Clock::time_point now, std::optional<Clock::time_point>& lookAgain) {
-        if (holder == nullptr || !runningSince || isInterrupted || !anyoneWaits())
+        if (holder == nullptr || !runningSince) {
+            lookAgain = lossAt();
+            return nullptr;
+        }
+        if (isInterrupted || (!isAwaited && requestedWaiting == 0 && !anyClientWaits()))
             return nullptr;
         const auto end = *runningSince + limitOf(*holder);
         if (now < end) {
@@ -222,13 +263,18 @@ void BackgroundTurns::queryStarted() noexcept {
 }
 
 void BackgroundTurns::queryEnded(Clock::duration cost) noexcept {
-    const std::lock_guard lock(m_impl->mutex);
-    m_impl->runningSince.reset();
-    if (m_impl->holder != nullptr)
+    {
+        const std::lock_guard lock(m_impl->mutex);
+        m_impl->runningSince.reset();
+        if (m_impl->holder == nullptr)
+            return;
         m_impl->cost += cost;
+        m_impl->idleSince = m_impl->options.now();
+    }
+    step(); // from now on it may be lost
 }
 
-// Does what is due: grants a turn, interrupts one, or sets a timer for either.
+// Does what is due: takes a turn back, grants or interrupts one, or sets a timer for that.
 void BackgroundTurns::step() noexcept {
     Impl::ClientState granted, interrupted;
     std::uint64_t interruptedTurn = 0;
@@ -236,6 +282,7 @@ void BackgroundTurns::step() noexcept {
         const std::lock_guard lock(m_impl->mutex);
         const auto now = m_impl->options.now();
         std::optional<Clock::time_point> nextGrant, nextInterruption;
+        m_impl->takeBackIfLost(now);
         granted = m_impl->grantNext(now, nextGrant);
         interrupted = m_impl->overdue(now, nextInterruption);
         interruptedTurn = m_impl->turn;
@@ -258,8 +305,9 @@ void BackgroundTurns::step() noexcept {
         QUENDO_LOG_CAUGHT_EXCEPTION();
         // The client cannot work now, for example for lack of a thread.
         const std::lock_guard lock(m_impl->mutex);
-        if (m_impl->holder == granted) {
+        if (m_impl->holder == granted)
             m_impl->holder = nullptr;
+        if (std::exchange(granted->isGranted, false)) {
             granted->isWaiting = !granted->isGone;
             granted->due = m_impl->options.now() + std::chrono::seconds(1);
             m_impl->alarm.reset();
@@ -303,7 +351,7 @@ void BackgroundTurns::Client::request() {
     {
         const std::lock_guard lock(impl.mutex);
         impl.lastRequest = m_state->lastRequest = impl.options.now();
-        if (impl.holder == m_state) {
+        if (m_state->isGranted) {
             m_state->isRequestedAgain = true;
             return;
         }
@@ -319,16 +367,23 @@ void BackgroundTurns::Client::end(bool wasInterrupted) {
     {
         const std::lock_guard lock(impl.mutex);
         m_state->isWaiting = std::exchange(m_state->isRequestedAgain, false) && !m_state->isGone;
+        m_state->isGranted = false;
         if (impl.holder == m_state) {
-            impl.holder = nullptr;
-            const auto now = impl.options.now();
-            // After an early grant an older pause may not be over yet.
-            m_state->due = std::max(m_state->due, now + impl.pauseAfter(impl.cost, now));
+            impl.endTurn(impl.options.now());
             if (!wasInterrupted)
                 m_state->interruptions = 0;
-            if (impl.cost > Clock::duration::zero())
-                impl.spent.emplace_back(now, impl.cost);
         }
+    }
+    m_owner->step();
+}
+
+void BackgroundTurns::Client::noteAwaited() noexcept {
+    auto& impl = *m_owner->m_impl;
+    {
+        const std::lock_guard lock(impl.mutex);
+        if (impl.holder != m_state)
+            return;
+        impl.isAwaited = true;
     }
     m_owner->step();
 }
@@ -343,21 +398,32 @@ std::optional<BackgroundTurns::Clock::time_point> BackgroundTurns::Client::dueAt
     return m_state->isWaiting ? std::optional(m_state->due) : std::nullopt;
 }
 
-BackgroundTurns::Waiting::Waiting(std::shared_ptr<BackgroundTurns> turns)
-    : m_turns(std::move(turns)) {
+BackgroundTurns::Waiting::Waiting(std::shared_ptr<BackgroundTurns> turns, bool isBackground)
+    : m_turns(std::move(turns)), m_isBackground(isBackground) {
     {
         const std::lock_guard lock(m_turns->m_impl->mutex);
-        ++m_turns->m_impl->requestedWaiting;
+        ++(isBackground ? m_turns->m_impl->queriesWaiting : m_turns->m_impl->requestedWaiting);
     }
-    m_turns->step();
+    if (!isBackground)
+        m_turns->step();
+}
+
+BackgroundTurns::Waiting::~Waiting() {
+    const auto turns = m_isBackground ? m_turns : nullptr;
+    started();
+    if (turns != nullptr)
+        turns->step(); // no query follows, so the turn may be lost
 }
 
 void BackgroundTurns::Waiting::started() noexcept {
     const auto turns = std::exchange(m_turns, nullptr);
     if (turns == nullptr)
         return;
-    const std::lock_guard lock(turns->m_impl->mutex);
-    --turns->m_impl->requestedWaiting;
+    auto& impl = *turns->m_impl;
+    const std::lock_guard lock(impl.mutex);
+    --(m_isBackground ? impl.queriesWaiting : impl.requestedWaiting);
+    if (m_isBackground)
+        impl.idleSince = impl.options.now();
 }
 
 } // namespace quendo

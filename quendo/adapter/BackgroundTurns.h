@@ -22,7 +22,8 @@ class DelayedTaskService;
 ///
 /// A cache that has nothing but background work makes a request and goes on when its turn is
 /// granted. One turn is granted at a time, so requested work meets at most one background query.
-/// SingleThreadedCMAdapter reports what each query costs, and when requested work waits.
+/// A client that does not use its turn loses it. SingleThreadedCMAdapter reports what each query
+/// costs, and when work waits.
 ///
 /// Threads: any. Callbacks run without a lock, on the thread of a request, of the end of a turn, or
 /// of the delayed tasks; they must be quick.
@@ -40,14 +41,16 @@ public:
         /// No client waits longer after a query of its own because of what that query cost.
         std::chrono::milliseconds longestPause{60'000};
         /// Time that a query has on the executor while others wait; doubled after each interruption
-        /// of its client, five times at most.
+        /// of its client, five times at most. As long may a client have its turn, with no query
+        /// at the executor, while other clients wait.
         std::chrono::milliseconds timeLimit{3'000};
         std::shared_ptr<platform::DelayedTaskService> delayedTasks = nullptr; ///< null: services()
         std::function<Clock::time_point()> now = Clock::now;
     };
 
     struct Callbacks {
-        /// The client's turn has come: it runs one job and calls Client::end().
+        /// The client's turn has come: it runs one job and calls Client::end(). A client that takes
+        /// too long before its query finds Client::turn() changed, and requests another one.
         std::function<void()> granted;
         /// Others have waited too long for the query of this turn: stop it. The turn still ends
         /// with Client::end(). The call may come late: `turn` is the Client::turn() that it is for.
@@ -62,15 +65,20 @@ public:
         Client(const Client&) = delete;
         Client& operator=(const Client&) = delete;
 
-        /// Requests a turn. While one is requested, only notes that there is more to do; during a
-        /// turn, requests the next.
+        /// Requests a turn. While one is requested, only notes that there is more to do; between
+        /// a grant and its end(), requests the next.
         void request();
 
         /// The turn is over; without one, withdraws the request.
         /// @param wasInterrupted whether the query was stopped by `interrupt`
         void end(bool wasInterrupted = false);
 
-        /// The number of the turn that it has now, different for each; 0 when it has none.
+        /// Requested work waits for this client's query, so this turn may be interrupted. Without
+        /// effect when the client has no turn.
+        void noteAwaited() noexcept;
+
+        /// The number of the turn that it has now, different for each; 0 when it has none, or has
+        /// lost the one that was granted.
         std::uint64_t turn() const noexcept;
 
         /// When the requested turn is due; empty when none is requested.
@@ -85,19 +93,21 @@ public:
         const std::shared_ptr<State> m_state;
     };
 
-    /// Marks requested work that waits for the executor, from its construction until started() or
-    /// its destruction. Movable.
+    /// Marks work that waits for the executor, from its construction until started() or its
+    /// destruction. Movable.
     class QUENDO_API Waiting {
     public:
         Waiting() noexcept = default;
-        explicit Waiting(std::shared_ptr<BackgroundTurns> turns);
+        /// @param isBackground whether it is a query of the turn that is granted; else requested
+        explicit Waiting(std::shared_ptr<BackgroundTurns> turns, bool isBackground = false);
         Waiting(Waiting&& other) noexcept = default;
         Waiting& operator=(Waiting&&) = delete;
-        ~Waiting() { started(); }
+        ~Waiting();
         void started() noexcept;
 
     private:
         std::shared_ptr<BackgroundTurns> m_turns;
+        bool m_isBackground = false;
     };
 
     explicit BackgroundTurns(Options options);

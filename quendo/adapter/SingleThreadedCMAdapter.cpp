@@ -76,8 +76,7 @@ auto runFor(Executor& executor, const std::shared_ptr<BackgroundTurns>& turns,
     const bool isBackground = origin != nullptr && origin->urgency() == QueryUrgency::Background;
     auto task = [query = BackgroundQuery(turns, isBackground ? origin : nullptr),
                  origin = std::move(origin), operation = std::move(operation), failure,
-                 waiting = isBackground ? BackgroundTurns::Waiting()
-                                        : BackgroundTurns::Waiting(turns)]() mutable {
+                 waiting = BackgroundTurns::Waiting(turns, isBackground)]() mutable {
         waiting.started();
         query.start();
         Kept kept{};

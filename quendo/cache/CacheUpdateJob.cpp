@@ -33,9 +33,9 @@
 //
 // What was not answered. A job ends without an answer when it was skipped, when its query failed,
 // when one of its tasks was cancelled while the query ran, or when a background query was
-// interrupted: somebody else cancelled its origin, because other work waited. The ledger has all of
-// its paths retried but those whose own tasks were cancelled. An interrupted job's tasks end as
-// those of a skipped one.
+// interrupted: somebody else cancelled its origin, because other work waited, or its turn was lost
+// while a listener of tasksStarted ran. The ledger has all of its paths retried but those whose own
+// tasks were cancelled. An interrupted job's tasks end as those of a skipped one.
 //
 // Carried over. A task that is required (requireFreshFile, requireFreshFolder, the wait at the end
 // of an own operation) must not succeed without an answer, and must not fail because a task that
@@ -243,9 +243,6 @@ CacheUpdateJob::Connections CacheUpdateJob::onCancel(CMApplicationInteractor& in
             connections.emplace_back(
                 request.barrier->connectCancel([gate = m_gate] { gate->stopQuery(); }));
     }
-    // An interruption may come late, when a requested query follows the one that it is meant for.
-    if (m_runningQuery != nullptr && urgency() == QueryUrgency::Background)
-        m_runningQuery->set([gate = m_gate] { gate->interrupt(); });
     return connections;
 }
 
@@ -301,14 +298,21 @@ void CacheUpdateJob::run(CMAdapter& adapter, CMApplicationInteractor& interactor
         catchFailure();
     }
     settle();
-    if (m_runningQuery != nullptr)
-        m_runningQuery->clear();
     if (m_gate != nullptr)
         m_gate->close();
     m_gate.reset();
 }
 
 void CacheUpdateJob::runUntilMerged(CMAdapter& adapter, TransactionalFileCache<FileState>& cache) {
+    struct Clear {
+        void operator()(RunningQuery* query) const noexcept { query->clear(); }
+    };
+    std::unique_ptr<RunningQuery, Clear> running;
+    if (urgency() == QueryUrgency::Background)
+        running.reset(m_runningQuery);
+    // Without its turn it ends as an interrupted one, and is retried.
+    if (running != nullptr && !running->set([gate = m_gate] { gate->interrupt(); }))
+        m_gate->origin()->cancel();
     // A signal that was given before the adapter listens would be lost.
     if (m_gate->origin()->isCancelled())
         throw exception::OperationCancelledError("the refresh was cancelled");

@@ -54,7 +54,9 @@
 // Turns. A queue that holds background jobs only, or a retry, waits for a turn of BackgroundTurns
 // without a thread; a turn is for one job. A requested job does not wait for one, nor do the jobs
 // in front of it, since their order stays: they count as requested from then on. While it waits
-// behind a background job that runs, that job may be interrupted.
+// behind a background job that runs, that job may be interrupted. The turn is held while listeners
+// run; it is lost, and others are granted theirs, when one of them hangs. A drain that has lost its
+// turn, or has used it for a requested job, requests another one for what is left.
 //
 // The drain. Whoever submits into a queue without a drain posts one. It works until it finds the
 // queue empty, and in the same hold of the queue's lock says that there is no drain any more: a job
@@ -224,21 +226,14 @@ private:
         return !std::exchange(m_drainPending, true);
     }
 
-    /// Requested work that is behind a background query of this cache waits for the executor as
-    /// well, so that the query is interrupted in time.
+    /// Has a background query of this cache interrupted in time where requested work is behind it.
     void noteWaiting() {
-        const auto isToNote = [this] {
-            return m_isRunningBackground && m_waiting == nullptr && hasRequested();
-        };
         {
             const auto hold = m_queueLock.write();
-            if (!isToNote())
+            if (!m_isRunningBackground || !hasRequested())
                 return;
         }
-        auto waiting = std::make_unique<BackgroundTurns::Waiting>(m_allTurns); // may interrupt
-        const auto hold = m_queueLock.write();
-        if (isToNote())
-            m_waiting = std::move(waiting);
+        m_turns->noteAwaited(); // may interrupt
     }
 
     /// With the queue's lock held.
@@ -345,15 +340,19 @@ private:
             startTimer();
     }
 
-    /// Gives the turn back if there is one.
+    /// Gives the turn back if there is one, and requests the next where one is needed.
     void endTurn(bool wasInterrupted) {
+        bool wantsTurn = false;
         {
             const auto hold = m_queueLock.write();
             if (m_turn != Turn::Granted)
                 return;
-            m_turn = Turn::None;
+            wantsTurn = isRetryDue() || (!m_queue.empty() && !hasRequested());
+            m_turn = wantsTurn ? Turn::Requested : Turn::None;
         }
         m_turns->end(wasInterrupted);
+        if (wantsTurn)
+            m_turns->request();
     }
 
     /// On a thread of whoever ended the turn before, or of the delay service.
@@ -380,19 +379,20 @@ private:
     Jobs takeNext(bool& wantsTurn) {
         Jobs taken;
         const auto hold = m_queueLock.write();
-        m_waiting.reset();
         m_isRunningBackground = false;
         const bool isRequested = hasRequested();
         const bool isRetryDue = this->isRetryDue();
-        if (m_turn != Turn::Granted && !isRequested) {
+        const bool hasTurn = m_turn == Turn::Granted && m_turns->turn() != 0;
+        if (!hasTurn && !isRequested) {
             m_drainPending = false;
             wantsTurn = !m_queue.empty() || isRetryDue;
-            m_turn = wantsTurn ? Turn::Requested : Turn::None;
+            if (m_turn != Turn::Granted) // endTurn() is told of one that was lost
+                m_turn = wantsTurn ? Turn::Requested : Turn::None;
             if (!wantsTurn)
                 m_wokenTo = {};
             return taken;
         }
-        if (m_turn == Turn::Granted && isRetryDue && takeRetry(taken)) {
+        if (hasTurn && isRetryDue && takeRetry(taken)) {
             m_isRunningBackground = true;
             return taken;
         }
@@ -518,7 +518,8 @@ private:
     const std::shared_ptr<BackgroundTurns> m_allTurns =
         BackgroundTurns::of(getSourceControlExecutor());
 
-    RunningQuery m_running;
+    RunningQuery m_running{
+        [this](std::uint64_t turn) { return turn != 0 && m_turns->turn() == turn; }};
     std::unique_ptr<BackgroundTurns::Client> m_turns; ///< constant after connect()
 
     ReentrantReadWriteLock m_stateLock; ///< before m_queueLock
@@ -528,9 +529,8 @@ private:
     // Guarded by m_queueLock.
     Jobs m_queue; ///< not empty only while a drain is pending or a turn is requested
     enum class Turn { None, Requested, Granted } m_turn = Turn::None;
-    bool m_drainPending = false;                         ///< posted or running
-    bool m_isRunningBackground = false;                  ///< the drain
-    std::unique_ptr<BackgroundTurns::Waiting> m_waiting; ///< for that; null when nothing waits
+    bool m_drainPending = false;        ///< posted or running
+    bool m_isRunningBackground = false; ///< the drain
     /// Since when a retry that is due has waited for the queue.
     std::optional<Clock::time_point> m_retryDueSince;
     std::size_t m_checkJobsAt = 2 * mostJobs;

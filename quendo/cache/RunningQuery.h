@@ -13,17 +13,24 @@ namespace quendo {
 /// Threads: any.
 class RunningQuery {
 public:
-    /// A query of this turn follows; 0 for one that is not to be interrupted.
+    /// @param hasTurn whether a background query of a turn may begin; must not fail
+    explicit RunningQuery(std::function<bool(std::uint64_t turn)> hasTurn)
+        : m_hasTurn(std::move(hasTurn)) {}
+
+    /// A job of this turn follows; 0 for one without.
     void begin(std::uint64_t turn) noexcept {
         const std::lock_guard lock(m_mutex);
         m_turn = turn;
         m_wasInterrupted = false;
     }
 
-    /// @param stop stops the query; may be called until clear() has returned
-    void set(std::function<void()> stop) {
+    /// Just before the query.
+    /// @param stop stops it; may be called until clear() has returned
+    /// @return false when the turn is lost: the query must not begin
+    bool set(std::function<void()> stop) {
         const std::lock_guard lock(m_mutex);
         m_stop = std::make_shared<const std::function<void()>>(std::move(stop));
+        return m_hasTurn(m_turn);
     }
 
     void clear() noexcept {
@@ -37,7 +44,7 @@ public:
             const std::lock_guard lock(m_mutex);
             if (turn != m_turn)
                 return decltype(m_stop)();
-            m_wasInterrupted = m_stop != nullptr;
+            m_wasInterrupted = m_wasInterrupted || m_stop != nullptr;
             return m_stop;
         }();
         if (stop != nullptr)
@@ -51,6 +58,7 @@ public:
     }
 
 private:
+    const std::function<bool(std::uint64_t)> m_hasTurn;
     std::mutex m_mutex;
     // Guarded by m_mutex; the function is called without it.
     std::shared_ptr<const std::function<void()>> m_stop;

@@ -177,15 +177,59 @@ TEST_F(BackgroundTurnsTest, InterruptsWhatOthersWaitForAndGivesMoreTimeThen) {
 
     // Another client counts as well; one that waits on the executor for something else does not.
     auto b = add("b");
+    time->advance(1h);
     a->request();
     b->request();
-    time->advance(1h);
     EXPECT_EQ(takeLog(), "a ");
     turns->queryStarted();
     time->advance(7s);
     EXPECT_EQ(takeLog(), "a! ");
     a->end(true);
     EXPECT_EQ(takeLog(), "b ");
+}
+
+// A listener may hang before or after the query, which is not at the executor then.
+TEST_F(BackgroundTurnsTest, OthersAreServedWhileAClientDoesNotUseItsTurn) {
+    auto a = add("a"), b = add("b");
+    std::uint64_t last = 0;
+    const auto hang = [&](Clock::duration limit, bool afterQuery) {
+        time->advance(5min); // pacing is not the matter here
+        a->request();
+        EXPECT_EQ(takeLog(), "a ");
+        EXPECT_GT(a->turn(), std::exchange(last, a->turn()));
+        b->request();
+        {
+            const BackgroundTurns::Waiting waiting(turns, true);
+            time->advance(1h);
+            EXPECT_EQ(takeLog(), "") << "it waits for the executor";
+        }
+        if (afterQuery) {
+            turns->queryStarted();
+            time->advance(1s);
+            turns->queryEnded(1s);
+        }
+        time->advance(limit - 1ms);
+        EXPECT_EQ(takeLog(), "");
+        time->advance(2ms);
+        EXPECT_EQ(takeLog(), "b ");
+        EXPECT_EQ(a->turn(), 0U);
+        a->request();
+        b->end();
+        time->advance(1h);
+        EXPECT_EQ(takeLog(), "") << "a has not ended the turn that it has lost";
+        b->request();
+        EXPECT_EQ(takeLog(), "b ");
+        const auto now = time->now;
+        b->end();
+        a->end();
+        EXPECT_EQ(takeLog(), "a ") << "what it requested meanwhile";
+        EXPECT_EQ(time->now, now);
+    };
+    hang(3s, true);
+    a->end(true); // as after an interruption, the limit doubles until a turn is used
+    hang(6s, false);
+    a->end();
+    hang(3s, false);
 }
 
 TEST_F(BackgroundTurnsTest, ComesBackToAClientThatCouldNotWork) {

@@ -4,6 +4,7 @@
 #include "quendo/exception/AdapterErrors.h"
 #include "tests/cache/CacheFixture.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/ThreadClock.h"
 
 namespace quendo {
 namespace {
@@ -279,6 +280,7 @@ TEST_F(HealingTest, WhatIsRequiredWaitsForNoTurnOfTheWorkThatItJoins) {
 
     // Nor, for longer than the time limit, for such work that runs.
     other.reset();
+    executors.endDelays();
     const auto startAndRequest = [&](const RefreshReason reason) {
         inQuery = [&, reason, isFirst = true]() mutable {
             if (!std::exchange(isFirst, false))
@@ -299,11 +301,80 @@ TEST_F(HealingTest, WhatIsRequiredWaitsForNoTurnOfTheWorkThatItJoins) {
     EXPECT_THAT(executors.endDelays(), IsEmpty()) << "nobody waits any more";
 }
 
+// In requested work while a turn is granted, or before or after the query of its own turn.
+TEST_F(HealingTest, AListenerThatBlocksHoldsUpNoOtherCache) {
+    const auto other = makeCache();
+    auto& othersStrand = executors.strand();
+    const auto turns = BackgroundTurns::of(getSourceControlExecutor());
+    enum Where { InRequested, BeforeQuery, AfterQuery };
+    for (const auto where : {InRequested, BeforeQuery, AfterQuery}) {
+        SCOPED_TRACE(where);
+        cache = makeCache();
+        bool blocks = true;
+        const auto block = [&](const auto&...) {
+            if (!std::exchange(blocks, false))
+                return;
+            if (where == InRequested)
+                requestFor(FileEvent, {"a"});
+            copy->takeCalls();
+            {
+                const RefreshReasonScope scope(FileEvent);
+                other->refreshCMStatuses({at("b")});
+            }
+            EXPECT_FALSE(othersStrand.runOne()) << "one turn at a time";
+            inQuery = [&, isFirst = true]() mutable {
+                if (!std::exchange(isFirst, false))
+                    return;
+                turns->queryStarted();
+                cache->refreshFolder(at("y"));
+                test::clockAhead += 4s;
+                executors.endDelays();
+                EXPECT_FALSE(QueryOrigin::current()->isCancelled()) << "nobody waits for it";
+                turns->queryEnded(0s);
+            };
+            test::clockAhead += 4s;
+            executors.endDelays();
+            EXPECT_TRUE(othersStrand.runOne());
+            EXPECT_THAT(copy->takeCalls(), ElementsAre("files b"));
+        };
+        where == AfterQuery ? cache->connectCacheChanged(block) : cache->connectTasksStarted(block);
+        set("a", Modified);
+        if (where == InRequested)
+            cache->refreshFolder(at("x"));
+        else
+            requestFor(FileEvent, {"a"});
+        drain();
+        EXPECT_EQ(cache->getStatistics().of(FileEvent).interrupted, where == BeforeQuery ? 1U : 0U);
+        retry();
+        EXPECT_EQ(cached("a"), Modified);
+    }
+    test::clockAhead = 0s;
+}
+
+TEST_F(HealingTest, RetriesBetweenRequestsThatNeverEnd) {
+    failAlways();
+    requestFor(FileEvent, {"a"});
+    drain();
+    copy->takeCalls();
+    int requests = 0;
+    inQuery = [&] {
+        if (++requests == 1)
+            executors.endDelays();
+        if (requests < 9)
+            cache->refreshFolder(at("x"));
+        test::clockAhead += 1s;
+    };
+    refresh("x");
+    test::clockAhead = 0s;
+    const auto calls = copy->takeCalls();
+    EXPECT_LT(std::ranges::find(calls, "files a") - calls.begin(), 5);
+}
+
 // An interruption of background work that comes late meets the requested query that follows.
 TEST_F(HealingTest, InterruptsBackgroundWorkOnly) {
     const auto adapter = test::makeMemoryAdapter(copy);
     TransactionalFileCache<FileState> states;
-    RunningQuery running;
+    RunningQuery running([](auto) { return true; });
     for (const auto reason : {FileEvent, Client}) {
         RefreshRequest request;
         request.files = {at("a")};
