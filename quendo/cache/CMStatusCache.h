@@ -72,7 +72,7 @@ public:
     virtual void refreshAll() = 0;
 
     /// Whether folder refreshes ask for untracked and ignored files too; false at the start. Holds
-    /// for requests made from now on.
+    /// for requests made from now on; one that joins an earlier one, which waits, takes its flag.
     virtual void setFolderStatusFlag(bool flag) = 0;
     virtual bool getFolderStatusFlag() const = 0;
 
