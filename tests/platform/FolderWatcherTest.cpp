@@ -137,23 +137,44 @@ private:
     int m_hanging = 0;
 };
 
+/// A function that may be replaced while other threads call it.
+template <class Result>
+class Hook {
+public:
+    using Function = std::function<Result(const fs::path&)>;
+    Hook& operator=(Function function) {
+        const std::lock_guard lock(m_mutex);
+        m_function = std::make_shared<const Function>(std::move(function));
+        return *this;
+    }
+    Result operator()(const fs::path& path) const {
+        const auto function = [&] {
+            const std::lock_guard lock(m_mutex);
+            return m_function;
+        }();
+        return function != nullptr && *function ? (*function)(path) : Result();
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::shared_ptr<const Function> m_function;
+};
+
 /// Lets a test act in the middle of a look at a folder, on the thread that takes it.
 struct HookedCalls : FileSystemCalls {
-    std::function<int(const fs::path&)> beforeAdding; ///< @return 0, or an error instead of a watch
-    std::function<void(const fs::path&)> beforeListing, listed;
+    Hook<int> beforeAdding; ///< @return 0, or an error instead of a watch
+    Hook<void> beforeListing, listed;
     std::size_t limit = SIZE_MAX;
 
     int addWatch(int inotify, const std::string& folder, std::uint32_t mask) override {
-        const int error = beforeAdding ? beforeAdding(folder) : 0;
+        const int error = beforeAdding(folder);
         return error != 0 ? -error : FileSystemCalls::addWatch(inotify, folder, mask);
     }
     FolderListing list(const std::string& folder, bool withEntries,
                        const std::function<void()>& progress) override {
-        if (const auto hook = beforeListing)
-            hook(folder);
+        beforeListing(folder);
         auto result = FileSystemCalls::list(folder, withEntries, progress);
-        if (listed)
-            listed(folder);
+        listed(folder);
         return result;
     }
     std::size_t watchLimit() override { return limit; }
@@ -605,16 +626,16 @@ TEST_F(Watching, WorkingCopiesShareTheWatches) {
         isTelling.set_value();
         within(goOn.get_future());
     });
-    bool isListed = false;
+    std::atomic<bool> isReached = false, isListed = false;
     calls->beforeListing = [&](const fs::path& listed) {
-        if (listed == root / "a/62" && !std::exchange(isListed, true)) {
+        if (listed == root / "a/62" && !isReached.exchange(true)) {
             fs::create_directory(root / "a/0/x");
             within(isTelling.get_future());
             fs::create_directory(root / "a/62/early");
             while (FolderListing::take(listed, true).isYoung)
                 std::this_thread::yield();
-        } else if (isListed) {
-            calls->beforeListing = {};
+            isListed = true;
+        } else if (isListed.exchange(false)) {
             goOn.set_value();
         }
     };
@@ -634,6 +655,7 @@ TEST_F(Watching, WorkingCopiesShareTheWatches) {
     EXPECT_THAT(heard.until("+a/62/x"), testing::Not(testing::Contains("?a/62")));
     std::erase_if(watches, [](const auto& entry) { return entry.first.starts_with('b'); });
     becomes("a", 64);
+    finish();
     EXPECT_THAT(fairShare({5, 1, 9}, 12), 6U);
     EXPECT_THAT(fairShare({4, 9, 9, 9}, 2), 1U);
 }
@@ -664,9 +686,9 @@ TEST_F(Watching, TellsWhatHappensWhileItLooks) {
     EXPECT_THAT(untilNow(), ElementsAre("+d/new", "+d/new/a")) << "nothing is unknown";
     watch("closed");
     EXPECT_EQ(means("closed"), Means::Polled);
-    bool isChanged = false;
+    std::atomic<bool> isChanged = false;
     calls->listed = [&](const fs::path& at) {
-        if (at == root / "closed" && !isClosed && !std::exchange(isChanged, true)) {
+        if (at == root / "closed" && !isClosed && !isChanged.exchange(true)) {
             fs::create_directory(at / "late"); // it is watched by now
             awaitLine();
         }
@@ -674,6 +696,7 @@ TEST_F(Watching, TellsWhatHappensWhileItLooks) {
     isClosed = false;
     heard.until("?closed");
     EXPECT_EQ(means("closed"), Means::Native);
+    finish();
 }
 
 TEST_F(Watching, EndsWhileItLooks) {
