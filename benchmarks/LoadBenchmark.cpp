@@ -204,6 +204,7 @@ int measure(int seconds, std::size_t count, int editsPerSecond) {
                 return true;
         return false;
     };
+    // Ten milliseconds are the precision of the figure.
     while (anyIsStale() && Clock::now() < ended + std::chrono::seconds(60))
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     const std::chrono::duration<double> allRight = Clock::now() - ended;
