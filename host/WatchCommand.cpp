@@ -343,13 +343,14 @@ void WatchCommand::run() const {
             feed->stop();
     });
     Session session(copy.interactor());
-    cache.setFolderStatusFlag(true);
-    // On a thread of its own, so that it also describes a query that hangs.
+    // Before the first query, and on a thread of its own, so that it also describes a query that
+    // hangs.
     std::optional<SignalWatch> signalWatch;
     if (debug)
         signalWatch.emplace(SIGUSR1, [&folder = *copy.folder] {
             std::fputs(quendo::describe(folder).c_str(), stderr);
         });
+    cache.setFolderStatusFlag(true);
     BranchDisplay branchDisplay(copy, *this, feed); // reads beside the query of the states
     cache.refreshFolder(copy.path)->wait();
 
