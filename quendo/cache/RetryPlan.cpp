@@ -300,7 +300,8 @@ std::optional<Staleness> RetryPlan::find(const Path& path) const {
     std::optional<Staleness> result;
     TimePoint triedAt{};
     for (const auto& set : m_sets) {
-        const auto* found = set.isOfFolder ? set.paths.findAround(path) : set.paths.find(path);
+        // Around: what was asked for as a file may have been a folder.
+        const auto* found = set.paths.findAround(path);
         if (found == nullptr)
             continue;
         const auto due = dueOf(set);

@@ -84,6 +84,7 @@ TEST_F(HealingTest, RetriesAtGrowingIntervalsAndSaysSinceWhen) {
         EXPECT_EQ(told.size(), retries + 1);
         EXPECT_EQ(told.back()->nextRetry, staleness->nextRetry);
         EXPECT_EQ(refreshOf("b"), Freshness::Refresh::None);
+        EXPECT_EQ(refreshOf("a/below"), Freshness::Refresh::ToBeRetried);
         copy->takeCalls();
         attempt = std::chrono::steady_clock::now();
         EXPECT_THAT(retry(), ElementsAre(Le(delay)));
