@@ -331,6 +331,9 @@ CLI::App* WatchCommand::describe(CLI::App& program) {
 }
 
 void WatchCommand::run() const {
+    std::optional<SignalWatch> signalWatch; // before the threads of the library
+    if (debug)
+        signalWatch.emplace(SIGUSR1);
     const auto copy = WorkingCopy::ofFolder(folder);
     const auto current = currentFolder();
     auto& cache = copy.folder->getCache();
@@ -345,9 +348,9 @@ void WatchCommand::run() const {
     Session session(copy.interactor());
     // Before the first query, and on a thread of its own, so that it also describes a query that
     // hangs.
-    std::optional<SignalWatch> signalWatch;
-    if (debug)
-        signalWatch.emplace(SIGUSR1, [&folder = *copy.folder] {
+    std::optional<SignalCaller> describing;
+    if (signalWatch)
+        describing.emplace(*signalWatch, [&folder = *copy.folder] {
             std::fputs(quendo::describe(folder).c_str(), stderr);
         });
     cache.setFolderStatusFlag(true);
