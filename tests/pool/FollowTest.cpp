@@ -119,6 +119,8 @@ void follow(const Length& length, const Means& means) {
                 break;
             }
         }
+        if (!isIntact(sandbox))
+            continue; // retried for as long as it is damaged
         const int before = folder.queries;
         folder.settle();
         EXPECT_TRUE(means.isPolled || folder.queries == before)
