@@ -1175,6 +1175,10 @@ private:
                     m_nested.insert(change.path);
                 else if (change.before)
                     m_nested.erase(change.path);
+                // It may hold metadata that are incomplete, though it cannot be listed.
+                if (change.after && change.after->isFolder() &&
+                    change.after->getState() == LocalStatus::Unknown)
+                    m_withForbidden.insert(change.path);
                 if (!change.after || change.after->getState() != LocalStatus::External)
                     continue;
                 external.push_back(change.path);

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <string_view>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace quendo::git {
 namespace {
@@ -319,7 +320,9 @@ void GitDependencies::addNested(GitRunner& git, const Path& folder, const std::s
         depth = ignore == "all" ? Depth::Marker : ignore == "dirty" ? Depth::Metadata : Depth::All;
         if (depth != Depth::Marker)
             addMetadata(git, native, gitDir, found);
-    } else if (!gitDir.empty() && gitDir != native + "/.git") {
+    } else if (!gitDir.empty() &&
+               (gitDir != native + "/.git" || ::access(native.c_str(), R_OK) != 0)) {
+        // Elsewhere, or in a folder that may be entered and not be watched.
         found.push_back(onMarkers(gitDir, folder));
     }
     std::string name = "nested " + std::to_string(static_cast<int>(depth));
