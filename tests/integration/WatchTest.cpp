@@ -293,11 +293,11 @@ TEST(Watch, TenAreInNobodysWay) {
 TEST(Watch, EndsWhenAskedOrWhenNobodyReads) {
     const GitSandbox sandbox;
     runScript(sandbox, "i; w f; c; mkfifo ../alive");
-    // The FIFO is open for as long as a git lives that was started beside the file "hang".
+    // The FIFO is open for as long as a query lives that was started beside the file "hang".
     const auto at = sandbox.root().native();
-    const auto variables =
-        withGit(sandbox, "if [ -e '" + at + "/hang' ]; then exec 9> '" + at +
-                             "/alive'; sleep 1000 & echo >&9; wait; fi; exec $REAL \"$@\"");
+    const auto variables = withGit(
+        sandbox, "case \"$*\" in *status*) if [ -e '" + at + "/hang' ]; then exec 9> '" + at +
+                     "/alive'; sleep 1000 & echo >&9; wait; fi; esac; exec $REAL \"$@\"");
     for (const bool isWorking : {false, true}) {
         Watch watch(sandbox, variables);
         watch.expectCaughtUp();
