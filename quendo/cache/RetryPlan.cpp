@@ -300,7 +300,7 @@ std::optional<Staleness> RetryPlan::find(const Path& path) const {
     std::optional<Staleness> result;
     TimePoint triedAt{};
     for (const auto& set : m_sets) {
-        // Around: what was asked for as a file may have been a folder.
+        // Around: a path that was requested as a file may have been a folder.
         const auto* found = set.paths.findAround(path);
         if (found == nullptr)
             continue;
